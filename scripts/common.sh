@@ -1,0 +1,44 @@
+# shellcheck shell=bash
+# Sourced by the scripts of this folder and by .ci/run: messages, and installing what is missing.
+
+say() {
+  printf '== %s\n' "$*"
+}
+
+# Ends the script with one line that tells what went wrong.
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+# install_missing PACKAGE...: installs those of the Debian packages that are not there yet.
+install_missing() {
+  local missing=() package as_root=() log
+  if ! command -v dpkg-query apt-get >/dev/null; then
+    say "This is no Debian system; make sure that it has what these packages hold: $*"
+    return
+  fi
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then return; fi
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || fail "run this as root, or install first: ${missing[*]}"
+    as_root=(sudo)
+  fi
+  say "Installing with apt-get (takes a minute or two): ${missing[*]}"
+  log=$(mktemp)
+  if ! { "${as_root[@]}" apt-get update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+      apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
+    tail -n 15 "$log" >&2
+    rm -f "$log"
+    fail "apt-get could not install ${missing[*]}; its last lines are above"
+  fi
+  rm -f "$log"
+}
+
+# What every build needs, and what the tests need besides.
+BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev)
+# shellcheck disable=SC2034 # used by those who source this
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev nlohmann-json3-dev)

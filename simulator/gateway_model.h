@@ -1,0 +1,62 @@
+// The statistics of a made-up gateway. Every value is a function of seed, statistic and time alone, so that
+// a run repeats; time comes in as whole seconds since the gateway's start.
+#ifndef ZEBSIM_GATEWAY_MODEL_H
+#define ZEBSIM_GATEWAY_MODEL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gateway_encoder.h"
+
+namespace zebsim {
+
+// The per-query codes of elements that have no answer.
+constexpr std::int32_t kUnknownElement = -11;
+constexpr std::int32_t kEmptyElement = -12;
+
+constexpr unsigned kMaxScale = 1000;
+
+struct ModelOptions {
+  std::uint64_t seed = 1;
+  unsigned scale = 1;  // how many copies of each statistic, 1 to kMaxScale: XX_NAME, XX_NAME_2, XX_NAME_3...
+};
+
+struct Definition;  // one row of the table of statistics
+
+class GatewayModel {
+ public:
+  explicit GatewayModel(const ModelOptions& options);
+
+  // A query is group ids or (stats only) stat ids, separated by ':'; each gets a response of its own. The
+  // empty query asks for everything in one response. Throws BadRequest for an answer beyond all measure.
+  [[nodiscard]] Answer stats(std::string_view query, std::uint64_t seconds) const;
+  [[nodiscard]] Answer statIds(std::string_view query) const;
+  [[nodiscard]] Answer groups() const;
+
+ private:
+  struct Item {
+    std::string id;
+    const Definition* definition;
+    std::uint64_t noise;  // where this statistic's own run of noise begins
+  };
+  struct Group {
+    std::vector<Item> items;
+    std::map<std::string, std::size_t, std::less<>> byId;
+  };
+
+  void addItem(std::string id, const Definition& definition, std::uint64_t seed);
+  [[nodiscard]] std::vector<const Item*> findItems(std::string_view element, bool allowStatIds) const;
+  template <typename Items, typename MakeItem>
+  Answer answer(std::string_view query, bool allowStatIds, MakeItem makeItem) const;
+
+  std::vector<std::string> groupIds_;  // in the order in which they are told
+  std::map<std::string, Group, std::less<>> groups_;
+};
+
+}  // namespace zebsim
+
+#endif  // ZEBSIM_GATEWAY_MODEL_H

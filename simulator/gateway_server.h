@@ -1,0 +1,102 @@
+// The simulated gateway on a socket: any number of clients, one thread of its own. A client that sends
+// nonsense loses its connection and leaves a line in the log; the others do not notice.
+#ifndef ZEBSIM_GATEWAY_SERVER_H
+#define ZEBSIM_GATEWAY_SERVER_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "gateway_model.h"
+#include "gateway_wire.h"
+
+namespace zebsim {
+
+// An open descriptor, closed with its owner.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor();
+  [[nodiscard]] int get() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+};
+
+struct ServerOptions {
+  std::string address = "127.0.0.1";
+  std::uint16_t port = 0;  // 0: any free one
+  ModelOptions model = {};
+  std::size_t segment = 0;                           // send replies in pieces of so many bytes; 0: in one
+  std::function<std::uint64_t()> clock = {};         // seconds since the start; none: the real ones
+  std::function<void(const std::string&)> log = {};  // gets lines without a line end; none: standard error
+};
+
+class GatewayServer {
+ public:
+  // Listens and serves at once. Throws std::runtime_error, saying why, when it cannot listen.
+  explicit GatewayServer(ServerOptions options = {});
+  ~GatewayServer();  // as stop()
+  GatewayServer(const GatewayServer&) = delete;
+  GatewayServer& operator=(const GatewayServer&) = delete;
+
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+
+  // "127.0.0.1:40123", or "[::1]:40123".
+  [[nodiscard]] std::string listenAddress() const;
+
+  // False after stop(), or when the server's thread had to give up (the log has the reason).
+  [[nodiscard]] bool isRunning() const { return isRunning_; }
+
+  // Drops all clients and ends the thread. May be called again.
+  void stop();
+
+  // From now on answers this operation ("GET_STATS", "STAT_IDS", "RESOURCE_GROUPS"), or the attribute
+  // "protocol", with this call data, whatever the argument.
+  void setAnswer(const std::string& target, Bytes answer);
+  void clearAnswers();
+
+ private:
+  struct Client;
+
+  void serve();
+  void serveOnce();
+  void acceptClient();
+  void serveClient(Client& client, bool canRead);
+  void answerRequests(Client& client);
+  void dropClient(Client& client, const std::string& reason);
+  Bytes answerCall(const AdminCall& call);
+
+  ServerOptions options_;
+  GatewayModel model_;
+  Descriptor listener_;
+  Descriptor wakeReader_;
+  Descriptor wakeWriter_;
+  std::uint16_t port_ = 0;
+  std::atomic<bool> isRunning_ = true;
+  std::vector<std::unique_ptr<Client>> clients_;  // the thread's own, as all below but the answers
+  std::uint32_t lastTag_ = 0;
+  bool isAcceptPaused_ = false;
+  std::mutex answersLock_;
+  std::map<std::string, Bytes> answers_;  // guarded by answersLock_
+  std::thread thread_;
+};
+
+}  // namespace zebsim
+
+#endif  // ZEBSIM_GATEWAY_SERVER_H

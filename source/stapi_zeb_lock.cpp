@@ -1,0 +1,117 @@
+// Mutexes that know whether they have been initialised, so that a lock used too early or too late is reported
+// instead of touching an invalid mutex.
+//
+// The operations trace themselves without traceLock: they may be about to take it.
+
+#include "stapi_zeb_lock.h"
+
+#include <errno.h>
+
+#include "stapi_zeb_diag.h"
+#include "stapi_zeb_version.h"
+
+extern "C" {
+extern const char stapi_zeb_lock_notice[] ZEB_INTERNAL_DATA;
+const char stapi_zeb_lock_notice[] = ZEB_NOTICE("stapi_zeb_lock");
+}
+
+// The time stamp of a line whose arguments and format no other thread can see.
+#define TRACE_LOCK(level, word, point, text, ...)                                \
+  do {                                                                           \
+    if (zeb::traceLevel() >= (level)) [[unlikely]] {                             \
+      char stamp[sizeof timeStamp];                                              \
+      ZEB_TRACE_WITH(writeLockTraceLine, true, getTimestamp(stamp), word, point, \
+                     text __VA_OPT__(, ) __VA_ARGS__);                           \
+    }                                                                            \
+  } while (0)
+#define TRACE_LOCK_ENTRY(point, text, ...) \
+  TRACE_LOCK(zeb::kLevelLock, "ENTRY", point, text __VA_OPT__(, ) __VA_ARGS__)
+#define TRACE_LOCK_EXIT(point, text, ...) \
+  TRACE_LOCK(zeb::kLevelLock, "EXIT", point, text __VA_OPT__(, ) __VA_ARGS__)
+#define TRACE_LOCK_EXC(point, text, ...) \
+  TRACE_LOCK(zeb::kLevelException, "*EXC*", point, text __VA_OPT__(, ) __VA_ARGS__)
+
+namespace {
+
+constexpr std::uint32_t kInitialized = 0xFFEEDDCC;
+constexpr std::uint32_t kDestroyed = 0xCCDDEEFF;
+
+constexpr int kAlreadyInitialized = 1;
+constexpr int kNotInitialized = -1;
+constexpr int kInitFailed = -2;
+constexpr int kRequestFailed = -4;
+constexpr int kReleaseFailed = -5;
+constexpr int kDestroyFailed = -4;  // kept: the code of a failed request
+
+}  // namespace
+
+int initializeLock(LockRecord* lockPtr) noexcept {
+  int rc = 0;
+  int mutexRc = 0;
+  TRACE_LOCK_ENTRY(3100, "stapi_zeb_lock.initializeLock(lockPtr=%p)\n", lockPtr);
+  if (lockPtr->state == kInitialized) {
+    rc = kAlreadyInitialized;
+  } else if ((mutexRc = pthread_mutex_init(&lockPtr->mutex, nullptr)) == 0) {
+    lockPtr->state = kInitialized;
+  } else {
+    rc = kInitFailed;
+    TRACE_LOCK_EXC(3101, "stapi_zeb_lock.initializeLock(lockPtr=%p) Lock initialization failed errno=%d\n",
+                   lockPtr, errno);
+  }
+  TRACE_LOCK_EXIT(3102, "stapi_zeb_lock.initializeLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  return rc;
+}
+
+int requestLock(LockRecord* lockPtr) noexcept {
+  int rc = 0;
+  int mutexRc = 0;
+  TRACE_LOCK_ENTRY(3103, "stapi_zeb_lock.requestLock(lockPtr=%p)\n", lockPtr);
+  if (lockPtr->state != kInitialized) {
+    rc = kNotInitialized;
+    TRACE_LOCK_EXC(3104, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock not initialized\n", lockPtr);
+  } else if ((mutexRc = pthread_mutex_lock(&lockPtr->mutex)) != 0) {
+    rc = kRequestFailed;
+    TRACE_LOCK_EXC(3105, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock request failed errno=%d\n", lockPtr,
+                   errno);
+  }
+  TRACE_LOCK_EXIT(3106, "stapi_zeb_lock.requestLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  return rc;
+}
+
+int releaseLock(LockRecord* lockPtr) noexcept {
+  int rc = 0;
+  int mutexRc = 0;
+  TRACE_LOCK_ENTRY(3107, "stapi_zeb_lock.releaseLock(lockPtr=%p)\n", lockPtr);
+  if (lockPtr->state != kInitialized) {
+    rc = kNotInitialized;
+    TRACE_LOCK_EXC(3108, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock not initialized\n", lockPtr);
+  } else if ((mutexRc = pthread_mutex_unlock(&lockPtr->mutex)) != 0) {
+    rc = kReleaseFailed;
+    TRACE_LOCK_EXC(3109, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock release failed errno=%d\n", lockPtr,
+                   errno);
+  }
+  TRACE_LOCK_EXIT(3110, "stapi_zeb_lock.releaseLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  return rc;
+}
+
+int destroyLock(LockRecord* lockPtr) noexcept {
+  int rc = 0;
+  int mutexRc = 0;
+  TRACE_LOCK_ENTRY(3111, "stapi_zeb_lock.destroyLock(lockPtr=%p)\n", lockPtr);
+  if (lockPtr->state != kInitialized) {
+    rc = kNotInitialized;
+    TRACE_LOCK_EXC(3112, "stapi_zeb_lock.destroyLock(lockPtr=%p) Lock not initialized\n", lockPtr);
+  } else if ((mutexRc = pthread_mutex_destroy(&lockPtr->mutex)) == 0) {
+    lockPtr->state = kDestroyed;
+  } else {
+    rc = kDestroyFailed;
+    TRACE_LOCK_EXC(3113, "stapi_zeb_lock.destroyLock(lockPtr=%p) Lock destroy failed errno=%d\n", lockPtr,
+                   errno);
+  }
+  TRACE_LOCK_EXIT(3114, "stapi_zeb_lock.destroyLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  return rc;
+}
+
+std::uint32_t isLockInitialized(const LockRecord* lockPtr) noexcept {
+  return lockPtr->state;
+}

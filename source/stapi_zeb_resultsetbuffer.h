@@ -1,0 +1,143 @@
+// The bytes of a result set buffer, written and read in one place.
+//
+//   0   8  content marker, "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
+//   8   4  number of query headers
+//   12     the query headers: element length, element, return code; unless that is negative a count and that
+//          many entries: id length, id, and for statistics value length, value
+//          terminator, also where the content would otherwise begin in a buffer that holds none
+//
+// Integers are in host order and stand at any address. The last word of a buffer always is a terminator.
+#ifndef STAPI_ZEB_RESULTSETBUFFER_H
+#define STAPI_ZEB_RESULTSETBUFFER_H
+
+#include <cstring>
+#include <string_view>
+
+#include "stapi_zeb_diag.h"
+#include "zebstats_private.h"
+
+namespace zeb {
+
+constexpr std::size_t kMarkerLength = 8;
+constexpr char kStatsMarker[] = "ZEBSTSET";
+constexpr char kIdsMarker[] = "ZEBIDSET";
+constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
+
+inline std::int32_t loadInteger(const char* at) noexcept {
+  std::int32_t value;
+  memcpy(&value, at, sizeof value);
+  return value;
+}
+inline bool isTerminator(const char* at) noexcept {
+  return loadInteger(at) == static_cast<std::int32_t>(kTerminator);
+}
+inline bool hasContent(const char* buffer, const char* marker) noexcept {
+  return memcmp(buffer, marker, kMarkerLength) == 0;
+}
+inline bool hasKnownContent(const char* buffer) noexcept {
+  return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
+}
+
+// Makes a new buffer read as empty, and stamps the last word, which no content ever reaches.
+void sealBuffer(char* buffer) noexcept;
+
+// The one bounded writer: what does not fit is not written, and once that happened nothing more is.
+class ResultSetWriter {
+ public:
+  // The buffer reads as empty until the marker is written.
+  explicit ResultSetWriter(char* buffer) noexcept
+      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction) {
+    addTerminator(start_);
+  }
+  [[nodiscard]] bool ok() const noexcept { return ok_; }
+
+  void marker(const char* text) noexcept {
+    if (fits(kMarkerLength)) addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
+  }
+  void integer(std::int32_t value) noexcept {
+    if (!fits(sizeof value)) return;
+    if (traced_) [[unlikely]] {
+      addInteger(&cursor_, value);
+      return;
+    }
+    memcpy(cursor_, &value, sizeof value);
+    cursor_ += sizeof value;
+  }
+  void chars(std::string_view text) noexcept {
+    if (!fits(text.size())) return;
+    if (traced_) [[unlikely]] {
+      addChars(&cursor_, text.data(), static_cast<int>(text.size()));
+      return;
+    }
+    if (!text.empty()) memcpy(cursor_, text.data(), text.size());
+    cursor_ += text.size();
+  }
+  // A length and that many characters.
+  void counted(std::string_view text) noexcept {
+    integer(static_cast<std::int32_t>(text.size()));
+    chars(text);
+  }
+  // Content that ends within a word of the last one is ended by that.
+  void finish() noexcept {
+    const std::size_t room = kContentSize - static_cast<std::size_t>(cursor_ - start_);
+    if (room == 0 || room >= sizeof kTerminator) {
+      addTerminator(cursor_);
+    } else {
+      memcpy(cursor_, &kTerminator, room);
+    }
+  }
+  void discard() noexcept { addTerminator(start_); }
+
+ private:
+  bool fits(std::size_t size) noexcept {
+    ok_ = ok_ && size <= kContentSize - static_cast<std::size_t>(cursor_ - start_);
+    return ok_;
+  }
+
+  char* start_;
+  char* cursor_;
+  bool traced_;
+  bool ok_ = true;
+};
+
+// The bounded reader of a walk. Once failed it stays failed.
+class ResultSetReader {
+ public:
+  ResultSetReader(char* cursor, char* bufferStart) noexcept
+      : cursor_(cursor), end_(bufferStart + kResultSetBufferSize) {}
+  [[nodiscard]] bool ok() const noexcept { return ok_; }
+  [[nodiscard]] char* position() const noexcept { return cursor_; }
+  // The end of the results; a cursor that has no word left to read stands there too.
+  [[nodiscard]] bool atEnd() const noexcept { return left() < sizeof kTerminator || isTerminator(cursor_); }
+
+  std::int32_t integer() noexcept {
+    if (left() < sizeof(std::int32_t)) ok_ = false;
+    if (!ok_) return 0;
+    const std::int32_t value = loadInteger(cursor_);
+    cursor_ += sizeof value;
+    return value;
+  }
+  // The length that was read is checked here, whatever it is.
+  char* chars(std::int32_t length) noexcept {
+    if (length < 0 || static_cast<std::size_t>(length) > left()) ok_ = false;
+    if (!ok_) return nullptr;
+    char* start = cursor_;
+    cursor_ += length;
+    return start;
+  }
+
+ private:
+  [[nodiscard]] std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - cursor_); }
+
+  char* cursor_;
+  char* end_;
+  bool ok_ = true;
+};
+
+// The dump of a result set: its token line, a rule, its buffer, a rule. Returns the number of bytes dumped;
+// the caller holds traceLock.
+int writeResultSet(const ResultSetToken& resultSet) noexcept;
+
+}  // namespace zeb
+
+#endif

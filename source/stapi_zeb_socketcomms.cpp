@@ -1,0 +1,463 @@
+// Requests and replies on a connected socket: the message header, the exchange of one request and one reply,
+// and the requests built on it.
+//
+// A socket is used by one thread at a time. Nothing here waits with a limit: a gateway that never answers
+// blocks the caller.
+//
+// Message header, n = length of the request name:
+//
+//   0   4  "Gate"                         16  4  request: header word 3; reply: gateway return code
+//   4   4  header word 1                  20  4  n
+//   8   4  message type                   24  n  request name
+//   12  4  request: header word 4;        24+n 1 flag
+//          reply: loaded as word 3        25+n 4 data length, and the data behind it
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "stapi_zeb_diag.h"
+#include "stapi_zeb_memory.h"
+#include "stapi_zeb_protocol.h"
+#include "stapi_zeb_version.h"
+#include "stapi_zeb_wire.h"
+
+extern "C" {
+extern const char stapi_zeb_socketcomms_notice[] ZEB_INTERNAL_DATA;
+const char stapi_zeb_socketcomms_notice[] = ZEB_NOTICE("stapi_zeb_socketcomms");
+}
+
+namespace zeb {
+namespace {
+
+constexpr std::size_t kNameOffset = 24;
+constexpr std::size_t kFixedHeaderSize = 29;  // a header without its request name
+
+constexpr char HANDSHAKE_REQUEST_NAME[] = "BASE";
+constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
+// Ahead of a String argument: the head of a serialisation stream, and the tag of a string.
+constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
+
+constexpr std::size_t kAdminReplyHead = 9;  // two words and the exception flag, ahead of the call data
+
+int requestSize(const RequestHeader& header) noexcept {
+  return static_cast<int>(kFixedHeaderSize + header.requestNameLength + header.dataLength);
+}
+
+// The place of the data in a request of requestSize(header) bytes.
+ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexcept {
+  return ByteWriter({request + kFixedHeaderSize + header.requestNameLength, header.dataLength});
+}
+
+// What flow left: the reply's data, or the request's own bytes where the reply had none.
+ByteReader replyReader(const RequestHeader& header, const unsigned char* data, int requestLength) noexcept {
+  const auto replied = static_cast<std::int32_t>(header.dataLength);
+  return ByteReader({data, static_cast<std::size_t>(replied > 0 ? replied : requestLength)});
+}
+
+// SIGPIPE is ignored for the whole process during the send and then what it was, handler, flags and mask.
+// MSG_NOSIGNAL holds where two threads restore the disposition over each other.
+ssize_t sendQuietly(int socketDesc, const unsigned char* data, int datalen) noexcept {
+  struct sigaction ignore = {};
+  struct sigaction previous = {};
+  ignore.sa_handler = SIG_IGN;
+  const bool ignored = sigaction(SIGPIPE, &ignore, &previous) == 0;
+  const ssize_t sent = send(socketDesc, data, static_cast<std::size_t>(datalen), MSG_NOSIGNAL);
+  const int error = errno;
+  if (ignored) sigaction(SIGPIPE, &previous, nullptr);
+  errno = error;
+  return sent;
+}
+
+int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons& failure) noexcept {
+  const ssize_t sent = sendQuietly(socketDesc, data, datalen);
+  if (sent > 0) return 0;
+  failure.sockErrno = errno;
+  TRACE_EXC(3228, "stapi_zeb_socketcomms.flow Unable to write data to socket rc=%d\n",
+            static_cast<int>(sent));
+  TRACE_EXC(3229, "stapi_zeb_socketcomms.flow Unable to send data to Gateway: errno=%d\n", failure.sockErrno);
+  return kFlowFailed;
+}
+
+// poll, unlike select, takes descriptors of any number.
+int waitForReply(int socketDesc) noexcept {
+  pollfd waited = {socketDesc, POLLIN, 0};
+  const int ready = poll(&waited, 1, -1);
+  if (ready < 0 || (waited.revents & POLLNVAL) != 0) return kFlowFailed;
+  return 0;
+}
+
+int readReplyPart(int socketDesc, int size, unsigned char* buffer, reasons& failure) noexcept {
+  errno = ECONNRESET;  // a reply that ends early is reported with whatever stands here
+  const int rc = readFromSocket(socketDesc, size, buffer);
+  if (rc == 0) return 0;
+  failure.sockErrno = rc;
+  return kFlowFailed;
+}
+
+int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& header,
+                    reasons& failure) noexcept {
+  const int size = static_cast<int>(kFixedHeaderSize + nameLength);
+  Block<unsigned char> buffer = allocate(static_cast<std::size_t>(size));
+  TRACE_DEBUG(3230, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, buffer.get());
+  if (buffer == nullptr) {
+    TRACE_EXC(3231, "stapi_zeb_socketcomms.flowFailed to allocate %d bytes.\n", size);
+    return ZEB_NO_MEMORY;
+  }
+  const int rc = readReplyPart(socketDesc, size, buffer.get(), failure);
+  if (rc != 0) return rc;
+
+  ByteReader in({buffer.get(), kNameOffset});
+  in.skip(kNameOffset - 4);
+  if (static_cast<std::uint32_t>(in.i32()) != nameLength) {
+    TRACE_EXC(3251,
+              "stapi_zeb_socketcomms.flow Reply header does not carry a request name of %d characters\n",
+              static_cast<int>(nameLength));
+    failure.sockErrno = EPROTO;
+    return kFlowFailed;
+  }
+  populateHeader(buffer.get(), &header);
+  TRACE_DEBUG(3232, "stapi_zeb_socketcomms.flow Free header data %p\n", buffer.get());
+  return 0;
+}
+
+int readReplyData(int socketDesc, std::int32_t size, unsigned char** data, reasons& failure) noexcept {
+  if (size <= 0) {
+    TRACE_DEBUG(3237, "stapi_zeb_socketcomms.flow Managed to read in whole response in one go. data=0x%p\n",
+                *data);
+    return 0;
+  }
+  TRACE_DEBUG(3233, "stapi_zeb_socketcomms.flow Free call data %p\n", *data);
+  free(*data);
+  *data = nullptr;
+  TRACE_DEBUG(3234, "stapi_zeb_socketcomms.flow (re-)malloc call &data %p\n", data);
+  *data = allocate(static_cast<std::size_t>(size)).release();
+  TRACE_DEBUG(3235, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, *data);
+  if (*data == nullptr) {
+    TRACE_EXC(3236, "stapi_zeb_socketcomms.flow Failed to allocate %d bytes.\n", size);
+    return ZEB_NO_MEMORY;
+  }
+  return readReplyPart(socketDesc, size, *data, failure);
+}
+
+int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t nameLength, RequestHeader& header,
+             reasons& failure) noexcept {
+  int rc = sendRequest(socketDesc, *data, datalen, failure);
+  if (rc == 0) rc = waitForReply(socketDesc);
+  if (rc == 0) rc = readReplyHeader(socketDesc, nameLength, header, failure);
+  if (rc == 0) rc = readReplyData(socketDesc, static_cast<std::int32_t>(header.dataLength), data, failure);
+  if (rc != 0) return rc;
+  if (header.headerWord4 != 0) {
+    failure.gwyRc = header.headerWord4;
+    return kGatewayRefused;
+  }
+  TRACE_EVENT(3250,
+              "stapi_zeb_socketcomms.flow Successfully sent and received data with Gateway on socket %d\n",
+              socketDesc);
+  return 0;
+}
+
+// The receives behind the first one. Returns 0 when total has reached size, else errno as it stands.
+int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noexcept {
+  while (total < size) {
+    const auto received =
+        static_cast<int>(recv(socketDesc, buffer + total, static_cast<std::size_t>(size - total), 0));
+    TRACE_DEBUG(
+        3241,
+        "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d, "
+        "totaldata=%d)\n",
+        socketDesc, size, buffer, received, total);
+    if (received <= 0) {
+      const int rc = errno;
+      TRACE_EXC(3242, "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n", rc);
+      return rc;
+    }
+    total += received;
+  }
+  return 0;
+}
+
+int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
+  int total = static_cast<int>(recv(socketDesc, buffer, static_cast<std::size_t>(size), 0));
+  TRACE_DEBUG(
+      3240,
+      "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d)\n",
+      socketDesc, size, buffer, total);
+  if (total == 0) return -1;
+  if (total < 0) {
+    const int rc = errno;
+    TRACE_EXC(3244, "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n", rc);
+    return rc;
+  }
+  const int rc = receiveRest(socketDesc, size, buffer, total);
+  TRACE_DATA(3243, "stapi_zeb_socketcomms.readFromSocket",
+             (TracedStorage{buffer, total, 0, static_cast<std::size_t>(total)}), 0);
+  return rc;
+}
+
+int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure) noexcept {
+  request.authStep = in.i32();
+  request.replyCode = in.i32();
+  if (in.ok() && request.authStep == 0 && request.replyCode != 0) {
+    TRACE_EXC(3212, "stapi_zeb_socketcomms.flowAuthRequestAuth_Init request failed rc=%d\n",
+              request.replyCode);
+    failure.authRc = request.replyCode;
+    return kAuthRefused;
+  }
+  if (request.authStep != 0) {  // kept: the answer to the second step is accepted whatever its reply code
+    request.resultWord1 = in.i32();
+    request.resultWord2 = in.i32();
+  } else {
+    request.authWord1 = in.i32();
+    request.authWord2 = in.i32();
+    request.authWord3 = in.i32();
+  }
+  if (in.ok()) return 0;
+  failure.sockErrno = EPROTO;
+  return kFlowFailed;
+}
+
+void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
+  out.i32(request.callKind);
+  if (request.callKind > kOpeningCall) {
+    out.i32(request.adminId);
+    out.i32(request.callLength);
+    for (const char* text : {request.country, request.language, request.qualifier, request.beanName})
+      out.text16(text);
+  }
+  if (request.callKind == kInvoke) {
+    out.text16(request.action);
+    out.u32(1);  // arguments
+    out.bytes(OBJ_ARRAY_HEADER, sizeof OBJ_ARRAY_HEADER);
+    out.text16(request.argument);
+    out.u32(1);  // signatures
+    out.text16(request.signature);
+  } else if (request.callKind == kGetAttribute) {
+    out.text16(request.attributeName);
+  }
+  out.zeroRest();
+}
+
+int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
+  const std::size_t size = in.left();
+  Block<std::uint8_t> callData = allocate(size > 0 ? size : 1);
+  TRACE_DEBUG(3203, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n",
+              static_cast<int>(size), callData.get());
+  if (callData == nullptr) {
+    // kept: the length of the whole reply
+    TRACE_EXC(3204, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n",
+              static_cast<int>(size + kAdminReplyHead));
+    return ZEB_NO_MEMORY;
+  }
+  if (size > 0) memcpy(callData.get(), in.position(), size);
+  request.header.dataLength = static_cast<std::uint32_t>(size);
+  request.callData = callData.release();
+  return 0;
+}
+
+// A reply that is too short for what is read from it counts as one that could not be stored.
+int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, reasons& failure) noexcept {
+  const std::size_t length = in.left();
+  request.callKind = in.i32();
+  request.replyRc = in.i32();
+  if (!in.ok()) return ZEB_NO_MEMORY;
+  if (request.replyRc != 0) {
+    TRACE_EXC(3206, "stapi_zeb_socketcomms.flowAdminRequest Auth Request returned an error AuthRc=%d\n",
+              request.replyRc);
+    failure.adminRc = request.replyRc;
+    return kAdminFailed;
+  }
+  if (length < (requestKind == kOpeningCall ? 12 : kAdminReplyHead)) return ZEB_NO_MEMORY;
+  if (request.callKind == kOpeningCall) {
+    request.adminId = in.i32();
+    return in.ok() ? 0 : ZEB_NO_MEMORY;
+  }
+  request.exceptionFlag = in.u8();
+  if (request.exceptionFlag != 0) {
+    TRACE_EXC(3205, "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
+    return kAdminFailed;
+  }
+  return takeCallData(request, in);
+}
+
+}  // namespace
+}  // namespace zeb
+
+using namespace zeb;
+
+void writeHeader(const RequestHeader* req, unsigned char* data) noexcept {
+  TRACE_ENTRY(3248, "stapi_zeb_socketcomms.writeHeader(req=%p, data=%p)\n", req, data);
+  ByteWriter out({data, kFixedHeaderSize + req->requestNameLength});
+  out.bytes(req->eyecatcher, sizeof req->eyecatcher);
+  out.u32(req->headerWord1);
+  out.u32(req->messageType);
+  out.i32(req->headerWord4);  // words 4 and 3 change places between writing and loading
+  out.i32(req->headerWord3);
+  out.u32(req->requestNameLength);
+  out.bytes(req->requestName, req->requestNameLength);
+  out.u8(req->flag);
+  out.u32(req->dataLength);
+  TRACE_EXIT(3249, "stapi_zeb_socketcomms.writeHeader(req=%p, data=%p)\n", req, data);
+}
+
+void populateHeader(const unsigned char* data, RequestHeader* req) noexcept {
+  TRACE_ENTRY(3246, "stapi_zeb_socketcomms.populateHeader(data=%p, req=%p)\n", data, req);
+  ByteReader in({data, kNameOffset});
+  memcpy(req->eyecatcher, in.text(sizeof req->eyecatcher).data(), sizeof req->eyecatcher);
+  req->headerWord1 = static_cast<std::uint32_t>(in.i32());
+  req->messageType = static_cast<std::uint32_t>(in.i32());
+  req->headerWord3 = in.i32();
+  req->headerWord4 = in.i32();
+  req->requestNameLength = static_cast<std::uint32_t>(in.i32());
+
+  ByteReader behindName({data + kNameOffset + req->requestNameLength, kFixedHeaderSize - kNameOffset});
+  req->flag = behindName.u8();
+  req->dataLength = static_cast<std::uint32_t>(behindName.i32());
+  TRACE_EXIT(3247, "stapi_zeb_socketcomms.populateHeader(data=%p, req=%p)\n", data, req);
+}
+
+int readFromSocket(int socketDesc, int dataSize, void* dataBuf) noexcept {
+  TRACE_ENTRY(3239, "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p)\n",
+              socketDesc, dataSize, dataBuf);
+  const int rc = receiveAll(socketDesc, dataSize, static_cast<unsigned char*>(dataBuf));
+  TRACE_EXIT(3245, "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p) rc=%d\n",
+             socketDesc, dataSize, dataBuf, rc);
+  return rc;
+}
+
+int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName, RequestHeader* header,
+         reasons* reasons) noexcept {
+  char shownName[25] = {};
+  strncpy(shownName, requestName, sizeof shownName - 1);
+  TRACE_ENTRY(3225,
+              "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, &data=%p, requestName=%s, header=%p, "
+              "reasons=%p)\n",
+              socketDesc, datalen, data, shownName, header, reasons);
+  if (datalen <= 0 || data == nullptr) {
+    TRACE_EXC(3227, "stapi_zeb_socketcomms.flow No data to flow!!\n");
+    return kFlowFailed;  // kept: this way out writes no EXIT line
+  }
+  TRACE_DATA(3226, "stapi_zeb_socketcomms.flow",
+             (TracedStorage{*data, datalen, 0, static_cast<std::size_t>(datalen)}), 0);
+  const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *reasons);
+  TRACE_EXIT(3238,
+             "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
+             "reasons=%p) rc=%d\n",
+             socketDesc, datalen, data, shownName, header, reasons, rc);
+  return rc;
+}
+
+int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
+  TRACE_ENTRY(3215, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
+              reasons);
+  RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
+  const int size = requestSize(header);
+  int rc;
+  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  TRACE_DEBUG(3216, "stapi_zeb_socketcomms.flowHandshakeRequest Called malloc for %d bytes. rc=%p\n", size,
+              data);
+  if (data == nullptr) {
+    TRACE_EXC(3217, "stapi_zeb_socketcomms.flowHandshakeRequestFailed to allocate %d bytes.\n", size);
+    rc = ZEB_NO_MEMORY;
+  } else {
+    writeHeader(&header, data);
+    dataWriter(header, data).bytes(kHandshakeData, sizeof kHandshakeData);
+    rc = flow(socketDesc, size, &data, HANDSHAKE_REQUEST_NAME, &header, reasons);
+  }
+  if (data != nullptr) {
+    TRACE_DEBUG(3218, "stapi_zeb_socketcomms.flowHandshakeRequest Free handshake data %p\n", data);
+    free(data);
+  }
+  TRACE_EXIT(3219, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p) rc=%d\n",
+             socketDesc, reasons, rc);
+  return rc;
+}
+
+int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
+  TRACE_ENTRY(3220, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
+              reasons);
+  RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kCloseMessage, 0);
+  header.headerWord3 = -1;
+  const int size = requestSize(header);
+  int rc;
+  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  TRACE_DEBUG(3221, "stapi_zeb_socketcomms.flowCloseRequest Called malloc for %d bytes. rc=%p\n", size, data);
+  if (data == nullptr) {
+    TRACE_EXC(3222, "stapi_zeb_socketcomms.flowCloseRequest Failed to allocate %d bytes.\n", size);
+    rc = ZEB_NO_MEMORY;
+  } else {
+    writeHeader(&header, data);
+    rc = flow(socketDesc, size, &data, HANDSHAKE_REQUEST_NAME, &header, reasons);
+  }
+  if (data != nullptr) {
+    TRACE_DEBUG(3223, "stapi_zeb_socketcomms.flowCloseRequest Free close request data %p\n", data);
+    free(data);
+  }
+  TRACE_EXIT(3224, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p) rc=%d\n", socketDesc,
+             reasons, rc);
+  return rc;
+}
+
+int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons) noexcept {
+  TRACE_ENTRY(3209, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
+              socketDesc, request, reasons);
+  const int size = requestSize(request->header);
+  int rc;
+  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  TRACE_DEBUG(3210, "stapi_zeb_socketcomms.flowAuthRequest Called malloc for %d bytes. rc=%p\n", size, data);
+  if (data == nullptr) {
+    TRACE_EXC(3211, "stapi_zeb_socketcomms.flowAuthRequestFailed to allocate %d bytes.\n", size);
+    rc = ZEB_NO_MEMORY;
+  } else {
+    writeHeader(&request->header, data);
+    ByteWriter out = dataWriter(request->header, data);
+    out.i32(request->authStep);
+    if (request->authStep == 1) {
+      for (const std::int32_t word :
+           {request->authWord1, request->authWord2, request->authWord3, request->authWord4})
+        out.i32(word);
+    }
+    rc = flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons);
+    if (rc == 0) rc = decodeAuthReply(*request, replyReader(request->header, data, size), *reasons);
+  }
+  if (data != nullptr) {
+    TRACE_DEBUG(3213, "stapi_zeb_socketcomms.flowAuthRequest Free request data %p\n", data);
+    free(data);
+  }
+  TRACE_EXIT(3214, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
+             socketDesc, request, reasons, rc);
+  return rc;
+}
+
+int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons) noexcept {
+  TRACE_ENTRY(3200, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
+              socketDesc, request, reasons);
+  const int size = requestSize(request->header);
+  const int kind = request->callKind;
+  int rc;
+  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  TRACE_DEBUG(3201, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n", size, data);
+  if (data == nullptr) {
+    TRACE_EXC(3202, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n", size);
+    rc = ZEB_NO_MEMORY;
+  } else {
+    writeHeader(&request->header, data);
+    ByteWriter out = dataWriter(request->header, data);
+    writeAdminData(*request, out);
+    // Texts longer than the record's data length never leave: nothing is sent.
+    rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
+                  : ZEB_NO_MEMORY;
+    if (rc == 0) rc = decodeAdminReply(*request, replyReader(request->header, data, size), kind, *reasons);
+  }
+  if (data != nullptr) {
+    TRACE_DEBUG(3207, "stapi_zeb_socketcomms.flowAdminRequest Free request data %p\n", data);
+    free(data);
+  }
+  TRACE_EXIT(3208, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
+             socketDesc, request, reasons, rc);
+  return rc;
+}

@@ -1,0 +1,102 @@
+// The two cursors for bytes on the wire: big-endian, bounded, and once failed they stay failed.
+#ifndef STAPI_ZEB_WIRE_H
+#define STAPI_ZEB_WIRE_H
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+namespace zeb {
+
+// Ask ok() before a value decides anything, and in every loop condition.
+class ByteReader {
+ public:
+  explicit ByteReader(std::span<const std::uint8_t> bytes) noexcept : rest_(bytes) {}
+  [[nodiscard]] bool ok() const noexcept { return ok_; }
+  // For a value that is whole but makes no sense.
+  void fail() noexcept { ok_ = false; }
+  [[nodiscard]] std::size_t left() const noexcept { return rest_.size(); }
+  [[nodiscard]] const std::uint8_t* position() const noexcept { return rest_.data(); }
+
+  std::uint8_t u8() noexcept { return static_cast<std::uint8_t>(number(1)); }
+  std::int16_t i16() noexcept { return static_cast<std::int16_t>(number(2)); }
+  std::int32_t i32() noexcept { return static_cast<std::int32_t>(number(4)); }
+  // A negative length fails.
+  std::string_view text(std::int32_t length) noexcept {
+    const std::uint8_t* start = take(static_cast<std::size_t>(static_cast<std::uint32_t>(length)));
+    if (start == nullptr || length < 0) {
+      ok_ = false;
+      return {};
+    }
+    return {reinterpret_cast<const char*>(start), static_cast<std::size_t>(length)};
+  }
+  std::string_view text16() noexcept { return text(i16()); }
+  void skip(std::size_t count) noexcept { take(count); }
+  // Steps over bytes that close an item and may be the last of all, so that none of them need be there.
+  void skipClosing(std::size_t count) noexcept { take(std::min(count, rest_.size())); }
+  // The next byte, which stays there; 0 at the end.
+  [[nodiscard]] std::uint8_t peek() const noexcept { return rest_.empty() ? std::uint8_t{0} : rest_[0]; }
+  [[nodiscard]] std::span<const std::uint8_t> rest() const noexcept { return rest_; }
+
+ private:
+  const std::uint8_t* take(std::size_t count) noexcept {
+    if (!ok_ || count > rest_.size()) {
+      ok_ = false;
+      return nullptr;
+    }
+    const std::uint8_t* start = rest_.data();
+    rest_ = {start + count, rest_.size() - count};
+    return start;
+  }
+  std::uint32_t number(std::size_t width) noexcept {
+    const std::uint8_t* bytes = take(width);
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; bytes != nullptr && i < width; ++i) value = value << 8 | bytes[i];
+    return value;
+  }
+
+  std::span<const std::uint8_t> rest_;
+  bool ok_ = true;
+};
+
+class ByteWriter {
+ public:
+  explicit ByteWriter(std::span<std::uint8_t> room) noexcept : rest_(room) {}
+  [[nodiscard]] bool ok() const noexcept { return ok_; }
+
+  void bytes(const void* source, std::size_t count) noexcept {
+    ok_ = ok_ && count <= rest_.size();
+    if (!ok_ || count == 0) return;
+    std::memcpy(rest_.data(), source, count);
+    rest_ = {rest_.data() + count, rest_.size() - count};
+  }
+  void u8(std::uint8_t value) noexcept { bytes(&value, 1); }
+  void u16(std::uint16_t value) noexcept { number(value, 2); }
+  void u32(std::uint32_t value) noexcept { number(value, 4); }
+  void i32(std::int32_t value) noexcept { u32(static_cast<std::uint32_t>(value)); }
+  void text16(std::string_view text) noexcept {
+    if (text.size() > UINT16_MAX) ok_ = false;
+    u16(static_cast<std::uint16_t>(text.size()));
+    bytes(text.data(), text.size());
+  }
+  // What has not been written is sent as zeros rather than as whatever the memory held.
+  void zeroRest() noexcept { std::fill(rest_.begin(), rest_.end(), std::uint8_t{0}); }
+
+ private:
+  void number(std::uint32_t value, std::size_t width) noexcept {
+    std::uint8_t packed[4];
+    for (std::size_t i = 0; i < width; ++i)
+      packed[i] = static_cast<std::uint8_t>(value >> 8 * (width - 1 - i));
+    bytes(packed, width);
+  }
+
+  std::span<std::uint8_t> rest_;
+  bool ok_ = true;
+};
+
+}  // namespace zeb
+
+#endif

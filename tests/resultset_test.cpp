@@ -1,0 +1,472 @@
+// Result sets made by hand: their bytes, the walks over them, copies, dumps and query strings.
+
+#include "stapi_zeb_resultsetbuffer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <climits>
+#include <cstddef>
+#include <memory>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "trace_capture.h"
+
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using zebtest::formatText;
+using zebtest::Named;
+using zebtest::TraceCapture;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+struct Header {
+  std::string element;
+  int rc;
+  Lines ids;  // the value of a statistic is its id, twice
+};
+
+// A token and its buffer, of exactly the size that buffers have.
+struct Answer {
+  Answer(const std::string& marker, const std::vector<Header>& headers, std::uint32_t owner = kOwnerUser) {
+    EXPECT_EQ(createResultSet(&token, owner == kOwnerUser ? "ZEBRSUSR" : "ZEBRSROB", owner), 0);
+    char* cursor = token->head = buffer.get();
+    const auto addText = [&](const std::string& text) {
+      addInteger(&cursor, static_cast<int>(text.size()));
+      addChars(&cursor, text.data(), static_cast<int>(text.size()));
+    };
+    addPlatformChars(&cursor, marker.data(), 8);
+    addInteger(&cursor, static_cast<int>(headers.size()));
+    for (const Header& header : headers) {
+      addText(header.element);
+      addInteger(&cursor, header.rc);
+      if (header.rc >= 0) addInteger(&cursor, static_cast<int>(header.ids.size()));
+      for (const std::string& id : header.ids) {
+        addText(id);
+        if (marker == zeb::kStatsMarker) addText(id + id);
+      }
+    }
+    addTerminator(cursor);
+  }
+  ~Answer() { deleteResultSet(&token); }
+  Answer(const Answer&) = delete;
+  Answer& operator=(const Answer&) = delete;
+
+  void put(std::size_t offset, int value) { memcpy(&buffer[offset], &value, sizeof value); }
+  std::string story(const TraceCapture& trace, std::vector<Named> more = {}) const {
+    more.insert(more.end(), {{"RS", token}, {"BUFFER", buffer.get(), kResultSetBufferSize}});
+    return trace.story(more);
+  }
+
+  std::unique_ptr<char[]> buffer{new char[kResultSetBufferSize]};
+  ResultSetToken* token = nullptr;
+};
+
+std::string textOf(const char* start, int length) {
+  return std::string(start, start + length);
+}
+
+struct Stats {
+  using Record = StatData;
+  static constexpr const char *marker = "ZEBSTSET", *otherMarker = "ZEBIDSET", *what = "statistics";
+  static constexpr int nullRecord = -129;
+  static constexpr auto first = getFirstStat, next = getNextStat;
+  static std::string show(const Record& r) {
+    const std::string id = textOf(r.statIdPtr, r.statIdLen);
+    return textOf(r.statValuePtr, r.statValueLen) == id + id ? id : "not the value of " + id;
+  }
+};
+struct Ids {
+  using Record = IdData;
+  static constexpr const char *marker = "ZEBIDSET", *otherMarker = "ZEBSTSET", *what = "id data";
+  static constexpr int nullRecord = -128;
+  static constexpr auto first = getFirstId, next = getNextId;
+  static std::string show(const Record& r) { return textOf(r.idPtr, r.idLen); }
+};
+
+// One call: what it found, or its code. A negative element must leave the fields of an entry alone, and a call
+// that finds nothing must leave the walk where it was.
+template <typename Kind>
+std::string step(int (*call)(ResultSetToken*, typename Kind::Record*) noexcept, ResultSetToken* token) {
+  typename Kind::Record record;
+  auto* const bytes = reinterpret_cast<char*>(&record);
+  const std::string untouched(sizeof record, 'Z'), before(reinterpret_cast<char*>(token), sizeof *token);
+  untouched.copy(bytes, sizeof record);
+  if (const int rc = call(token, &record); rc != 0) {
+    EXPECT_EQ(memcmp(before.data(), token, sizeof *token), 0) << "after " << rc;
+    return std::to_string(rc);
+  }
+  const std::string element =
+      textOf(record.queryElementPtr, record.queryElementLen) + formatText("(%d)", record.queryElementRC);
+  if (record.queryElementRC >= 0) return element + " " + Kind::show(record);
+  const std::size_t entryAt = offsetof(typename Kind::Record, queryElementRC) + sizeof(int);
+  EXPECT_EQ(std::string(bytes + entryAt, bytes + sizeof record), untouched.substr(entryAt));
+  return element;
+}
+
+// A whole walk, with the code that ended it.
+template <typename Kind>
+Lines walk(ResultSetToken* token, bool withFirst = true) {
+  Lines found = {step<Kind>(withFirst ? Kind::first : Kind::next, token)};
+  while (found.back()[0] != '-' && found.size() < 50000) found.push_back(step<Kind>(Kind::next, token));
+  return found;
+}
+
+template <typename Kind>
+class Walk : public testing::Test {};
+using Kinds = testing::Types<Stats, Ids>;
+TYPED_TEST_SUITE(Walk, Kinds);
+
+TYPED_TEST(Walk, FindsEveryEntryOfEveryShape) {
+  const std::string terminator(reinterpret_cast<const char*>(&kTerminator), 4);
+  const std::vector<std::pair<std::vector<Header>, Lines>> shapes = {
+      {{}, {"-113"}},
+      {{{"Q1", -1, {}}}, {"Q1(-1)", "-113"}},
+      {{{"Q1", 0, {"a", "b"}}, {"Q2", -5, {}}, {"Q3", 0, {"c"}}},
+       {"Q1(0) a", "Q1(0) b", "Q2(-5)", "Q3(0) c", "-113"}},
+      {{{"Q1", -5, {}}, {"Q2", 4, {"a"}}, {"Q3", -6, {}}}, {"Q1(-5)", "Q2(4) a", "Q3(-6)", "-113"}},
+      {{{"Q1", 0, {}}}, {"-113"}},
+      {{{"Q1", 0, {}}, {"Q2", 0, {}}, {"Q3", 0, {"a"}}}, {"Q3(0) a", "-113"}},
+      {{{"Q1", 0, {"a"}}, {"Q2", 0, {}}, {"Q3", 0, {"b"}}}, {"Q1(0) a", "Q3(0) b", "-113"}},
+      {{{"Q1", 0, {"a"}}, {"Q2", 0, {}}, {"Q3", -1, {}}, {"Q4", 0, {}}}, {"Q1(0) a", "Q3(-1)", "-113"}},
+      {{{"", 0, {"", terminator}}, {terminator, 0, {"a"}}},
+       {"(0) ", "(0) " + terminator, terminator + "(0) a", "-113"}},
+  };
+  for (const auto& [headers, expected] : shapes) {
+    const Answer answer(TypeParam::marker, headers);
+    EXPECT_EQ(walk<TypeParam>(answer.token, false), expected) << "started by the next call";
+    EXPECT_EQ(step<TypeParam>(TypeParam::next, answer.token), "-113") << "the end stays the end";
+    EXPECT_EQ(walk<TypeParam>(answer.token), expected) << "restarted";
+    step<TypeParam>(TypeParam::first, answer.token);
+    EXPECT_EQ(walk<TypeParam>(answer.token), expected) << "restarted half-way";
+  }
+}
+
+TYPED_TEST(Walk, RefusesDamagedBuffersAndStaysInside) {
+  const std::vector<Header> headers = {{"Q1", 0, {"aa", "bb"}}, {"Q2", 0, {"cc"}}};
+  const Lines all = {"Q1(0) aa", "Q1(0) bb", "Q2(0) cc"};
+  const bool stats = TypeParam::nullRecord == -129;
+  const std::size_t second = stats ? 54 : 38;    // where the second header begins
+  const std::pair<std::size_t, int> lengths[] = {// and how many entries stand ahead of each
+                                                 {12, 0},
+                                                 {26, 0},
+                                                 {32, stats ? 0 : 1},
+                                                 {second, 2},
+                                                 {second + 14, 2}};
+  for (const int bad : {-1, INT_MIN, INT_MAX, 153600, 153600 - 16, 153600 - 13}) {
+    for (const auto& [offset, good] : lengths) {
+      Answer answer(TypeParam::marker, headers);
+      answer.put(offset, bad);
+      Lines expected(all.begin(), all.begin() + good);
+      expected.push_back("-119");
+      EXPECT_EQ(walk<TypeParam>(answer.token, false), expected) << bad << " at " << offset;
+      EXPECT_EQ(walk<TypeParam>(answer.token), expected) << bad << " at " << offset;
+    }
+  }
+  std::mt19937 random(1);
+  for (int round = 0; round < 300; ++round) {
+    Answer answer(TypeParam::marker, headers);
+    if (round % 10 == 0) memset(&answer.buffer[26], 0, kResultSetBufferSize - 26);  // no end mark
+    for (int i = 0; i < 3; ++i) {
+      const int values[] = {-1, INT_MAX, static_cast<int>(random()), 153590, 0, 3};
+      answer.put(8 + random() % 50, values[random() % 6]);
+    }
+    char* query = nullptr;
+    EXPECT_THAT(walk<TypeParam>(answer.token).back(), AnyOf("-113", "-119"));
+    EXPECT_THAT(getIdQuery(answer.token, &query), AnyOf(0, -131, -119));
+  }
+}
+
+TYPED_TEST(Walk, ChecksItsArgumentsInOrder) {
+  typename TypeParam::Record record;
+  Answer other(TypeParam::otherMarker, {{"Q1", 0, {"a"}}});
+  const TraceCapture trace(1);
+  for (const auto call : {TypeParam::first, TypeParam::next}) {
+    EXPECT_EQ(call(nullptr, nullptr), -127);
+    EXPECT_EQ(call(other.token, nullptr), TypeParam::nullRecord);
+    EXPECT_EQ(call(other.token, &record), -119);
+    EXPECT_THAT(trace.story(), EndsWith(formatText(" Resultset does not contain %s\n", TypeParam::what)));
+    other.put(0, kTerminator);
+    EXPECT_EQ(call(other.token, &record), -119) << "a buffer that no answer has filled";
+    memcpy(other.token->head, TypeParam::otherMarker, 8);
+    char* const head = std::exchange(other.token->head, nullptr);
+    EXPECT_EQ(call(other.token, &record), -110);
+    other.token->head = head;
+  }
+  Answer answer(TypeParam::marker, {});
+  answer.put(8, kTerminator);
+  EXPECT_EQ(step<TypeParam>(TypeParam::first, answer.token), "-113") << "no count of headers";
+}
+
+TEST(WalkTrace, TellsOfEachStatistic) {
+  const Answer answer("ZEBSTSET", {{"Q1", 0, {"a", "b"}}, {"Q2", -5, {}}});
+  StatData record;
+  const TraceCapture trace(4);
+  EXPECT_EQ(getNextStat(answer.token, &record), 0);
+  EXPECT_EQ(getFirstStat(answer.token, &record), 0);
+  EXPECT_EQ(getNextStat(answer.token, &record), 0);
+  EXPECT_EQ(getNextStat(answer.token, &record), 0);
+  EXPECT_EQ(getNextStat(answer.token, &record), -113);
+  EXPECT_EQ(answer.story(trace, {{"STAT", &record}}), R"(ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
+DEBUG  API.getNextStat No getFirstStat() called on Resultset=RS. Datacursor=BUFFER+12
+DEBUG  API.getNextStat Processing query header 1 of 2. Resultset=RS, Datacursor=BUFFER+12, queryElementLen=2, queryElementPtr=BUFFER+16, queryElementRC=0
+DEBUG  API.getNextStat Processing queryIndex=1, elementResultIndex=1. Resultset=RS, dataCursor=BUFFER+26, statIdLen=1
+EVENT  API.getNextStat Successfully retrieved the next stat from resultset RS
+EXIT   API.getNextStat() rc=0
+ENTRY  API.getFirstStat(rsPtr=RS,statDataPtr=STAT)
+DEBUG  API.getFirstStat Caching new query element details. Resultset=RS, Datacursor=BUFFER+12, queryElementLen=2, queryElementPtr=BUFFER+16, queryElementRC=0
+EVENT  API.getFirstStat Successfully retrieved first stat from resultset RS
+EXIT   API.getFirstStat() last=0 rc=0
+ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
+DEBUG  API.getNextStat Processing queryIndex=1, elementResultIndex=2. Resultset=RS, dataCursor=BUFFER+37, statIdLen=1
+DEBUG  API.getNextStat End of subset queryIndex=2. Resultset=RS
+EVENT  API.getNextStat Successfully retrieved the next stat from resultset RS
+EXIT   API.getNextStat() rc=0
+ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
+DEBUG  API.getNextStat Processing query header 2 of 2. Resultset=RS, Datacursor=BUFFER+48, queryElementLen=2, queryElementPtr=BUFFER+52, queryElementRC=-5
+EVENT  API.getNextStat(rsPtr=RS,statDataPtr=STAT) Found negative queryElementRC(-5)
+EXIT   API.getNextStat() rc=0
+ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
+EXIT   API.getNextStat() rc=-113
+)");
+}
+
+TEST(WalkTrace, TellsOfEachId) {
+  const Answer answer("ZEBIDSET", {{"Q1", -5, {}}, {"Q2", 0, {"a"}}});
+  IdData record;
+  const TraceCapture trace(4);
+  EXPECT_EQ(getFirstId(answer.token, &record), 0);
+  EXPECT_EQ(getNextId(answer.token, &record), 0);
+  EXPECT_EQ(getNextId(answer.token, &record), -113);
+  EXPECT_EQ(answer.story(trace, {{"ID", &record}}), R"(ENTRY  API.getFirstId(rsPtr=RS,idDataPtr=ID)
+EVENT  API.getFirstId(rsPtr=RS,idDataPtr=ID) Found negative queryElementRC(-5)
+EXIT   API.getFirstId() endOfResults=0 zebStatRc=0
+ENTRY  API.getNextId(rsPtr=RS,idDataPtr=ID)
+DEBUG  API.getNextId Processing query header 2 of 2. Resultset=RS, Datacursor=BUFFER+22, queryElementLen=2, queryElementPtr=BUFFER+26, queryElementRC=0
+DEBUG  API.getNextId Processing queryIndex=2, elementResultIndex=1. Resultset=RS, dataCursor=BUFFER+36, idLen=1
+DEBUG  API.getNextId End of subset queryIndex=3. Resultset=RS
+EVENT  API.getNextId Successfully retrieved the next Id from resultset RS
+EXIT   API.getNextId() rc=0
+ENTRY  API.getNextId(rsPtr=RS,idDataPtr=ID)
+EXIT   API.getNextId() rc=-113
+)");
+}
+
+TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
+  const std::vector<Header> headers = {{"Q1", 0, {"a"}}};
+  const Answer stats("ZEBSTSET", headers, kOwnerGateway), ids("ZEBIDSET", headers, kOwnerGateway);
+  const TraceCapture trace(0);
+  const auto codes = [](const Answer& stat, const Answer& id) {
+    StatData statData;
+    IdData idData;
+    char* query;
+    ResultSetToken* copy = nullptr;
+    EXPECT_EQ(getFirstId(stat.token, &idData), -119) << "the content is looked at first";
+    std::set<int> found = {getNextStat(stat.token, &statData), getFirstStat(stat.token, &statData),
+                           getNextId(id.token, &idData),       getFirstId(id.token, &idData),
+                           getIdQuery(id.token, &query),       dumpResultSet(id.token),
+                           copyResultSet(id.token, &copy)};
+    freeResultSet(&copy);
+    return found;
+  };
+  EXPECT_THAT(codes(stats, ids), ElementsAre(0));
+  const auto own = static_cast<unsigned>(getpid()), ownTid = static_cast<unsigned>(pthread_self());
+  const pid_t child = fork();
+  if (child == 0) _exit(codes(stats, ids) == std::set{-123} ? 0 : 1);
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+
+  unsigned other = 0;
+  setAPITraceLevel(1);
+  std::thread([&] {
+    other = static_cast<unsigned>(pthread_self());
+    EXPECT_THAT(codes(stats, ids), ElementsAre(-124));
+    const Answer copies("ZEBSTSET", headers), copiedIds("ZEBIDSET", headers);
+    std::thread([&] {
+      EXPECT_THAT(codes(copies, copiedIds), ElementsAre(0)) << "copies are anyone's";
+    }).join();
+  }).join();
+  stats.token->owningPid = own + 1;  // the process is compared first
+  EXPECT_EQ(verifyAPIResultSetTokenOwner(stats.token), -123);
+  const std::string story = trace.story();
+  EXPECT_THAT(story,
+              HasSubstr(formatText("*EXC*  stapi_zeb_resultsetbuffer.verifyAPIResultSetToken TID mismatch: "
+                                   "currentTid=%x, owningTid=%x\n",
+                                   other, ownTid)));
+  EXPECT_THAT(story,
+              EndsWith(formatText("*EXC*  stapi_zeb_resultsetbuffer.verifyAPIResultSetToken PID mismatch: "
+                                  "currentPid=%x, owningPid=%x\n",
+                                  own, own + 1)));
+}
+
+TYPED_TEST(Walk, EndsInAQueryStringOfTheGoodIds) {
+  const std::string a(31990, 'A'), b(31998, 'B'), c(31999, 'C');
+  const std::vector<std::pair<std::vector<Header>, std::string>> strings = {
+      {{{"Q1", 0, {"A", "B", "C"}}}, "A:B:C"},
+      {{{"Q1", -1, {}}}, "-131"},
+      {{}, "-131"},
+      {{{"Q1", 4, {"A"}}, {"Q2", 0, {"X"}}}, ":X"},
+      {{{"Q1", 0, {"A"}}, {"Q2", -1, {}}, {"Q3", 0, {"B"}}}, "A:B"},
+      {{{"Q1", 0, {"A"}}, {"Q2", 0, {}}, {"Q3", 4, {"B"}}, {"Q4", -1, {}}}, "A"},
+      {{{"Q1", 0, {"", ""}}}, ":"},
+      {{{"Q1", 0, {a, "12345678"}}}, a + ":12345678"},
+      {{{"Q1", 0, {a, "123456789", "C"}}}, a + ":"},
+      {{{"Q1", 0, {b, "C"}}}, b + ":"},
+      {{{"Q1", 0, {c, "C"}}}, c},
+      {{{"Q1", 0, {c + "C", "C"}}}, "-131"},
+  };
+  for (const auto& [headers, expected] : strings) {
+    const Answer answer(TypeParam::marker, headers);
+    char* query = nullptr;
+    const int rc = getIdQuery(answer.token, &query);
+    EXPECT_EQ(rc == 0 ? std::string(query) : std::to_string(rc), expected);
+    EXPECT_EQ(query, rc == 0 ? answer.token->verifiedQueryString : nullptr);
+  }
+}
+
+TEST(IdQuery, ChecksItsArgumentsAndTellsWhatItMade) {
+  Answer answer("ZEBIDSET", {{"Q1", 0, {"A", "B"}}});
+  char* query = nullptr;
+  TraceCapture trace(3);
+  EXPECT_EQ(getIdQuery(nullptr, &query), -127);
+  EXPECT_EQ(getIdQuery(answer.token, nullptr), -109);
+  EXPECT_EQ(getIdQuery(answer.token, &query), 0);
+  EXPECT_THAT(answer.story(trace),
+              HasSubstr("EVENT  API.getIdQuery Created query string A:B from results in result set "
+                        "token RS\nEXIT   API.getIdQuery(rsPtr=RS,idQueryString=A:B) goodIdCount=2 rc=0\n"));
+  EXPECT_EQ(step<Ids>(getNextId, answer.token), "-113") << "the walk is over";
+  answer.put(0, kTerminator);
+  EXPECT_EQ(getIdQuery(answer.token, nullptr), -119) << "replaces the code of the null address";
+  EXPECT_THAT(answer.story(trace),
+              HasSubstr("*EXC*  API.getIdQuery Resultset does not contain recognised content\n"));
+  answer.token->head = nullptr;
+  EXPECT_EQ(getIdQuery(answer.token, &query), -110);
+}
+
+TEST(Copy, OutlivesItsSource) {
+  Answer source("ZEBIDSET", {{"Q1", 0, {"a", "b"}}}, kOwnerGateway);
+  source.put(kResultSetBufferSize - 4, 0x12345678);
+  source.token->spare = 77;
+  step<Ids>(getFirstId, source.token);
+  const std::string content(source.token->head, kResultSetBufferSize);
+  ResultSetToken* copy = nullptr;
+  TraceCapture trace(4);
+  ASSERT_EQ(copyResultSet(source.token, &copy), 0);
+  const std::vector<Named> names = {
+      {"COPY", copy}, {"VAR", &copy}, {"TEXT", copy->verifiedQueryString}, {"STORE", copy->head}};
+  const std::string made = source.story(trace, names);
+  source.put(0, kTerminator);
+  EXPECT_EQ(std::string(copy->eyecatcher, 8), "ZEBRSUSR");
+  EXPECT_EQ(copy->owner, 0x9999U);
+  EXPECT_EQ(copy->spare, 77U);
+  EXPECT_EQ(copy->next, copy->head);
+  EXPECT_EQ(std::string(copy->head, kResultSetBufferSize), content);
+  EXPECT_EQ(walk<Ids>(copy, false), (Lines{"Q1(0) a", "Q1(0) b", "-113"})) << "not begun yet";
+  trace.restart();
+  EXPECT_EQ(freeResultSet(&copy), 0);
+  EXPECT_EQ(copy, nullptr);
+  EXPECT_EQ(made + source.story(trace, names), R"(ENTRY  API.copyResultSet(srcRs=RS,&tarRsPtr=VAR)
+ENTRY  stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=RS)
+EXIT   stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=RS) rc=0
+ENTRY  stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=VAR, eyecatcher=ADDRESS, owner=9999)
+DEBUG  stapi_zeb_resultsetbuffer.createResultSet Called malloc for 96 bytes. rc=COPY
+DEBUG  stapi_zeb_resultsetbuffer.createResultSet Called malloc for 32000 bytes. rc=TEXT
+EXIT   stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=VAR, eyecatcher=ADDRESS, owner=9999) rc=0
+EVENT  API.copyResultSet(srcRs=RS,&tarRsPtr=VAR) Created result set token(COPY)
+DEBUG  API.copyResultSet Called malloc for 153600 bytes. rc=STORE
+EVENT  API.copyResultSet Copied resultsetbuffer from RS to COPY
+EXIT   API.copyResultSet(srcRs=RS,&tarRsPtr=VAR) rc=0
+ENTRY  API.freeResultSet(&rsPtr=VAR)
+DEBUG  API.freeResultSet() free result set buffer storage (STORE)
+ENTRY  stapi_zeb_resultsetbuffer.deleteResultSet(&rsPtr=VAR)
+DEBUG  stapi_zeb_resultsetbuffer.deleteResultSet Free result set verifiedQueryString(TEXT)
+DEBUG  stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(TEXT)
+DEBUG  stapi_zeb_resultsetbuffer.deleteResultSet Free result set token(COPY)
+DEBUG  stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(COPY)
+EXIT   stapi_zeb_resultsetbuffer.deleteResultSet(&rsPtr=VAR) rc=0
+EVENT  API.freeResultSetFreed result set COPY
+EXIT   API.freeResultSet(&rsPtr=VAR) rc=0
+)");
+}
+
+TEST(ResultSet, IsRefusedWhereItCannotBeUsed) {
+  Answer answer("ZEBIDSET", {}, kOwnerGateway);
+  ResultSetToken *none = nullptr, *copy = nullptr, *const token = answer.token;
+  EXPECT_EQ(copyResultSet(nullptr, nullptr), -127);
+  EXPECT_EQ(copyResultSet(token, nullptr), -125);
+  EXPECT_EQ(dumpResultSet(nullptr), -127);
+  const TraceCapture trace(1);
+  EXPECT_EQ(freeResultSet(nullptr), -125);
+  EXPECT_EQ(freeResultSet(&none), -127);
+  EXPECT_EQ(freeResultSet(&answer.token), -106);
+  EXPECT_EQ(answer.token, token);
+  answer.put(0, kTerminator);
+  EXPECT_EQ(copyResultSet(token, &copy), -119);
+  EXPECT_EQ(dumpResultSet(token), -119);
+  token->head = nullptr;
+  EXPECT_EQ(copyResultSet(token, &copy), -110);
+  EXPECT_EQ(dumpResultSet(token), -110);
+  EXPECT_EQ(createResultSet(&copy, "ZEBRSUSR", kOwnerUser), 0);
+  const std::vector<Named> names = {{"NONE", &none}, {"EMPTY", copy}};
+  EXPECT_EQ(freeResultSet(&copy), 0);
+  EXPECT_EQ(answer.story(trace, names),
+            R"(*EXC*  API.freeResultSet(&rsPtr=(nil)) Supplied result set pointer is NULL
+*EXC*  API.freeResultSet(&rsPtr=NONE) Supplied result set token is NULL
+*EXC*  API.freeResultSet(rsPtr=RS) Cannot free result sets with owner=34952
+*EXC*  API.copyResultSet Resultset does not contain recognised content
+*EXC*  API.dumpResultSet Resultset does not contain recognised content
+*EXC*  API.copyResultSet(srcRs=RS) resultSetBuf is NULL - no data to copy
+*EXC*  API.dumpResultSet(rsPtr=RS) resultSetBuf is NULL - no data to dump
+*EXC*  API.freeResultSet(rsPtr=EMPTY) Result set buffer pointer was already null
+)");
+}
+
+TEST(Dump, ShowsTokenAndBufferWhateverTheLevel) {
+  const Answer answer("ZEBIDSET", {{"", -1, {}}}, kOwnerGateway);
+  const void* const rs = answer.token;
+  char* const head = answer.token->next = answer.token->head;
+  const auto low = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(head));
+  const std::string rule(80, '-');
+  const TraceCapture trace(0);
+  EXPECT_EQ(dumpResultSet(answer.token), 0);
+  EXPECT_EQ(dumpResultSetInternal(nullptr), -103);
+  EXPECT_EQ(trace.text(), formatText("Dump of ResultSet(%p) owner(8888) head(%p) next(%p)\n%s\n"
+                                     "0x%8.8X: 5A454249 44534554 01000000 00000000 : ZEBIDSET........ \n"
+                                     "0x%8.8X: FFFFFFFF                            : ....\n%s\n",
+                                     rs, head, head, rule.c_str(), low, low + 16, rule.c_str()));
+}
+
+TEST(Buffer, IsWrittenByteForByte) {
+  char buffer[16] = "...............";
+  char *cursor = buffer + 1, *none = nullptr;
+  int end = -1;
+  ResultSetToken* token = nullptr;
+  EXPECT_EQ(addTerminator(cursor), 0);
+  EXPECT_EQ(checkTerminator(cursor, &end), 0);
+  EXPECT_EQ(end, 1);
+  EXPECT_EQ(addIdStr(&cursor, "abc"), 0);
+  EXPECT_EQ(cursor, buffer + 8);
+  EXPECT_EQ(std::string(buffer, 10), std::string(".\3\0\0\0abc\0.", 10)) << "the terminator is overwritten";
+  EXPECT_EQ(addInteger(&cursor, -2), 0);
+  EXPECT_EQ(std::string(buffer + 7, 6), "c\xFE\xFF\xFF\xFF.");
+  EXPECT_EQ(checkTerminator(buffer, &end), 0);
+  EXPECT_EQ(end, 0);
+  EXPECT_EQ((std::set{addTerminator(nullptr), checkTerminator(nullptr, &end),
+                      checkTerminator(buffer, nullptr), addInteger(&none, 1), addChars(&none, "a", 1),
+                      addPlatformChars(&none, "a", 1), addIdStr(nullptr, "a"), addIdStr(&none, "a"),
+                      addIdStr(&cursor, nullptr), createResultSet(nullptr, "ZEBRSUSR", kOwnerUser),
+                      createResultSet(&token, nullptr, kOwnerUser)}),
+            std::set{-103});
+  EXPECT_EQ(createResultSet(&token, "ZEBRSUSR", 0x9998), -116);
+  EXPECT_EQ(deleteResultSet(&token), -127);
+  EXPECT_EQ(deleteResultSet(nullptr), -125);
+}
+
+}  // namespace

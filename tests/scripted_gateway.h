@@ -1,0 +1,339 @@
+// A scripted peer on 127.0.0.1: it expects requests in a given order and answers each as the script says.
+//
+//   ScriptedGateway gateway(Script().answerOpen().expect(RequestKind::kOpening).hangUp());
+//   ...
+//   EXPECT_EQ(gateway.finish(), "");
+//
+// Whatever differs from the script ends the connection, so that no client waits for ever, and is told by
+// finish(). Behind the script's end only a close request is right; it is answered by hanging up.
+#ifndef ZEBTEST_SCRIPTED_GATEWAY_H
+#define ZEBTEST_SCRIPTED_GATEWAY_H
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "gateway_encoder.h"
+#include "gateway_server.h"
+#include "gateway_wire.h"
+
+namespace zebtest {
+
+using zebsim::Bytes;
+using zebsim::Descriptor;
+
+// Bytes as a reader sees them best: pairs of hexadecimal digits and quoted text. wire("'Gate' 00700000").
+inline Bytes wire(std::string_view text) {
+  auto digit = [](char c) {
+    return c <= '9' ? c - '0' : std::toupper(static_cast<unsigned char>(c)) - 'A' + 10;
+  };
+  Bytes out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == ' ') continue;
+    if (text[i] == '\'') {
+      const std::size_t end = text.find('\'', i + 1);
+      out += text.substr(i + 1, end - i - 1);
+      i = end;
+    } else {
+      out.push_back(static_cast<char>(digit(text.at(i)) * 16 + digit(text.at(i + 1))));
+      ++i;
+    }
+  }
+  return out;
+}
+
+// The other way, for messages.
+inline std::string hexOf(std::string_view bytes) {
+  std::string out;
+  char pair[4];
+  for (const char byte : bytes) {
+    snprintf(pair, sizeof pair, "%02X ", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+    out += pair;
+  }
+  return out;
+}
+
+enum class RequestKind {
+  kAny,
+  kHandshake,
+  kClose,
+  kAuthFirst,
+  kAuthSecond,
+  kOpening,
+  kGetAttribute,
+  kInvoke
+};
+
+// What one side asks and the other answers. A hang-up ends one connection; an expectation behind it waits for
+// the next.
+class Script {
+ public:
+  Script& expect(RequestKind kind) { return add({.action = Action::kExpectKind, .kind = kind}); }
+  Script& expect(Bytes request) { return add({.action = Action::kExpectBytes, .bytes = std::move(request)}); }
+  Script& reply(Bytes bytes) {
+    return add({.action = Action::kReply, .bytes = std::move(bytes), .segment = segment_});
+  }
+  Script& hangUp() { return add({.action = Action::kHangUp}); }
+  Script& reset() { return add({.action = Action::kReset}); }
+  Script& halfClose() { return add({.action = Action::kHalfClose}); }
+  Script& run(std::function<void()> call) { return add({.action = Action::kRun, .call = std::move(call)}); }
+
+  // The replies behind this go out in pieces of so many bytes; 0: in one.
+  Script& inSegments(std::size_t size) {
+    segment_ = size;
+    return *this;
+  }
+
+  // All that an open call asks, ...
+  Script& answerOpen(std::string_view version = zebsim::kOwnProtocol) {
+    return answerConnect().answerCall(RequestKind::kGetAttribute, zebsim::encodeProtocol(version));
+  }
+  // ... its part before the protocol version, ...
+  Script& answerConnect() {
+    return expect(RequestKind::kHandshake)
+        .reply(zebsim::reply("BASE", ""))
+        .expect(RequestKind::kAuthFirst)
+        .reply(zebsim::reply("Auth", zebsim::authFirstData(0x11, 0x22, 0x33)))
+        .expect(RequestKind::kAuthSecond)
+        .reply(zebsim::reply("Auth", zebsim::authSecondData()));
+  }
+  // ... and the two exchanges of one query, or of the protocol version.
+  Script& answerCall(RequestKind kind, const Bytes& answer) {
+    const bool isInvoke = kind == RequestKind::kInvoke;
+    return answerOpening().expect(kind).reply(
+        zebsim::reply("Admin", zebsim::callData(isInvoke ? zebsim::kInvoke : zebsim::kGetAttribute, answer)));
+  }
+  Script& answerQuery(const Bytes& answer) { return answerCall(RequestKind::kInvoke, answer); }
+  Script& answerOpening() {
+    return expect(RequestKind::kOpening).reply(zebsim::reply("Admin", zebsim::openingData(7)));
+  }
+
+ private:
+  friend class ScriptedGateway;
+  enum class Action { kExpectKind, kExpectBytes, kReply, kHangUp, kReset, kHalfClose, kRun };
+  struct Step {
+    Action action;
+    RequestKind kind = RequestKind::kAny;
+    Bytes bytes = {};
+    std::size_t segment = 0;
+    std::function<void()> call = {};
+  };
+
+  Script& add(Step step) {
+    steps_.push_back(std::move(step));
+    return *this;
+  }
+
+  std::vector<Step> steps_;
+  std::size_t segment_ = 0;
+};
+
+class ScriptedGateway {
+ public:
+  explicit ScriptedGateway(Script script) : script_(std::move(script)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
+        getsockname(listener_.get(), generic, &size) != 0)
+      throw std::runtime_error(std::string("cannot listen: ") + strerror(errno));
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { play(); });
+  }
+  ~ScriptedGateway() {
+    if (thread_.joinable()) {
+      EXPECT_EQ(finish(), "");
+    }
+  }
+  ScriptedGateway(const ScriptedGateway&) = delete;
+  ScriptedGateway& operator=(const ScriptedGateway&) = delete;
+
+  [[nodiscard]] int port() const { return port_; }
+
+  // Ends the peer and tells what went otherwise than the script says: empty when nothing did. A script that
+  // was not played to its end is a fault too.
+  std::string finish() {
+    if (thread_.joinable()) {
+      const std::uint64_t one = 1;
+      if (write(wake_.get(), &one, sizeof one) != sizeof one) return "cannot wake the gateway";
+      thread_.join();
+    }
+    return problem_;
+  }
+
+  // All requests so far, whole, in their order.
+  [[nodiscard]] std::vector<Bytes> requests() {
+    const std::lock_guard guard(lock_);
+    return requests_;
+  }
+
+ private:
+  using Action = Script::Action;
+
+  static RequestKind kindOf(const Bytes& request) {
+    zebsim::ByteReader in(request);
+    in.take(8);
+    const std::uint32_t type = in.u32();
+    in.take(8);
+    const std::uint32_t nameLength = in.u32();
+    in.take(nameLength + 1);
+    const std::uint32_t dataLength = in.u32();
+    if (type == zebsim::kHandshakeType) return RequestKind::kHandshake;
+    if (type == zebsim::kCloseType) return RequestKind::kClose;
+    const std::uint32_t word = dataLength >= 4 ? in.u32() : 0;
+    if (nameLength == 4) return word == 0 ? RequestKind::kAuthFirst : RequestKind::kAuthSecond;
+    if (word == 0) return RequestKind::kOpening;
+    return word == zebsim::kInvoke ? RequestKind::kInvoke : RequestKind::kGetAttribute;
+  }
+
+  void play() {
+    for (std::size_t i = 0; i < script_.steps_.size(); ++i) {
+      if (playStep(script_.steps_[i])) continue;
+      problem_ = "step " + std::to_string(i) + ": " + problem_;
+      break;
+    }
+    if (problem_.empty()) playEnd();
+    connection_ = {};
+    listener_ = {};
+  }
+
+  bool playStep(const Script::Step& step) {
+    switch (step.action) {
+      case Action::kExpectKind:
+      case Action::kExpectBytes:
+        return expectRequest(step);
+      case Action::kReply:
+        return sendReply(step);
+      case Action::kRun:
+        step.call();
+        return true;
+      case Action::kHalfClose:
+        return shutdown(connection_.get(), SHUT_WR) == 0 || fail("no half-close");
+      case Action::kReset: {
+        const linger atOnce = {1, 0};
+        setsockopt(connection_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+        break;
+      }
+      case Action::kHangUp:
+        break;
+    }
+    connection_ = Descriptor();
+    return true;
+  }
+
+  // Waits for the client's next words, whether or not there is a connection still.
+  void playEnd() {
+    Bytes request;
+    if (connection_.get() < 0 && !acceptClient()) return problem_.clear();
+    if (!readRequest(request)) return problem_.clear();
+    if (kindOf(request) != RequestKind::kClose) fail("a request behind the end: " + hexOf(request));
+  }
+
+  bool expectRequest(const Script::Step& step) {
+    Bytes request;
+    if (connection_.get() < 0 && !acceptClient()) return fail("nobody connected");
+    if (!readRequest(request)) return fail("no whole request came, only " + hexOf(request));
+    const bool isRight = step.action == Action::kExpectBytes
+                             ? request == step.bytes
+                             : step.kind == RequestKind::kAny || step.kind == kindOf(request);
+    return isRight || fail("other request:\n  got      " + hexOf(request) + "\n  expected " +
+                           (step.action == Action::kExpectBytes
+                                ? hexOf(step.bytes)
+                                : "kind " + std::to_string(static_cast<int>(step.kind))));
+  }
+
+  // A client that goes away before it has read everything is no fault of the script.
+  bool sendReply(const Script::Step& step) {
+    std::string_view rest = step.bytes;
+    while (!rest.empty()) {
+      if (!waitFor(connection_.get(), POLLOUT)) return fail("stopped while it replied");
+      const std::size_t size = step.segment == 0 ? rest.size() : std::min(step.segment, rest.size());
+      const ssize_t sent = send(connection_.get(), rest.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent < 0 && errno != EAGAIN) return true;
+      if (sent > 0) rest.remove_prefix(static_cast<std::size_t>(sent));
+      if (step.segment != 0) std::this_thread::yield();  // lets the client read the pieces one by one
+    }
+    return true;
+  }
+
+  bool acceptClient() {
+    if (!waitFor(listener_.get(), POLLIN)) return false;
+    connection_ = Descriptor(accept(listener_.get(), nullptr, nullptr));
+    const int on = 1;
+    setsockopt(connection_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return connection_.get() >= 0;
+  }
+
+  // Only the lengths are looked at: whether the rest is right is the script's to say.
+  bool readRequest(Bytes& request) {
+    if (!readUpTo(request, 24)) return false;
+    const std::uint32_t nameLength = zebsim::ByteReader(std::string_view(request).substr(20)).u32();
+    if (nameLength > 64 || !readUpTo(request, 29 + nameLength)) return false;
+    const std::uint32_t dataLength =
+        zebsim::ByteReader(std::string_view(request).substr(25 + nameLength)).u32();
+    if (dataLength > 0x20000 || !readUpTo(request, 29 + nameLength + dataLength)) return false;
+    const std::lock_guard guard(lock_);
+    requests_.push_back(request);
+    return true;
+  }
+
+  bool readUpTo(Bytes& request, std::size_t size) {
+    char buffer[4096];
+    while (request.size() < size) {
+      if (!waitFor(connection_.get(), POLLIN)) return false;
+      const ssize_t got = recv(connection_.get(), buffer, std::min(sizeof buffer, size - request.size()), 0);
+      if (got <= 0) return false;
+      request.append(buffer, static_cast<std::size_t>(got));
+    }
+    return true;
+  }
+
+  // False when the gateway is to stop and nothing is ready: what has come is still read.
+  bool waitFor(int descriptor, short event) const {
+    pollfd waited[2] = {{descriptor, event, 0}, {wake_.get(), POLLIN, 0}};
+    while (poll(waited, 2, -1) < 0 && errno == EINTR) continue;
+    return waited[0].revents != 0;
+  }
+
+  bool fail(const std::string& text) {
+    problem_ = text;
+    return false;
+  }
+
+  Script script_;
+  Descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  Descriptor wake_{eventfd(0, EFD_CLOEXEC)};
+  Descriptor connection_;
+  int port_ = 0;
+  std::mutex lock_;
+  std::vector<Bytes> requests_;  // guarded by lock_
+  std::string problem_;          // the thread's own until it has ended
+  std::thread thread_;
+};
+
+}  // namespace zebtest
+
+#endif
