@@ -20,8 +20,8 @@
  *
  *   Codes      Every call returns 0 or one of the negative codes below; nothing is thrown, nothing ends the
  *              process. A call that fails leaves its output arguments as they were unless it says otherwise.
- *              Every call may also return -111 or -121 while the library has not managed to start; the next
- *              call tries again.
+ *              While the library has not managed to start, every call returns -111 or -121, or -2 for the
+ *              lock of its list of connections, and the next call tries again.
  *   Start      There is no start-up call: the first call initialises the library, sets the trace level to 0,
  *              and may be made by any number of threads at once.
  *   Threads    A connection, and the result set it owns, belong to the process and thread that opened it:
@@ -37,7 +37,7 @@
  *   Time       The library waits for a gateway without limit. A signal that is handled while a query waits
  *              ends that query with -102.
  *   Sizes      An answer holds at most 153,596 bytes; the answer of a query that would outgrow them reads as
- *              empty (-119). At most 256 connections can be open at once.
+ *              empty (-119). Up to 256 connections can be open at once; calls with further ones may get -101.
  *   Wire       Clear text, no credentials: use it on networks that are trusted.
  */
 #ifndef ZEBSTATS_H
@@ -86,7 +86,7 @@ enum ZebReturnCode {
     ZEB_OWNER_INVALID = -116,            /* an internal result set was asked for with an unknown owner */
     ZEB_CONNECT_FAILED = -118,           /* connecting failed for a reason not listed below */
     ZEB_WRONG_CONTENT = -119,            /* the result set holds no answer, or not the kind the call needs */
-    ZEB_TRACE_LOCK_FAILED = -121,        /* a lock of the library could not be initialised */
+    ZEB_TRACE_LOCK_FAILED = -121,        /* the trace lock could not be initialised */
     ZEB_COMMUNICATION_FAILED = -122,     /* the gateway did not answer as agreed */
     ZEB_OTHER_PROCESS = -123,            /* the token belongs to another process */
     ZEB_OTHER_THREAD = -124,             /* the token belongs to another thread */
@@ -102,7 +102,7 @@ enum ZebReturnCode {
     ZEB_CONNECT_TIMED_OUT = -134,        /* connecting: timed out (reserved: no call returns it) */
     ZEB_CONNECT_REFUSED = -135,          /* connecting: the gateway refused the connection */
     ZEB_NETWORK_UNREACHABLE = -136,      /* connecting: the network is unreachable */
-    ZEB_QUERY_TOO_LONG = -2              /* the query string has 32,766 characters or more */
+    ZEB_QUERY_TOO_LONG = -2              /* the query string has 32,766 characters or more; see "Codes" */
 };
 
 /* One statistic, filled by getFirstStat() and getNextStat(). The texts lie in the result set: they are not
@@ -137,14 +137,16 @@ typedef struct IdData {
  *   port              the gateway's statistics port, 1..65535
  *   gwTokPtr          receives the connection; release it with closeGatewayConnection()
  *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it with
- *                     free(). Null when there was no memory for the copy, though the call returned 0.
+ *                     free(). Null, though the call returned 0, when there was no memory for the copy
+ *                     or closeAllGatewayConnections() has closed the connection already.
  *
  * The calling thread becomes the owner of the connection. Blocks while connecting, authorising and asking
  * for the version.
  *
  * Returns 0, or -107 (port), -108 (no gwTokPtr), -105 (no protoColVersion), -135 (refused), -136 (network
  * unreachable), -132 (host not resolved), -118 (any other failure to connect or authorise), -102 (lost while
- * asking for the protocol version), -122 (no usable protocol version), -115 (list of connections corrupt),
+ * asking for the protocol version), -122 (no usable protocol version), -101 (closed meanwhile by
+ * closeAllGatewayConnections()), -115 (list of connections corrupt),
  * -111 (no memory). Nothing stays open after a failure. */
 ZEB_API int openGatewayConnection(int port, GatewayToken **gwTokPtr, char **protoColVersion) ZEB_NOEXCEPT;
 
@@ -210,7 +212,8 @@ ZEB_API int getResourceGroupIds(GatewayToken *gwTok, ResultSetToken **resGrpIdRS
 /* getFirst...() starts a walk from the beginning, as often as wanted; getNext...() goes on, and starts where
  * no walk has begun. An element of the query that the gateway could not answer is one entry with a negative
  * queryElementRC and no id; an element with an empty list of entries is passed over. The records need not be
- * initialised. A failed call leaves the walk where it was.
+ * initialised. A failed call leaves the walk where it was; it may have set the
+ * record's contentMarker.
  *
  * Each returns 0, or -127 (null result set), -129 or -128 (null record), -110 (no buffer), -119 (the result
  * set holds no answer, another kind of answer, or a damaged one), -123, -124 (not the owner of the
@@ -228,7 +231,8 @@ ZEB_API int getNextId(ResultSetToken *rsPtr, IdData *idDataPtr) ZEB_NOEXCEPT;
  *   tarRsPtr          receives the copy; release it with freeResultSet(). The copy's walk has not begun.
  *
  * Returns 0, or -127 (no source), -125 (no target), -110 (no buffer), -119 (no answer in it), -123, -124 (not
- * the owner), -111 (no memory; where *tarRsPtr has become a token without a buffer, freeResultSet() it). */
+ * the owner), -111 (no memory). Set *tarRsPtr to null before the call: where it is not null after -111 it is a
+ * token without a buffer, to be released with freeResultSet() all the same. */
 ZEB_API int copyResultSet(ResultSetToken *srcRsPtr, ResultSetToken **tarRsPtr) ZEB_NOEXCEPT;
 
 /* Releases a copy and sets the caller's token to null; all entries that point into it are gone.

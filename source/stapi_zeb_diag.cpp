@@ -31,7 +31,7 @@ int statAPIDump = 0;
 FILE* statAPITraceHandle = nullptr;
 char* statAPITraceFilename = nullptr;
 const char* defaultTraceFilename = "stderr";
-char traceFmtStr[kTracePrefixLength + kTraceMessageSize] = {};
+char traceFmtStr[kTracePrefixLength + kTraceMessageSize] = ZEB_TRACE_PREFIX;
 char timeStamp[24] = {};
 char dateBuf[10] = {};
 std::uint32_t tracePid = 0;
@@ -72,7 +72,6 @@ enum class Time { fresh, asBefore };
 // The caller holds traceLock. format is the prefix and the message in one literal, checked where it stands;
 // the arguments begin with those of the prefix, the first of them timeStamp itself.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
-  memcpy(traceFmtStr, format, kTracePrefixLength);
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
   traceFmtStr[kTracePrefixLength + length] = '\0';
@@ -91,6 +90,16 @@ void writeBannerOnce() noexcept {
   writeRaw("*** %s KRO Velora ZEBSTATS DLL trace V%s API V%s Build Level %s ***\n", getTraceDate(dateBuf),
            kProductVersion, kApiVersion, kBuildLevel);
   flushTrace();
+}
+
+FILE* openTraceFile(const char* name, int& error) noexcept {
+  if (strlen(name) >= kTraceFilenameSize) {
+    error = ENAMETOOLONG;
+    return nullptr;
+  }
+  FILE* opened = fopen(name, "a");
+  if (opened == nullptr) error = errno;
+  return opened;
 }
 
 char* putDigits(char* at, int value, int width, char behind) noexcept {
@@ -259,19 +268,13 @@ void changeTraceLevel(int level) noexcept {
 TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const LockGuard guard(traceLock);
   TraceSwitch result = {false, 0};
-  FILE* opened = stderr;
-  if (traceFile != nullptr) {
-    if (strlen(traceFile) >= kTraceFilenameSize) {
-      opened = nullptr;
-      result.error = ENAMETOOLONG;
-    } else if ((opened = fopen(traceFile, "a")) == nullptr) {
-      result.error = errno;
-    }
-  }
-  if (opened != nullptr && opened != statAPITraceHandle) {
+  FILE* opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
+  const bool isBack = traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
+  if (opened != nullptr && !isBack) {
     const StreamGuard streamGuard;
     if (statAPITraceHandle != nullptr && statAPITraceHandle != stderr) fclose(statAPITraceHandle);
-    strcpy(statAPITraceFilename, traceFile != nullptr ? traceFile : defaultTraceFilename);
+    const char* const name = traceFile != nullptr ? traceFile : defaultTraceFilename;
+    memmove(statAPITraceFilename, name, strlen(name) + 1);  // it may be the buffer itself
     statAPITraceHandle = opened;
     traceHeaderWrite = 0;
     result.switched = true;
@@ -303,6 +306,7 @@ int initTrace(void) noexcept {
 }
 
 char* getTraceDate(char* dst) noexcept {
+  const ErrnoKeeper keeper;
   const time_t now = time(nullptr);
   tm local = {};
   localtime_r(&now, &local);
@@ -311,6 +315,7 @@ char* getTraceDate(char* dst) noexcept {
 }
 
 char* getTimestamp(char* dst) noexcept {
+  const ErrnoKeeper keeper;
   timeval now = {};
   gettimeofday(&now, nullptr);
   tm local = {};

@@ -6,6 +6,9 @@
 
 #include "zebstats_private.h"
 
+#define ZEB_TRACE_PREFIX "%s [0x%8.8X,0x%8.8X] [%4.4d] %-6.6s "
+static_assert(sizeof(ZEB_TRACE_PREFIX) == kTracePrefixLength + 1);
+
 namespace zeb {
 
 constexpr int kLevelException = 1;
@@ -83,9 +86,6 @@ struct TraceSwitch {
 TraceSwitch switchTraceFile(const char* traceFile) noexcept;
 
 }  // namespace zeb
-
-#define ZEB_TRACE_PREFIX "%s [0x%8.8X,0x%8.8X] [%4.4d] %-6.6s "
-static_assert(sizeof(ZEB_TRACE_PREFIX) == kTracePrefixLength + 1);
 
 #define ZEB_TRACE_WITH(writer, allowed, stamp, word, point, text, ...)                     \
   do {                                                                                     \

@@ -180,6 +180,36 @@ int removeListedToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
+int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
+  removeToken(gwTokPtr, nullptr);
+  return 0;
+}
+
+// Of a token that is known to be in the list, however long that is; the caller holds gtlLock.
+int removeOwnToken(GatewayToken** gwTokPtr) noexcept {
+  GatewayToken* parent = nullptr;
+  for (GatewayToken* listed = gtListHeadPtr; listed != *gwTokPtr; listed = listed->nextGwyTokPtr)
+    parent = listed;
+  removeToken(gwTokPtr, parent);
+  return 0;
+}
+
+int deleteToken(GatewayToken** gwTokPtr, int lockRequired, int (*remove)(GatewayToken**) noexcept) noexcept {
+  int rc;
+  TRACE_ENTRY(2015, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n", gwTokPtr,
+              lockRequired);
+  if (gwTokPtr == nullptr) {
+    rc = ZEB_TOKEN_POINTER_NULL;
+  } else if (*gwTokPtr == nullptr) {
+    rc = ZEB_TOKEN_NULL;
+  } else {
+    rc = remove(gwTokPtr);
+  }
+  TRACE_EXIT(2016, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d) rc=%d\n", gwTokPtr,
+             lockRequired, rc);
+  return rc;
+}
+
 int chainGatewayToken(GatewayToken* token, Creation& creation) noexcept {
   int rc = 0;
   TRACE_ENTRY(2031, "stapi_zeb_gwytok.chainGatewayToken(&gwTokPtr=%p)\n", token);
@@ -301,16 +331,14 @@ int finishCreation(GatewayToken** gwTokPtr, GatewayToken* token, const Creation&
     const LockGuard guard(gtlLock);
     listed = endCreation(creation);
     if (listed && rc == 0) formatGatewayToken(token, text);
+    if (listed && rc != 0) deleteToken(&token, 1, removeOwnToken);
   }
   if (!listed) {  // closed by another thread in the meantime: nobody else knows of it any more
     closeAndReleaseToken(*token);
     freeToken(&token);
-    return rc != 0 ? rc : ZEB_TOKEN_UNKNOWN;
+    if (rc == 0) rc = ZEB_TOKEN_UNKNOWN;
   }
-  if (rc != 0) {
-    deleteGatewayToken(&token, 1);
-    return rc;
-  }
+  if (rc != 0) return rc;
   TRACE_EVENT(2030, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p) %s\n", gwTokPtr, text);
   *gwTokPtr = token;
   return 0;
@@ -474,21 +502,7 @@ int verifyGatewayToken(const GatewayToken* gwTokPtr) noexcept {
 }
 
 int deleteGatewayToken(GatewayToken** gwTokPtr, int lockRequired) noexcept {
-  int rc = 0;
-  TRACE_ENTRY(2015, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n", gwTokPtr,
-              lockRequired);
-  if (gwTokPtr == nullptr) {
-    rc = ZEB_TOKEN_POINTER_NULL;
-  } else if (*gwTokPtr == nullptr) {
-    rc = ZEB_TOKEN_NULL;
-  } else if (lockRequired == 1) {
-    rc = removeListedToken(gwTokPtr);
-  } else {
-    removeToken(gwTokPtr, nullptr);
-  }
-  TRACE_EXIT(2016, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d) rc=%d\n", gwTokPtr,
-             lockRequired, rc);
-  return rc;
+  return deleteToken(gwTokPtr, lockRequired, lockRequired == 1 ? removeListedToken : removeHeadToken);
 }
 
 int deleteGatewayTokens(void) noexcept {

@@ -499,7 +499,7 @@ int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr
     return ZEB_RESULT_SET_NULL;
   }
   if (tarRsPtr == nullptr) {
-    TRACE_EXC(1122, "API.copyResultSet(&tarRsPtr=%p) Supplied result set pointer is NULL\n", tarRsPtr);
+    TRACE_EXC(1140, "API.copyResultSet(&tarRsPtr=%p) Supplied result set pointer is NULL\n", tarRsPtr);
     return ZEB_RESULT_SET_POINTER_NULL;
   }
   int rc = checkContent("copyResultSet", "srcRs", "copy", *srcRsPtr);

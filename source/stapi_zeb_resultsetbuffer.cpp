@@ -95,15 +95,22 @@ bool isNullCursor(char** bufWPtr) noexcept {
   return bufWPtr == nullptr || *bufWPtr == nullptr;
 }
 
+bool isNullWrite(char** bufWPtr, const char* text, int count) noexcept {
+  return isNullCursor(bufWPtr) || (text == nullptr && count > 0);
+}
+
 void append(char*& cursor, const void* bytes, int count) noexcept {
   if (count <= 0) return;
   memcpy(cursor, bytes, static_cast<std::size_t>(count));
   cursor += count;
 }
 
+constexpr std::size_t kFirstLineSize = 32;  // what a dump of an empty buffer shows and looks at
+
 }  // namespace
 
 void sealBuffer(char* buffer) noexcept {
+  memset(buffer, 0, kFirstLineSize);
   addTerminator(buffer);
   memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
 }
@@ -215,7 +222,7 @@ int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) noexcep
   int rc = 0;
   TRACE_ENTRY(5053, "stapi_zeb_resultsetbuffer.addPlatformChars(&bufWPtr=%p, textPtr=%p, charCount=%d)\n",
               bufWPtr, textPtr, charCount);
-  if (isNullCursor(bufWPtr)) {
+  if (isNullWrite(bufWPtr, textPtr, charCount)) {
     rc = ZEB_BUFFER_NULL;
     TRACE_EXC(5054,
               "stapi_zeb_resultsetbuffer.addPlatformChars(&bufWPtr=%p, textPtr=%p, charCount=%d) function "
@@ -236,7 +243,7 @@ int addChars(char** bufWPtr, const char* textPtr, int charCount) noexcept {
   int rc = 0;
   TRACE_ENTRY(5057, "stapi_zeb_resultsetbuffer.addChars(&bufWPtr=%p, textPtr=%p, charCount=%d)\n", bufWPtr,
               textPtr, charCount);
-  if (isNullCursor(bufWPtr)) {
+  if (isNullWrite(bufWPtr, textPtr, charCount)) {
     rc = ZEB_BUFFER_NULL;
     TRACE_EXC(
         5058,

@@ -46,7 +46,7 @@ class ResultSetWriter {
  public:
   // The buffer reads as empty until the marker is written.
   explicit ResultSetWriter(char* buffer) noexcept
-      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction) {
+      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction), ok_(buffer != nullptr) {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
@@ -97,17 +97,17 @@ class ResultSetWriter {
   char* start_;
   char* cursor_;
   bool traced_;
-  bool ok_ = true;
+  bool ok_;
 };
 
 // The bounded reader of a walk. Once failed it stays failed.
 class ResultSetReader {
  public:
   ResultSetReader(char* cursor, char* bufferStart) noexcept
-      : cursor_(cursor), end_(bufferStart + kResultSetBufferSize) {}
+      : cursor_(cursor), end_(bufferStart + kContentSize) {}
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] char* position() const noexcept { return cursor_; }
-  // The end of the results; a cursor that has no word left to read stands there too.
+  // The end of the results, also where content ended too near to the last word for a terminator of its own.
   [[nodiscard]] bool atEnd() const noexcept { return left() < sizeof kTerminator || isTerminator(cursor_); }
 
   std::int32_t integer() noexcept {

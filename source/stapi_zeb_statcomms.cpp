@@ -251,7 +251,7 @@ void copyContinuation(StatsParse& parse, int remaining) noexcept {
     in.skip(3);  // the marker and the high half of the block's length
     copyPiece(in.i16());
     marker = in.peek();
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4054, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n",
+    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4060, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n",
                  marker);
   }
   // kept: behind the first short block every piece is taken as one, whatever its marker
@@ -358,10 +358,10 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   TRACE_ENTRY(4040, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p)\n", callData.data(), buffer);
   const bool detailed = traceLevel() >= kLevelDetail;
   ByteReader in(callData);
-  ResultSetWriter out(buffer);
   const std::int32_t responses = readResponseCount(in);
   ZEB_TRACE_IF(detailed, "DEBUG", 4041,
                "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n", responses);
+  ResultSetWriter out(buffer);
   beginResultSet(out, kIdsMarker, responses);
   for (int i = 0; i < responses && in.ok() && out.ok(); ++i) copyIdsResponse(in, out, i, detailed);
   const int rc = endResultSet("parseIdsData", in, out);
@@ -372,10 +372,12 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
 
 int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   TRACE_ENTRY(4050, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p)\n", callData.data(), buffer);
-  StatsParse parse = {ByteReader(callData), ResultSetWriter(buffer), traceLevel() >= kLevelDetail, 12};
-  const std::int32_t responses = readResponseCount(parse.in);
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4051,
+  const bool detailed = traceLevel() >= kLevelDetail;
+  ByteReader in(callData);
+  const std::int32_t responses = readResponseCount(in);
+  ZEB_TRACE_IF(detailed, "DEBUG", 4051,
                "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n", responses);
+  StatsParse parse = {in, ResultSetWriter(buffer), detailed, 12};
   beginResultSet(parse.out, kStatsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyStatsResponse(parse, i);
   const int rc = endResultSet("parseStatsData", parse.in, parse.out);

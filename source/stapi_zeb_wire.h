@@ -26,12 +26,10 @@ class ByteReader {
   std::int32_t i32() noexcept { return static_cast<std::int32_t>(number(4)); }
   // A negative length fails.
   std::string_view text(std::int32_t length) noexcept {
-    const std::uint8_t* start = take(static_cast<std::size_t>(static_cast<std::uint32_t>(length)));
-    if (start == nullptr || length < 0) {
-      ok_ = false;
-      return {};
-    }
-    return {reinterpret_cast<const char*>(start), static_cast<std::size_t>(length)};
+    if (length < 0) ok_ = false;
+    const auto size = static_cast<std::size_t>(length);
+    const std::uint8_t* start = take(size);
+    return {reinterpret_cast<const char*>(start), start != nullptr ? size : 0};
   }
   std::string_view text16() noexcept { return text(i16()); }
   void skip(std::size_t count) noexcept { take(count); }

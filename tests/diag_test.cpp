@@ -177,7 +177,7 @@ TEST(TraceLine, StaysWholeWhileThreadsWriteAtLevelFive) {
   }
 }
 
-TEST(ControlCalls, RefuseBadArguments) {
+TEST(ControlCalls, AcceptLevelsZeroToFiveAndNoNullPointers) {
   for (const int good : {5, 1, 2, 4, 0, 3}) {
     int level = -1;
     EXPECT_EQ(setAPITraceLevel(good), 0);

@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "stapi_zeb_impl.h"
 #include "trace_capture.h"
 
 using testing::AnyOf;
@@ -199,9 +200,12 @@ TYPED_TEST(Walk, ChecksItsArgumentsInOrder) {
     EXPECT_EQ(call(other.token, &record), -110);
     other.token->head = head;
   }
-  Answer answer(TypeParam::marker, {});
+  Answer answer(TypeParam::marker, {{"Q1", 0, {"a"}}});
   answer.put(8, kTerminator);
-  EXPECT_EQ(step<TypeParam>(TypeParam::first, answer.token), "-113") << "no count of headers";
+  setAPITraceLevel(3);
+  EXPECT_EQ(step<TypeParam>(TypeParam::first, answer.token), "-113") << "the end stands where the count was";
+  EXPECT_THAT(trace.story(), AnyOf(EndsWith("API.getFirstStat() last=1 rc=-113\n"),
+                                   EndsWith("API.getFirstId() endOfResults=1 zebStatRc=-113\n")));
 }
 
 TEST(WalkTrace, TellsOfEachStatistic) {
@@ -209,6 +213,7 @@ TEST(WalkTrace, TellsOfEachStatistic) {
   StatData record;
   const TraceCapture trace(4);
   EXPECT_EQ(getNextStat(answer.token, &record), 0);
+  EXPECT_EQ(std::string(record.contentMarker, 8), "ZEBSTSET");
   EXPECT_EQ(getFirstStat(answer.token, &record), 0);
   EXPECT_EQ(getNextStat(answer.token, &record), 0);
   EXPECT_EQ(getNextStat(answer.token, &record), 0);
@@ -256,6 +261,23 @@ EXIT   API.getNextId() rc=0
 ENTRY  API.getNextId(rsPtr=RS,idDataPtr=ID)
 EXIT   API.getNextId() rc=-113
 )");
+}
+
+TEST(Duplicate, IsForQueryStringsThatAreNotTooLong) {
+  const std::string longest(32765, 'q');
+  const TraceCapture trace(4);
+  char* copy = nullptr;
+  EXPECT_EQ(zeb::dup2ASCIIString((longest + "q").c_str(), &copy), -2);
+  EXPECT_EQ(zeb::dup2ASCIIString("q", nullptr), -2);
+  EXPECT_EQ(copy, nullptr);
+  ASSERT_EQ(zeb::dup2ASCIIString(longest.c_str(), &copy), 0);
+  EXPECT_EQ(copy, longest);
+  const std::string story = trace.story({{"COPY", copy}});
+  EXPECT_THAT(story,
+              HasSubstr("*EXC*  API.dup2ASCIIString() supplied input data pointer was NULL or overlength\n"));
+  EXPECT_THAT(story, EndsWith("DEBUG  API.dup2ASCIIString() called malloc for 32766 bytes. rc=COPY\n"
+                              "EXIT   API.dup2ASCIIString() readByteCount=32766 rc=0\n"));
+  free(copy);
 }
 
 TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
@@ -448,22 +470,45 @@ TEST(Buffer, IsWrittenByteForByte) {
   char *cursor = buffer + 1, *none = nullptr;
   int end = -1;
   ResultSetToken* token = nullptr;
+  TraceCapture trace(4);
   EXPECT_EQ(addTerminator(cursor), 0);
   EXPECT_EQ(checkTerminator(cursor, &end), 0);
   EXPECT_EQ(end, 1);
   EXPECT_EQ(addIdStr(&cursor, "abc"), 0);
-  EXPECT_EQ(cursor, buffer + 8);
   EXPECT_EQ(std::string(buffer, 10), std::string(".\3\0\0\0abc\0.", 10)) << "the terminator is overwritten";
   EXPECT_EQ(addInteger(&cursor, -2), 0);
   EXPECT_EQ(std::string(buffer + 7, 6), "c\xFE\xFF\xFF\xFF.");
   EXPECT_EQ(checkTerminator(buffer, &end), 0);
   EXPECT_EQ(end, 0);
-  EXPECT_EQ((std::set{addTerminator(nullptr), checkTerminator(nullptr, &end),
-                      checkTerminator(buffer, nullptr), addInteger(&none, 1), addChars(&none, "a", 1),
-                      addPlatformChars(&none, "a", 1), addIdStr(nullptr, "a"), addIdStr(&none, "a"),
-                      addIdStr(&cursor, nullptr), createResultSet(nullptr, "ZEBRSUSR", kOwnerUser),
-                      createResultSet(&token, nullptr, kOwnerUser)}),
-            std::set{-103});
+  EXPECT_EQ(addChars(&cursor, "x", 1), 0);
+  EXPECT_EQ(addPlatformChars(&cursor, "yz", 2), 0);
+  EXPECT_STREQ(buffer + 12, "xyz");
+  EXPECT_EQ(cursor, buffer + 15);
+  std::string details;
+  for (const std::string& line : zebtest::splitLines(trace.story({{"BUFFER", buffer, sizeof buffer}})))
+    if (line.starts_with("DEBUG  stapi_zeb_resultsetbuffer.")) details += line.substr(33) + "\n";
+  EXPECT_EQ(details, R"(checkTerminator(dataCursor=BUFFER+1, *isRSTermPtr=1)
+addIdStr Wrote length value 3 to address BUFFER+1, which reads back as 3
+addIdStr Wrote string abc len 3 to address BUFFER+5, first char reads back as a
+checkTerminator(dataCursor=BUFFER, *isRSTermPtr=0)
+addChars() using memcpy() on writeCursor(BUFFER+12) charCount(1)
+addPlatformChars() writeCursor(BUFFER+13) charCount(2) 
+)");
+  trace.restart();
+  EXPECT_EQ(
+      (std::set{addTerminator(nullptr), checkTerminator(nullptr, &end), checkTerminator(buffer, nullptr),
+                addInteger(&none, 1), addChars(&none, "a", 1), addPlatformChars(&none, "a", 1),
+                addIdStr(nullptr, "a"), addIdStr(&none, "a"), addIdStr(&cursor, nullptr)}),
+      std::set{-103});
+  const std::string story = trace.story();
+  for (const char* operation :
+       {"addTerminator", "checkTerminator", "addInteger", "addChars", "addPlatformChars", "addIdStr"})
+    EXPECT_THAT(story, testing::ContainsRegex(
+                           formatText("\n\\*EXC\\*  stapi_zeb_resultsetbuffer\\.%s\\([^\n]*\\) function "
+                                      "received a null parameter\n",
+                                      operation)));
+  EXPECT_EQ(createResultSet(nullptr, "ZEBRSUSR", kOwnerUser), -103);
+  EXPECT_EQ(createResultSet(&token, nullptr, kOwnerUser), -103);
   EXPECT_EQ(createResultSet(&token, "ZEBRSUSR", 0x9998), -116);
   EXPECT_EQ(deleteResultSet(&token), -127);
   EXPECT_EQ(deleteResultSet(nullptr), -125);

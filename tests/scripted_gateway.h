@@ -23,7 +23,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -85,59 +84,52 @@ enum class RequestKind {
   kInvoke
 };
 
-// What one side asks and the other answers. A hang-up ends one connection; an expectation behind it waits for
-// the next.
+// What one side asks and the other answers. A hang-up or reset ends one connection; an expectation behind it
+// waits for the next.
 class Script {
  public:
-  Script& expect(RequestKind kind) { return add({.action = Action::kExpectKind, .kind = kind}); }
-  Script& expect(Bytes request) { return add({.action = Action::kExpectBytes, .bytes = std::move(request)}); }
+  Script& expect(RequestKind kind) { return add({.action = Action::kExpect, .kind = kind}); }
+  Script& expect(Bytes request) { return add({.action = Action::kExpect, .bytes = std::move(request)}); }
   Script& reply(Bytes bytes) {
     return add({.action = Action::kReply, .bytes = std::move(bytes), .segment = segment_});
   }
   Script& hangUp() { return add({.action = Action::kHangUp}); }
   Script& reset() { return add({.action = Action::kReset}); }
   Script& halfClose() { return add({.action = Action::kHalfClose}); }
-  Script& run(std::function<void()> call) { return add({.action = Action::kRun, .call = std::move(call)}); }
-
   // The replies behind this go out in pieces of so many bytes; 0: in one.
   Script& inSegments(std::size_t size) {
     segment_ = size;
     return *this;
   }
 
-  // All that an open call asks, ...
+  Script& answer(RequestKind kind, Bytes bytes) { return expect(kind).reply(std::move(bytes)); }
+  // All that an open call asks, and its part before the protocol version.
   Script& answerOpen(std::string_view version = zebsim::kOwnProtocol) {
     return answerConnect().answerCall(RequestKind::kGetAttribute, zebsim::encodeProtocol(version));
   }
-  // ... its part before the protocol version, ...
   Script& answerConnect() {
-    return expect(RequestKind::kHandshake)
-        .reply(zebsim::reply("BASE", ""))
-        .expect(RequestKind::kAuthFirst)
-        .reply(zebsim::reply("Auth", zebsim::authFirstData(0x11, 0x22, 0x33)))
-        .expect(RequestKind::kAuthSecond)
-        .reply(zebsim::reply("Auth", zebsim::authSecondData()));
+    return answer(RequestKind::kHandshake, zebsim::reply("BASE", ""))
+        .answer(RequestKind::kAuthFirst, zebsim::reply("Auth", zebsim::authFirstData(0x11, 0x22, 0x33)))
+        .answer(RequestKind::kAuthSecond, zebsim::reply("Auth", zebsim::authSecondData()));
   }
-  // ... and the two exchanges of one query, or of the protocol version.
-  Script& answerCall(RequestKind kind, const Bytes& answer) {
-    const bool isInvoke = kind == RequestKind::kInvoke;
-    return answerOpening().expect(kind).reply(
-        zebsim::reply("Admin", zebsim::callData(isInvoke ? zebsim::kInvoke : zebsim::kGetAttribute, answer)));
+  // The two exchanges of one query, or of the protocol version, and the first of them.
+  Script& answerQuery(const Bytes& data) { return answerCall(RequestKind::kInvoke, data); }
+  Script& answerCall(RequestKind kind, const Bytes& data) {
+    const auto replied = kind == RequestKind::kInvoke ? zebsim::kInvoke : zebsim::kGetAttribute;
+    return answerOpening().answer(kind, zebsim::reply("Admin", zebsim::callData(replied, data)));
   }
-  Script& answerQuery(const Bytes& answer) { return answerCall(RequestKind::kInvoke, answer); }
   Script& answerOpening() {
-    return expect(RequestKind::kOpening).reply(zebsim::reply("Admin", zebsim::openingData(7)));
+    return answer(RequestKind::kOpening, zebsim::reply("Admin", zebsim::openingData(7)));
   }
 
  private:
   friend class ScriptedGateway;
-  enum class Action { kExpectKind, kExpectBytes, kReply, kHangUp, kReset, kHalfClose, kRun };
+  enum class Action { kExpect, kReply, kHangUp, kReset, kHalfClose };
   struct Step {
     Action action;
     RequestKind kind = RequestKind::kAny;
-    Bytes bytes = {};
+    Bytes bytes = {};  // of an expected request: none when any of its kind will do
     std::size_t segment = 0;
-    std::function<void()> call = {};
   };
 
   Script& add(Step step) {
@@ -221,48 +213,33 @@ class ScriptedGateway {
   }
 
   bool playStep(const Script::Step& step) {
-    switch (step.action) {
-      case Action::kExpectKind:
-      case Action::kExpectBytes:
-        return expectRequest(step);
-      case Action::kReply:
-        return sendReply(step);
-      case Action::kRun:
-        step.call();
-        return true;
-      case Action::kHalfClose:
-        return shutdown(connection_.get(), SHUT_WR) == 0 || fail("no half-close");
-      case Action::kReset: {
-        const linger atOnce = {1, 0};
-        setsockopt(connection_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-        break;
-      }
-      case Action::kHangUp:
-        break;
-    }
+    if (step.action == Action::kExpect) return expectRequest(step);
+    if (step.action == Action::kReply) return sendReply(step);
+    if (step.action == Action::kHalfClose)
+      return shutdown(connection_.get(), SHUT_WR) == 0 || fail("no half-close");
+    const linger atOnce = {1, 0};  // makes a reset of the close
+    if (step.action == Action::kReset)
+      setsockopt(connection_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     connection_ = Descriptor();
     return true;
   }
 
-  // Waits for the client's next words, whether or not there is a connection still.
   void playEnd() {
     Bytes request;
-    if (connection_.get() < 0 && !acceptClient()) return problem_.clear();
-    if (!readRequest(request)) return problem_.clear();
-    if (kindOf(request) != RequestKind::kClose) fail("a request behind the end: " + hexOf(request));
+    if (connection_.get() < 0 && !acceptClient()) return;
+    if (readRequest(request) && kindOf(request) != RequestKind::kClose)
+      fail("a request behind the end: " + hexOf(request));
   }
 
   bool expectRequest(const Script::Step& step) {
     Bytes request;
     if (connection_.get() < 0 && !acceptClient()) return fail("nobody connected");
     if (!readRequest(request)) return fail("no whole request came, only " + hexOf(request));
-    const bool isRight = step.action == Action::kExpectBytes
-                             ? request == step.bytes
-                             : step.kind == RequestKind::kAny || step.kind == kindOf(request);
+    const bool isRight = step.bytes.empty() ? step.kind == RequestKind::kAny || step.kind == kindOf(request)
+                                            : request == step.bytes;
     return isRight || fail("other request:\n  got      " + hexOf(request) + "\n  expected " +
-                           (step.action == Action::kExpectBytes
-                                ? hexOf(step.bytes)
-                                : "kind " + std::to_string(static_cast<int>(step.kind))));
+                           (step.bytes.empty() ? "kind " + std::to_string(static_cast<int>(step.kind))
+                                               : hexOf(step.bytes)));
   }
 
   // A client that goes away before it has read everything is no fault of the script.

@@ -24,12 +24,11 @@ namespace zebtest {
 
 // Does the text begin in the shape of another? There "9" is any digit and "F" any hexadecimal one.
 inline bool hasShape(std::string_view text, std::string_view shape) {
-  const auto fits = [](char c, char model) {
+  const auto fits = [](char model, char c) {
     if (model == '9') return c >= '0' && c <= '9';
     return model == 'F' ? std::isxdigit(c) != 0 && std::islower(c) == 0 : c == model;
   };
-  return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(),
-                                                   [&](char model, char c) { return fits(c, model); });
+  return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(), fits);
 }
 
 // A trace line with the parts that change from run to run replaced: "TIME [PID,TID] [2000] ENTRY  text".
@@ -75,20 +74,27 @@ inline std::string nameAddresses(std::string text, const std::vector<Named>& nam
     std::string shown = "ADDRESS";
     for (const Named& block : names) {
       const std::size_t offset = address - reinterpret_cast<std::uintptr_t>(block.start);
-      if (offset < block.size) shown = block.name + (offset == 0 ? "" : "+" + std::to_string(offset));
+      if (offset < block.size) shown = formatText(offset == 0 ? "%s" : "%s+%zu", block.name, offset);
     }
     text.replace(at, end - at, shown);
   }
   return text;
 }
 
-// The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses replaced.
-inline std::string storyOf(const std::string& trace, const std::vector<Named>& names = {}) {
-  std::string story;
+// The lines that have a prefix, from the level word on: "ENTRY  text".
+inline std::vector<std::string> messagesOf(const std::string& trace) {
+  std::vector<std::string> messages;
   for (const std::string& line : splitLines(trace)) {
     const std::string masked = maskPrefix(line);
-    if (masked.starts_with("TIME ")) story += masked.substr(masked.find("] ", 16) + 2) + "\n";
+    if (masked.starts_with("TIME ")) messages.push_back(masked.substr(masked.find("] ", 16) + 2));
   }
+  return messages;
+}
+
+// The same as one text, with their addresses replaced.
+inline std::string storyOf(const std::string& trace, const std::vector<Named>& names = {}) {
+  std::string story;
+  for (const std::string& message : messagesOf(trace)) story += message + "\n";
   return nameAddresses(story, names);
 }
 
@@ -139,7 +145,7 @@ class TraceCapture {
     for (std::string& line : all) line = maskPrefix(line);
     return all;
   }
-  // The messages as one text, one to a line.
+  [[nodiscard]] std::vector<std::string> messages() const { return messagesOf(text()); }
   [[nodiscard]] std::string story(const std::vector<Named>& names = {}) const {
     return storyOf(text(), names);
   }

@@ -1,0 +1,222 @@
+// What the calls cost besides time, counted: system calls, heap calls, resident memory.
+
+#include <dlfcn.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "connection.h"
+
+// ---- Heap calls: malloc and its family go through here, the library's too ---------------------------------
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+}
+
+namespace {
+thread_local int heapCalls = 0;
+}
+
+extern "C" {
+void* malloc(size_t size) {
+  ++heapCalls;
+  return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+  ++heapCalls;
+  return __libc_calloc(count, size);
+}
+void* realloc(void* block, size_t size) {
+  ++heapCalls;
+  return __libc_realloc(block, size);
+}
+}
+
+namespace {
+
+using namespace zebbench;
+using benchmark::State;
+
+constexpr std::size_t kMany = 1000;
+
+template <typename Call>
+int countHeapCalls(Call call) {
+  call();
+  const int before = heapCalls;
+  call();
+  return heapCalls - before;
+}
+
+int heapCallsOfQuery(std::size_t statistics) {
+  Peer peer(statsAnswer(statistics));
+  Connection library(peer);
+  return countHeapCalls([&] { library.query(); });
+}
+
+void heapOfQuery(State& state, Goal goal) {
+  report(state, goal, heapCallsOfQuery(kMany));
+}
+
+void heapPerStatistic(State& state, Goal goal) {
+  report(state, goal, heapCallsOfQuery(kMany) - heapCallsOfQuery(1));
+}
+
+void heapOfTextQuery(State& state, Goal goal) {
+  Peer peer(statsAnswer(kMany));
+  Connection library(peer);
+  report(state, goal, countHeapCalls([&] {
+           ResultSetToken* answer = nullptr;
+           require(getStatsByStatId(library.token(), "VM_UPTIME", &answer) == ZEB_OK, "the query failed");
+         }));
+}
+
+// ---- System calls: a child runs between two getppid calls while its parent stops it at each ----------------
+
+template <typename Prepare>
+[[noreturn]] void runTraced(const Peer& peer, Prepare prepare) {
+  Connection library(peer);
+  auto call = prepare(library);
+  call();
+  ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+  raise(SIGSTOP);
+  syscall(SYS_getppid);
+  call();
+  syscall(SYS_getppid);
+  _exit(0);
+}
+
+// Goes on to the child's next entry into the kernel. Returns the number of the call, -1 when the child ended.
+long nextSystemCall(pid_t child) {
+  for (;;) {
+    int status;
+    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    if (waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return -1;
+    __ptrace_syscall_info info = {};
+    if (ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info) < 0) return -1;
+    if (info.op == PTRACE_SYSCALL_INFO_ENTRY) return static_cast<long>(info.entry.nr);
+  }
+}
+
+template <typename Prepare>
+void countSystemCalls(State& state, Goal goal, const Bytes& answer, Prepare prepare) {
+  const Peer peer(answer);
+  const pid_t child = fork();
+  if (child == 0) runTraced(peer, prepare);
+  int status;
+  waitpid(child, &status, 0);
+  long call = WIFSTOPPED(status) ? nextSystemCall(child) : -1;
+  while (call != SYS_getppid && call >= 0) call = nextSystemCall(child);
+  int count = 0;
+  while ((call = nextSystemCall(child)) != SYS_getppid && call >= 0) ++count;
+  if (call < 0) {
+    state.SkipWithError("this process may not trace its child");
+    kill(child, SIGKILL);
+  } else {
+    ptrace(PTRACE_DETACH, child, nullptr, nullptr);
+    report(state, goal, count);
+  }
+  waitpid(child, &status, 0);
+}
+
+void callsOfQuery(State& state, Goal goal) {
+  countSystemCalls(state, goal, statsAnswer(kMany),
+                   [](Connection& library) { return [&] { library.query(); }; });
+}
+
+void callsOfWalk(State& state, Goal goal) {
+  countSystemCalls(state, goal, statsAnswer(kMany), [](Connection& library) {
+    return [answer = library.query()] { walk(answer); };
+  });
+}
+
+void callsOfIdQuery(State& state, Goal goal) {
+  countSystemCalls(state, goal, idsAnswer(kMany), [](Connection& library) {
+    return [ids = library.queryIds()] {
+      char* joined;
+      require(getIdQuery(ids, &joined) == ZEB_OK, "getIdQuery failed");
+    };
+  });
+}
+
+// ---- Memory --------------------------------------------------------------------------------------------------
+
+double residentKilobytes() {
+  std::ifstream file("/proc/self/smaps_rollup");
+  for (std::string word; file >> word;) {
+    if (double size; word == "Rss:" && file >> size) return size;
+  }
+  require(false, "can not read /proc/self/smaps_rollup");
+  return 0;
+}
+
+constexpr int kIdle = 200;
+
+// The peer lives in another process, whose memory is not counted.
+class PeerProcess {
+ public:
+  PeerProcess() {
+    int ends[2];
+    require(pipe(ends) == 0, "no pipe");
+    child_ = fork();
+    if (child_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      const Peer peer(statsAnswer(1), kIdle + 2);
+      const std::uint16_t port = peer.port();
+      require(write(ends[1], &port, sizeof port) == sizeof port, "no port");
+      for (;;) pause();
+    }
+    require(read(ends[0], &port_, sizeof port_) == sizeof port_, "no port");
+    close(ends[0]);
+    close(ends[1]);
+  }
+  ~PeerProcess() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+  GatewayToken* open() const {
+    GatewayToken* token = nullptr;
+    char* version = nullptr;
+    require(openGatewayConnection(port_, &token, &version) == ZEB_OK, "can not open a connection");
+    free(version);
+    return token;
+  }
+
+ private:
+  pid_t child_ = -1;
+  std::uint16_t port_ = 0;
+};
+
+void idleMemory(State& state, Goal goal) {
+  const PeerProcess peer;
+  GatewayToken* first = peer.open();  // what all share is there now
+  static GatewayToken* tokens[kIdle];
+  for (GatewayToken*& token : tokens) token = nullptr;
+  residentKilobytes();
+  const double before = residentKilobytes();
+  for (GatewayToken*& token : tokens) token = peer.open();
+  report(state, goal, (residentKilobytes() - before) * 1024 / 1000 / kIdle);
+  for (GatewayToken*& token : tokens) closeGatewayConnection(&token);
+  closeGatewayConnection(&first);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  pinToOneCore();
+  addRow("P14 resident kB (1,000 bytes) that an idle connection adds", {9, 8.5}, idleMemory);
+  addRow("P12 system calls of getStats", {12, 12}, callsOfQuery);
+  addRow("P12 system calls of a walk of 1,000", {0, 0}, callsOfWalk);
+  addRow("P12 system calls of getIdQuery over 1,000 ids", {0, 0}, callsOfIdQuery);
+  addRow("P13 heap calls of getStats", {7, 6}, heapOfQuery);
+  addRow("P13 heap calls of getStatsByStatId", {8, 7}, heapOfTextQuery);
+  addRow("P13 heap calls that 999 more statistics add", {0, 0}, heapPerStatistic);
+  return runRows(argc, argv);
+}

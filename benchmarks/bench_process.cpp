@@ -1,0 +1,46 @@
+// zebstat as a process beside the least C program that does the same.
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "gateway_model.h"
+#include "peer.h"
+#include "rounds.h"
+
+namespace {
+
+using namespace zebbench;
+
+void runProgram(std::vector<std::string> words) {
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t child;
+  int status = -1;
+  require(posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ) == 0 &&
+              waitpid(child, &status, 0) == child && status == 0,
+          arguments[0]);
+  posix_spawn_file_actions_destroy(&actions);
+}
+
+void compareProcesses(benchmark::State& state, Goal goal) {
+  const zebsim::GatewayModel model({});
+  const Peer peer(zebsim::encodeAnswer(model.stats("", 3600)));
+  const std::string port = std::to_string(peer.port());
+  measure(state, goal, 1,
+          {{"bare", [&] { runProgram({BARE_PROGRAM, port}); }},
+           {"zebstat", [&] { runProgram({ZEBSTAT_PROGRAM, "--port", port, "stats"}); }}});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  pinToOneCore();
+  addRow("P15 zebstat stats as a process / bare C program", {1.6, 1.3}, compareProcesses);
+  return runRows(argc, argv);
+}

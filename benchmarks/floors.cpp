@@ -1,0 +1,67 @@
+#include "floors.h"
+
+#include <benchmark/benchmark.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+namespace zebbench {
+namespace {
+
+constexpr std::int32_t kTerminator = 0x0E0F0E0F;
+
+template <typename T>
+T load(const char* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+std::size_t wireLength(const char* at) {
+  return __builtin_bswap16(load<std::uint16_t>(at));
+}
+
+}  // namespace
+
+const char* stepOverLengths(const char* at, std::size_t count) {
+  static_assert(std::endian::native == std::endian::little);
+  for (std::size_t i = 0; i < count; ++i) {
+    at += 7;  // the object's class, the tag and the length of its block
+    at += 2 + wireLength(at);
+    at += 2 + wireLength(at);
+    at += 2;  // the end of the block, the tag of the next object
+  }
+  return at;
+}
+
+void stepOverEntries(char* at, StatData& record) {
+  while (load<std::int32_t>(at) != kTerminator) {
+    record.statIdLen = load<std::int32_t>(at);
+    record.statIdPtr = at + 4;
+    at += 4 + record.statIdLen;
+    record.statValueLen = load<std::int32_t>(at);
+    record.statValuePtr = at + 4;
+    at += 4 + record.statValueLen;
+    benchmark::DoNotOptimize(record);
+  }
+}
+
+std::size_t joinIds(const char* at, char* joined) {
+  char* out = joined;
+  while (load<std::int32_t>(at) != kTerminator) {
+    const auto length = static_cast<std::size_t>(load<std::int32_t>(at));
+    std::memcpy(out, at + 4, length);
+    out[length] = ':';
+    out += length + 1;
+    at += 4 + length;
+  }
+  out[-1] = '\0';
+  return static_cast<std::size_t>(out - joined - 1);
+}
+
+char* firstEntry(char* buffer) {
+  return buffer + 12 + 4 + load<std::int32_t>(buffer + 12) + 8;  // behind the element, its code and its count
+}
+
+}  // namespace zebbench

@@ -1,0 +1,23 @@
+// The bare loops that the library's work is held against: no check, no copy, no state but a pointer.
+#ifndef ZEB_BENCH_FLOORS_H
+#define ZEB_BENCH_FLOORS_H
+
+#include <cstddef>
+
+#include "zebstats.h"
+
+namespace zebbench {
+
+// Steps over the lengths of count statistics on the wire; at is the first of them. Returns the end.
+const char* stepOverLengths(const char* at, std::size_t count);
+// Steps over the entries of a result set buffer up to its terminator and fills a record for each.
+void stepOverEntries(char* at, StatData& record);
+// Joins the ids of a result set buffer. Returns the length.
+std::size_t joinIds(const char* at, char* joined);
+
+// The first entry of a result set buffer with one query header.
+char* firstEntry(char* buffer);
+
+}  // namespace zebbench
+
+#endif

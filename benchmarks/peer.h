@@ -1,0 +1,63 @@
+// A gateway that answers from memory, so that it costs the library's calls and the bare floors the same.
+#ifndef ZEB_BENCH_PEER_H
+#define ZEB_BENCH_PEER_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "gateway_bytes.h"
+#include "gateway_encoder.h"
+
+namespace zebbench {
+
+using zebsim::Bytes;
+
+// The first so many statistics of a simulated gateway, short values only.
+zebsim::Stats makeStats(std::size_t count);
+// The bean's answer: what the library's parsers are given.
+Bytes statsAnswer(std::size_t count);
+Bytes idsAnswer(std::size_t count);
+
+// Listens at once. Each connection is served by one of the workers, which run on the caller's core; a process
+// that is to be measured forks first and lets the child serve.
+class Peer {
+ public:
+  explicit Peer(const Bytes& answer, int workers = 2);
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+  ~Peer();
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+  [[nodiscard]] std::size_t replySize() const { return replies_.answer.size(); }  // header included
+
+  // The requests of all that a client does in between, as they came.
+  void startRecording() { recording_ = true; }
+  std::vector<Bytes> stopRecording();
+
+ private:
+  struct Replies {
+    Bytes hello, firstStep, secondStep, opening, protocol, answer;
+  };
+  void serveConnections();
+  void serve(int connection);
+  [[nodiscard]] const Bytes& chooseReply(const char* request) const;
+
+  Replies replies_;
+  int listener_ = -1;
+  std::uint16_t port_ = 0;
+  std::atomic<bool> recording_ = false;
+  std::vector<Bytes> recorded_;
+  std::vector<std::thread> workers_;
+};
+
+// A bare client: connects, exchanges, closes, and nothing else.
+int connectBare(std::uint16_t port);
+void exchangeBare(int connection, const Bytes& request, std::size_t replySize);
+
+}  // namespace zebbench
+
+#endif

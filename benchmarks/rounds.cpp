@@ -1,0 +1,126 @@
+#include "rounds.h"
+
+#include <sched.h>
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace zebbench {
+namespace {
+
+double nanoseconds(const Step& step, int batch) {
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < batch; ++i) step.run();
+  const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - start;
+  return taken.count() / batch;
+}
+
+double quantile(std::vector<double> values, double part) {
+  const auto at = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), values.begin() + at, values.end());
+  return values[static_cast<std::size_t>(at)];
+}
+
+std::string processorName() {
+  std::ifstream file("/proc/cpuinfo");
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+double secondOverFirst(std::span<const double> times) {
+  return times[1] / times[0];
+}
+
+std::vector<double> Rounds::medians() const {
+  std::vector<double> result;
+  for (const auto& step : times) result.push_back(quantile(step, 0.5));
+  return result;
+}
+
+double Rounds::spread(const Value& value) const {
+  std::vector<double> values;
+  for (std::size_t at = 0; at < times.front().size(); ++at) {
+    std::vector<double> round;
+    for (const auto& step : times) round.push_back(step[at]);
+    values.push_back(value(round));
+  }
+  return (quantile(values, 0.75) - quantile(values, 0.25)) / 2;
+}
+
+Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
+  for (const Step& step : steps) nanoseconds(step, batch);  // warms up
+  Rounds result = {std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds)))};
+  for (int round = 0; round < rounds; ++round) {
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+      const std::size_t at = round % 2 == 0 ? i : steps.size() - 1 - i;
+      result.times[at][static_cast<std::size_t>(round)] = nanoseconds(steps[at], batch);
+    }
+  }
+  return result;
+}
+
+void addRow(const std::string& name, Goal goal, std::function<void(benchmark::State&, Goal)> body) {
+  benchmark::RegisterBenchmark(name.c_str(), [goal, body = std::move(body)](benchmark::State& state) {
+    for ([[maybe_unused]] auto iteration : state) body(state, goal);
+  })->Iterations(1)->Unit(benchmark::kMillisecond);
+}
+
+void report(benchmark::State& state, Goal goal, double value) {
+  state.counters["value"] = value;
+  state.counters["reach"] = goal.reach;
+  state.counters["aim"] = goal.aim;
+  state.counters["atLeast"] = goal.atLeast ? 1 : 0;
+}
+
+void measure(benchmark::State& state, Goal goal, int batch, const std::vector<Step>& steps,
+             const Value& value, int rounds) {
+  const Rounds measured = runRounds(batch, steps, rounds);
+  const std::vector<double> medians = measured.medians();
+  for (std::size_t i = 0; i < steps.size(); ++i) state.counters[steps[i].name + " ns"] = medians[i];
+  report(state, goal, value(medians));
+  state.counters["spread"] = measured.spread(value);
+  state.counters["rounds"] = rounds;
+}
+
+void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "benchmark: %s\n", what);
+  std::exit(1);
+}
+
+void pinToOneCore() {
+  cpu_set_t cores;
+  require(sched_getaffinity(0, sizeof cores, &cores) == 0, "can not read the cores of this process");
+  int core = CPU_SETSIZE - 1;
+  while (!CPU_ISSET(core, &cores)) --core;
+  CPU_ZERO(&cores);
+  CPU_SET(core, &cores);
+  require(sched_setaffinity(0, sizeof cores, &cores) == 0, "can not pin the process to one core");
+  const sched_param priority = {1};
+  const bool ahead = sched_setscheduler(0, SCHED_FIFO, &priority) == 0;
+  benchmark::AddCustomContext("core", std::to_string(core));
+  benchmark::AddCustomContext("scheduling", ahead ? "ahead of other work" : "among other work");
+}
+
+int runRows(int argc, char** argv) {
+  utsname system = {};
+  uname(&system);
+  benchmark::AddCustomContext("processor", processorName());
+  benchmark::AddCustomContext("system", std::string(system.sysname) + " " + system.release);
+  benchmark::AddCustomContext("compiler", __VERSION__);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
+
+}  // namespace zebbench

@@ -1,0 +1,110 @@
+# What `cmake --install` puts where, and the Debian packages that `cpack` makes of it. Included by the top level
+# when all targets are there. Three components, each a package: runtime, dev and tools.
+
+include(CMakePackageConfigHelpers)
+
+set(zeb_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zebstats)
+set(zeb_man_dir ${CMAKE_INSTALL_MANDIR})
+
+# ---- The library -----------------------------------------------------------------------------------------------
+
+set_target_properties(zebstats_static PROPERTIES EXPORT_NAME static)
+install(TARGETS zebstats zebstats_static EXPORT zebstatsTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/zebstats.h include/zebstats.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+
+install(EXPORT zebstatsTargets NAMESPACE zebstats:: DESTINATION ${zeb_cmake_dir} COMPONENT dev)
+configure_package_config_file(cmake/zebstatsConfig.cmake.in ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake
+  INSTALL_DESTINATION ${zeb_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake ${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake
+  DESTINATION ${zeb_cmake_dir} COMPONENT dev)
+
+# Written while installing, when the prefix is known: `cmake --install --prefix` and cpack set another.
+install(CODE "
+  set(ZEB_PC_VERSION \"${PROJECT_VERSION}\")
+  set(ZEB_PC_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE CMAKE_INSTALL_PREFIX)
+  foreach(dir LIBDIR INCLUDEDIR)
+    set(ZEB_PC_LIBDIR_GIVEN \"${CMAKE_INSTALL_LIBDIR}\")
+    set(ZEB_PC_INCLUDEDIR_GIVEN \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    cmake_path(ABSOLUTE_PATH ZEB_PC_\${dir}_GIVEN BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE
+      OUTPUT_VARIABLE ZEB_PC_\${dir})
+  endforeach()
+  configure_file(\"${PROJECT_SOURCE_DIR}/cmake/zebstats.pc.in\" \"${PROJECT_BINARY_DIR}/zebstats.pc\" @ONLY)"
+  COMPONENT dev)
+install(FILES ${PROJECT_BINARY_DIR}/zebstats.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev)
+
+# ---- Manual pages ----------------------------------------------------------------------------------------------
+
+# A page for each family of calls stands under the name of its first call; the others refer to it.
+set(zeb_man_families
+  "openGatewayConnection openRemoteGatewayConnection closeGatewayConnection closeAllGatewayConnections"
+  "getStats getStatsByStatId getStatsByStatGroupId getStatIds getStatIdsByStatGroupId getResourceGroupIds"
+  "getFirstStat getNextStat getFirstId getNextId"
+  "copyResultSet freeResultSet dumpResultSet getIdQuery"
+  "setAPITraceLevel getAPITraceLevel setAPITraceFile getStatsAPIVersion dumpState")
+install(FILES man/libzebstats.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
+foreach(family ${zeb_man_families})
+  separate_arguments(calls UNIX_COMMAND ${family})
+  list(POP_FRONT calls page)
+  install(FILES man/${page}.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
+  foreach(call ${calls})
+    file(CONFIGURE OUTPUT man/${call}.3 CONTENT ".so man3/${page}.3\n")
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/${call}.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
+  endforeach()
+endforeach()
+
+# ---- Tools -----------------------------------------------------------------------------------------------------
+
+if(ZEB_BUILD_TOOLS)
+  # zebstat finds the library beside it, wherever the prefix is. Not in /usr, where the system looks anyway.
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH zeb_rpath ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(zebstat PROPERTIES INSTALL_RPATH "$ORIGIN/${zeb_rpath}")
+  endif()
+  install(TARGETS zebstat zebgatewaysim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES man/zebstat.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
+endif()
+
+# ---- Debian packages -------------------------------------------------------------------------------------------
+# To be configured with -DCMAKE_INSTALL_PREFIX=/usr, on which the library's folder depends.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "zebstats maintainers <maintainers@zebstats.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime dev)
+if(ZEB_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS $<TARGET_FILE_DIR:zebstats>)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/finish_packages.cmake)
+set(CPACK_ZEB_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzebstats${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "statistics API of a transaction gateway (library)
+ Monitoring programs read the runtime statistics of a gateway with it.")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzebstats-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "statistics API of a transaction gateway (development)
+ The headers for C and C++, the static library, manual pages and examples.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zebstats-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "shows the statistics of a transaction gateway
+ zebstat shows, checks and exports statistics; zebgatewaysim is a simulated gateway
+ for whoever has no real one at hand.")
+include(CPack)

@@ -1,0 +1,146 @@
+// zebstats.hpp as an outside C++17 program sees it, against the simulated gateway.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "gateway_server.h"
+#include "zebstats.hpp"
+
+namespace {
+
+using zebstats::Connection;
+
+template <typename C, typename = void>
+struct CanAsk : std::false_type {};
+template <typename C>
+struct CanAsk<C, std::void_t<decltype(std::declval<C>().stats())>> : std::true_type {};
+
+static_assert(CanAsk<Connection&>::value && !CanAsk<Connection>::value, "a temporary's answer would dangle");
+static_assert(!std::is_copy_constructible_v<Connection> && std::is_nothrow_move_constructible_v<Connection>);
+static_assert(!std::is_copy_constructible_v<zebstats::StatSetCopy>);
+static_assert(std::is_nothrow_move_assignable_v<zebstats::StatSetCopy>);
+
+class Hpp : public testing::Test {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the server has a thread
+    const zebstats::Error failed = gateway.open("127.0.0.1", server->port());
+    ASSERT_FALSE(failed) << failed.text();
+  }
+  std::unique_ptr<zebsim::GatewayServer> server = std::make_unique<zebsim::GatewayServer>();
+  Connection gateway;
+};
+
+// What a use of a view gives that has outlived its answer: an assertion, or with NDEBUG an error.
+template <typename View>
+void expectStale(View& view, const char* assertion, int code) {
+  EXPECT_DEBUG_DEATH((void)view.begin(), assertion);
+#ifdef NDEBUG
+  EXPECT_EQ(view.begin(), view.end());
+  EXPECT_EQ(view.error().code(), code);
+  EXPECT_EQ(view.copy().error().code(), code);
+#else
+  (void)code;
+#endif
+}
+
+TEST_F(Hpp, AWalkMeetsGoodAndRefusedElementsAndTellsItsEnd) {
+  zebstats::StatSet answer = gateway.statsByIds("HOST_CPUS:NO_SUCH:LISTEN_PORT");
+  std::vector<std::string> met;
+  for (const zebstats::Stat& stat : answer) {
+    EXPECT_FALSE(answer.ended());
+    met.push_back(std::string(stat.element) + (stat.ok() ? " ok " : " refused ") + std::string(stat.id) +
+                  "=" + std::string(stat.value));
+  }
+  EXPECT_EQ(met, (std::vector<std::string>{"HOST_CPUS ok HOST_CPUS=16",
+                                           "NO_SUCH refused =", "LISTEN_PORT ok LISTEN_PORT=2980"}));
+  EXPECT_TRUE(answer.ended() && !answer.error());
+  EXPECT_EQ(std::distance(answer.begin(), answer.end()), 3);  // begin() starts again
+}
+
+TEST_F(Hpp, EachQueryAsksItsOwnQuestion) {
+  const auto count = [](auto answer) { return std::distance(answer.begin(), answer.end()); };
+  EXPECT_EQ(count(gateway.stats()), 60);
+  EXPECT_EQ(count(gateway.statsByGroups("LISTEN:WORK")), 20);
+  EXPECT_EQ(count(gateway.ids()), 60);
+  EXPECT_EQ(count(gateway.idsByGroups("WORK")), 10);
+  EXPECT_EQ(count(gateway.groups()), 6);
+  const std::string tooLong(32766, 'x');
+  EXPECT_EQ(gateway.statsByIds(tooLong.c_str()).error().code(), ZEB_QUERY_TOO_LONG);
+  EXPECT_TRUE(gateway.isOpen());
+}
+
+TEST_F(Hpp, ACopyOutlivesQueryConnectionAndThread) {
+  zebstats::IdSetCopy kept = gateway.groups().copy();
+  ASSERT_FALSE(kept.error());
+  (void)gateway.stats();
+  gateway.close();
+  const char* query = "";
+  EXPECT_FALSE(kept.idQuery(query));
+  EXPECT_STREQ(query, "LISTEN:WORK:REQ:LINK:VM:HOST");
+  std::ptrdiff_t walked = 0;
+  std::thread([moved = std::move(kept), &walked]() mutable {
+    walked = std::distance(moved.begin(), moved.end());
+  }).join();
+  EXPECT_EQ(walked, 6);
+  EXPECT_EQ(kept.copy().error().code(), ZEB_RESULT_SET_NULL);
+}
+
+TEST_F(Hpp, AViewNoticesTheNextQueryAndTheEndOfItsConnection) {
+  zebstats::StatSet first = gateway.stats();
+  zebstats::StatSet second = gateway.stats();
+  expectStale(first, "after another query", ZEB_WRONG_CONTENT);
+  Connection moved = std::move(gateway);
+  EXPECT_NE(second.begin(), second.end());
+  EXPECT_EQ(gateway.stats().error().code(), ZEB_TOKEN_NULL);
+  moved = Connection();
+  expectStale(second, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
+}
+
+TEST_F(Hpp, ALostConnectionIsToldOnceAndOpenedAgain) {
+  zebstats::StatSet before = gateway.stats();
+  server = std::make_unique<zebsim::GatewayServer>();
+  EXPECT_EQ(gateway.stats().error().code(), ZEB_CONNECTION_LOST);
+  EXPECT_FALSE(gateway.isOpen());
+  expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
+  EXPECT_EQ(gateway.open("127.0.0.1", 0).code(), ZEB_PORT_INVALID);
+  ASSERT_FALSE(gateway.open("127.0.0.1", server->port()));
+  EXPECT_STREQ(gateway.protocolVersion(), "2_0_0_1");
+  EXPECT_FALSE(gateway.stats().error());
+}
+
+TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool refused = gateway.stats().error().code() == ZEB_OTHER_PROCESS;
+    gateway = Connection();
+    _exit(refused ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(gateway.stats().error());
+}
+
+TEST(HppError, HasWordsForEveryPublicCode) {
+  std::ifstream header(ZEB_PUBLIC_HEADER);
+  const std::regex codeLine(R"(^    ZEB_\w+ = (-?\d+),?(\s.*)?)");
+  int codes = 0;
+  for (std::string line; std::getline(header, line);) {
+    std::smatch match;
+    if (!std::regex_match(line, match, codeLine)) continue;
+    ++codes;
+    EXPECT_STRNE(zebstats::describe(std::stoi(match[1])), zebstats::describe(1)) << line;
+  }
+  EXPECT_EQ(codes, static_cast<int>(std::size(zebstats::kMeanings)));
+}
+
+}  // namespace
