@@ -34,10 +34,11 @@ class Decoder {
 
 #ifdef ZEB_HAVE_HIREDIS
 void compareHiredis(State& state, Goal goal) {
-  Bytes reply = "*" + std::to_string(2 * kMany) + "\r\n";
+  Bytes reply("*");
+  reply.append(std::to_string(2 * kMany)).append("\r\n");
   for (const auto& stat : makeStats(kMany)) {
     for (const Bytes& text : {stat.id, stat.value})
-      reply += "$" + std::to_string(text.size()) + "\r\n" + text + "\r\n";
+      reply.append("$").append(std::to_string(text.size())).append("\r\n").append(text).append("\r\n");
   }
   redisReader* reader = redisReaderCreate();
   Decoder decode;

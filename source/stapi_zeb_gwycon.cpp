@@ -81,7 +81,7 @@ int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
 // kept: the value goes where the kernel expects an address, which it refuses, so that the socket stays
 // blocking and the system's own limit bounds the connect.
 void requestBlocking(int socketDescriptor, int option) noexcept {
-  ioctl(socketDescriptor, FIONBIO, option);
+  ioctl(socketDescriptor, FIONBIO, reinterpret_cast<void*>(static_cast<std::intptr_t>(option)));
 }
 
 int mapConnectFailure(int result, int error) noexcept {
@@ -171,6 +171,7 @@ int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) noe
 // poll, unlike select, takes descriptors of any number.
 int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   const int socketDescriptor = *socketDescriptorPtr;
+  if (socketDescriptor < 0) return failWait(EBADF, errorPtr);  // which poll would pass over
   const time_t start = time(nullptr);
   int seconds = kConnectWaitSeconds;
   for (;;) {

@@ -13,6 +13,7 @@
 //          reply: loaded as word 3        25+n 4 data length, and the data behind it
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -44,8 +45,14 @@ constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 
 constexpr std::size_t kAdminReplyHead = 9;  // two words and the exception flag, ahead of the call data
 
+// 0 where no request is that long.
 int requestSize(const RequestHeader& header) noexcept {
-  return static_cast<int>(kFixedHeaderSize + header.requestNameLength + header.dataLength);
+  const std::uint64_t size = std::uint64_t{kFixedHeaderSize} + header.requestNameLength + header.dataLength;
+  return size <= INT_MAX ? static_cast<int>(size) : 0;
+}
+
+unsigned char* allocateRequest(int size) noexcept {
+  return size > 0 ? allocate(static_cast<std::size_t>(size)).release() : nullptr;
 }
 
 // The place of the data in a request of requestSize(header) bytes.
@@ -182,7 +189,8 @@ int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noe
 }
 
 int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
-  int total = static_cast<int>(recv(socketDesc, buffer, static_cast<std::size_t>(size), 0));
+  if (size < 0) errno = EINVAL;
+  int total = size < 0 ? -1 : static_cast<int>(recv(socketDesc, buffer, static_cast<std::size_t>(size), 0));
   TRACE_DEBUG(
       3240,
       "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d)\n",
@@ -197,6 +205,12 @@ int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   TRACE_DATA(3243, "stapi_zeb_socketcomms.readFromSocket",
              (TracedStorage{buffer, total, 0, static_cast<std::size_t>(total)}), 0);
   return rc;
+}
+
+// Data longer than the record's data length never leaves.
+int refuseOverlongRequest(int size) noexcept {
+  TRACE_EXC(3254, "stapi_zeb_socketcomms.flow Request does not fit into its %d bytes\n", size);
+  return ZEB_NO_MEMORY;
 }
 
 int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure) noexcept {
@@ -217,6 +231,7 @@ int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure)
     request.authWord3 = in.i32();
   }
   if (in.ok()) return 0;
+  TRACE_EXC(3252, "stapi_zeb_socketcomms.flowAuthRequest Reply is too short\n");
   failure.sockErrno = EPROTO;
   return kFlowFailed;
 }
@@ -260,27 +275,35 @@ int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
 }
 
 // A reply that is too short for what is read from it counts as one that could not be stored.
+int refuseShortReply(std::size_t length) noexcept {
+  TRACE_EXC(3253, "stapi_zeb_socketcomms.flowAdminRequest Reply of %d bytes is too short\n",
+            static_cast<int>(length));
+  return ZEB_NO_MEMORY;
+}
+
 int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, reasons& failure) noexcept {
   const std::size_t length = in.left();
   request.callKind = in.i32();
   request.replyRc = in.i32();
-  if (!in.ok()) return ZEB_NO_MEMORY;
+  if (!in.ok()) return refuseShortReply(length);
   if (request.replyRc != 0) {
     TRACE_EXC(3206, "stapi_zeb_socketcomms.flowAdminRequest Auth Request returned an error AuthRc=%d\n",
               request.replyRc);
     failure.adminRc = request.replyRc;
     return kAdminFailed;
   }
-  if (length < (requestKind == kOpeningCall ? 12 : kAdminReplyHead)) return ZEB_NO_MEMORY;
+  if (length < (requestKind == kOpeningCall ? 12 : kAdminReplyHead)) return refuseShortReply(length);
   if (request.callKind == kOpeningCall) {
     request.adminId = in.i32();
-    return in.ok() ? 0 : ZEB_NO_MEMORY;
+    return in.ok() ? 0 : refuseShortReply(length);
   }
   request.exceptionFlag = in.u8();
   if (request.exceptionFlag != 0) {
     TRACE_EXC(3205, "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
     return kAdminFailed;
   }
+  // Where the reply had no data the bytes at hand are the request's own, which are no answer.
+  if (static_cast<std::int32_t>(request.header.dataLength) <= 0) return refuseShortReply(0);
   return takeCallData(request, in);
 }
 
@@ -357,7 +380,7 @@ int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
   RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
   const int size = requestSize(header);
   int rc;
-  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  unsigned char* data = allocateRequest(size);
   TRACE_DEBUG(3216, "stapi_zeb_socketcomms.flowHandshakeRequest Called malloc for %d bytes. rc=%p\n", size,
               data);
   if (data == nullptr) {
@@ -384,7 +407,7 @@ int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
   header.headerWord3 = -1;
   const int size = requestSize(header);
   int rc;
-  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  unsigned char* data = allocateRequest(size);
   TRACE_DEBUG(3221, "stapi_zeb_socketcomms.flowCloseRequest Called malloc for %d bytes. rc=%p\n", size, data);
   if (data == nullptr) {
     TRACE_EXC(3222, "stapi_zeb_socketcomms.flowCloseRequest Failed to allocate %d bytes.\n", size);
@@ -407,7 +430,7 @@ int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons
               socketDesc, request, reasons);
   const int size = requestSize(request->header);
   int rc;
-  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  unsigned char* data = allocateRequest(size);
   TRACE_DEBUG(3210, "stapi_zeb_socketcomms.flowAuthRequest Called malloc for %d bytes. rc=%p\n", size, data);
   if (data == nullptr) {
     TRACE_EXC(3211, "stapi_zeb_socketcomms.flowAuthRequestFailed to allocate %d bytes.\n", size);
@@ -421,7 +444,9 @@ int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons
            {request->authWord1, request->authWord2, request->authWord3, request->authWord4})
         out.i32(word);
     }
-    rc = flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons);
+    out.zeroRest();
+    rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
+                  : refuseOverlongRequest(size);
     if (rc == 0) rc = decodeAuthReply(*request, replyReader(request->header, data, size), *reasons);
   }
   if (data != nullptr) {
@@ -439,7 +464,7 @@ int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons)
   const int size = requestSize(request->header);
   const int kind = request->callKind;
   int rc;
-  unsigned char* data = allocate(static_cast<std::size_t>(size)).release();
+  unsigned char* data = allocateRequest(size);
   TRACE_DEBUG(3201, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n", size, data);
   if (data == nullptr) {
     TRACE_EXC(3202, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n", size);
@@ -448,9 +473,8 @@ int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons)
     writeHeader(&request->header, data);
     ByteWriter out = dataWriter(request->header, data);
     writeAdminData(*request, out);
-    // Texts longer than the record's data length never leave: nothing is sent.
     rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
-                  : ZEB_NO_MEMORY;
+                  : refuseOverlongRequest(size);
     if (rc == 0) rc = decodeAdminReply(*request, replyReader(request->header, data, size), kind, *reasons);
   }
   if (data != nullptr) {
