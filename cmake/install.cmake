@@ -41,7 +41,8 @@ install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONE
 
 # ---- Manual pages ----------------------------------------------------------------------------------------------
 
-# A page for each family of calls stands under the name of its first call; the others refer to it.
+# A page for each family of calls stands under the name of its first call; the others are links to it.
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
 set(zeb_man_families
   "openGatewayConnection openRemoteGatewayConnection closeGatewayConnection closeAllGatewayConnections"
   "getStats getStatsByStatId getStatsByStatGroupId getStatIds getStatIdsByStatGroupId getResourceGroupIds"
@@ -54,8 +55,8 @@ foreach(family ${zeb_man_families})
   list(POP_FRONT calls page)
   install(FILES man/${page}.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
   foreach(call ${calls})
-    file(CONFIGURE OUTPUT man/${call}.3 CONTENT ".so man3/${page}.3\n")
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/${call}.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
+    file(CREATE_LINK ${page}.3 ${PROJECT_BINARY_DIR}/man/${call}.3 SYMBOLIC)
+    install(FILES ${PROJECT_BINARY_DIR}/man/${call}.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
   endforeach()
 endforeach()
 
@@ -76,7 +77,7 @@ endif()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "zebstats maintainers <maintainers@zebstats.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each component has its own
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime dev)
@@ -86,25 +87,28 @@ endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS $<TARGET_FILE_DIR:zebstats>)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/source)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/finish_packages.cmake)
+set(CPACK_ZEB_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_ZEB_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzebstats${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+file(CONFIGURE OUTPUT debian/triggers CONTENT "activate-noawait ldconfig\n")  # cpack adds scripts, but no trigger
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "statistics API of a transaction gateway (library)
- Monitoring programs read the runtime statistics of a gateway with it.")
+Monitoring programs read the runtime statistics of a gateway with it.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzebstats-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "statistics API of a transaction gateway (development)
- The headers for C and C++, the static library, manual pages and examples.")
+The headers for C and C++, the static library, manual pages and examples.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zebstats-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "shows the statistics of a transaction gateway
- zebstat shows, checks and exports statistics; zebgatewaysim is a simulated gateway
- for whoever has no real one at hand.")
+zebstat shows, checks and exports statistics; zebgatewaysim is a simulated
+gateway for whoever has no real one at hand.")
 include(CPack)

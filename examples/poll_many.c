@@ -9,61 +9,61 @@
 #define ROUNDS 3
 
 typedef struct Poller {
-    pthread_t thread;
-    const char *host;
-    int port;
-    int rc;
+  pthread_t thread;
+  const char* host;
+  int port;
+  int rc;
 } Poller;
 
-static int showAnswer(const Poller *poller, ResultSetToken *answer) {
-    StatData stat;
-    int rc = getFirstStat(answer, &stat);
-    for (; rc == ZEB_OK; rc = getNextStat(answer, &stat))
-        if (stat.queryElementRC >= 0)
-            printf("%s:%d %.*s = %.*s\n", poller->host, poller->port, stat.statIdLen, stat.statIdPtr,
-                   stat.statValueLen, stat.statValuePtr);
-    return rc == ZEB_END_OF_RESULTS ? ZEB_OK : rc;
+static int showAnswer(const Poller* poller, ResultSetToken* answer) {
+  StatData stat;
+  int rc = getFirstStat(answer, &stat);
+  for (; rc == ZEB_OK; rc = getNextStat(answer, &stat))
+    if (stat.queryElementRC >= 0)
+      printf("%s:%d %.*s = %.*s\n", poller->host, poller->port, stat.statIdLen, stat.statIdPtr,
+             stat.statValueLen, stat.statValuePtr);
+  return rc == ZEB_END_OF_RESULTS ? ZEB_OK : rc;
 }
 
 /* A connection belongs to the thread that opens it. */
-static void *poll(void *argument) {
-    Poller *poller = argument;
-    GatewayToken *gateway = NULL;
-    ResultSetToken *answer = NULL;
-    char *version = NULL;
-    int round;
-    int rc = openRemoteGatewayConnection(poller->host, poller->port, &gateway, &version);
-    for (round = 0; rc == ZEB_OK && round < ROUNDS; ++round) {
-        if (round > 0) sleep(1);
-        rc = getStatsByStatId(gateway, "VM_UPTIME:REQ_COUNT", &answer);
-        if (rc == ZEB_OK) rc = showAnswer(poller, answer);
-    }
-    free(version);
-    closeGatewayConnection(&gateway); /* a lost connection has gone already: -101, which says no more than rc */
-    poller->rc = rc;
-    return NULL;
+static void* poll(void* argument) {
+  Poller* poller = argument;
+  GatewayToken* gateway = NULL;
+  ResultSetToken* answer = NULL;
+  char* version = NULL;
+  int round;
+  int rc = openRemoteGatewayConnection(poller->host, poller->port, &gateway, &version);
+  for (round = 0; rc == ZEB_OK && round < ROUNDS; ++round) {
+    if (round > 0) sleep(1);
+    rc = getStatsByStatId(gateway, "VM_UPTIME:REQ_COUNT", &answer);
+    if (rc == ZEB_OK) rc = showAnswer(poller, answer);
+  }
+  free(version);
+  closeGatewayConnection(&gateway); /* a lost connection has gone already: -101, which says no more than rc */
+  poller->rc = rc;
+  return NULL;
 }
 
-int main(int argc, char **argv) {
-    int count = (argc - 1) / 2, started = 0, failed = 0, i;
-    Poller *pollers = count > 0 ? calloc((size_t)count, sizeof *pollers) : NULL;
-    if (argc % 2 == 0 || pollers == NULL) {
-        fprintf(stderr, "usage: poll_many HOST PORT [HOST PORT]...\n");
-        free(pollers);
-        return 2;
-    }
-    for (; started < count; ++started) {
-        pollers[started].host = argv[1 + 2 * started];
-        pollers[started].port = atoi(argv[2 + 2 * started]);
-        if (pthread_create(&pollers[started].thread, NULL, poll, &pollers[started]) != 0) break;
-    }
-    for (i = 0; i < started; ++i) {
-        pthread_join(pollers[i].thread, NULL);
-        if (pollers[i].rc == ZEB_OK) continue;
-        fprintf(stderr, "poll_many: %s:%d: code %d, see libzebstats(3)\n", pollers[i].host, pollers[i].port,
-                pollers[i].rc);
-        ++failed;
-    }
+int main(int argc, char** argv) {
+  int count = (argc - 1) / 2, started = 0, failed = 0, i;
+  Poller* pollers = count > 0 ? calloc((size_t)count, sizeof *pollers) : NULL;
+  if (argc % 2 == 0 || pollers == NULL) {
+    fprintf(stderr, "usage: poll_many HOST PORT [HOST PORT]...\n");
     free(pollers);
-    return failed != 0 || started != count;
+    return 2;
+  }
+  for (; started < count; ++started) {
+    pollers[started].host = argv[1 + 2 * started];
+    pollers[started].port = atoi(argv[2 + 2 * started]);
+    if (pthread_create(&pollers[started].thread, NULL, poll, &pollers[started]) != 0) break;
+  }
+  for (i = 0; i < started; ++i) {
+    pthread_join(pollers[i].thread, NULL);
+    if (pollers[i].rc == ZEB_OK) continue;
+    fprintf(stderr, "poll_many: %s:%d: code %d, see libzebstats(3)\n", pollers[i].host, pollers[i].port,
+            pollers[i].rc);
+    ++failed;
+  }
+  free(pollers);
+  return failed != 0 || started != count;
 }

@@ -68,41 +68,41 @@ typedef struct GatewayToken GatewayToken;
 typedef struct ResultSetToken ResultSetToken;
 
 enum ZebReturnCode {
-    ZEB_OK = 0,
-    ZEB_TOKEN_NULL = -100,               /* the gateway token is null */
-    ZEB_TOKEN_UNKNOWN = -101,            /* the gateway token is not (or no longer) open */
-    ZEB_CONNECTION_LOST = -102,          /* the connection to the gateway was lost */
-    ZEB_BUFFER_NULL = -103,              /* an internal buffer pointer is null */
-    ZEB_TRACE_LEVEL_INVALID = -104,      /* the trace level is outside 0..5 */
-    ZEB_VERSION_POINTER_NULL = -105,     /* the address for the protocol version is null */
-    ZEB_NOT_A_COPY = -106,               /* only copies of result sets can be freed by the caller */
-    ZEB_PORT_INVALID = -107,             /* the port is outside 1..65535 */
-    ZEB_TOKEN_POINTER_NULL = -108,       /* the address of the gateway token is null */
-    ZEB_OUTPUT_POINTER_NULL = -109,      /* the address for the result is null */
-    ZEB_NO_RESULT_SET_BUFFER = -110,     /* the result set has no buffer: the connection may have gone */
-    ZEB_NO_MEMORY = -111,                /* a memory allocation failed */
-    ZEB_END_OF_RESULTS = -113,           /* no further entry: the normal end of a walk */
-    ZEB_TOKEN_LIST_CORRUPT = -115,       /* the list of connections is corrupt or longer than 256 */
-    ZEB_OWNER_INVALID = -116,            /* an internal result set was asked for with an unknown owner */
-    ZEB_CONNECT_FAILED = -118,           /* connecting failed for a reason not listed below */
-    ZEB_WRONG_CONTENT = -119,            /* the result set holds no answer, or not the kind the call needs */
-    ZEB_TRACE_LOCK_FAILED = -121,        /* the trace lock could not be initialised */
-    ZEB_COMMUNICATION_FAILED = -122,     /* the gateway did not answer as agreed */
-    ZEB_OTHER_PROCESS = -123,            /* the token belongs to another process */
-    ZEB_OTHER_THREAD = -124,             /* the token belongs to another thread */
-    ZEB_RESULT_SET_POINTER_NULL = -125,  /* the address of the result set token is null */
-    ZEB_QUERY_NULL = -126,               /* the query string is null */
-    ZEB_RESULT_SET_NULL = -127,          /* the result set token is null */
-    ZEB_ID_DATA_NULL = -128,             /* the identifier record is null */
-    ZEB_STAT_DATA_NULL = -129,           /* the statistic record is null */
-    ZEB_TRACE_FILE_FAILED = -130,        /* the trace file could not be opened for append */
-    ZEB_NO_GOOD_ID = -131,               /* the result set holds no good identifier */
-    ZEB_HOST_UNKNOWN = -132,             /* connecting: the host name could not be resolved */
-    ZEB_HOST_NULL = -133,                /* the host name is null */
-    ZEB_CONNECT_TIMED_OUT = -134,        /* connecting: timed out (reserved: no call returns it) */
-    ZEB_CONNECT_REFUSED = -135,          /* connecting: the gateway refused the connection */
-    ZEB_NETWORK_UNREACHABLE = -136,      /* connecting: the network is unreachable */
-    ZEB_QUERY_TOO_LONG = -2              /* the query string has 32,766 characters or more; see "Codes" */
+  ZEB_OK = 0,
+  ZEB_TOKEN_NULL = -100,              /* the gateway token is null */
+  ZEB_TOKEN_UNKNOWN = -101,           /* the gateway token is not (or no longer) open */
+  ZEB_CONNECTION_LOST = -102,         /* the connection to the gateway was lost */
+  ZEB_BUFFER_NULL = -103,             /* an internal buffer pointer is null */
+  ZEB_TRACE_LEVEL_INVALID = -104,     /* the trace level is outside 0..5 */
+  ZEB_VERSION_POINTER_NULL = -105,    /* the address for the protocol version is null */
+  ZEB_NOT_A_COPY = -106,              /* only copies of result sets can be freed by the caller */
+  ZEB_PORT_INVALID = -107,            /* the port is outside 1..65535 */
+  ZEB_TOKEN_POINTER_NULL = -108,      /* the address of the gateway token is null */
+  ZEB_OUTPUT_POINTER_NULL = -109,     /* the address for the result is null */
+  ZEB_NO_RESULT_SET_BUFFER = -110,    /* the result set has no buffer: the connection may have gone */
+  ZEB_NO_MEMORY = -111,               /* a memory allocation failed */
+  ZEB_END_OF_RESULTS = -113,          /* no further entry: the normal end of a walk */
+  ZEB_TOKEN_LIST_CORRUPT = -115,      /* the list of connections is corrupt or longer than 256 */
+  ZEB_OWNER_INVALID = -116,           /* an internal result set was asked for with an unknown owner */
+  ZEB_CONNECT_FAILED = -118,          /* connecting failed for a reason not listed below */
+  ZEB_WRONG_CONTENT = -119,           /* the result set holds no answer, or not the kind the call needs */
+  ZEB_TRACE_LOCK_FAILED = -121,       /* the trace lock could not be initialised */
+  ZEB_COMMUNICATION_FAILED = -122,    /* the gateway did not answer as agreed */
+  ZEB_OTHER_PROCESS = -123,           /* the token belongs to another process */
+  ZEB_OTHER_THREAD = -124,            /* the token belongs to another thread */
+  ZEB_RESULT_SET_POINTER_NULL = -125, /* the address of the result set token is null */
+  ZEB_QUERY_NULL = -126,              /* the query string is null */
+  ZEB_RESULT_SET_NULL = -127,         /* the result set token is null */
+  ZEB_ID_DATA_NULL = -128,            /* the identifier record is null */
+  ZEB_STAT_DATA_NULL = -129,          /* the statistic record is null */
+  ZEB_TRACE_FILE_FAILED = -130,       /* the trace file could not be opened for append */
+  ZEB_NO_GOOD_ID = -131,              /* the result set holds no good identifier */
+  ZEB_HOST_UNKNOWN = -132,            /* connecting: the host name could not be resolved */
+  ZEB_HOST_NULL = -133,               /* the host name is null */
+  ZEB_CONNECT_TIMED_OUT = -134,       /* connecting: timed out (reserved: no call returns it) */
+  ZEB_CONNECT_REFUSED = -135,         /* connecting: the gateway refused the connection */
+  ZEB_NETWORK_UNREACHABLE = -136,     /* connecting: the network is unreachable */
+  ZEB_QUERY_TOO_LONG = -2             /* the query string has 32,766 characters or more; see "Codes" */
 };
 
 /* One statistic, filled by getFirstStat() and getNextStat(). The texts lie in the result set: they are not
@@ -110,24 +110,24 @@ enum ZebReturnCode {
  * queryElementRC is negative the gateway could not answer that element of the query: the record then holds
  * nothing behind queryElementRC that was set by the call. */
 typedef struct StatData {
-    char contentMarker[8]; /* "ZEBSTSET", no NUL */
-    char *queryElementPtr; /* the element of the query that this statistic answers */
-    int queryElementLen;
-    int queryElementRC; /* the gateway's return code for that element */
-    int statIdLen;
-    char *statIdPtr;
-    int statValueLen;
-    char *statValuePtr;
+  char contentMarker[8]; /* "ZEBSTSET", no NUL */
+  char* queryElementPtr; /* the element of the query that this statistic answers */
+  int queryElementLen;
+  int queryElementRC; /* the gateway's return code for that element */
+  int statIdLen;
+  char* statIdPtr;
+  int statValueLen;
+  char* statValuePtr;
 } StatData;
 
 /* One statistic id or resource group id, filled by getFirstId() and getNextId(); as StatData. */
 typedef struct IdData {
-    char contentMarker[8]; /* "ZEBIDSET", no NUL */
-    char *queryElementPtr;
-    int queryElementLen;
-    int queryElementRC;
-    int idLen;
-    char *idPtr;
+  char contentMarker[8]; /* "ZEBIDSET", no NUL */
+  char* queryElementPtr;
+  int queryElementLen;
+  int queryElementRC;
+  int idLen;
+  char* idPtr;
 } IdData;
 
 /* ---- Connections ---------------------------------------------------------------------------------------- */
@@ -148,15 +148,15 @@ typedef struct IdData {
  * asking for the protocol version), -122 (no usable protocol version), -101 (closed meanwhile by
  * closeAllGatewayConnections()), -115 (list of connections corrupt),
  * -111 (no memory). Nothing stays open after a failure. */
-ZEB_API int openGatewayConnection(int port, GatewayToken **gwTokPtr, char **protoColVersion) ZEB_NOEXCEPT;
+ZEB_API int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVersion) ZEB_NOEXCEPT;
 
 /* The same for a gateway anywhere.
  *
  *   hostname          host name or numeric address, NUL-terminated; its first address is used
  *
  * Returns as openGatewayConnection(), and -133 (no hostname, checked after the other arguments). */
-ZEB_API int openRemoteGatewayConnection(const char *hostname, int port, GatewayToken **gwTokPtr,
-                                        char **protoColVersion) ZEB_NOEXCEPT;
+ZEB_API int openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** gwTokPtr,
+                                        char** protoColVersion) ZEB_NOEXCEPT;
 
 /* Closes a connection, from any thread, and frees its result set with all entries that point into it.
  *
@@ -165,7 +165,7 @@ ZEB_API int openRemoteGatewayConnection(const char *hostname, int port, GatewayT
  * Tells the gateway and waits for its answer; a gateway that has gone away is no failure.
  *
  * Returns 0, or -108 (no gwTokPtr), -100 (null token), -101 (not an open connection). */
-ZEB_API int closeGatewayConnection(GatewayToken **gwTokPtr) ZEB_NOEXCEPT;
+ZEB_API int closeGatewayConnection(GatewayToken** gwTokPtr) ZEB_NOEXCEPT;
 
 /* Closes the connections of all threads. Their owners' tokens become unknown (-101).
  *
@@ -187,25 +187,25 @@ ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
  * failed or refused the call: the token has been removed). */
 
 /* All statistics; walk them with getFirstStat() and getNextStat(). */
-ZEB_API int getStats(GatewayToken *gwTok, ResultSetToken **statRSPtr) ZEB_NOEXCEPT;
+ZEB_API int getStats(GatewayToken* gwTok, ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
 /* The statistics with the given ids. */
-ZEB_API int getStatsByStatId(GatewayToken *gwTok, const char *statIdsPtr,
-                             ResultSetToken **statRSPtr) ZEB_NOEXCEPT;
+ZEB_API int getStatsByStatId(GatewayToken* gwTok, const char* statIdsPtr,
+                             ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
 /* The statistics of the given resource groups. */
-ZEB_API int getStatsByStatGroupId(GatewayToken *gwTok, const char *providerIdPtr,
-                                  ResultSetToken **statRSPtr) ZEB_NOEXCEPT;
+ZEB_API int getStatsByStatGroupId(GatewayToken* gwTok, const char* providerIdPtr,
+                                  ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
 /* The ids of all statistics; walk them with getFirstId() and getNextId(). */
-ZEB_API int getStatIds(GatewayToken *gwTok, ResultSetToken **rs) ZEB_NOEXCEPT;
+ZEB_API int getStatIds(GatewayToken* gwTok, ResultSetToken** rs) ZEB_NOEXCEPT;
 
 /* The ids of the statistics of the given resource groups. */
-ZEB_API int getStatIdsByStatGroupId(GatewayToken *gwTok, const char *providerIdsPtr,
-                                    ResultSetToken **statIdRsPtr) ZEB_NOEXCEPT;
+ZEB_API int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
+                                    ResultSetToken** statIdRsPtr) ZEB_NOEXCEPT;
 
 /* The ids of the resource groups. */
-ZEB_API int getResourceGroupIds(GatewayToken *gwTok, ResultSetToken **resGrpIdRSPtr) ZEB_NOEXCEPT;
+ZEB_API int getResourceGroupIds(GatewayToken* gwTok, ResultSetToken** resGrpIdRSPtr) ZEB_NOEXCEPT;
 
 /* ---- Walking an answer ---------------------------------------------------------------------------------- */
 
@@ -218,10 +218,10 @@ ZEB_API int getResourceGroupIds(GatewayToken *gwTok, ResultSetToken **resGrpIdRS
  * Each returns 0, or -127 (null result set), -129 or -128 (null record), -110 (no buffer), -119 (the result
  * set holds no answer, another kind of answer, or a damaged one), -123, -124 (not the owner of the
  * connection), -113 (end of the results). */
-ZEB_API int getFirstStat(ResultSetToken *rsPtr, StatData *statDataPtr) ZEB_NOEXCEPT;
-ZEB_API int getNextStat(ResultSetToken *rsPtr, StatData *statDataPtr) ZEB_NOEXCEPT;
-ZEB_API int getFirstId(ResultSetToken *rsPtr, IdData *idDataPtr) ZEB_NOEXCEPT;
-ZEB_API int getNextId(ResultSetToken *rsPtr, IdData *idDataPtr) ZEB_NOEXCEPT;
+ZEB_API int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) ZEB_NOEXCEPT;
+ZEB_API int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) ZEB_NOEXCEPT;
+ZEB_API int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) ZEB_NOEXCEPT;
+ZEB_API int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) ZEB_NOEXCEPT;
 
 /* ---- Result sets as a whole ----------------------------------------------------------------------------- */
 
@@ -233,17 +233,17 @@ ZEB_API int getNextId(ResultSetToken *rsPtr, IdData *idDataPtr) ZEB_NOEXCEPT;
  * Returns 0, or -127 (no source), -125 (no target), -110 (no buffer), -119 (no answer in it), -123, -124 (not
  * the owner), -111 (no memory). Set *tarRsPtr to null before the call: where it is not null after -111 it is a
  * token without a buffer, to be released with freeResultSet() all the same. */
-ZEB_API int copyResultSet(ResultSetToken *srcRsPtr, ResultSetToken **tarRsPtr) ZEB_NOEXCEPT;
+ZEB_API int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) ZEB_NOEXCEPT;
 
 /* Releases a copy and sets the caller's token to null; all entries that point into it are gone.
  *
  * Returns 0, or -125 (no address), -127 (null token), -106 (not a copy: it belongs to its connection). */
-ZEB_API int freeResultSet(ResultSetToken **rsPtr) ZEB_NOEXCEPT;
+ZEB_API int freeResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 
 /* Writes a result set's token line and the bytes of its buffer to the trace destination, whatever the level.
  *
  * Returns 0, or -127 (null token), -110 (no buffer), -119 (no answer in it), -123, -124 (not the owner). */
-ZEB_API int dumpResultSet(ResultSetToken *rsPtr) ZEB_NOEXCEPT;
+ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
 /* Joins the ids of a result set into one query string, separated by ':', leaving out those of elements whose
  * queryElementRC is not 0. Ids beyond 31,999 characters are left out. Ends the walk of the result set.
@@ -253,19 +253,19 @@ ZEB_API int dumpResultSet(ResultSetToken *rsPtr) ZEB_NOEXCEPT;
  *
  * Returns 0, or -127 (null token), -109 (no idQueryStringPtr), -110 (no buffer), -119 (no answer in it), -123,
  * -124 (not the owner), -131 (no good id), -111 (no memory). */
-ZEB_API int getIdQuery(ResultSetToken *rsPtr, char **idQueryStringPtr) ZEB_NOEXCEPT;
+ZEB_API int getIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr) ZEB_NOEXCEPT;
 
 /* ---- Library and trace ---------------------------------------------------------------------------------- */
 
 /* Stores the address of the API version, a NUL-terminated text that lives as long as the library.
  *
  * Returns 0, or -109 (no apiVersPtr). */
-ZEB_API int getStatsAPIVersion(char **apiVersPtr) ZEB_NOEXCEPT;
+ZEB_API int getStatsAPIVersion(char** apiVersPtr) ZEB_NOEXCEPT;
 
 /* Stores the trace level.
  *
  * Returns 0, or -109 (no traceStatePtr). */
-ZEB_API int getAPITraceLevel(int *traceStatePtr) ZEB_NOEXCEPT;
+ZEB_API int getAPITraceLevel(int* traceStatePtr) ZEB_NOEXCEPT;
 
 /* Sets the trace level of the process: 0 nothing, 1 failures, 2 events (connections, answers), 3 entry and
  * exit of every function, 4 details and data, 5 locks. Each level includes those below it.
@@ -279,7 +279,7 @@ ZEB_API int setAPITraceLevel(int traceState) ZEB_NOEXCEPT;
  *   traceFile         a path of at most 1,023 characters, NUL-terminated, or null
  *
  * Returns 0, or -130 (the file could not be opened: the destination is unchanged). */
-ZEB_API int setAPITraceFile(const char *traceFile) ZEB_NOEXCEPT;
+ZEB_API int setAPITraceFile(const char* traceFile) ZEB_NOEXCEPT;
 
 /* Writes the state of the library, its open connections and their result sets to the trace destination,
  * whatever the level.
