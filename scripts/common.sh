@@ -39,6 +39,6 @@ install_missing() {
 }
 
 # What every build needs, and what the tests need besides.
-BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev prometheus-cpp-dev)
 # shellcheck disable=SC2034 # used by those who source this
-TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev nlohmann-json3-dev)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev)

@@ -27,9 +27,10 @@ constexpr std::uint64_t kOwnVersion = 0x1122334455667788;
 const ResponseClasses& ownClasses(bool isStats) {
   static const ClassDesc base{"com.kro.zeb.sim.Reply", kOwnVersion, kExternalizable};
   static const ClassDesc stat{"com.kro.zeb.sim.Stat", kOwnVersion, kExternalizable};
-  static const ResponseClasses ids{{"com.kro.zeb.sim.IdsReply", kOwnVersion, kExternalizable}, base, stat};
-  static const ResponseClasses stats{
-      {"com.kro.zeb.sim.StatsReply", kOwnVersion, kExternalizable}, base, stat};
+  static const ClassDesc idsReply{"com.kro.zeb.sim.IdsReply", kOwnVersion, kExternalizable};
+  static const ClassDesc statsReply{"com.kro.zeb.sim.StatsReply", kOwnVersion, kExternalizable};
+  static const ResponseClasses ids{idsReply, base, stat};
+  static const ResponseClasses stats{statsReply, base, stat};
   return isStats ? stats : ids;
 }
 
