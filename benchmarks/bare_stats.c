@@ -1,5 +1,5 @@
 /* The least program that prints a gateway's statistics: connects to 127.0.0.1, asks, prints, closes. Knows
- * neither errors nor more than one response. */
+ * neither errors nor more than one response nor a value that needs a second block. */
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -81,7 +81,8 @@ static void printStatistics(const unsigned char *at) {
 int main(int argc, char **argv) {
     struct sockaddr_in address = {0};
     const int connection = socket(AF_INET, SOCK_STREAM, 0);
-    unsigned id, tag;
+    unsigned id, tag, call;
+    size_t length;
     (void)argc;
     address.sin_family = AF_INET;
     address.sin_port = htons((unsigned short)atoi(argv[1]));
@@ -111,7 +112,8 @@ int main(int argc, char **argv) {
     begin("Admin", 1, tag);
     u32(5);
     u32(id);
-    u32(2 + 2 + 2 + 2 + 0 + 2 + 60 + 2 + 9 + 4 + 5 + 2 + 4 + 2 + 16);
+    length = size;
+    u32(0); /* the length of the call, set below */
     text("US");
     text("en");
     text("");
@@ -122,6 +124,8 @@ int main(int argc, char **argv) {
     text("");
     u32(1);
     text("java.lang.String");
+    call = htonl((unsigned)(size - length - 4));
+    memcpy(request + length, &call, 4);
     printStatistics(flow(connection, 34));
     begin("BASE", 10, 0xFFFFFFFF);
     flow(connection, 33);

@@ -24,45 +24,11 @@ constexpr std::size_t kMany = 1000;
 // ---- Queries -------------------------------------------------------------------------------------------------
 
 void smallQuery(State& state, Goal goal) {
-  Peer peer(statsAnswer(kSmall));
-  Connection library(peer);
-  const BareQuery bare(peer, library);
+  const Bytes answer = statsAnswer(kSmall);
+  Peer peer(answer);
+  Connection library(peer.port());
+  const BareQuery bare(peer.port(), answer);
   measure(state, goal, 10, {{"bare", [&] { bare(); }}, {"call", [&] { library.query(); }}});
-}
-
-// An answer, the buffer that it is decoded into, and the floor of decoding.
-struct Decoding {
-  explicit Decoding(std::size_t statistics)
-      : count(statistics), answer(statsAnswer(statistics)), buffer(kResultSetBufferSize) {
-    const Bytes id = makeStats(1)[0].id;
-    first = answer.find(id) - 2 - 7;  // ahead of the length, the class and the block's head
-  }
-  void decode() {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(answer.data());
-    require(parseStatsData(bytes, buffer.data()) == 0, "parseStatsData failed");
-  }
-  void step() const { benchmark::DoNotOptimize(stepOverLengths(answer.data() + first, count)); }
-
-  std::size_t count;
-  Bytes answer;
-  std::vector<char> buffer;
-  std::size_t first;
-};
-
-void largeQuery(State& state, Goal goal) {
-  Decoding decoding(kMany);
-  Peer peer(decoding.answer);
-  Connection library(peer);
-  const BareQuery bare(peer, library);
-  state.counters["answer bytes"] = static_cast<double>(peer.replySize());
-  measure(state, goal, 5,
-          {{"bare", [&] { bare(); }}, {"decoding", [&] { decoding.decode(); }}, {"call", [&] { library.query(); }}},
-          [](auto times) { return (times[2] - times[1]) / times[0]; });
-}
-
-void decodeMany(State& state, Goal goal) {
-  Decoding decoding(kMany);
-  measure(state, goal, 10, {{"bare", [&] { decoding.step(); }}, {"call", [&] { decoding.decode(); }}});
 }
 
 // ---- Walks ---------------------------------------------------------------------------------------------------
@@ -83,13 +49,13 @@ void walkAnswer(State& state, Goal goal, ResultSetToken* answer) {
 
 void walkOwn(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
-  Connection library(peer);
+  Connection library(peer.port());
   walkAnswer(state, goal, library.query());
 }
 
 void walkCopy(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
-  Connection library(peer);
+  Connection library(peer.port());
   ResultSetToken* copy = nullptr;
   require(copyResultSet(library.query(), &copy) == ZEB_OK, "copyResultSet failed");
   walkAnswer(state, goal, copy);
@@ -97,17 +63,17 @@ void walkCopy(State& state, Goal goal) {
 }
 
 void wholeCycle(State& state, Goal goal) {
-  Decoding decoding(kMany);
-  Peer peer(decoding.answer);
-  Connection library(peer);
-  const BareQuery bare(peer, library);
-  ResultSetToken* answer = library.query();
+  const WireAnswer answer(kMany);
+  Peer peer(answer.bytes);
+  Connection library(peer.port());
+  const BareQuery bare(peer.port(), answer.bytes);
+  ResultSetToken* decoded = library.query();
   measure(state, goal, 5,
           {{"bare",
             [&] {
               bare();
-              decoding.step();
-              stepEntries(answer);
+              answer.step();
+              stepEntries(decoded);
             }},
            {"call", [&] { walk(library.query()); }}});
 }
@@ -116,7 +82,7 @@ void wholeCycle(State& state, Goal goal) {
 
 void copyWarm(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
-  Connection library(peer);
+  Connection library(peer.port());
   ResultSetToken* answer = library.query();
   std::vector<char> room(kResultSetBufferSize);
   measure(state, goal, 10,
@@ -134,7 +100,7 @@ void copyWarm(State& state, Goal goal) {
 
 void joinMany(State& state, Goal goal) {
   Peer peer(idsAnswer(kMany));
-  Connection library(peer);
+  Connection library(peer.port());
   ResultSetToken* ids = library.queryIds();
   std::vector<char> room(kQueryStringSize);
   char* joined = nullptr;
@@ -154,7 +120,7 @@ void joinMany(State& state, Goal goal) {
 void openAndClose(State& state, Goal goal) {
   Peer peer(statsAnswer(kSmall));
   peer.startRecording();
-  { const Connection recorded(peer); }
+  { const Connection recorded(peer.port()); }
   const std::vector<Bytes> requests = peer.stopRecording();
   require(requests.size() == 6, "opening and closing is not six exchanges");
   // The replies: handshake, the two steps of the authorisation, opening call, protocol version, close.
@@ -168,7 +134,7 @@ void openAndClose(State& state, Goal goal) {
                 exchangeBare(connection, requests[i], sizes[i]);
               close(connection);
             }},
-           {"call", [&] { const Connection opened(peer); }}});
+           {"call", [&] { const Connection opened(peer.port()); }}});
 }
 
 // The lines of one call, as the trace file holds them.
@@ -192,7 +158,8 @@ void traceLine(State& state, Goal goal) {
   measure(state, goal, 20,
           {{"bare",
             [&] {
-              for (const Bytes& line : lines) require(write(file, line.data(), line.size()) > 0, "can not write");
+              for (const Bytes& line : lines)
+                require(write(file, line.data(), line.size()) > 0, "can not write");
             }},
            {"call", [&] { getAPITraceLevel(&level); }}});
   setAPITraceLevel(0);
@@ -203,27 +170,12 @@ void traceLine(State& state, Goal goal) {
 
 // ---- Growth --------------------------------------------------------------------------------------------------
 
-// Each step handles kGrowthTotal statistics, in answers of so many.
-constexpr std::size_t kSizes[] = {10, 100, 1000, 3000};
-constexpr std::size_t kGrowthTotal = 3000;
-
-// By how much the time per statistic grows from 100 statistics on.
-double growth(std::span<const double> times) {
-  double least = times[1];
-  double worst = 1;
-  for (const double time : times.subspan(2)) {
-    worst = std::max(worst, time / least);
-    least = std::min(least, time);
-  }
-  return worst;
-}
-
+// Each step handles as many statistics, in answers of so many.
 struct SizedGateway {
-  explicit SizedGateway(std::size_t count) : decoding(count), peer(decoding.answer), library(peer) {
+  explicit SizedGateway(std::size_t count) : peer(statsAnswer(count)), library(peer.port()) {
     answer = library.query();
     requireEntries(answer, count);
   }
-  Decoding decoding;
   Peer peer;
   Connection library;
   ResultSetToken* answer;
@@ -232,30 +184,32 @@ struct SizedGateway {
 void measureGrowth(State& state, Goal goal, void (*work)(SizedGateway&)) {
   std::vector<std::unique_ptr<SizedGateway>> gateways;
   std::vector<Step> steps;
-  for (const std::size_t size : kSizes) {
+  for (const std::size_t size : kGrowthSizes) {
     gateways.push_back(std::make_unique<SizedGateway>(size));
     steps.push_back({std::to_string(size), [&gateway = *gateways.back(), size, work] {
                        for (std::size_t done = 0; done < kGrowthTotal; done += size) work(gateway);
                      }});
   }
-  measure(state, goal, 1, steps, growth);
+  measure(state, goal, 1, steps, growthFromSecond);
 }
 
 // A query of the first of many connections, which the search of the list finds at once, held against the bare
 // query; and of the last one, to show what the search costs.
 void manyConnections(State& state, Goal goal) {
+  const Bytes answer = statsAnswer(kSmall);
   double flattest = 0;
   double steepest = 0;
   for (const int count : {1, 16, 64, 256}) {
-    Peer peer(statsAnswer(kSmall), count + 1);
+    const PeerProcess peer(kSmall, count + 1);  // whose many threads do not slow down a change of a signal
     std::vector<std::unique_ptr<Connection>> connections;
-    for (int i = 0; i < count; ++i) connections.push_back(std::make_unique<Connection>(peer));
-    const BareQuery bare(peer, *connections.front());
+    for (int i = 0; i < count; ++i) connections.push_back(std::make_unique<Connection>(peer.port()));
+    const BareQuery bare(peer.port(), answer);
     const std::vector<double> medians = runRounds(10, {{"bare", [&] { bare(); }},
                                                        {"first", [&] { connections.front()->query(); }},
                                                        {"last", [&] { connections.back()->query(); }}})
                                             .medians();
     const std::string many = std::to_string(count) + " connections ";
+    state.counters[many + "bare ns"] = medians[0];
     state.counters[many + "first ns"] = medians[1];
     state.counters[many + "last ns"] = medians[2];
     const double ratio = secondOverFirst(medians);
@@ -270,8 +224,6 @@ void manyConnections(State& state, Goal goal) {
 int main(int argc, char** argv) {
   pinToOneCore();
   addRow("P1 getStats, small answer / the same four bare sends and receives", {1.18, 1.12}, smallQuery);
-  addRow("P2 getStats, 43 kB answer, decoding not counted / bare", {1.16, 1.10}, largeQuery);
-  addRow("P3 decoding 1,000 statistics / stepping over their lengths", {1.40, 1.15}, decodeMany);
   addRow("P4 walk of a connection's own 1,000 statistics / bare pointer loop", {1.9, 1.5}, walkOwn);
   addRow("P5 walk of a copy / bare pointer loop", {1.7, 1.4}, walkCopy);
   addRow("P6 query, decoding and walk of 1,000 / sum of the floors", {1.35, 1.20}, wholeCycle);
@@ -281,9 +233,6 @@ int main(int argc, char** argv) {
   addRow("P11 getIdQuery over 1,000 ids / bare loop joining them", {2.0, 1.5}, joinMany);
   addRow("P16 time per statistic of a query, 100 to 3,000: growth", {1.10, 0}, [](State& state, Goal goal) {
     measureGrowth(state, goal, [](SizedGateway& gateway) { gateway.library.query(); });
-  });
-  addRow("P16 time per statistic of decoding, 100 to 3,000: growth", {1.10, 0}, [](State& state, Goal goal) {
-    measureGrowth(state, goal, [](SizedGateway& gateway) { gateway.decoding.decode(); });
   });
   addRow("P16 time per statistic of a walk, 100 to 3,000: growth", {1.10, 0}, [](State& state, Goal goal) {
     measureGrowth(state, goal, [](SizedGateway& gateway) { walk(gateway.answer); });

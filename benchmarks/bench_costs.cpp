@@ -1,8 +1,6 @@
 // What the calls cost besides time, counted: system calls, heap calls, resident memory.
 
-#include <dlfcn.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -57,7 +55,7 @@ int countHeapCalls(Call call) {
 
 int heapCallsOfQuery(std::size_t statistics) {
   Peer peer(statsAnswer(statistics));
-  Connection library(peer);
+  Connection library(peer.port());
   return countHeapCalls([&] { library.query(); });
 }
 
@@ -71,7 +69,7 @@ void heapPerStatistic(State& state, Goal goal) {
 
 void heapOfTextQuery(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
-  Connection library(peer);
+  Connection library(peer.port());
   report(state, goal, countHeapCalls([&] {
            ResultSetToken* answer = nullptr;
            require(getStatsByStatId(library.token(), "VM_UPTIME", &answer) == ZEB_OK, "the query failed");
@@ -82,7 +80,7 @@ void heapOfTextQuery(State& state, Goal goal) {
 
 template <typename Prepare>
 [[noreturn]] void runTraced(const Peer& peer, Prepare prepare) {
-  Connection library(peer);
+  Connection library(peer.port());
   auto call = prepare(library);
   call();
   ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -112,6 +110,7 @@ void countSystemCalls(State& state, Goal goal, const Bytes& answer, Prepare prep
   if (child == 0) runTraced(peer, prepare);
   int status;
   waitpid(child, &status, 0);
+  ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
   long call = WIFSTOPPED(status) ? nextSystemCall(child) : -1;
   while (call != SYS_getppid && call >= 0) call = nextSystemCall(child);
   int count = 0;
@@ -132,9 +131,8 @@ void callsOfQuery(State& state, Goal goal) {
 }
 
 void callsOfWalk(State& state, Goal goal) {
-  countSystemCalls(state, goal, statsAnswer(kMany), [](Connection& library) {
-    return [answer = library.query()] { walk(answer); };
-  });
+  countSystemCalls(state, goal, statsAnswer(kMany),
+                   [](Connection& library) { return [answer = library.query()] { walk(answer); }; });
 }
 
 void callsOfIdQuery(State& state, Goal goal) {
@@ -159,59 +157,21 @@ double residentKilobytes() {
 
 constexpr int kIdle = 200;
 
-// The peer lives in another process, whose memory is not counted.
-class PeerProcess {
- public:
-  PeerProcess() {
-    int ends[2];
-    require(pipe(ends) == 0, "no pipe");
-    child_ = fork();
-    if (child_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      const Peer peer(statsAnswer(1), kIdle + 2);
-      const std::uint16_t port = peer.port();
-      require(write(ends[1], &port, sizeof port) == sizeof port, "no port");
-      for (;;) pause();
-    }
-    require(read(ends[0], &port_, sizeof port_) == sizeof port_, "no port");
-    close(ends[0]);
-    close(ends[1]);
-  }
-  ~PeerProcess() {
-    kill(child_, SIGKILL);
-    waitpid(child_, nullptr, 0);
-  }
-  GatewayToken* open() const {
-    GatewayToken* token = nullptr;
-    char* version = nullptr;
-    require(openGatewayConnection(port_, &token, &version) == ZEB_OK, "can not open a connection");
-    free(version);
-    return token;
-  }
-
- private:
-  pid_t child_ = -1;
-  std::uint16_t port_ = 0;
-};
-
 void idleMemory(State& state, Goal goal) {
-  const PeerProcess peer;
-  GatewayToken* first = peer.open();  // what all share is there now
-  static GatewayToken* tokens[kIdle];
-  for (GatewayToken*& token : tokens) token = nullptr;
+  const PeerProcess peer(1, kIdle + 1);  // whose memory is not counted
+  const Connection first(peer.port());   // brings what all of them share
+  std::vector<std::unique_ptr<Connection>> idle(kIdle);
   residentKilobytes();
   const double before = residentKilobytes();
-  for (GatewayToken*& token : tokens) token = peer.open();
-  report(state, goal, (residentKilobytes() - before) * 1024 / 1000 / kIdle);
-  for (GatewayToken*& token : tokens) closeGatewayConnection(&token);
-  closeGatewayConnection(&first);
+  for (auto& connection : idle) connection = std::make_unique<Connection>(peer.port());
+  report(state, goal, (residentKilobytes() - before) / kIdle);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   pinToOneCore();
-  addRow("P14 resident kB (1,000 bytes) that an idle connection adds", {9, 8.5}, idleMemory);
+  addRow("P14 resident kB that an idle connection adds", {9, 8.5}, idleMemory);
   addRow("P12 system calls of getStats", {12, 12}, callsOfQuery);
   addRow("P12 system calls of a walk of 1,000", {0, 0}, callsOfWalk);
   addRow("P12 system calls of getIdQuery over 1,000 ids", {0, 0}, callsOfIdQuery);

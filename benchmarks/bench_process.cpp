@@ -2,16 +2,18 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "gateway_model.h"
 #include "peer.h"
 #include "rounds.h"
 
 namespace {
 
 using namespace zebbench;
+
+constexpr std::size_t kStatistics = 60;
 
 void runProgram(std::vector<std::string> words) {
   std::vector<char*> arguments;
@@ -28,13 +30,29 @@ void runProgram(std::vector<std::string> words) {
   posix_spawn_file_actions_destroy(&actions);
 }
 
+std::size_t countLines(const std::string& command) {
+  FILE* output = popen(command.c_str(), "r");
+  require(output != nullptr, "can not start a program");
+  std::size_t lines = 0;
+  for (int c; (c = fgetc(output)) != EOF;) lines += c == '\n' ? 1 : 0;
+  pclose(output);
+  return lines;
+}
+
 void compareProcesses(benchmark::State& state, Goal goal) {
-  const zebsim::GatewayModel model({});
-  const Peer peer(zebsim::encodeAnswer(model.stats("", 3600)));
+  const Peer peer(statsAnswer(kStatistics));
   const std::string port = std::to_string(peer.port());
+  require(countLines(BARE_PROGRAM " " + port) == kStatistics, "the bare program does not print them all");
+  require(countLines(ZEBSTAT_PROGRAM " stats --port " + port) >= kStatistics,
+          "zebstat does not print them all");
   measure(state, goal, 1,
-          {{"bare", [&] { runProgram({BARE_PROGRAM, port}); }},
-           {"zebstat", [&] { runProgram({ZEBSTAT_PROGRAM, "--port", port, "stats"}); }}});
+          {{"bare",
+            [&] {
+              runProgram({BARE_PROGRAM, port});
+            }},
+           {"zebstat", [&] {
+              runProgram({ZEBSTAT_PROGRAM, "--port", port, "stats"});
+            }}});
 }
 
 }  // namespace

@@ -77,11 +77,9 @@ void compareBuilds(State& state, Goal goal, std::size_t count, void (Library::*w
 
 int main(int argc, char** argv) {
   pinToOneCore();
-  addRow("P7 query, trace off / trace points compiled out", {1.02, 0}, [](State& state, Goal goal) {
-    compareBuilds(state, goal, kSmall, &Library::query);
-  });
-  addRow("P7 walk, trace off / trace points compiled out", {1.20, 1.10}, [](State& state, Goal goal) {
-    compareBuilds(state, goal, kMany, &Library::walk);
-  });
+  addRow("P7 query, trace off / trace points compiled out", {1.02, 0},
+         [](State& state, Goal goal) { compareBuilds(state, goal, kSmall, &Library::query); });
+  addRow("P7 walk, trace off / trace points compiled out", {1.20, 1.10},
+         [](State& state, Goal goal) { compareBuilds(state, goal, kMany, &Library::walk); });
   return runRows(argc, argv);
 }

@@ -15,9 +15,9 @@ namespace zebbench {
 
 class Connection {
  public:
-  explicit Connection(const Peer& peer) {
+  explicit Connection(std::uint16_t port) {
     char* version = nullptr;
-    require(openGatewayConnection(peer.port(), &token_, &version) == ZEB_OK, "can not open a connection");
+    require(openGatewayConnection(port, &token_, &version) == ZEB_OK, "can not open a connection");
     free(version);
   }
   Connection(const Connection&) = delete;
@@ -50,10 +50,13 @@ inline int walk(ResultSetToken* answer) {
 // Sends what the library sends for getStats and receives what it receives.
 class BareQuery {
  public:
-  BareQuery(Peer& peer, Connection& library) : socket_(connectBare(peer.port())), replySize_(peer.replySize()) {
-    peer.startRecording();
+  BareQuery(std::uint16_t port, const Bytes& answer) : socket_(connectBare(port)) {
+    Peer recorder(answer);
+    Connection library(recorder.port());
+    recorder.startRecording();
     library.query();
-    requests_ = peer.stopRecording();
+    requests_ = recorder.stopRecording();
+    replySize_ = recorder.replySize();
     require(requests_.size() == 2, "a query is not two exchanges");
   }
   BareQuery(const BareQuery&) = delete;
@@ -67,7 +70,7 @@ class BareQuery {
 
  private:
   int socket_;
-  std::size_t replySize_;
+  std::size_t replySize_ = 0;
   std::vector<Bytes> requests_;
 };
 

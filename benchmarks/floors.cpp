@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "peer.h"
+
 namespace zebbench {
 namespace {
 
@@ -24,6 +26,19 @@ std::size_t wireLength(const char* at) {
 
 }  // namespace
 
+WireAnswer::WireAnswer(std::size_t statistics)
+    : count(statistics),
+      bytes(statsAnswer(statistics)),
+      first(bytes.find(makeStats(1)[0].id) - 2 - 7) {}  // ahead of its length, its class, its block's head
+
+void WireAnswer::step() const {
+  benchmark::DoNotOptimize(stepOverLengths(bytes.data() + first, count));
+}
+
+std::span<const std::uint8_t> WireAnswer::callData() const {
+  return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
+}
+
 const char* stepOverLengths(const char* at, std::size_t count) {
   static_assert(std::endian::native == std::endian::little);
   for (std::size_t i = 0; i < count; ++i) {
@@ -36,13 +51,14 @@ const char* stepOverLengths(const char* at, std::size_t count) {
 }
 
 void stepOverEntries(char* at, StatData& record) {
-  while (load<std::int32_t>(at) != kTerminator) {
-    record.statIdLen = load<std::int32_t>(at);
+  for (std::int32_t length; (length = load<std::int32_t>(at)) != kTerminator;) {
+    record.statIdLen = length;
     record.statIdPtr = at + 4;
-    at += 4 + record.statIdLen;
-    record.statValueLen = load<std::int32_t>(at);
+    at += 4 + static_cast<std::uint32_t>(length);
+    length = load<std::int32_t>(at);
+    record.statValueLen = length;
     record.statValuePtr = at + 4;
-    at += 4 + record.statValueLen;
+    at += 4 + static_cast<std::uint32_t>(length);
     benchmark::DoNotOptimize(record);
   }
 }

@@ -3,10 +3,24 @@
 #define ZEB_BENCH_FLOORS_H
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
 
 #include "zebstats.h"
 
 namespace zebbench {
+
+// An answer in memory, and the place of its first statistic.
+struct WireAnswer {
+  explicit WireAnswer(std::size_t statistics);
+  void step() const;  // over the lengths of its statistics
+  [[nodiscard]] std::span<const std::uint8_t> callData() const;
+
+  std::size_t count;
+  std::string bytes;
+  std::size_t first;
+};
 
 // Steps over the lengths of count statistics on the wire; at is the first of them. Returns the end.
 const char* stepOverLengths(const char* at, std::size_t count);

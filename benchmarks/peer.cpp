@@ -2,7 +2,10 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -56,19 +59,22 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 zebsim::Stats makeStats(std::size_t count) {
+  constexpr std::size_t kShortest = 26;  // of id and value together, which makes a thousand of them 43 kB
   constexpr std::size_t kLongest = 40;
-  const zebsim::GatewayModel model({.seed = 1, .scale = 100});
+  const zebsim::GatewayModel model({.seed = 1, .scale = 1000});
   zebsim::Stats stats;
   const zebsim::Answer answer = model.stats("", 3600);
   for (const auto& stat : std::get<zebsim::Stats>(answer.responses.at(0).items)) {
-    if (stats.size() < count && stat.value.size() <= kLongest) stats.push_back(stat);
+    const std::size_t size = stat.id.size() + stat.value.size();
+    if (stats.size() < count && size >= kShortest && size <= kLongest) stats.push_back(stat);
   }
   require(stats.size() == count, "the simulated gateway has too few statistics");
   return stats;
 }
 
 Bytes statsAnswer(std::size_t count) {
-  return zebsim::encodeAnswer({.isList = false, .responses = {{.query = "", .rc = 0, .items = makeStats(count)}}});
+  return zebsim::encodeAnswer(
+      {.isList = false, .responses = {{.query = "", .rc = 0, .items = makeStats(count)}}});
 }
 
 Bytes idsAnswer(std::size_t count) {
@@ -135,6 +141,27 @@ const Bytes& Peer::chooseReply(const char* request) const {
   }
   if (first == zebsim::kOpening) return replies_.opening;
   return first == zebsim::kGetAttribute ? replies_.protocol : replies_.answer;
+}
+
+PeerProcess::PeerProcess(std::size_t statistics, int workers) {
+  int ends[2];
+  require(pipe(ends) == 0, "can not make a pipe");
+  child_ = fork();
+  if (child_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const Peer peer(statsAnswer(statistics), workers);
+    const std::uint16_t port = peer.port();
+    require(write(ends[1], &port, sizeof port) == sizeof port, "can not tell the port");
+    for (;;) pause();
+  }
+  require(read(ends[0], &port_, sizeof port_) == sizeof port_, "a peer does not start");
+  close(ends[0]);
+  close(ends[1]);
+}
+
+PeerProcess::~PeerProcess() {
+  kill(child_, SIGKILL);
+  waitpid(child_, nullptr, 0);
 }
 
 int connectBare(std::uint16_t port) {

@@ -17,14 +17,13 @@ namespace zebbench {
 
 using zebsim::Bytes;
 
-// The first so many statistics of a simulated gateway, short values only.
+// The first so many statistics of a simulated gateway, of medium length only.
 zebsim::Stats makeStats(std::size_t count);
 // The bean's answer: what the library's parsers are given.
 Bytes statsAnswer(std::size_t count);
 Bytes idsAnswer(std::size_t count);
 
-// Listens at once. Each connection is served by one of the workers, which run on the caller's core; a process
-// that is to be measured forks first and lets the child serve.
+// Listens at once. Each connection is served by one of the workers, which run on the caller's core.
 class Peer {
  public:
   explicit Peer(const Bytes& answer, int workers = 2);
@@ -52,6 +51,20 @@ class Peer {
   std::atomic<bool> recording_ = false;
   std::vector<Bytes> recorded_;
   std::vector<std::thread> workers_;
+};
+
+// A peer in a process of its own, where its answer is made too.
+class PeerProcess {
+ public:
+  PeerProcess(std::size_t statistics, int workers);
+  PeerProcess(const PeerProcess&) = delete;
+  PeerProcess& operator=(const PeerProcess&) = delete;
+  ~PeerProcess();
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+
+ private:
+  pid_t child_ = -1;
+  std::uint16_t port_ = 0;
 };
 
 // A bare client: connects, exchanges, closes, and nothing else.

@@ -39,6 +39,16 @@ double secondOverFirst(std::span<const double> times) {
   return times[1] / times[0];
 }
 
+double growthFromSecond(std::span<const double> times) {
+  double least = times[1];
+  double worst = 1;
+  for (const double time : times.subspan(2)) {
+    worst = std::max(worst, time / least);
+    least = std::min(least, time);
+  }
+  return worst;
+}
+
 std::vector<double> Rounds::medians() const {
   std::vector<double> result;
   for (const auto& step : times) result.push_back(quantile(step, 0.5));
@@ -68,9 +78,12 @@ Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
 }
 
 void addRow(const std::string& name, Goal goal, std::function<void(benchmark::State&, Goal)> body) {
-  benchmark::RegisterBenchmark(name.c_str(), [goal, body = std::move(body)](benchmark::State& state) {
-    for ([[maybe_unused]] auto iteration : state) body(state, goal);
-  })->Iterations(1)->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [goal, body = std::move(body)](benchmark::State& state) {
+                                 for ([[maybe_unused]] auto iteration : state) body(state, goal);
+                               })
+      ->Iterations(1)
+      ->Unit(benchmark::kMillisecond);
 }
 
 void report(benchmark::State& state, Goal goal, double value) {

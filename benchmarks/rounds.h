@@ -18,6 +18,9 @@
 namespace zebbench {
 
 constexpr int kRounds = 301;
+// The answers by which growth is told: each handled until so many statistics are.
+constexpr std::size_t kGrowthSizes[] = {10, 100, 1000, 3000};
+constexpr std::size_t kGrowthTotal = 3000;
 
 // What a value must not exceed, or with atLeast not fall below; aim is what would be better still, 0: none.
 struct Goal {
@@ -36,6 +39,9 @@ using Value = std::function<double(std::span<const double>)>;
 
 // The second step against the first.
 double secondOverFirst(std::span<const double> times);
+
+// By how much the times grow from the second step on.
+double growthFromSecond(std::span<const double> times);
 
 // What the rounds took: times[step][round], in nanoseconds.
 struct Rounds {

@@ -11,6 +11,7 @@
 #include <errno.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -43,15 +44,21 @@ LockRecord traceLock = {};
 namespace zeb {
 namespace {
 
+std::uint32_t noPid = 0;
 int traceHeaderWrite = 0;  // 1: the banner stands in the current destination
 pthread_mutex_t streamMutex = PTHREAD_MUTEX_INITIALIZER;
 
 class StreamGuard {
  public:
-  StreamGuard() noexcept { pthread_mutex_lock(&streamMutex); }
-  ~StreamGuard() { pthread_mutex_unlock(&streamMutex); }
+  StreamGuard() noexcept : isHeld_(pthread_mutex_lock(&streamMutex) == 0) {}
+  ~StreamGuard() {
+    if (isHeld_) pthread_mutex_unlock(&streamMutex);
+  }
   StreamGuard(const StreamGuard&) = delete;
   StreamGuard& operator=(const StreamGuard&) = delete;
+
+ private:
+  bool isHeld_;
 };
 
 // Tracing must not disturb what it reports on: later steps read errno.
@@ -67,6 +74,50 @@ FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
 }
 
+char* putDigits(char* at, int value, int width, char behind) noexcept {
+  for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
+  at[width] = behind;
+  return at + width + 1;
+}
+
+// "%d/%m/%y" and the character behind it.
+char* putDate(char* at, const tm& local, char behind) noexcept {
+  at = putDigits(at, local.tm_mday, 2, '/');
+  at = putDigits(at, local.tm_mon + 1, 2, '/');
+  return putDigits(at, local.tm_year % 100, 2, behind);
+}
+
+constexpr std::size_t kMillisecondsAt = 18;
+
+void putMilliseconds(char* dst, const timeval& now) noexcept {
+  putDigits(dst + kMillisecondsAt, static_cast<int>(now.tv_usec / 1000), 3, '\0');
+}
+
+void putTimestamp(char* dst, const timeval& now) noexcept {
+  tm local = {};
+  localtime_r(&now.tv_sec, &local);
+  char* at = putDate(dst, local, ' ');
+  at = putDigits(at, local.tm_hour, 2, ':');
+  at = putDigits(at, local.tm_min, 2, ':');
+  putDigits(at, local.tm_sec, 2, ':');
+  putMilliseconds(dst, now);
+}
+
+// The caller holds traceLock. Of the lines of one second only the first asks for the local time, which is slow;
+// a new time zone shows from the next second on.
+void refreshTimeStamp() noexcept {
+  static time_t second = -1;
+  static char text[sizeof timeStamp];
+  timeval now = {};
+  gettimeofday(&now, nullptr);
+  if (now.tv_sec != second) {
+    putTimestamp(text, now);
+    second = now.tv_sec;
+  }
+  putMilliseconds(text, now);
+  memcpy(timeStamp, text, sizeof timeStamp);
+}
+
 enum class Time { fresh, asBefore };
 
 // The caller holds traceLock. format is the prefix and the message in one literal, checked where it stands;
@@ -75,7 +126,7 @@ void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
   traceFmtStr[kTracePrefixLength + length] = '\0';
-  if (time == Time::fresh) getTimestamp(timeStamp);
+  if (time == Time::fresh) refreshTimeStamp();
   tracePid = shownPid();
   traceTid = shownTid();
   iTid = traceTid;
@@ -100,19 +151,6 @@ FILE* openTraceFile(const char* name, int& error) noexcept {
   FILE* opened = fopen(name, "a");
   if (opened == nullptr) error = errno;
   return opened;
-}
-
-char* putDigits(char* at, int value, int width, char behind) noexcept {
-  for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
-  at[width] = behind;
-  return at + width + 1;
-}
-
-// "%d/%m/%y" and the character behind it.
-char* putDate(char* at, const tm& local, char behind) noexcept {
-  at = putDigits(at, local.tm_mday, 2, '/');
-  at = putDigits(at, local.tm_mon + 1, 2, '/');
-  return putDigits(at, local.tm_year % 100, 2, behind);
 }
 
 void appendText(StorageDump& dump, char c) noexcept {
@@ -164,8 +202,27 @@ int dumpLines(StorageDump dump) noexcept {
 
 }  // namespace
 
-std::uint32_t shownPid() noexcept {
-  return static_cast<std::uint32_t>(getpid());
+std::uint32_t* rememberedPid = &noPid;
+
+void startRememberingPid() noexcept {
+  const ErrnoKeeper keeper;
+  if (rememberedPid != &noPid) return;
+  const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* const page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) return;
+  // Who takes an advice that does not exist, as emulators do, heeds none.
+  constexpr int kNoAdvice = -1;
+  if (madvise(page, size, kNoAdvice) != 0 && madvise(page, size, MADV_WIPEONFORK) == 0) {
+    rememberedPid = static_cast<std::uint32_t*>(page);
+  } else {
+    munmap(page, size);
+  }
+}
+
+std::uint32_t askPid() noexcept {
+  const auto pid = static_cast<std::uint32_t>(getpid());
+  if (rememberedPid != &noPid) std::atomic_ref(*rememberedPid).store(pid, std::memory_order_relaxed);
+  return pid;
 }
 
 std::uint32_t shownTid() noexcept {
@@ -315,16 +372,9 @@ char* getTraceDate(char* dst) noexcept {
 }
 
 char* getTimestamp(char* dst) noexcept {
-  const ErrnoKeeper keeper;
   timeval now = {};
   gettimeofday(&now, nullptr);
-  tm local = {};
-  localtime_r(&now.tv_sec, &local);
-  char* at = putDate(dst, local, ' ');
-  at = putDigits(at, local.tm_hour, 2, ':');
-  at = putDigits(at, local.tm_min, 2, ':');
-  at = putDigits(at, local.tm_sec, 2, ':');
-  putDigits(at, static_cast<int>(now.tv_usec / 1000), 3, '\0');
+  putTimestamp(dst, now);
   return dst;
 }
 

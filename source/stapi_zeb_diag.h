@@ -30,11 +30,29 @@ inline void setTraceLevel(int level) noexcept {
   std::atomic_ref<int>(statAPITrace).store(level, std::memory_order_relaxed);
 }
 
+// Where the process id stands between two questions to the kernel: on a page that the kernel clears in every
+// child, whichever way it is made. Until there is one, and where no such page is to be had, this is a 0, and
+// every question goes to the kernel.
+extern std::uint32_t* rememberedPid;
+[[gnu::cold]] void startRememberingPid() noexcept;
+[[gnu::cold]] std::uint32_t askPid() noexcept;
+inline std::uint32_t currentPid() noexcept {
+  const std::uint32_t pid = std::atomic_ref(*rememberedPid).load(std::memory_order_relaxed);
+  return pid != 0 ? pid : askPid();
+}
+
 // The process id and the low 32 bits of the thread id, as trace lines show them.
-std::uint32_t shownPid() noexcept;
+inline std::uint32_t shownPid() noexcept {
+  return currentPid();
+}
 std::uint32_t shownTid() noexcept;
 inline std::uint32_t shownTid(ThreadId tid) noexcept {
   return static_cast<std::uint32_t>(tid);
+}
+
+// The owner check of tokens and result sets, where nothing of it is to be traced.
+inline bool isCaller(std::uint32_t pid, ThreadId tid) noexcept {
+  return currentPid() == pid && pthread_equal(pthread_self(), tid) != 0;
 }
 
 // An address that is only printed, and may have been freed by then.

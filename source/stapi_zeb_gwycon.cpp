@@ -3,6 +3,7 @@
 // A socket belongs to the thread that works on its gateway token; no lock is taken here.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -57,10 +58,22 @@ int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
   return 0;
 }
 
+// A host may have closed its standard streams, but goes on writing to them, as the trace does: none of that is
+// for the gateway.
+int openSocketOffStandardStreams(const addrinfo& address) noexcept {
+  const int opened = socket(address.ai_family, address.ai_socktype, address.ai_protocol);
+  if (opened < 0 || opened > STDERR_FILENO) return opened;
+  const int moved = fcntl(opened, F_DUPFD, STDERR_FILENO + 1);
+  const int error = errno;
+  close(opened);
+  errno = error;
+  return moved;
+}
+
 int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   TRACE_DEBUG(3013, "stapi_zeb_gwycon.connectToGateway Creating socket for family %d, type %d, protocol %d\n",
               address.ai_family, address.ai_socktype, address.ai_protocol);
-  socketDescriptor = socket(address.ai_family, address.ai_socktype, address.ai_protocol);
+  socketDescriptor = openSocketOffStandardStreams(address);
   if (socketDescriptor < 0) {
     const int error = errno;
     TRACE_EXC(3001, "stapi_zeb_gwycon.connectToGatewayUnable to create a socket: %s(%d)\n", strerror(error),

@@ -318,7 +318,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
     releaseToken(*token);
     return ZEB_NO_MEMORY;
   }
-  sealBuffer(token->resultSetBuf);
+  emptyBuffer(token->resultSetBuf);
   token->connRSToken->head = token->connRSToken->next = token->resultSetBuf;
   return 0;
 }

@@ -31,6 +31,7 @@ pthread_mutex_t initMutex = PTHREAD_MUTEX_INITIALIZER;
 
 int initialize() noexcept {
   setTraceLevel(kLevelException);
+  startRememberingPid();
   int rc = initTrace();
   if (rc != 0) {
     fprintf(stderr, "API.stapiInit() Initialization of zebstats API trace has failed. rc=%d\n", rc);
@@ -46,6 +47,13 @@ int initialize() noexcept {
   setTraceLevel(0);
   stapiState.store(1, std::memory_order_release);
   return 0;
+}
+
+[[gnu::noinline, gnu::cold]] int initializeOnce() noexcept {
+  const bool isHeld = pthread_mutex_lock(&initMutex) == 0;
+  const int rc = stapiState.load(std::memory_order_relaxed) != 0 ? 0 : initialize();
+  if (isHeld) pthread_mutex_unlock(&initMutex);
+  return rc;
 }
 
 // ---- String copies -------------------------------------------------------------------------------------------
@@ -88,11 +96,7 @@ int duplicateString(const char* call, const char* dataPtr, char** outputPtr) noe
 }  // namespace
 
 int stapiInit() noexcept {
-  if (stapiState.load(std::memory_order_acquire) != 0) return 0;
-  pthread_mutex_lock(&initMutex);
-  const int rc = stapiState.load(std::memory_order_relaxed) != 0 ? 0 : initialize();
-  pthread_mutex_unlock(&initMutex);
-  return rc;
+  return stapiState.load(std::memory_order_acquire) != 0 ? 0 : initializeOnce();
 }
 
 int dup2ASCIIString(const char* dataPtr, char** outputPtr) noexcept {
@@ -191,6 +195,7 @@ int checkToken(const char* call, const GatewayToken* gwTok, ResultSetToken** rsP
     TRACE_EXC(1051, "API.%s(gwTok=%p) resultSetBuf is NULL. Connection may have gone.\n", call, gwTok);
     return ZEB_NO_RESULT_SET_BUFFER;
   }
+  sealBuffer(gwTok->resultSetBuf);
   return 0;
 }
 
@@ -258,17 +263,25 @@ struct StatWalk {
   static constexpr auto getFirst = getFirstStat;
   static constexpr auto getNext = getNextStat;
 
-  static void read(ResultSetReader& in, StatData& element) noexcept {
-    element.statIdLen = in.integer();
-    element.statIdPtr = in.chars(element.statIdLen);
-    element.statValueLen = in.integer();
-    element.statValuePtr = in.chars(element.statValueLen);
+  struct Element {
+    std::int32_t idLen;
+    char* id;
+    std::int32_t valueLen;
+    char* value;
+  };
+  static Element read(ResultSetReader& in) noexcept {
+    Element element;
+    element.idLen = in.integer();
+    element.id = in.chars(element.idLen);
+    element.valueLen = in.integer();
+    element.value = in.chars(element.valueLen);
+    return element;
   }
-  static void copy(const StatData& element, StatData& record) noexcept {
-    record.statIdLen = element.statIdLen;
-    record.statIdPtr = element.statIdPtr;
-    record.statValueLen = element.statValueLen;
-    record.statValuePtr = element.statValuePtr;
+  static void fill(StatData& record, const Element& element) noexcept {
+    record.statIdLen = element.idLen;
+    record.statIdPtr = element.id;
+    record.statValueLen = element.valueLen;
+    record.statValuePtr = element.value;
   }
   static std::string_view id(const StatData& record) noexcept {
     return {record.statIdPtr, static_cast<std::size_t>(record.statIdLen)};
@@ -289,51 +302,61 @@ struct IdWalk {
   static constexpr auto getFirst = getFirstId;
   static constexpr auto getNext = getNextId;
 
-  static void read(ResultSetReader& in, IdData& element) noexcept {
+  struct Element {
+    std::int32_t idLen;
+    char* id;
+  };
+  static Element read(ResultSetReader& in) noexcept {
+    Element element;
     element.idLen = in.integer();
-    element.idPtr = in.chars(element.idLen);
+    element.id = in.chars(element.idLen);
+    return element;
   }
-  static void copy(const IdData& element, IdData& record) noexcept {
+  static void fill(IdData& record, const Element& element) noexcept {
     record.idLen = element.idLen;
-    record.idPtr = element.idPtr;
+    record.idPtr = element.id;
   }
   static std::string_view id(const IdData& record) noexcept {
     return {record.idPtr, static_cast<std::size_t>(record.idLen)};
   }
 };
 
-int checkResultSetOwner(const ResultSetToken& resultSet) noexcept {
-  return resultSet.owner == kOwnerGateway ? verifyAPIResultSetTokenOwner(&resultSet) : 0;
-}
-
-template <typename Walk>
-int checkWalk(const char* call, const ResultSetToken* rsPtr, const typename Walk::Record* record) noexcept {
-  if (rsPtr == nullptr) {
-    TRACE_EXC(1100, "API.%s() Supplied result set token is NULL\n", call);
-    return ZEB_RESULT_SET_NULL;
-  }
-  if (record == nullptr) {
-    TRACE_EXC(1101, "API.%s() Supplied %s is NULL\n", call, Walk::kRecord);
-    return Walk::kNullRecord;
-  }
-  if (rsPtr->head == nullptr) {
-    TRACE_EXC(1102, "API.%s(rsPtr=%p) resultSetBuf is NULL\n", call, rsPtr);
-    return ZEB_NO_RESULT_SET_BUFFER;
-  }
-  if (!hasContent(rsPtr->head, Walk::kMarker)) {
-    TRACE_EXC(1103, "API.%s Resultset does not contain %s\n", call, Walk::kContent);
-    return ZEB_WRONG_CONTENT;
-  }
-  return checkResultSetOwner(*rsPtr);
-}
-
-// The call that makes a step.
+// The call that makes a step, and the trace level, which a step reads once.
 struct WalkCall {
   const char* name;
   bool first;
+  int level;
 };
 
-int refuseDamaged(const WalkCall& call, const ResultSetToken& resultSet) noexcept {
+inline int checkResultSetOwner(const ResultSetToken& resultSet, int level) noexcept {
+  if (resultSet.owner != kOwnerGateway) return 0;
+  if (level < kLevelFunction && isCaller(resultSet.owningPid, resultSet.owningTid)) return 0;
+  return verifyAPIResultSetTokenOwner(&resultSet);
+}
+
+template <typename Walk>
+[[gnu::always_inline]] inline int checkWalk(WalkCall call, const ResultSetToken* rsPtr,
+                                            const typename Walk::Record* record) noexcept {
+  if (rsPtr == nullptr) {
+    TRACE_EXC(1100, "API.%s() Supplied result set token is NULL\n", call.name);
+    return ZEB_RESULT_SET_NULL;
+  }
+  if (record == nullptr) {
+    TRACE_EXC(1101, "API.%s() Supplied %s is NULL\n", call.name, Walk::kRecord);
+    return Walk::kNullRecord;
+  }
+  if (rsPtr->head == nullptr) {
+    TRACE_EXC(1102, "API.%s(rsPtr=%p) resultSetBuf is NULL\n", call.name, rsPtr);
+    return ZEB_NO_RESULT_SET_BUFFER;
+  }
+  if (!hasContent(rsPtr->head, Walk::kMarker)) {
+    TRACE_EXC(1103, "API.%s Resultset does not contain %s\n", call.name, Walk::kContent);
+    return ZEB_WRONG_CONTENT;
+  }
+  return checkResultSetOwner(*rsPtr, call.level);
+}
+
+int refuseDamaged(WalkCall call, const ResultSetToken& resultSet) noexcept {
   TRACE_EXC(1104, "API.%s(rsPtr=%p) Resultset is damaged\n", call.name, &resultSet);
   return ZEB_WRONG_CONTENT;
 }
@@ -365,8 +388,8 @@ void fillQueryElement(Record& record, const ResultSetToken& resultSet) noexcept 
   record.queryElementRC = resultSet.queryElementRC;
 }
 
-void readQueryHeader(const WalkCall& call, bool cachingShown, const ResultSetToken& resultSet,
-                     ResultSetReader& in, QueryHeader& header) noexcept {
+void readQueryHeader(WalkCall call, bool cachingShown, const ResultSetToken& resultSet, ResultSetReader& in,
+                     QueryHeader& header) noexcept {
   const char* const cursor = in.position();
   header.elementLen = in.integer();
   header.elementPtr = in.chars(header.elementLen);
@@ -387,44 +410,43 @@ void readQueryHeader(const WalkCall& call, bool cachingShown, const ResultSetTok
   }
 }
 
-void showEndOfSubset(const WalkCall& call, std::int32_t queryIndex,
-                     const ResultSetToken& resultSet) noexcept {
+void showEndOfSubset(WalkCall call, std::int32_t queryIndex, const ResultSetToken& resultSet) noexcept {
   TRACE_DEBUG(1113, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name, queryIndex, &resultSet);
 }
 
 // Reads the element at the cursor and makes the token step over it. header is the query header that was just
 // read ahead of it, or null within a subset.
 template <typename Walk>
-int takeElement(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
-                const QueryHeader* header, typename Walk::Record& record) noexcept {
+[[gnu::always_inline]] inline int takeElement(WalkCall call, ResultSetToken& resultSet, ResultSetReader& in,
+                                              const QueryHeader* header,
+                                              typename Walk::Record& record) noexcept {
   const char* const cursor = in.position();
-  typename Walk::Record element;
-  Walk::read(in, element);
-  if (!in.ok()) return refuseDamaged(call, resultSet);
+  const auto element = Walk::read(in);
+  if (!in.ok()) [[unlikely]]
+    return refuseDamaged(call, resultSet);
   if (header != nullptr) header->commit(resultSet, 1);
-  Walk::copy(element, record);
+  Walk::fill(record, element);
   fillQueryElement(record, resultSet);
-  if (!call.first) {
-    TRACE_DEBUG(
-        1114, "API.%s Processing queryIndex=%d, elementResultIndex=%d. Resultset=%p, dataCursor=%p, %s=%d\n",
-        call.name, resultSet.queryIndex, resultSet.elementResultIndex, &resultSet, cursor, Walk::kLengthName,
-        static_cast<int>(Walk::id(element).size()));
-  }
+  ZEB_TRACE_IF(call.level >= kLevelDetail && !call.first, "DEBUG", 1114,
+               "API.%s Processing queryIndex=%d, elementResultIndex=%d. Resultset=%p, dataCursor=%p, %s=%d\n",
+               call.name, resultSet.queryIndex, resultSet.elementResultIndex, &resultSet, cursor,
+               Walk::kLengthName, element.idLen);
   if (++resultSet.elementResultIndex > resultSet.elementCount) {
     resultSet.elementResultIndex = 0;
     ++resultSet.queryIndex;
     showEndOfSubset(call, resultSet.queryIndex, resultSet);
   }
-  TRACE_EVENT(1115, "API.%s Successfully retrieved %s %s from resultset %p\n", call.name,
-              call.first ? "first" : "the next", Walk::kEntry, &resultSet);
+  ZEB_TRACE_IF(call.level >= kLevelEvent, "EVENT", 1115,
+               "API.%s Successfully retrieved %s %s from resultset %p\n", call.name,
+               call.first ? "first" : "the next", Walk::kEntry, &resultSet);
   resultSet.next = in.position();
   return 0;
 }
 
 // A query element that the gateway could not answer is an entry without an element.
 template <typename Walk>
-int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSetReader& in,
-                 QueryHeader& header, typename Walk::Record& record) noexcept {
+int takeNegative(WalkCall call, ResultSetToken& resultSet, const ResultSetReader& in, QueryHeader& header,
+                 typename Walk::Record& record) noexcept {
   if (!call.first || Walk::kFirstShowsNegative) {
     TRACE_EVENT(1116, "API.%s(rsPtr=%p,%s=%p) Found negative queryElementRC(%d)\n", call.name, &resultSet,
                 Walk::kRecord, &record, header.elementRC);
@@ -438,8 +460,8 @@ int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSe
 
 // Goes on behind a subset, past those that are empty.
 template <typename Walk>
-int takeFromNextSubset(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
-                       QueryHeader& header, typename Walk::Record& record) noexcept {
+int takeFromNextSubset(WalkCall call, ResultSetToken& resultSet, ResultSetReader& in, QueryHeader& header,
+                       typename Walk::Record& record) noexcept {
   while (!in.atEnd()) {
     readQueryHeader(call, Walk::kFirstShowsHeader, resultSet, in, header);
     if (!in.ok()) return refuseDamaged(call, resultSet);
@@ -451,7 +473,7 @@ int takeFromNextSubset(const WalkCall& call, ResultSetToken& resultSet, ResultSe
 }
 
 template <typename Walk>
-int startWalk(const WalkCall& call, ResultSetToken& resultSet, typename Walk::Record& record) noexcept {
+int startWalk(WalkCall call, ResultSetToken& resultSet, typename Walk::Record& record) noexcept {
   memcpy(record.contentMarker, resultSet.head, kMarkerLength);
   ResultSetReader in(resultSet.head + kMarkerLength, resultSet.head);
   if (call.first && in.atEnd()) return ZEB_END_OF_RESULTS;
@@ -463,16 +485,28 @@ int startWalk(const WalkCall& call, ResultSetToken& resultSet, typename Walk::Re
   return takeFromNextSubset<Walk>(call, resultSet, in, header, record);
 }
 
+// A step that does not stay within a subset.
 template <typename Walk>
-int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
-  const int rc = checkWalk<Walk>(call.name, rsPtr, record);
-  if (rc != 0) return rc;
-  if (call.first || rsPtr->queryIndex == 0) return startWalk<Walk>(call, *rsPtr, *record);
+[[gnu::noinline]] int stepAcross(WalkCall call, ResultSetToken& resultSet,
+                                 typename Walk::Record& record) noexcept {
+  if (call.first || resultSet.queryIndex == 0) return startWalk<Walk>(call, resultSet, record);
+  ResultSetReader in(resultSet.next, resultSet.head);
+  QueryHeader header = {resultSet.queryCount, resultSet.queryIndex, nullptr, 0, 0, 0};
+  return takeFromNextSubset<Walk>(call, resultSet, in, header, record);
+}
+
+// The step within a subset is the one that is made a thousand times: it stands in the call itself.
+template <typename Walk>
+[[gnu::always_inline]] inline int walk(WalkCall call, ResultSetToken* rsPtr,
+                                       typename Walk::Record* record) noexcept {
+  const int rc = checkWalk<Walk>(call, rsPtr, record);
+  if (rc != 0) [[unlikely]]
+    return rc;
+  if (call.first || rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0)
+    return stepAcross<Walk>(call, *rsPtr, *record);
   ResultSetReader in(rsPtr->next, rsPtr->head);
   if (in.atEnd()) return ZEB_END_OF_RESULTS;
-  if (rsPtr->elementResultIndex != 0) return takeElement<Walk>(call, *rsPtr, in, nullptr, *record);
-  QueryHeader header = {rsPtr->queryCount, rsPtr->queryIndex, nullptr, 0, 0, 0};
-  return takeFromNextSubset<Walk>(call, *rsPtr, in, header, *record);
+  return takeElement<Walk>(call, *rsPtr, in, nullptr, *record);
 }
 
 // ---- Result sets as a whole ----------------------------------------------------------------------------------
@@ -490,7 +524,7 @@ int checkContent(const char* call, const char* argument, const char* purpose,
     TRACE_EXC(1121, "API.%s Resultset does not contain recognised content\n", call);
     return ZEB_WRONG_CONTENT;
   }
-  return checkResultSetOwner(resultSet);
+  return checkResultSetOwner(resultSet, traceLevel());
 }
 
 int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept {
@@ -568,20 +602,61 @@ int dumpContent(const ResultSetToken* rsPtr) noexcept {
 // A string that grows to kQueryStringSize, its NUL included. What does not fit whole is not appended.
 class QueryString {
  public:
-  explicit QueryString(char* room) noexcept : text_(room) { text_[0] = '\0'; }
+  explicit QueryString(char* room) noexcept : text_(room) {}
   [[nodiscard]] std::size_t length() const noexcept { return length_; }
   bool append(std::string_view text) noexcept {
     if (text.size() >= kQueryStringSize - length_) return false;
     if (!text.empty()) memcpy(text_ + length_, text.data(), text.size());
     length_ += text.size();
-    text_[length_] = '\0';
     return true;
   }
+  // A separator and an id, or neither. So many characters can be read from the id's first one on.
+  bool appendNext(std::string_view id, std::size_t readable) noexcept {
+    const std::size_t room = kQueryStringSize - length_;
+    if (id.size() + 1 >= room) return false;
+    char* const to = text_ + length_;
+    to[0] = ':';
+    if (id.size() <= kShortText && readable >= kShortText && room > kShortText) {
+      memcpy(to + 1, id.data(), kShortText);
+    } else {
+      memcpy(to + 1, id.data(), id.size());
+    }
+    length_ += id.size() + 1;
+    return true;
+  }
+  void end() noexcept { text_[length_] = '\0'; }
 
  private:
   char* text_;
   std::size_t length_ = 0;
 };
+
+// Appends the rest of the subset that is being walked, unless its entries are to be traced; what does not fit
+// or is damaged is left to the walk. Returns the number of ids.
+template <typename Walk>
+int joinSubset(ResultSetToken& resultSet, QueryString& joined) noexcept {
+  if (traceLevel() >= kLevelEvent || resultSet.elementResultIndex == 0) return 0;
+  ResultSetReader in(resultSet.next, resultSet.head);
+  QueryString longer = joined;  // a copy, which stays in registers
+  const std::int32_t left = resultSet.elementCount - resultSet.elementResultIndex + 1;
+  std::int32_t count = 0;
+  for (; count < left && !in.atEnd(); ++count) {
+    ResultSetReader ahead = in;
+    const auto element = Walk::read(ahead);
+    if (!ahead.ok()) break;
+    const std::string_view id(element.id, static_cast<std::size_t>(element.idLen));
+    if (!longer.appendNext(id, in.left() - sizeof element.idLen)) break;
+    in = ahead;
+  }
+  joined = longer;
+  resultSet.next = in.position();
+  resultSet.elementResultIndex += count;
+  if (count == left) {
+    resultSet.elementResultIndex = 0;
+    ++resultSet.queryIndex;
+  }
+  return count;
+}
 
 // Returns the number of ids appended.
 template <typename Walk>
@@ -592,7 +667,7 @@ int joinIds(ResultSetToken* rsPtr, QueryString& joined) noexcept {
   while (rc == 0) {
     if (record.queryElementRC == 0) {
       if (!joined.append(Walk::id(record))) break;
-      ++goodIdCount;
+      goodIdCount += 1 + joinSubset<Walk>(*rsPtr, joined);
     }
     rc = Walk::getNext(rsPtr, &record);
     // kept: the separator depends on the entry behind it alone, and may come first or last
@@ -616,7 +691,7 @@ int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCoun
   } else if (idQueryStringPtr == nullptr) {
     rc = refuseIdQuery("query string pointer", ZEB_OUTPUT_POINTER_NULL);
   } else {
-    rc = checkResultSetOwner(*rsPtr);
+    rc = checkResultSetOwner(*rsPtr, traceLevel());
   }
   if (rsPtr->head == nullptr) {
     TRACE_EXC(1137, "API.getIdQuery(rsPtr=%p) resultSetBuf is NULL\n", rsPtr);
@@ -631,6 +706,7 @@ int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCoun
   QueryString joined(working.get());
   goodIdCount =
       hasContent(rsPtr->head, kIdsMarker) ? joinIds<IdWalk>(rsPtr, joined) : joinIds<StatWalk>(rsPtr, joined);
+  joined.end();
   if (joined.length() == 0) return ZEB_NO_GOOD_ID;
   memcpy(rsPtr->verifiedQueryString, working.get(), joined.length() + 1);
   *idQueryStringPtr = rsPtr->verifiedQueryString;
@@ -860,33 +936,43 @@ int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
 
 int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   int rc = stapiInit();
-  TRACE_ENTRY(1080, "API.getFirstStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr, statDataPtr);
-  if (rc == 0) rc = walk<StatWalk>({"getFirstStat", true}, rsPtr, statDataPtr);
-  TRACE_EXIT(1081, "API.getFirstStat() last=%d rc=%d\n", rc == ZEB_END_OF_RESULTS, rc);
+  const int level = traceLevel();
+  ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1080, "API.getFirstStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr,
+               statDataPtr);
+  if (rc == 0) rc = walk<StatWalk>({"getFirstStat", true, level}, rsPtr, statDataPtr);
+  ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1081, "API.getFirstStat() last=%d rc=%d\n",
+               rc == ZEB_END_OF_RESULTS, rc);
   return rc;
 }
 
 int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   int rc = stapiInit();
-  TRACE_ENTRY(1082, "API.getNextStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr, statDataPtr);
-  if (rc == 0) rc = walk<StatWalk>({"getNextStat", false}, rsPtr, statDataPtr);
-  TRACE_EXIT(1083, "API.getNextStat() rc=%d\n", rc);
+  const int level = traceLevel();
+  ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1082, "API.getNextStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr,
+               statDataPtr);
+  if (rc == 0) rc = walk<StatWalk>({"getNextStat", false, level}, rsPtr, statDataPtr);
+  ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1083, "API.getNextStat() rc=%d\n", rc);
   return rc;
 }
 
 int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   int rc = stapiInit();
-  TRACE_ENTRY(1084, "API.getFirstId(rsPtr=%p,idDataPtr=%p)\n", rsPtr, idDataPtr);
-  if (rc == 0) rc = walk<IdWalk>({"getFirstId", true}, rsPtr, idDataPtr);
-  TRACE_EXIT(1085, "API.getFirstId() endOfResults=%d zebStatRc=%d\n", rc == ZEB_END_OF_RESULTS, rc);
+  const int level = traceLevel();
+  ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1084, "API.getFirstId(rsPtr=%p,idDataPtr=%p)\n", rsPtr,
+               idDataPtr);
+  if (rc == 0) rc = walk<IdWalk>({"getFirstId", true, level}, rsPtr, idDataPtr);
+  ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1085, "API.getFirstId() endOfResults=%d zebStatRc=%d\n",
+               rc == ZEB_END_OF_RESULTS, rc);
   return rc;
 }
 
 int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   int rc = stapiInit();
-  TRACE_ENTRY(1086, "API.getNextId(rsPtr=%p,idDataPtr=%p)\n", rsPtr, idDataPtr);
-  if (rc == 0) rc = walk<IdWalk>({"getNextId", false}, rsPtr, idDataPtr);
-  TRACE_EXIT(1087, "API.getNextId() rc=%d\n", rc);
+  const int level = traceLevel();
+  ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1086, "API.getNextId(rsPtr=%p,idDataPtr=%p)\n", rsPtr,
+               idDataPtr);
+  if (rc == 0) rc = walk<IdWalk>({"getNextId", false, level}, rsPtr, idDataPtr);
+  ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1087, "API.getNextId() rc=%d\n", rc);
   return rc;
 }
 

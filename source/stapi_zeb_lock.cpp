@@ -39,9 +39,8 @@ constexpr std::uint32_t kDestroyed = 0xCCDDEEFF;
 constexpr int kAlreadyInitialized = 1;
 constexpr int kNotInitialized = -1;
 constexpr int kInitFailed = -2;
-constexpr int kRequestFailed = -4;
 constexpr int kReleaseFailed = -5;
-constexpr int kDestroyFailed = -4;  // kept: the code of a failed request
+constexpr int kDestroyFailed = zeb::kLockRequestFailed;  // kept: the code of a failed request
 
 }  // namespace
 
@@ -70,7 +69,7 @@ int requestLock(LockRecord* lockPtr) noexcept {
     rc = kNotInitialized;
     TRACE_LOCK_EXC(3104, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_lock(&lockPtr->mutex)) != 0) {
-    rc = kRequestFailed;
+    rc = zeb::kLockRequestFailed;
     TRACE_LOCK_EXC(3105, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock request failed errno=%d\n", lockPtr,
                    errno);
   }

@@ -109,10 +109,9 @@ constexpr std::size_t kFirstLineSize = 32;  // what a dump of an empty buffer sh
 
 }  // namespace
 
-void sealBuffer(char* buffer) noexcept {
+void emptyBuffer(char* buffer) noexcept {
   memset(buffer, 0, kFirstLineSize);
   addTerminator(buffer);
-  memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
 }
 
 int writeResultSet(const ResultSetToken& resultSet) noexcept {

@@ -6,7 +6,8 @@
 //          many entries: id length, id, and for statistics value length, value
 //          terminator, also where the content would otherwise begin in a buffer that holds none
 //
-// Integers are in host order and stand at any address. The last word of a buffer always is a terminator.
+// Integers are in host order and stand at any address. The last word of a buffer
+// that a query has been asked into is a terminator too.
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
@@ -38,8 +39,18 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
-// Makes a new buffer read as empty, and stamps the last word, which no content ever reaches.
-void sealBuffer(char* buffer) noexcept;
+// Makes a new buffer read as empty.
+void emptyBuffer(char* buffer) noexcept;
+
+// Stamps the last word of a connection's buffer, which no content reaches, ahead of every query. Not when the
+// buffer is made: it is a page that an idle connection need not have.
+inline void sealBuffer(char* buffer) noexcept {
+  memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
+}
+
+// Texts of up to so many characters are copied as so many where source and target have them, because a fixed
+// width costs less than a call of memcpy.
+constexpr std::size_t kShortText = 32;
 
 // The one bounded writer: what does not fit is not written, and once that happened nothing more is.
 class ResultSetWriter {
@@ -77,20 +88,30 @@ class ResultSetWriter {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
   }
+  // For a caller that asks room() itself and is not traced: writes kShortText characters, whatever the length.
+  void countedShort(const void* text, std::size_t length) noexcept {
+    const auto count = static_cast<std::int32_t>(length);
+    memcpy(cursor_, &count, sizeof count);
+    memcpy(cursor_ + sizeof count, text, kShortText);
+    cursor_ += sizeof count + length;
+  }
+  [[nodiscard]] bool isTraced() const noexcept { return traced_; }
+  [[nodiscard]] std::size_t room() const noexcept {
+    return kContentSize - static_cast<std::size_t>(cursor_ - start_);
+  }
   // Content that ends within a word of the last one is ended by that.
   void finish() noexcept {
-    const std::size_t room = kContentSize - static_cast<std::size_t>(cursor_ - start_);
-    if (room == 0 || room >= sizeof kTerminator) {
+    if (room() == 0 || room() >= sizeof kTerminator) {
       addTerminator(cursor_);
     } else {
-      memcpy(cursor_, &kTerminator, room);
+      memcpy(cursor_, &kTerminator, room());
     }
   }
   void discard() noexcept { addTerminator(start_); }
 
  private:
   bool fits(std::size_t size) noexcept {
-    ok_ = ok_ && size <= kContentSize - static_cast<std::size_t>(cursor_ - start_);
+    ok_ = ok_ && size <= room();
     return ok_;
   }
 
@@ -107,6 +128,7 @@ class ResultSetReader {
       : cursor_(cursor), end_(bufferStart + kContentSize) {}
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] char* position() const noexcept { return cursor_; }
+  [[nodiscard]] std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - cursor_); }
   // The end of the results, also where content ended too near to the last word for a terminator of its own.
   [[nodiscard]] bool atEnd() const noexcept { return left() < sizeof kTerminator || isTerminator(cursor_); }
 
@@ -127,8 +149,6 @@ class ResultSetReader {
   }
 
  private:
-  [[nodiscard]] std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - cursor_); }
-
   char* cursor_;
   char* end_;
   bool ok_ = true;

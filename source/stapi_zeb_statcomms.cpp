@@ -226,7 +226,7 @@ void copyIdsResponse(ByteReader& in, ResultSetWriter& out, int response, bool de
   in.skipClosing(1);
 }
 
-// The total counts lengths with their width on the wire; it is only traced.
+// The total counts lengths with their width on the wire; it is only traced, and right only then.
 struct StatsParse {
   ByteReader in;
   ResultSetWriter out;
@@ -302,7 +302,7 @@ void copyStat(StatsParse& parse) noexcept {
   parse.total += idLength + 2;
   const std::int32_t length = in.i16();
   if (marker == kLongBlock) {
-    copyLongValue(parse, length, chunkLength - idLength - 4);
+    copyLongValue(parse, length, static_cast<std::int16_t>(chunkLength - idLength - 4));
   } else {
     ZEB_TRACE_IF(parse.detailed, "DEBUG", 4057,
                  "stapi_zeb_statcomms.parseStatsData statistic data length=%d \n", length);
@@ -310,6 +310,34 @@ void copyStat(StatsParse& parse) noexcept {
     parse.total += length + 2;
   }
   in.skipClosing(2);
+}
+
+// Copies statistics of the common kind, in a short block and with short texts, while one follows the other.
+// Returns how many. What is read and written beyond a text stays inside the answer and is written over: behind
+// the last of them are kFollowing others, longer than that even without a text.
+std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
+  constexpr std::int32_t kFollowing = 4;
+  constexpr std::size_t kFrame = 13;  // a statistic on the wire without its texts
+  static_assert(kFollowing * 2 * sizeof(std::int32_t) >= kShortText && kFollowing * kFrame >= kShortText);
+  constexpr std::size_t kMost = kFrame + 2 * kShortText;
+  if (parse.out.isTraced()) return 0;
+  ByteReader in = parse.in;  // copies, which stay in registers
+  ResultSetWriter out = parse.out;
+  std::int32_t copied = 0;
+  while (copied < count - kFollowing && in.left() >= kMost && out.room() >= kMost) {
+    const std::uint8_t* const at = in.position();
+    const std::size_t idLength = loadLength(at + 7);
+    if (at[5] != kShortBlock || idLength > kShortText) break;
+    const std::size_t valueLength = loadLength(at + 9 + idLength);
+    if (valueLength > kShortText) break;
+    out.countedShort(at + 9, idLength);
+    out.countedShort(at + 11 + idLength, valueLength);
+    in.skip(kFrame + idLength + valueLength);
+    ++copied;
+  }
+  parse.in = in;
+  parse.out = out;
+  return copied;
 }
 
 // The serialiser writes no class description where there is nothing to describe: the object just ends.
@@ -334,7 +362,10 @@ void copyStats(StatsParse& parse, int response) noexcept {
     in.text16();
     in.skipClosing(8);
   }
-  for (std::int32_t i = 0; i < count && in.ok() && parse.out.ok(); ++i) copyStat(parse);
+  for (std::int32_t i = 0; i < count && in.ok() && parse.out.ok(); ++i) {
+    i += copyShortStats(parse, count - i);
+    copyStat(parse);
+  }
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4062,
                "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n", parse.total);
 }

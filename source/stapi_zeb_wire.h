@@ -11,6 +11,11 @@
 
 namespace zeb {
 
+// A 16-bit length that is known to be there.
+inline std::uint16_t loadLength(const std::uint8_t* at) noexcept {
+  return static_cast<std::uint16_t>(at[0] << 8 | at[1]);
+}
+
 // Ask ok() before a value decides anything, and in every loop condition.
 class ByteReader {
  public:

@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+"""Makes one table of the results of the benchmark programs.
+
+usage: table.py [--check] OUTPUT.json RESULT.json...
+
+Prints the machine and the table, and writes both to OUTPUT.json. With --check the exit code is 1 when a
+quantity misses its reach by more than a fifth, or was not measured for want of a result."""
+
+import json
+import re
+import sys
+
+TOLERANCE = 1.2
+
+
+def number(value):
+    return f"{value:.2f}".rstrip("0").rstrip(".")
+
+
+def read_row(result):
+    row = {"quantity": result["name"].split("/iterations:")[0]}
+    if result.get("error_occurred"):
+        return row | {"not measured": result["error_message"]}
+    at_least = result["atLeast"] == 1
+    met = result["value"] >= result["reach"] if at_least else result["value"] <= result["reach"]
+    missed_by = result["reach"] / result["value"] if at_least else result["value"] / max(result["reach"], 0.5)
+    known = ("value", "reach", "aim", "spread")
+    row |= {key: result[key] for key in known if key in result}
+    aim = result["aim"]
+    row |= {
+        "met": met,
+        "aim met": None if aim == 0 and result["reach"] != 0 else result["value"] <= aim,
+        "badly missed": missed_by > TOLERANCE,
+        "atLeast": at_least,
+        "details": {key: value for key, value in result.items() if re.search(r" ns$|bytes$|^rounds$", key)},
+    }
+    return row
+
+
+def print_row(row):
+    if "not measured" in row:
+        print(f"| {row['quantity']} | not measured: {row['not measured']} | | | | |")
+        return
+    limit = "at least " if row["atLeast"] else ""
+    aim = "" if row["aim met"] is None else number(row["aim"])
+    spread = f"± {row['spread']:.2f}" if "spread" in row else "counted"
+    met = "no" if not row["met"] else "yes, aim too" if row["aim met"] else "yes"
+    print(f"| {row['quantity']} | {number(row['value'])} | {spread} | {limit}{number(row['reach'])} | {aim} | {met} |")
+
+
+def main():
+    arguments = sys.argv[1:]
+    check = "--check" in arguments
+    output, *inputs = [argument for argument in arguments if argument != "--check"]
+    rows = []
+    machine = {}
+    for path in inputs:
+        with open(path, encoding="utf-8") as file:
+            results = json.load(file)
+        machine |= results["context"]
+        rows += [read_row(result) for result in results["benchmarks"]]
+    rows.sort(key=lambda row: (row["quantity"][0], int(re.match(r".(\d+)", row["quantity"])[1])))
+
+    with open(output, "w", encoding="utf-8") as file:
+        json.dump({"machine": machine, "rows": rows}, file, indent=1)
+    print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
+          f"{machine['compiler']}; one core, {machine.get('scheduling', '')}; medians of "
+          f"{max(int(row.get('details', {}).get('rounds', 0)) for row in rows)} rounds\n")
+    print("| quantity / floor | measured | spread | reach | aim | met |\n|---|---|---|---|---|---|")
+    for row in rows:
+        print_row(row)
+    bad = [row["quantity"] for row in rows if row.get("badly missed")]
+    for quantity in bad:
+        print(f"missed by more than a fifth: {quantity}", file=sys.stderr)
+    sys.exit(1 if check and bad else 0)
+
+
+if __name__ == "__main__":
+    main()

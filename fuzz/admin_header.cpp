@@ -1,0 +1,81 @@
+// Any bytes as the reply to one request: the first byte says to which, the second how it arrives.
+#include <string>
+
+#include "harness.h"
+#include "memory_gateway.h"
+
+using namespace zebfuzz;
+
+namespace {
+
+RequestHeader makeHeader(const char* name, std::uint32_t type, std::uint32_t dataLength) {
+  return {{'G', 'a', 't', 'e'},
+          0x00700000,
+          type,
+          0,
+          0,
+          static_cast<std::uint32_t>(std::strlen(name)),
+          name,
+          0,
+          dataLength};
+}
+
+void callAdmin(int kind, const MemoryGateway& gateway) {
+  AdminCallRecord call = {};
+  call.header = makeHeader("Admin", 1, kind == 0 ? 4 : 64);
+  call.callKind = kind;
+  call.country = call.language = "en";
+  call.qualifier = "";
+  call.beanName = call.attributeName = call.action = call.argument = call.signature = "b";
+  reasons failure = {};
+  const int rc = flowAdminRequest(1, &call, &failure);
+  requireOneOf(rc, {0, kFlowFailed, kAdminFailed, kGatewayRefused, ZEB_NO_MEMORY}, "flowAdminRequest");
+  require(rc == 0 || call.callData == nullptr, "call data are handed over on success alone");
+  if (call.callData != nullptr) {
+    const std::string all(reinterpret_cast<const char*>(call.callData), call.header.dataLength);
+    require(all.size() <= gateway.received, "the call data came from the gateway");
+  }
+  std::free(call.callData);
+}
+
+void authorise(int step) {
+  AuthRequestRecord request = {};
+  request.header = makeHeader("Auth", 1, step == 1 ? 20 : 4);
+  request.authStep = step;
+  reasons failure = {};
+  const int rc = flowAuthRequest(1, &request, &failure);
+  requireOneOf(rc, {0, kFlowFailed, kAuthRefused, kGatewayRefused, ZEB_NO_MEMORY}, "flowAuthRequest");
+  require(rc != kAuthRefused || failure.authRc != 0, "a refused authorisation tells its code");
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  startLibrary();
+  Input input(data, size);
+  const std::uint8_t what = takeByte(input);
+  const std::uint8_t how = takeByte(input);
+  MemoryGateway gateway = {
+      .replies = input, .piece = how % 16 == 0 ? SIZE_MAX : how % 16u, .endError = how & 0x80 ? 104 : 0};
+  const MemoryGatewayScope scope(gateway);
+  reasons failure = {};
+  switch (what % 8) {
+    case 0:
+      requireOneOf(flowHandshakeRequest(1, &failure), {0, kFlowFailed, kGatewayRefused, ZEB_NO_MEMORY},
+                   "flowHandshakeRequest");
+      break;
+    case 1:
+      requireOneOf(flowCloseRequest(1, &failure), {0, kFlowFailed, kGatewayRefused, ZEB_NO_MEMORY},
+                   "flowCloseRequest");
+      break;
+    case 2:
+    case 3:
+      authorise(what % 8 - 2);
+      break;
+    default:
+      constexpr int kinds[] = {0, 1, 5, 2};
+      callAdmin(kinds[what % 4], gateway);
+  }
+  require(gateway.blocks == 0, "no block is left allocated");
+  return 0;
+}

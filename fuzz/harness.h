@@ -1,0 +1,100 @@
+// What the harnesses share.
+#ifndef ZEBFUZZ_HARNESS_H
+#define ZEBFUZZ_HARNESS_H
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <span>
+
+#include "stapi_zeb_resultsetbuffer.h"
+#include "zebstats_private.h"
+
+namespace zebfuzz {
+
+using Input = std::span<const std::uint8_t>;
+
+// The fuzzer takes the end of the process for a finding.
+inline void require(bool holds, const char* fact) {
+  if (holds) return;
+  std::fprintf(stderr, "does not hold: %s\n", fact);
+  std::abort();
+}
+inline void requireOneOf(int rc, std::initializer_list<int> documented, const char* call) {
+  if (std::find(documented.begin(), documented.end(), rc) != documented.end()) return;
+  std::fprintf(stderr, "%s returned %d\n", call, rc);
+  std::abort();
+}
+
+// Steps over the first bytes of an input, which say what is done with the rest.
+inline std::uint8_t takeByte(Input& input) {
+  if (input.empty()) return 0;
+  const std::uint8_t first = input.front();
+  input = input.subspan(1);
+  return first;
+}
+
+// Makes the library's first call, whose block of memory stays for ever.
+inline void startLibrary() {
+  static const bool started = [] {
+    int level;
+    return getAPITraceLevel(&level) == 0;
+  }();
+  require(started, "the library starts");
+}
+
+// A result set buffer of its exact size that lives as long as the process.
+inline char* sealedBuffer() {
+  static char* const buffer = [] {
+    auto* made = static_cast<char*>(std::calloc(kResultSetBufferSize, 1));
+    std::memcpy(made + zeb::kContentSize, &kTerminator, sizeof kTerminator);
+    return made;
+  }();
+  return buffer;
+}
+
+// Walks a result set to its end. Every text must lie in the buffer, which bounds the number of entries too.
+// Returns the last code.
+template <typename Record, typename First, typename Next>
+int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
+  const char* const start = resultSet->head;
+  const char* const end = start + zeb::kContentSize;
+  const auto isInside = [&](const char* text, int length) {
+    return length >= 0 && text >= start && text <= end && length <= end - text;
+  };
+  Record record = {};
+  int rc = getFirst(resultSet, &record);
+  std::size_t entries = 0;
+  for (; rc == 0; rc = getNext(resultSet, &record)) {
+    require(++entries <= kResultSetBufferSize / 4, "a walk comes to its end");
+    require(isInside(record.queryElementPtr, record.queryElementLen), "a query element lies in the buffer");
+    if (record.queryElementRC < 0) continue;
+    if constexpr (requires { record.idPtr; }) {
+      require(isInside(record.idPtr, record.idLen), "an id lies in the buffer");
+    } else {
+      require(isInside(record.statIdPtr, record.statIdLen), "a statistic's id lies in the buffer");
+      require(isInside(record.statValuePtr, record.statValueLen), "a value lies in the buffer");
+    }
+  }
+  return rc;
+}
+
+// With the calls of the right kind; the others must refuse.
+inline int walkAsContent(ResultSetToken* resultSet) {
+  const bool isStats = zeb::hasContent(resultSet->head, zeb::kStatsMarker);
+  StatData stat;
+  IdData id;
+  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat), {ZEB_WRONG_CONTENT},
+               "a walk of the wrong kind");
+  return isStats ? walkAll<StatData>(resultSet, getFirstStat, getNextStat)
+                 : walkAll<IdData>(resultSet, getFirstId, getNextId);
+}
+
+}  // namespace zebfuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+#endif

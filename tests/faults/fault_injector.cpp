@@ -1,0 +1,250 @@
+#include "fault_injector.h"
+
+#include <errno.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <filesystem>
+#include <unordered_set>
+
+namespace zebtest {
+namespace {
+
+thread_local Injection* active = nullptr;
+
+// Of the one thread that holds an Injection.
+std::unordered_set<const void*> blocks;
+std::vector<const pthread_mutex_t*> heldLocks;
+std::string lockComplaint;
+
+int failureOf(Call call) {
+  return active != nullptr ? active->next(call) : 0;
+}
+
+template <typename Result, typename Real>
+Result failOr(Call call, Result failed, Real real) {
+  const int error = failureOf(call);
+  if (error == 0) return real();
+  errno = error;
+  return failed;
+}
+
+// The call is made, and fails all the same.
+template <typename Real>
+int failBehind(Call call, Real real) {
+  const int rc = real();
+  return failOr(call, -1, [rc] { return rc; });
+}
+
+template <typename Block>
+Block* book(Block* block) {
+  if (active != nullptr && block != nullptr) blocks.insert(block);
+  return block;
+}
+
+}  // namespace
+
+Injection::Injection(std::vector<Fault> faults) : faults_(std::move(faults)) {
+  active = this;
+}
+
+Injection::~Injection() {
+  active = nullptr;
+}
+
+int Injection::next(Call call) {
+  const int count = ++counts_[call];
+  if (index_ == faults_.size() || faults_[index_].call != call || count < faults_[index_].at) return 0;
+  const Fault& fault = faults_[index_];
+  ++strikes_;
+  if (!fault.onwards) {
+    ++index_;
+    strikes_ = 0;
+    counts_.fill(0);
+  }
+  return fault.error;
+}
+
+std::pair<std::size_t, std::size_t> countHoldings() {
+  const std::filesystem::directory_iterator open("/proc/self/fd");
+  return {blocks.size(), std::distance(begin(open), end(open))};
+}
+
+std::string takeLockComplaint() {
+  std::string complaint = std::exchange(lockComplaint, {});
+  if (!std::exchange(heldLocks, {}).empty()) complaint += " a lock is still held;";
+  return complaint;
+}
+
+}  // namespace zebtest
+
+using namespace zebtest;
+
+extern "C" {
+
+decltype(malloc) __real_malloc;
+decltype(calloc) __real_calloc;
+decltype(free) __real_free;
+decltype(getaddrinfo) __real_getaddrinfo;
+decltype(freeaddrinfo) __real_freeaddrinfo;
+decltype(socket) __real_socket;
+decltype(setsockopt) __real_setsockopt;
+decltype(ioctl) __real_ioctl;
+decltype(connect) __real_connect;
+decltype(poll) __real_poll;
+decltype(getsockopt) __real_getsockopt;
+decltype(send) __real_send;
+decltype(recv) __real_recv;
+decltype(close) __real_close;
+decltype(fopen) __real_fopen;
+decltype(fflush) __real_fflush;
+decltype(fclose) __real_fclose;
+decltype(pthread_mutex_init) __real_pthread_mutex_init;
+decltype(pthread_mutex_lock) __real_pthread_mutex_lock;
+decltype(pthread_mutex_unlock) __real_pthread_mutex_unlock;
+
+void* __wrap_malloc(size_t size) {
+  return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_malloc(size)); });
+}
+
+void* __wrap_calloc(size_t count, size_t size) {
+  return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_calloc(count, size)); });
+}
+
+void __wrap_free(void* block) {
+  if (!blocks.empty()) blocks.erase(block);
+  __real_free(block);
+}
+
+int __wrap_getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** found) {
+  if (const int error = failureOf(kGetaddrinfo); error != 0) return error;
+  const int rc = __real_getaddrinfo(host, port, hints, found);
+  if (rc == 0) book(*found);
+  return rc;
+}
+
+void __wrap_freeaddrinfo(addrinfo* found) {
+  blocks.erase(found);
+  __real_freeaddrinfo(found);
+}
+
+int __wrap_socket(int family, int type, int protocol) {
+  return failOr(kSocket, -1, [&] { return __real_socket(family, type, protocol); });
+}
+
+int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t length) {
+  return failOr(kSetsockopt, -1, [&] { return __real_setsockopt(socket, level, option, value, length); });
+}
+
+int __wrap_ioctl(int descriptor, unsigned long request, ...) {
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return failOr(kIoctl, -1, [&] { return __real_ioctl(descriptor, request, argument); });
+}
+
+// A connect in progress has been made.
+int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
+  const int error = failureOf(kConnect);
+  if (error == 0 || error == EINPROGRESS) {
+    const int rc = __real_connect(socket, address, length);
+    if (error == 0 || rc != 0) return rc;
+  }
+  errno = error;
+  return -1;
+}
+
+// The wait for a connect goes on after a signal, so there the signals must come to an end.
+int __wrap_poll(pollfd* waited, nfds_t count, int timeout) {
+  const int error = failureOf(kPoll);
+  const bool hasEnded = error == EINTR && timeout >= 0 && active->strikes() > 3;
+  if (error == 0 || hasEnded) return __real_poll(waited, count, timeout);
+  errno = error;
+  return -1;
+}
+
+int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* length) {
+  const int error = failureOf(kGetsockopt);
+  if (error == 0) return __real_getsockopt(socket, level, option, value, length);
+  if (error >= kPending) {
+    *static_cast<int*>(value) = error - kPending;
+    return 0;
+  }
+  errno = error;
+  return -1;
+}
+
+ssize_t __wrap_send(int socket, const void* data, size_t size, int flags) {
+  const int error = failureOf(kSend);
+  if (error == 0) return __real_send(socket, data, size, flags);
+  if (error == kEnd) return 0;
+  if (error == kShort || error == kCut) {
+    const ssize_t sent = __real_send(socket, data, error == kCut ? size / 2 : size, flags);
+    if (error == kCut) shutdown(socket, SHUT_WR);
+    return std::min<ssize_t>(sent, 1);
+  }
+  errno = error;
+  return -1;
+}
+
+ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
+  const int error = failureOf(kRecv);
+  if (error == 0) return __real_recv(socket, buffer, size, flags);
+  if (error == kShort) return __real_recv(socket, buffer, std::min<size_t>(size, 1), flags);
+  errno = error;
+  return error == kEnd ? 0 : -1;
+}
+
+int __wrap_close(int descriptor) {
+  return failBehind(kClose, [&] { return __real_close(descriptor); });
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+  return failOr<FILE*>(kFopen, nullptr, [&] { return __real_fopen(path, mode); });
+}
+
+int __wrap_fflush(FILE* stream) {
+  return failOr(kFflush, EOF, [&] { return __real_fflush(stream); });
+}
+
+int __wrap_fclose(FILE* stream) {
+  return failBehind(kFclose, [&] { return __real_fclose(stream); });
+}
+
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+  const int error = failureOf(kInitLock);
+  return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  if (const int error = failureOf(kLock); error != 0) return error;
+  if (active != nullptr) {
+    if (std::find(heldLocks.begin(), heldLocks.end(), mutex) != heldLocks.end()) {
+      lockComplaint += " a lock is taken twice;";
+      return EDEADLK;
+    }
+    heldLocks.push_back(mutex);
+  }
+  return __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  if (active != nullptr && std::erase(heldLocks, mutex) == 0) {
+    lockComplaint += " a lock is released that is not held;";
+    return EPERM;
+  }
+  const int rc = __real_pthread_mutex_unlock(mutex);
+  const int error = failureOf(kUnlock);
+  return error != 0 ? error : rc;
+}
+
+}  // extern "C"

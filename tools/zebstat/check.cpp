@@ -1,0 +1,88 @@
+#include "check.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "output.h"
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+enum State { kOk, kWarning, kCritical, kUnknown };
+
+constexpr const char* kStateNames[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+constexpr std::size_t kMaxColumns = 79;
+
+struct Finding {
+  State state = kUnknown;
+  std::string words;
+  std::string performance;  // empty: none
+};
+
+std::string cutWords(const std::string& words, std::size_t columns) {
+  if (columnsOf(words) <= columns) return words;
+  return columns < 3 ? "" : cutToColumns(words, columns - 3) + "...";
+}
+
+// Words give way to the performance data, which is left out where it would not fit whole.
+std::string renderLine(const Finding& finding) {
+  std::string start = std::string(kStateNames[finding.state]) + ": ";
+  std::string words = toShown(finding.words);
+  std::replace(words.begin(), words.end(), '|', '/');  // the bar has its meaning
+  std::string behind = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
+  constexpr std::size_t kLeastWords = 20;
+  if (start.size() + kLeastWords + columnsOf(behind) > kMaxColumns) behind.clear();
+  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(behind)) + behind + "\n";
+}
+
+std::string writePerformance(const Options& options, long double value) {
+  std::string label;
+  for (char c : options.checkedId) label += c == '\'' ? "''" : std::string(1, c);
+  if (label.find_first_of(" ='|") != std::string::npos) label = "'" + label + "'";
+  if (label.find('|') != std::string::npos) return {};
+  std::string text = label + "=" + showNumber(value, 6);
+  if (options.warning || options.critical) text += ";" + (options.warning ? options.warning->text : "");
+  if (options.critical) text += ";" + options.critical->text;
+  return text;
+}
+
+Finding judge(const Options& options, const Answer& answer) {
+  const std::string& id = options.checkedId;
+  auto isIt = [&](const Entry& entry) { return entry.id == id; };
+  auto found = std::find_if(answer.entries.begin(), answer.entries.end(), isIt);
+  if (found == answer.entries.end()) {
+    std::string code =
+        answer.refusals.empty() ? "" : " (its code " + std::to_string(answer.refusals[0].code) + ")";
+    return {kUnknown, "the gateway does not know " + id + code, {}};
+  }
+  std::optional<long double> value = parseNumber(found->value);
+  if (!value) return {kUnknown, id + " is no number: " + found->value, {}};
+  Finding finding{kOk, id + " is " + found->value, writePerformance(options, *value)};
+  if (options.critical && options.critical->alarms(*value)) {
+    finding.state = kCritical;
+    finding.words += ", critical is " + options.critical->text;
+  } else if (options.warning && options.warning->alarms(*value)) {
+    finding.state = kWarning;
+    finding.words += ", warning is " + options.warning->text;
+  }
+  return finding;
+}
+
+}  // namespace
+
+int runCheck(const Options& options) {
+  Finding finding;
+  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  try {
+    finding = judge(options, gateway.ask(options.question()));
+  } catch (const Fault& fault) {
+    finding.words = fault.what();
+  }
+  writeOutput(renderLine(finding));
+  gateway.close();
+  return finding.state;
+}
+
+}  // namespace zebtool

@@ -1,0 +1,27 @@
+// The exit codes, and the one way by which a command fails: a Fault that main tells and exits with.
+#ifndef ZEBSTAT_FAULT_H
+#define ZEBSTAT_FAULT_H
+
+#include <stdexcept>
+#include <string>
+
+namespace zebtool {
+
+// Scripts rely on these: never change one.
+enum ExitCode {
+  kDone = 0,
+  kElementRefused = 1,  // the gateway answered an element with an error
+  kUsage = 2,
+  kNotConnected = 3,  // the gateway could not be asked, or its answer not be written
+  kTimedOut = 4,
+  kNothingMatched = 5,
+};
+
+struct Fault : std::runtime_error {
+  Fault(ExitCode code, const std::string& text) : std::runtime_error(text), exitCode(code) {}
+  ExitCode exitCode;
+};
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_FAULT_H

@@ -1,0 +1,34 @@
+// Leaves out of an answer what --include and --exclude say.
+#ifndef ZEBSTAT_FILTER_H
+#define ZEBSTAT_FILTER_H
+
+#include <string>
+#include <vector>
+
+#include "gateway.h"
+
+namespace zebtool {
+
+class Filter {
+ public:
+  Filter(const std::vector<std::string>& included, const std::vector<std::string>& excluded);
+
+  void apply(Answer& answer);
+  // The patterns, with their options, that have matched no id so far.
+  [[nodiscard]] std::vector<std::string> unmatched() const;
+
+ private:
+  struct Pattern {
+    std::string option;
+    std::string glob;
+    bool hasMatched = false;
+  };
+  static bool matchesAny(std::vector<Pattern>& patterns, const std::string& id);
+
+  std::vector<Pattern> included_;
+  std::vector<Pattern> excluded_;
+};
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_FILTER_H

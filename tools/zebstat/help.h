@@ -1,0 +1,15 @@
+// The help texts: each fits a screen of 24 lines and 80 columns.
+#ifndef ZEBSTAT_HELP_H
+#define ZEBSTAT_HELP_H
+
+#include <string>
+#include <string_view>
+
+namespace zebtool {
+
+// Of a command, or of the program where the name is none.
+std::string helpFor(std::string_view command);
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_HELP_H

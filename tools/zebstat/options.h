@@ -1,0 +1,54 @@
+// What the command line asks for.
+#ifndef ZEBSTAT_OPTIONS_H
+#define ZEBSTAT_OPTIONS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "gateway.h"
+#include "range.h"
+
+namespace zebtool {
+
+enum class Command { kStats, kIds, kGroups, kCheck, kExporter };
+enum class Format { kTable, kJson, kJsonl, kCsv, kPrometheus };
+
+struct Options {
+  Command command = Command::kStats;
+  std::string host = "127.0.0.1";
+  int port = 2980;
+  double timeoutSeconds = 10;
+  int traceLevel = 0;
+  std::string traceFile;
+
+  // stats, ids, groups
+  std::vector<std::string> ids;
+  std::vector<std::string> groups;
+  double watchSeconds = 0;  // 0: ask once
+  long rounds = 0;          // of a watch; 0: until it is ended
+  Format format = Format::kTable;
+  std::string outputFile;  // empty: standard output
+  std::vector<std::string> included;
+  std::vector<std::string> excluded;
+
+  // check
+  std::string checkedId;
+  std::optional<Range> warning;
+  std::optional<Range> critical;
+
+  // exporter
+  std::string listen = "127.0.0.1:9480";
+  std::vector<std::string> gateways;
+
+  [[nodiscard]] Question question() const;
+  [[nodiscard]] bool isByGroup() const { return !groups.empty(); }
+};
+
+// Nothing where --help or --version was asked for and has been printed. Throws a Fault for bad arguments: its
+// code is kUsage, and 3 for `check`, where monitoring takes 2 for an alarm.
+std::optional<Options> parseOptions(int argc, char** argv);
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_OPTIONS_H

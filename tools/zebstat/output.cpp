@@ -1,0 +1,123 @@
+#include "output.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "fault.h"
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+// Until it goes out of scope: no half line, and no file left behind, by a Ctrl-C.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+    pthread_sigmask(SIG_BLOCK, &ending, &before_);
+  }
+  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+// 0, or the errno of the failure.
+int writeAll(int file, std::string_view text) {
+  while (!text.empty()) {
+    ssize_t written = write(file, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EAGAIN) {  // a pipe that somebody else has set so
+      pollfd room{file, POLLOUT, 0};
+      poll(&room, 1, -1);
+      continue;
+    }
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+Fault makeFileFault(const std::string& path, const std::string& what) {
+  return {kUsage, "--output: cannot write '" + path + "': " + what +
+                      "; name a file in a folder that can be written to"};
+}
+
+std::string folderOf(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+}  // namespace
+
+void tell(const std::string& words) {
+  writeAll(STDERR_FILENO, "zebstat: " + toShown(words) + "\n");
+}
+
+void endNow(int exitCode) {
+  _exit(exitCode);
+}
+
+void writeOutput(const std::string& text) {
+  SignalsHeld held;
+  int fault = writeAll(STDOUT_FILENO, text);
+  if (fault == EPIPE) endNow(kDone);
+  if (fault != 0)
+    throw Fault(kNotConnected, std::string("cannot write to standard output: ") + std::strerror(fault));
+}
+
+void waitForReader(double seconds) {
+  using Clock = std::chrono::steady_clock;
+  auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  for (;;) {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (left <= 0) return;
+    pollfd reader{STDOUT_FILENO, 0, 0};
+    poll(&reader, 1, static_cast<int>(left));
+    if ((reader.revents & POLLERR) != 0) endNow(kDone);
+  }
+}
+
+OutputFile::OutputFile(const std::string& path) : path_(path) {
+  struct stat found {};
+  char* target = realpath(path.c_str(), nullptr);  // null for a file that is to be made
+  if (target != nullptr) path_ = target;
+  std::free(target);
+  bool isThere = stat(path_.c_str(), &found) == 0;
+  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is no plain file");
+  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0) throw makeFileFault(path, std::strerror(errno));
+}
+
+void OutputFile::replace(const std::string& text) const {
+  SignalsHeld held;
+  std::string beside = path_ + ".XXXXXX";
+  int file = mkstemp(beside.data());
+  if (file < 0) throw makeFileFault(path_, std::strerror(errno));
+  struct stat replaced {};
+  mode_t mask = umask(0);
+  umask(mask);
+  bool isThere = stat(path_.c_str(), &replaced) == 0;
+  int fault = writeAll(file, text);
+  if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0) fault = errno;
+  if (close(file) != 0 && fault == 0) fault = errno;
+  if (fault == 0 && rename(beside.c_str(), path_.c_str()) != 0) fault = errno;
+  if (fault == 0) return;
+  unlink(beside.c_str());
+  throw makeFileFault(path_, std::strerror(fault));
+}
+
+}  // namespace zebtool

@@ -1,0 +1,28 @@
+// Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and less). A value
+// outside raises the alarm; with @ in front, one inside does.
+#ifndef ZEBSTAT_RANGE_H
+#define ZEBSTAT_RANGE_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zebtool {
+
+struct Range {
+  std::string text;
+  long double low = 0;
+  long double high = 0;
+  bool alarmsInside = false;
+
+  [[nodiscard]] bool alarms(long double value) const {
+    bool isInside = low <= value && value <= high;
+    return isInside == alarmsInside;
+  }
+};
+
+std::optional<Range> parseRange(std::string_view text);
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_RANGE_H

@@ -1,0 +1,125 @@
+#include "report.h"
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+// Bumped when a reader of the document would have to change.
+constexpr int kDocumentVersion = 1;
+
+std::string quote(std::string_view bytes) {
+  return nlohmann::json(toUtf8(bytes)).dump();
+}
+
+// A number is written as it came: a double would change its digits.
+std::string writeValue(std::string_view value) {
+  return isJsonNumber(value) ? std::string(value) : quote(value);
+}
+
+// Builds the document member by member; pretty has one entry a line.
+class Document {
+ public:
+  explicit Document(bool isPretty) : isPretty_(isPretty) {}
+  void addMember(const char* name, const std::string& value) {
+    text_ += (text_.empty() ? "{" : ",") + std::string(isPretty_ ? "\n  " : "") + quote(name) +
+             (isPretty_ ? ": " : ":") + value;
+  }
+  template <typename Items, typename Write>
+  void addArray(const char* name, const Items& items, Write write) {
+    std::string array;
+    for (const auto& item : items) {
+      array += (array.empty() ? "[" : ",") + std::string(isPretty_ ? "\n    " : "") + write(item);
+    }
+    addMember(name, array.empty() ? "[]" : array + (isPretty_ ? "\n  ]" : "]"));
+  }
+  std::string finish() { return text_ + (isPretty_ ? "\n}\n" : "}\n"); }
+
+ private:
+  bool isPretty_;
+  std::string text_;
+};
+
+std::string renderDocument(const Report& report, bool isPretty) {
+  Document document(isPretty);
+  document.addMember("version", std::to_string(kDocumentVersion));
+  document.addMember("timestamp", quote(report.timestamp));
+  document.addMember("gateway", quote(report.gateway));
+  auto writeEntry = [&](const Entry& entry) {
+    if (report.command == Command::kGroups) return quote(entry.id);
+    std::string text =
+        R"({"id":)" + quote(entry.id) + R"(,"group":)" + quote(groupOf(entry, report.isByGroup));
+    if (report.command == Command::kStats) text += R"(,"value":)" + writeValue(entry.value);
+    return text + "}";
+  };
+  const char* name = report.command == Command::kStats ? "statistics"
+                     : report.command == Command::kIds ? "ids"
+                                                       : "groups";
+  document.addArray(name, report.answer.entries, writeEntry);
+  document.addArray("errors", report.answer.refusals, [](const Refusal& refusal) {
+    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" + std::to_string(refusal.code) + "}";
+  });
+  return document.finish();
+}
+
+std::string quoteCsv(std::string_view bytes) {
+  std::string text = toUtf8(bytes);
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
+  return quoted + "\"";
+}
+
+}  // namespace
+
+std::string makeTimestamp() {
+  auto now = std::chrono::system_clock::now().time_since_epoch();
+  auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+  std::time_t seconds = static_cast<std::time_t>(millis / 1000);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char date[32], text[40];
+  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>(millis % 1000));
+  return text;
+}
+
+std::string groupOf(const Entry& entry, bool isByGroup) {
+  return isByGroup ? entry.element : entry.id.substr(0, entry.id.find('_'));
+}
+
+std::string renderJson(const Report& report) {
+  return renderDocument(report, true);
+}
+
+std::string renderJsonLine(const Report& report) {
+  return renderDocument(report, false);
+}
+
+// Lines end as RFC 4180 has them.
+std::string renderCsv(const Report& report, bool withHeading) {
+  std::string text;
+  if (withHeading) {
+    text = report.command == Command::kStats ? "timestamp,group,id,value\r\n"
+           : report.command == Command::kIds ? "timestamp,group,id\r\n"
+                                             : "timestamp,group\r\n";
+  }
+  for (const Entry& entry : report.answer.entries) {
+    text += report.timestamp;
+    if (report.command != Command::kGroups) text += "," + quoteCsv(groupOf(entry, report.isByGroup));
+    text += "," + quoteCsv(entry.id);
+    if (report.command == Command::kStats) text += "," + quoteCsv(entry.value);
+    text += "\r\n";
+  }
+  return text;
+}
+
+}  // namespace zebtool

@@ -1,0 +1,90 @@
+#include "show.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "output.h"
+#include "presenter.h"
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double kFirstPause = 1;
+constexpr double kLongestPause = 60;
+
+// A steady schedule: rounds that were missed are left out, not made up for.
+class Schedule {
+ public:
+  explicit Schedule(double seconds)
+      : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {}
+  void waitForNext() {
+    Clock::time_point now = Clock::now();
+    next_ += step_;
+    if (next_ < now) next_ += step_ * ((now - next_) / step_ + 1);
+    waitForReader(std::chrono::duration<double>(next_ - now).count());
+  }
+
+ private:
+  Clock::duration step_;
+  Clock::time_point next_ = Clock::now();
+};
+
+// Ctrl-C is the way to end a watch. Nothing has to be tidied up: writing is not interrupted.
+void endOnSignal(int) {
+  endNow(kDone);
+}
+
+void endOnSignals() {
+  struct sigaction action {};
+  action.sa_handler = endOnSignal;
+  for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
+}
+
+// Asks until there is an answer, with growing pauses. Before the first answer a failure is the user's to mend.
+Answer askPatiently(Gateway& gateway, const Question& question, Presenter& presenter) {
+  for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+    try {
+      Answer answer = gateway.ask(question);
+      if (pause > kFirstPause) presenter.interrupt(gateway.name() + ": it answers again");
+      return answer;
+    } catch (const Fault& fault) {
+      if (!gateway.mayAskAgain()) throw;
+      presenter.forget();
+      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) + " s");
+    }
+    waitForReader(pause);
+  }
+}
+
+}  // namespace
+
+int showOnce(const Options& options) {
+  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  Presenter presenter(options, gateway.name());
+  ExitCode code = presenter.present(gateway.ask(options.question()));
+  gateway.close();
+  return code;
+}
+
+int showWatched(const Options& options) {
+  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  Presenter presenter(options, gateway.name());
+  Question question = options.question();
+  endOnSignals();
+  Schedule schedule(options.watchSeconds);
+  ExitCode code = presenter.present(gateway.ask(question));
+  for (long round = 1; options.rounds == 0 || round < options.rounds; ++round) {
+    schedule.waitForNext();
+    code = presenter.present(askPatiently(gateway, question, presenter));
+  }
+  gateway.close();
+  return code;
+}
+
+}  // namespace zebtool

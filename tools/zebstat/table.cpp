@@ -1,0 +1,155 @@
+#include "table.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+constexpr char kBold[] = "\x1B[1m";
+constexpr char kGreen[] = "\x1B[32m";
+constexpr char kPlain[] = "\x1B[0m";
+
+struct Row {
+  std::vector<std::string> cells;
+  const char* colour = nullptr;
+};
+
+// Rows under a heading. A row may end early: its last cell then runs on over the columns that it has not.
+class Table {
+ public:
+  Table(std::vector<std::string> heading, std::size_t firstNumber)
+      : firstNumber_(firstNumber), widths_(heading.size()) {
+    add({std::move(heading), kBold});
+  }
+
+  void add(Row row) {
+    bool isWhole = row.cells.size() == widths_.size();
+    for (std::size_t i = 0; i < row.cells.size(); ++i) {
+      bool runsOn = i + 1 == row.cells.size() && !isWhole;
+      if (!runsOn) widths_[i] = std::max(widths_[i], columnsOf(row.cells[i]));
+    }
+    rows_.push_back(std::move(row));
+  }
+
+  [[nodiscard]] Lines render(const Screen& screen) const {
+    Lines lines;
+    for (const Row& row : rows_) lines.push_back(renderRow(row, screen));
+    return lines;
+  }
+
+ private:
+  [[nodiscard]] std::string renderRow(const Row& row, const Screen& screen) const {
+    std::string line;
+    for (std::size_t i = 0; i < row.cells.size(); ++i) {
+      std::size_t columns = columnsOf(row.cells[i]);
+      std::string padding(columns < widths_[i] ? widths_[i] - columns : 0, ' ');
+      bool isLast = i + 1 == row.cells.size();
+      bool isNumber = i >= firstNumber_ && row.cells.size() == widths_.size();
+      line += isNumber ? padding + row.cells[i] : row.cells[i] + (isLast ? "" : padding);
+      if (!isLast) line += "  ";
+    }
+    if (screen.columns > 3 && columnsOf(line) > screen.columns) {
+      line = cutToColumns(line, screen.columns - 3) + "...";
+    }
+    bool isColoured = screen.hasColour && row.colour != nullptr;
+    return isColoured ? row.colour + line + kPlain : line;
+  }
+
+  std::size_t firstNumber_;  // this column and those behind it stand to the right
+  std::vector<std::size_t> widths_;
+  std::vector<Row> rows_;
+};
+
+constexpr std::size_t kNoNumbers = 99;
+
+std::vector<std::string> headingFor(const Report& report) {
+  if (report.command == Command::kGroups) return {"GROUP"};
+  std::vector<std::string> heading;
+  if (report.isByGroup) heading.emplace_back("GROUP");
+  heading.emplace_back("STATISTIC");
+  if (report.command == Command::kStats) heading.emplace_back("VALUE");
+  return heading;
+}
+
+std::vector<std::string> cellsFor(const Report& report, const Entry& entry) {
+  std::vector<std::string> cells;
+  if (report.isByGroup) cells.push_back(toShown(entry.element));
+  cells.push_back(toShown(entry.id));
+  if (report.command == Command::kStats) cells.push_back(toShown(entry.value));
+  return cells;
+}
+
+int countDecimals(const std::string& number) {
+  std::size_t point = number.find('.');
+  return point == std::string::npos ? 0
+                                    : static_cast<int>(std::min<std::size_t>(number.size() - point - 1, 9));
+}
+
+}  // namespace
+
+Screen lookAtScreen() {
+  Screen screen;
+  winsize size{};
+  if (isatty(STDOUT_FILENO) == 0) return screen;
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+    screen.columns = size.ws_col;
+    screen.rows = size.ws_row;
+  }
+  const char* terminal = std::getenv("TERM");
+  const char* noColour = std::getenv("NO_COLOR");
+  screen.canRedraw = terminal != nullptr && *terminal != '\0' && std::strcmp(terminal, "dumb") != 0;
+  screen.hasColour = screen.canRedraw && (noColour == nullptr || *noColour == '\0');
+  return screen;
+}
+
+Lines renderTable(const Report& report, const Screen& screen) {
+  Table table(headingFor(report), kNoNumbers);
+  for (const Entry& entry : report.answer.entries) table.add({cellsFor(report, entry)});
+  return table.render(screen);
+}
+
+Lines LiveTable::render(const Report& report, const Screen& screen) {
+  if (report.command != Command::kStats) return renderTable(report, screen);
+  std::vector<std::string> heading = headingFor(report);
+  std::size_t firstNumber = heading.size() - 1;
+  heading.insert(heading.end(), {"CHANGE", "PER SECOND"});
+  Table table(std::move(heading), firstNumber);
+
+  Clock::time_point now = Clock::now();
+  long double seconds = std::chrono::duration<long double>(now - beforeAt_).count();
+  std::unordered_map<std::string, std::string> current;
+  for (const Entry& entry : report.answer.entries) {
+    Row row{cellsFor(report, entry)};
+    std::string key = entry.element + '\n' + entry.id;
+    auto found = before_.find(key);
+    std::optional<long double> value = parseNumber(entry.value);
+    std::optional<long double> before = found == before_.end() ? std::nullopt : parseNumber(found->second);
+    if (value && before) {
+      int decimals = std::max(countDecimals(entry.value), countDecimals(found->second));
+      row.cells.push_back(showNumber(*value - *before, decimals));
+      // A counter that was restarted has fallen, and has no rate; nor has a gauge that fell.
+      bool hasRate = *value >= *before && seconds > 0;
+      row.cells.push_back(hasRate ? showNumber((*value - *before) / seconds, 2) : "-");
+      if (*value != *before) row.colour = kGreen;
+    } else if (value) {
+      row.cells.insert(row.cells.end(), {"-", "-"});
+    }
+    table.add(std::move(row));
+    current.emplace(std::move(key), entry.value);
+  }
+  before_ = std::move(current);
+  beforeAt_ = now;
+  return table.render(screen);
+}
+
+}  // namespace zebtool

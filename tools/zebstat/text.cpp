@@ -1,0 +1,181 @@
+#include "text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <system_error>
+
+namespace zebtool {
+
+namespace {
+
+constexpr std::uint32_t kReplacement = 0xFFFD;
+constexpr std::uint32_t kNone = 0xFFFFFFFF;
+
+struct Character {
+  std::uint32_t code = kNone;  // kNone: the bytes are no character
+  std::size_t length = 1;
+};
+
+// The character at `at`, surrogates as they are.
+Character readCharacter(std::string_view bytes, std::size_t at) {
+  auto byte = [&](std::size_t i) -> std::uint32_t { return static_cast<unsigned char>(bytes[at + i]); };
+  std::uint32_t first = byte(0);
+  if (first < 0x80) return {first, 1};
+  std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  if (first < 0xC0 || first > 0xF4 || length > bytes.size() - at) return {};
+  std::uint32_t code = first & (0xFFU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return {};
+    code = code << 6 | (byte(i) & 0x3F);
+  }
+  constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  bool isNul = length == 2 && code == 0;
+  if ((code < kLeast[length] && !isNul) || code > 0x10FFFF) return {};
+  return {code, length};
+}
+
+void appendCharacter(std::string& out, std::uint32_t code) {
+  auto put = [&](std::uint32_t byte) { out += static_cast<char>(byte); };
+  if (code < 0x80) return put(code);
+  if (code < 0x800) {
+    put(0xC0 | code >> 6);
+  } else if (code < 0x10000) {
+    put(0xE0 | code >> 12);
+    put(0x80 | (code >> 6 & 0x3F));
+  } else {
+    put(0xF0 | code >> 18);
+    put(0x80 | (code >> 12 & 0x3F));
+    put(0x80 | (code >> 6 & 0x3F));
+  }
+  put(0x80 | (code & 0x3F));
+}
+
+bool isPlainAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+}
+
+// What terminals draw two columns wide, and what they draw onto the character before it.
+std::size_t columnsOfCharacter(std::uint32_t code) {
+  struct Span {
+    std::uint32_t first, last;
+  };
+  constexpr Span kNarrowest[] = {{0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+  constexpr Span kWide[] = {{0x1100, 0x115F}, {0x2E80, 0xA4CF}, {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},
+                            {0xFE30, 0xFE6F}, {0xFF00, 0xFF60}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+  auto holds = [&](const Span& span) { return code >= span.first && code <= span.last; };
+  if (std::any_of(std::begin(kNarrowest), std::end(kNarrowest), holds)) return 0;
+  return std::any_of(std::begin(kWide), std::end(kWide), holds) ? 2 : 1;
+}
+
+}  // namespace
+
+std::string toUtf8(std::string_view bytes) {
+  if (isPlainAscii(bytes)) return std::string(bytes);
+  std::string out;
+  for (std::size_t at = 0; at < bytes.size();) {
+    Character character = readCharacter(bytes, at);
+    at += character.length;
+    bool isHigh = character.code >= 0xD800 && character.code < 0xDC00;
+    Character low = isHigh && at < bytes.size() ? readCharacter(bytes, at) : Character();
+    if (isHigh && low.code >= 0xDC00 && low.code < 0xE000) {
+      at += low.length;
+      character.code = 0x10000 + ((character.code - 0xD800) << 10) + (low.code - 0xDC00);
+    }
+    bool isGood = character.code != kNone && (character.code < 0xD800 || character.code >= 0xE000);
+    appendCharacter(out, isGood ? character.code : kReplacement);
+  }
+  return out;
+}
+
+std::string toShown(std::string_view bytes) {
+  if (isPlainAscii(bytes)) return std::string(bytes);
+  std::string utf8 = toUtf8(bytes);
+  std::string out;
+  for (std::size_t at = 0; at < utf8.size();) {
+    Character character = readCharacter(utf8, at);
+    if (character.code == '\n') {
+      out += "\\n";
+    } else if (character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0)) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02X", character.code);
+      out += escape;
+    } else {
+      out.append(utf8, at, character.length);
+    }
+    at += character.length;
+  }
+  return out;
+}
+
+std::size_t columnsOf(std::string_view utf8) {
+  if (isPlainAscii(utf8)) return utf8.size();
+  std::size_t columns = 0;
+  for (std::size_t at = 0; at < utf8.size();) {
+    Character character = readCharacter(utf8, at);
+    columns += columnsOfCharacter(character.code);
+    at += character.length;
+  }
+  return columns;
+}
+
+std::string cutToColumns(std::string_view utf8, std::size_t columns) {
+  std::size_t at = 0;
+  for (std::size_t used = 0; at < utf8.size();) {
+    Character character = readCharacter(utf8, at);
+    used += columnsOfCharacter(character.code);
+    if (used > columns) break;
+    at += character.length;
+  }
+  return std::string(utf8.substr(0, at));
+}
+
+bool isJsonNumber(std::string_view text) {
+  std::size_t at = 0;
+  auto skipDigits = [&] {
+    std::size_t start = at;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
+    return at - start;
+  };
+  auto skip = [&](std::string_view any) {
+    bool is = at < text.size() && any.find(text[at]) != std::string_view::npos;
+    if (is) ++at;
+    return is;
+  };
+  skip("-");
+  bool hasLeadingZero = at < text.size() && text[at] == '0';
+  std::size_t digits = skipDigits();
+  if (digits == 0 || (hasLeadingZero && digits > 1)) return false;
+  if (skip(".") && skipDigits() == 0) return false;
+  if (skip("eE")) {
+    skip("+-");
+    if (skipDigits() == 0) return false;
+  }
+  return at == text.size();
+}
+
+std::optional<long double> parseNumber(std::string_view text) {
+  long double value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) return std::nullopt;
+  return value;
+}
+
+std::string showNumber(long double value, int decimals) {
+  char digits[64];
+  if (std::fabs(value) >= 1e30L) {
+    std::snprintf(digits, sizeof digits, "%.6Lg", value);
+    return digits;
+  }
+  std::snprintf(digits, sizeof digits, "%.*Lf", decimals, value);
+  std::string text = digits;
+  if (text.find('.') != std::string::npos) {
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+  }
+  return text == "-0" ? "0" : text;
+}
+
+}  // namespace zebtool
