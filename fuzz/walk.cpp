@@ -88,7 +88,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::uint8_t wanted = takeByte(input);
   const bool isSlow = (what & kSlow) == kSlow && wanted == 0;
   const std::uint8_t filling = isSlow ? 0 : std::max<std::uint8_t>(wanted, 1);
-  const std::size_t tail = std::min<std::size_t>(takeByte(input), input.size());
+  const std::size_t asked = takeByte(input);
+  const std::size_t tail = std::min(asked, input.size());
   const std::size_t marked = (what & kMarked) != 0 ? zeb::kMarkerLength : 0;
   const std::size_t head = std::min(input.size() - tail, zeb::kContentSize - marked);
   ResultSetToken resultSet = {};

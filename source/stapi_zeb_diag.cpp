@@ -103,8 +103,7 @@ void putTimestamp(char* dst, const timeval& now) noexcept {
   putMilliseconds(dst, now);
 }
 
-// The caller holds traceLock. Of the lines of one second only the first asks for the local time, which is slow;
-// a new time zone shows from the next second on.
+// The caller holds traceLock. Of the lines of one second only the first asks for the local time, which is slow.
 void refreshTimeStamp() noexcept {
   static time_t second = -1;
   static char text[sizeof timeStamp];
@@ -194,7 +193,7 @@ int dumpLines(StorageDump dump) noexcept {
     dump.address += count;
     total += count;
     if (lengthMode) dump.remaining -= count;
-    if (lengthMode ? dump.remaining < 1 : count != dump.lineWidth) break;
+    if (count == 0 || (lengthMode ? dump.remaining < 1 : count != dump.lineWidth)) break;
   }
   flushTrace();
   return total;
@@ -372,6 +371,7 @@ char* getTraceDate(char* dst) noexcept {
 }
 
 char* getTimestamp(char* dst) noexcept {
+  const ErrnoKeeper keeper;
   timeval now = {};
   gettimeofday(&now, nullptr);
   putTimestamp(dst, now);

@@ -31,7 +31,7 @@ inline void setTraceLevel(int level) noexcept {
 }
 
 // Where the process id stands between two questions to the kernel: on a page that the kernel clears in every
-// child, whichever way it is made. Until there is one, and where no such page is to be had, this is a 0, and
+// child that has memory of its own. Until there is one, and where no such page is to be had, this is a 0, and
 // every question goes to the kernel.
 extern std::uint32_t* rememberedPid;
 [[gnu::cold]] void startRememberingPid() noexcept;

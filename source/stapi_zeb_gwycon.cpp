@@ -184,12 +184,12 @@ int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) noe
 // poll, unlike select, takes descriptors of any number.
 int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   const int socketDescriptor = *socketDescriptorPtr;
-  if (socketDescriptor < 0) return failWait(EBADF, errorPtr);  // which poll would pass over
   const time_t start = time(nullptr);
   int seconds = kConnectWaitSeconds;
   for (;;) {
     TRACE_DEBUG(3014, "stapi_zeb_gwycon.waitForConnection Calling select() on socketdescriptor %d\n",
                 socketDescriptor);
+    if (socketDescriptor < 0) return failWait(EBADF, errorPtr);  // which poll would pass over
     pollfd waited = {socketDescriptor, POLLOUT | POLLPRI, 0};
     const int ready = poll(&waited, 1, seconds * 1000);
     if (ready < 0 && errno == EINTR) {

@@ -188,8 +188,10 @@ int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
 // Of a token that is known to be in the list, however long that is; the caller holds gtlLock.
 int removeOwnToken(GatewayToken** gwTokPtr) noexcept {
   GatewayToken* parent = nullptr;
-  for (GatewayToken* listed = gtListHeadPtr; listed != *gwTokPtr; listed = listed->nextGwyTokPtr)
-    parent = listed;
+  if (findGatewayToken(*gwTokPtr, &parent) != kTokenFound) {  // the list is longer than it searches
+    for (GatewayToken* listed = gtListHeadPtr; listed != *gwTokPtr; listed = listed->nextGwyTokPtr)
+      parent = listed;
+  }
   removeToken(gwTokPtr, parent);
   return 0;
 }
@@ -318,7 +320,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
     releaseToken(*token);
     return ZEB_NO_MEMORY;
   }
-  emptyBuffer(token->resultSetBuf);
+  sealBuffer(token->resultSetBuf);
   token->connRSToken->head = token->connRSToken->next = token->resultSetBuf;
   return 0;
 }

@@ -195,7 +195,6 @@ int checkToken(const char* call, const GatewayToken* gwTok, ResultSetToken** rsP
     TRACE_EXC(1051, "API.%s(gwTok=%p) resultSetBuf is NULL. Connection may have gone.\n", call, gwTok);
     return ZEB_NO_RESULT_SET_BUFFER;
   }
-  sealBuffer(gwTok->resultSetBuf);
   return 0;
 }
 

@@ -109,9 +109,10 @@ constexpr std::size_t kFirstLineSize = 32;  // what a dump of an empty buffer sh
 
 }  // namespace
 
-void emptyBuffer(char* buffer) noexcept {
+void sealBuffer(char* buffer) noexcept {
   memset(buffer, 0, kFirstLineSize);
   addTerminator(buffer);
+  memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
 }
 
 int writeResultSet(const ResultSetToken& resultSet) noexcept {

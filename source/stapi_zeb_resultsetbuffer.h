@@ -39,14 +39,8 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
-// Makes a new buffer read as empty.
-void emptyBuffer(char* buffer) noexcept;
-
-// Stamps the last word of a connection's buffer, which no content reaches, ahead of every query. Not when the
-// buffer is made: it is a page that an idle connection need not have.
-inline void sealBuffer(char* buffer) noexcept {
-  memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
-}
+// Makes a new buffer read as empty, and stamps the last word, which no content ever reaches.
+void sealBuffer(char* buffer) noexcept;
 
 // Texts of up to so many characters are copied as so many where source and target have them, because a fixed
 // width costs less than a call of memcpy.

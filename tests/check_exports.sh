@@ -46,5 +46,10 @@ grep -qE 'BIND_NOW|FLAGS_1.*NOW' <<<"$dynamic" || complain "is not linked with B
 expect "the stack's protection" "RW" "$(awk '$1 == "GNU_STACK" { print $7 }' <<<"$segments")"
 ! grep -q TEXTREL <<<"$dynamic" || complain "has text relocations"
 
+undefined=$(nm -D --undefined-only "$library")
+grep -q __stack_chk_fail <<<"$undefined" || complain "has no stack protector"
+# Only optimised builds are fortified.
+[ -z "${3:-}" ] || grep -qE '__(vfprintf|snprintf|memcpy)_chk' <<<"$undefined" || complain "is not fortified"
+
 [ "$failures" -eq 0 ] || exit 1
 printf '%s names, all as listed\n' "$(wc -l <"$names")"

@@ -2,6 +2,7 @@
 
 #include "stapi_zeb_resultsetbuffer.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -65,7 +66,7 @@ struct Answer {
     return trace.story(more);
   }
 
-  std::unique_ptr<char[]> buffer{new char[kResultSetBufferSize]};
+  std::unique_ptr<char[]> buffer{new char[kResultSetBufferSize]()};
   ResultSetToken* token = nullptr;
 };
 
@@ -398,7 +399,8 @@ TEST(Copy, OutlivesItsSource) {
 ENTRY  stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=RS)
 EXIT   stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=RS) rc=0
 ENTRY  stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=VAR, eyecatcher=ADDRESS, owner=9999)
-DEBUG  stapi_zeb_resultsetbuffer.createResultSet Called malloc for 96 bytes. rc=COPY
+DEBUG  stapi_zeb_resultsetbuffer.createResultSet Called malloc for )" +
+                                                   std::to_string(sizeof *copy) + R"( bytes. rc=COPY
 DEBUG  stapi_zeb_resultsetbuffer.createResultSet Called malloc for 32000 bytes. rc=TEXT
 EXIT   stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=VAR, eyecatcher=ADDRESS, owner=9999) rc=0
 EVENT  API.copyResultSet(srcRs=RS,&tarRsPtr=VAR) Created result set token(COPY)
@@ -460,9 +462,13 @@ TEST(Dump, ShowsTokenAndBufferWhateverTheLevel) {
   EXPECT_EQ(dumpResultSet(answer.token), 0);
   EXPECT_EQ(dumpResultSetInternal(nullptr), -103);
   EXPECT_EQ(trace.text(), formatText("Dump of ResultSet(%p) owner(8888) head(%p) next(%p)\n%s\n"
-                                     "0x%8.8X: 5A454249 44534554 01000000 00000000 : ZEBIDSET........ \n"
+                                     "0x%8.8X: 5A454249 44534554 %8.8X 00000000 : ZEBIDSET........ \n"
                                      "0x%8.8X: FFFFFFFF                            : ....\n%s\n",
-                                     rs, head, head, rule.c_str(), low, low + 16, rule.c_str()));
+                                     rs, head, head, rule.c_str(), low, htonl(1), low + 16, rule.c_str()));
+}
+
+std::string hostBytes(std::int32_t value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
 TEST(Buffer, IsWrittenByteForByte) {
@@ -475,9 +481,10 @@ TEST(Buffer, IsWrittenByteForByte) {
   EXPECT_EQ(checkTerminator(cursor, &end), 0);
   EXPECT_EQ(end, 1);
   EXPECT_EQ(addIdStr(&cursor, "abc"), 0);
-  EXPECT_EQ(std::string(buffer, 10), std::string(".\3\0\0\0abc\0.", 10)) << "the terminator is overwritten";
+  EXPECT_EQ(std::string(buffer, 10), "." + hostBytes(3) + std::string("abc\0.", 5))
+      << "the terminator is overwritten";
   EXPECT_EQ(addInteger(&cursor, -2), 0);
-  EXPECT_EQ(std::string(buffer + 7, 6), "c\xFE\xFF\xFF\xFF.");
+  EXPECT_EQ(std::string(buffer + 7, 6), "c" + hostBytes(-2) + ".");
   EXPECT_EQ(checkTerminator(buffer, &end), 0);
   EXPECT_EQ(end, 0);
   EXPECT_EQ(addChars(&cursor, "x", 1), 0);
@@ -488,7 +495,8 @@ TEST(Buffer, IsWrittenByteForByte) {
   for (const std::string& line : zebtest::splitLines(trace.story({{"BUFFER", buffer, sizeof buffer}})))
     if (line.starts_with("DEBUG  stapi_zeb_resultsetbuffer.")) details += line.substr(33) + "\n";
   EXPECT_EQ(details, R"(checkTerminator(dataCursor=BUFFER+1, *isRSTermPtr=1)
-addIdStr Wrote length value 3 to address BUFFER+1, which reads back as 3
+addIdStr Wrote length value 3 to address BUFFER+1, which reads back as )" +
+                         std::to_string(hostBytes(3)[0]) + R"(
 addIdStr Wrote string abc len 3 to address BUFFER+5, first char reads back as a
 checkTerminator(dataCursor=BUFFER, *isRSTermPtr=0)
 addChars() using memcpy() on writeCursor(BUFFER+12) charCount(1)

@@ -70,7 +70,7 @@ struct Named {
 inline std::string nameAddresses(std::string text, const std::vector<Named>& names) {
   for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
     const std::size_t end = std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
-    const std::uintptr_t address = std::strtoull(&text[at], nullptr, 16);
+    const auto address = static_cast<std::uintptr_t>(std::strtoull(&text[at], nullptr, 16));
     std::string shown = "ADDRESS";
     for (const Named& block : names) {
       const std::size_t offset = address - reinterpret_cast<std::uintptr_t>(block.start);

@@ -200,8 +200,9 @@ ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
   const int error = failureOf(kRecv);
   if (error == 0) return __real_recv(socket, buffer, size, flags);
   if (error == kShort) return __real_recv(socket, buffer, std::min<size_t>(size, 1), flags);
+  if (error == kEnd) return 0;
   errno = error;
-  return error == kEnd ? 0 : -1;
+  return -1;
 }
 
 int __wrap_close(int descriptor) {

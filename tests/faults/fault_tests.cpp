@@ -385,6 +385,18 @@ TEST_F(Faults, ALockOfTheTraceThatFailsChangesNoCode) {
   sweepTrace({kLock, kUnlock});
 }
 
+TEST_F(Faults, AReplyThatEndsBehindItsFirstByteIsALostConnection) {
+  Row row("F3");
+  for (const Target& target : kTargets) {
+    const Outcome clean = tryClean(target, 0);
+    for (int at = 1; at <= clean.counts[kRecv]; ++at) {
+      const std::vector<Fault> pair = {{kRecv, at, false, kShort}, {kRecv, 1, false, kEnd}};
+      row.add(formatText("%s, reply part %d", target.name, at),
+              judge(tryPoint(target, gateway_.port(), 0, pair), clean, codesUnder(target, kRecv, kEnd)));
+    }
+  }
+}
+
 TEST_F(Faults, ASecondFaultInTheCleanUpOfTheFirstLosesNothing) {
   Row row("F3");
   std::mt19937 random(2000);
@@ -405,7 +417,7 @@ TEST_F(Faults, ASecondFaultInTheCleanUpOfTheFirstLosesNothing) {
     if (clean.counts[call] == 0) continue;
     ++pairs;
     const Fault first = pickFault(static_cast<Call>(call), clean.counts[call]);
-    Fault second = pickFault(static_cast<Call>(pick(kCalls)), 3);
+    Fault second = pickFault(pick(2) == 0 ? first.call : static_cast<Call>(pick(kCalls)), 3);
     second.onwards = pick(3) == 0;
     Outcome outcome = tryPoint(target, gateway_.port(), level, {first, second});
     outcome.hasStruck = true;  // the second need not

@@ -65,11 +65,11 @@ class Parser {
         [](const CLI::App* app, const std::string&, CLI::AppFormatMode) { return helpFor(app->get_name()); });
     app_.set_version_flag("--version", "zebstat " ZEBSTATS_VERSION);
     addConnectOptions();
-    addStats();
-    addIds();
-    addGroups();
-    addCheck();
-    addExporter();
+    addCommand(Command::kStats, "stats", &Parser::addStats);
+    addCommand(Command::kIds, "ids", &Parser::addIds);
+    addCommand(Command::kGroups, "groups", &Parser::addShowOptions);
+    addCommand(Command::kCheck, "check", &Parser::addCheck);
+    addCommand(Command::kExporter, "exporter", &Parser::addExporter);
   }
 
   std::optional<Options> parse(int argc, char** argv) {
@@ -89,10 +89,13 @@ class Parser {
   }
 
  private:
-  CLI::App* addCommand(Command command, const char* name) {
+  // A command gets its options when it is met: those of all commands would be half the time of a short run.
+  void addCommand(Command command, const char* name, void (Parser::*addOptions)(CLI::App*)) {
     CLI::App* added = app_.add_subcommand(name);
-    added->parse_complete_callback([this, command] { options_.command = command; });
-    return added;
+    added->preparse_callback([this, command, added, addOptions](std::size_t) {
+      options_.command = command;
+      (this->*addOptions)(added);
+    });
   }
 
   void addConnectOptions() {
@@ -109,20 +112,16 @@ class Parser {
     app_.add_option("--trace-file", options_.traceFile)->type_name("FILE")->check(wantPath)->needs(level);
   }
 
-  void addStats() {
-    CLI::App* stats = addCommand(Command::kStats, "stats");
+  void addStats(CLI::App* stats) {
     CLI::Option* ids = stats->add_option("ID", options_.ids)->check(wantText);
     stats->add_option("--group", options_.groups)->type_name("GROUP")->check(wantText)->excludes(ids);
     addShowOptions(stats);
   }
 
-  void addIds() {
-    CLI::App* ids = addCommand(Command::kIds, "ids");
+  void addIds(CLI::App* ids) {
     ids->add_option("GROUP", options_.groups)->check(wantText);
     addShowOptions(ids);
   }
-
-  void addGroups() { addShowOptions(addCommand(Command::kGroups, "groups")); }
 
   void addShowOptions(CLI::App* command) {
     CLI::Option* watch =
@@ -144,15 +143,13 @@ class Parser {
         ->check(wantText);
   }
 
-  void addCheck() {
-    CLI::App* check = addCommand(Command::kCheck, "check");
+  void addCheck(CLI::App* check) {
     check->add_option("ID", options_.checkedId)->check(wantText)->required();
     check->add_option("--warning", warning_)->type_name("RANGE")->check(wantRange);
     check->add_option("--critical", critical_)->type_name("RANGE")->check(wantRange);
   }
 
-  void addExporter() {
-    CLI::App* exporter = addCommand(Command::kExporter, "exporter");
+  void addExporter(CLI::App* exporter) {
     exporter->add_option("--listen", options_.listen)->type_name("ADDRESS:PORT");
     exporter->add_option("--gateway", options_.gateways)->type_name("HOST:PORT")->required();
   }
