@@ -318,7 +318,7 @@ void copyStat(StatsParse& parse) noexcept {
 std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
   constexpr std::int32_t kFollowing = 4;
   constexpr std::size_t kFrame = 13;  // a statistic on the wire without its texts
-  static_assert(kFollowing * 2 * sizeof(std::int32_t) >= kShortText && kFollowing * kFrame >= kShortText);
+  static_assert(kFollowing * (2 * sizeof(std::int32_t)) >= kShortText && kFollowing * kFrame >= kShortText);
   constexpr std::size_t kMost = kFrame + 2 * kShortText;
   if (parse.detailed || parse.out.isTraced()) return 0;
   ByteReader in = parse.in;  // copies, which stay in registers
