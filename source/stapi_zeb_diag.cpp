@@ -325,8 +325,9 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const LockGuard guard(traceLock);
   TraceSwitch result = {false, 0};
   FILE* opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
-  const bool isBack = traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
-  if (opened != nullptr && !isBack) {
+  const bool isThereAlready =
+      traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
+  if (opened != nullptr && !isThereAlready) {
     const StreamGuard streamGuard;
     if (statAPITraceHandle != nullptr && statAPITraceHandle != stderr) fclose(statAPITraceHandle);
     const char* const name = traceFile != nullptr ? traceFile : defaultTraceFilename;

@@ -6,8 +6,7 @@
 //          many entries: id length, id, and for statistics value length, value
 //          terminator, also where the content would otherwise begin in a buffer that holds none
 //
-// Integers are in host order and stand at any address. The last word of a buffer
-// that a query has been asked into is a terminator too.
+// Integers are in host order and stand at any address. The last word of a buffer always is a terminator.
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
