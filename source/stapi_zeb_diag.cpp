@@ -126,7 +126,7 @@ void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
   traceFmtStr[kTracePrefixLength + length] = '\0';
   if (time == Time::fresh) refreshTimeStamp();
-  tracePid = shownPid();
+  tracePid = currentPid();
   traceTid = shownTid();
   iTid = traceTid;
 #pragma GCC diagnostic push
@@ -224,8 +224,10 @@ std::uint32_t askPid() noexcept {
   return pid;
 }
 
+constinit thread_local ThreadId rememberedTid = 0;
+
 std::uint32_t shownTid() noexcept {
-  return shownTid(pthread_self());
+  return shownTid(currentTid());
 }
 
 const void* addressToShow(const void* block) noexcept {
@@ -384,8 +386,8 @@ int compareTids(ThreadId tid1, ThreadId tid2) noexcept {
 }
 
 void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) noexcept {
-  if (pidPtr != nullptr) *pidPtr = shownPid();
-  if (tidPtr != nullptr) *tidPtr = pthread_self();
+  if (pidPtr != nullptr) *pidPtr = currentPid();
+  if (tidPtr != nullptr) *tidPtr = currentTid();
 }
 
 int traceOutStorage(const void* address, int length, std::uint32_t stopWord, int lineWidth,

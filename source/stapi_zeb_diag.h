@@ -41,18 +41,25 @@ inline std::uint32_t currentPid() noexcept {
   return pid != 0 ? pid : askPid();
 }
 
-// The process id and the low 32 bits of the thread id, as trace lines show them.
-inline std::uint32_t shownPid() noexcept {
-  return currentPid();
+// Where pthread_self's answer stands once a thread has asked: the call itself costs as much as half the step of
+// a walk that it checks. Every thread begins with a 0.
+extern constinit thread_local ThreadId rememberedTid;
+inline ThreadId currentTid() noexcept {
+  if (rememberedTid == 0) [[unlikely]]
+    rememberedTid = pthread_self();
+  return rememberedTid;
 }
-std::uint32_t shownTid() noexcept;
+
+// The low 32 bits of a thread id, this thread's or another's, as trace lines show them.
+[[gnu::cold]] std::uint32_t shownTid() noexcept;
 inline std::uint32_t shownTid(ThreadId tid) noexcept {
   return static_cast<std::uint32_t>(tid);
 }
 
-// The owner check of tokens and result sets, where nothing of it is to be traced.
-inline bool isCaller(std::uint32_t pid, ThreadId tid) noexcept {
-  return currentPid() == pid && pthread_equal(pthread_self(), tid) != 0;
+// Whether these are the ids of the calling thread, as far as they are remembered: where not, verify asks.
+inline bool isKnownCaller(std::uint32_t pid, ThreadId tid) noexcept {
+  return pid != 0 && tid != 0 && std::atomic_ref(*rememberedPid).load(std::memory_order_relaxed) == pid &&
+         pthread_equal(rememberedTid, tid) != 0;
 }
 
 // An address that is only printed, and may have been freed by then.
@@ -109,7 +116,7 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept;
   do {                                                                                     \
     static_assert(sizeof("" text) <= kTraceMessageSize); /* a literal, and not too long */ \
     if (allowed) [[unlikely]]                                                              \
-      zeb::writer(ZEB_TRACE_PREFIX text, stamp, zeb::shownPid(), zeb::shownTid(), point,   \
+      zeb::writer(ZEB_TRACE_PREFIX text, stamp, zeb::currentPid(), zeb::shownTid(), point, \
                   word __VA_OPT__(, ) __VA_ARGS__);                                        \
   } while (0)
 
@@ -136,7 +143,7 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept;
     if (zeb::traceLevel() >= zeb::kLevelDetail) [[unlikely]] {                                             \
       const zeb::TracedStorage traced = storage;                                                           \
       zeb::writeTraceData(traced, ZEB_TRACE_PREFIX function " data=%p len=%d stopword=%8.8X\n", timeStamp, \
-                          zeb::shownPid(), zeb::shownTid(), point, "DATA" __VA_OPT__(, ) __VA_ARGS__,      \
+                          zeb::currentPid(), zeb::shownTid(), point, "DATA" __VA_OPT__(, ) __VA_ARGS__,    \
                           traced.address, traced.length, static_cast<std::uint32_t>(shownStopWord));       \
     }                                                                                                      \
   } while (0)

@@ -327,15 +327,12 @@ struct WalkCall {
   int level;
 };
 
-inline int checkResultSetOwner(const ResultSetToken& resultSet, int level) noexcept {
-  if (resultSet.owner != kOwnerGateway) return 0;
-  if (level < kLevelFunction && isCaller(resultSet.owningPid, resultSet.owningTid)) return 0;
-  return verifyAPIResultSetTokenOwner(&resultSet);
+int checkResultSetOwner(const ResultSetToken& resultSet) noexcept {
+  return resultSet.owner == kOwnerGateway ? verifyAPIResultSetTokenOwner(&resultSet) : 0;
 }
 
 template <typename Walk>
-[[gnu::always_inline]] inline int checkWalk(WalkCall call, const ResultSetToken* rsPtr,
-                                            const typename Walk::Record* record) noexcept {
+int checkWalk(WalkCall call, const ResultSetToken* rsPtr, const typename Walk::Record* record) noexcept {
   if (rsPtr == nullptr) {
     TRACE_EXC(1100, "API.%s() Supplied result set token is NULL\n", call.name);
     return ZEB_RESULT_SET_NULL;
@@ -352,7 +349,7 @@ template <typename Walk>
     TRACE_EXC(1103, "API.%s Resultset does not contain %s\n", call.name, Walk::kContent);
     return ZEB_WRONG_CONTENT;
   }
-  return checkResultSetOwner(*rsPtr, call.level);
+  return checkResultSetOwner(*rsPtr);
 }
 
 int refuseDamaged(WalkCall call, const ResultSetToken& resultSet) noexcept {
@@ -413,28 +410,37 @@ void showEndOfSubset(WalkCall call, std::int32_t queryIndex, const ResultSetToke
   TRACE_DEBUG(1113, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name, queryIndex, &resultSet);
 }
 
+template <typename Walk>
+[[gnu::always_inline]] inline void fillRecord(typename Walk::Record& record,
+                                              const typename Walk::Element& element,
+                                              const ResultSetToken& resultSet) noexcept {
+  Walk::fill(record, element);
+  fillQueryElement(record, resultSet);
+}
+
+// Counts an element as taken; returns whether it was the last of its subset.
+inline bool passElement(ResultSetToken& resultSet) noexcept {
+  if (++resultSet.elementResultIndex <= resultSet.elementCount) return false;
+  resultSet.elementResultIndex = 0;
+  ++resultSet.queryIndex;
+  return true;
+}
+
 // Reads the element at the cursor and makes the token step over it. header is the query header that was just
 // read ahead of it, or null within a subset.
 template <typename Walk>
-[[gnu::always_inline]] inline int takeElement(WalkCall call, ResultSetToken& resultSet, ResultSetReader& in,
-                                              const QueryHeader* header,
-                                              typename Walk::Record& record) noexcept {
+int takeElement(WalkCall call, ResultSetToken& resultSet, ResultSetReader& in, const QueryHeader* header,
+                typename Walk::Record& record) noexcept {
   const char* const cursor = in.position();
   const auto element = Walk::read(in);
-  if (!in.ok()) [[unlikely]]
-    return refuseDamaged(call, resultSet);
+  if (!in.ok()) return refuseDamaged(call, resultSet);
   if (header != nullptr) header->commit(resultSet, 1);
-  Walk::fill(record, element);
-  fillQueryElement(record, resultSet);
+  fillRecord<Walk>(record, element, resultSet);
   ZEB_TRACE_IF(call.level >= kLevelDetail && !call.first, "DEBUG", 1114,
                "API.%s Processing queryIndex=%d, elementResultIndex=%d. Resultset=%p, dataCursor=%p, %s=%d\n",
                call.name, resultSet.queryIndex, resultSet.elementResultIndex, &resultSet, cursor,
                Walk::kLengthName, element.idLen);
-  if (++resultSet.elementResultIndex > resultSet.elementCount) {
-    resultSet.elementResultIndex = 0;
-    ++resultSet.queryIndex;
-    showEndOfSubset(call, resultSet.queryIndex, resultSet);
-  }
+  if (passElement(resultSet)) showEndOfSubset(call, resultSet.queryIndex, resultSet);
   ZEB_TRACE_IF(call.level >= kLevelEvent, "EVENT", 1115,
                "API.%s Successfully retrieved %s %s from resultset %p\n", call.name,
                call.first ? "first" : "the next", Walk::kEntry, &resultSet);
@@ -486,26 +492,42 @@ int startWalk(WalkCall call, ResultSetToken& resultSet, typename Walk::Record& r
 
 // A step that does not stay within a subset.
 template <typename Walk>
-[[gnu::noinline]] int stepAcross(WalkCall call, ResultSetToken& resultSet,
-                                 typename Walk::Record& record) noexcept {
+int stepAcross(WalkCall call, ResultSetToken& resultSet, typename Walk::Record& record) noexcept {
   if (call.first || resultSet.queryIndex == 0) return startWalk<Walk>(call, resultSet, record);
   ResultSetReader in(resultSet.next, resultSet.head);
   QueryHeader header = {resultSet.queryCount, resultSet.queryIndex, nullptr, 0, 0, 0};
   return takeFromNextSubset<Walk>(call, resultSet, in, header, record);
 }
 
-// The step within a subset is the one that is made a thousand times: it stands in the call itself.
 template <typename Walk>
-[[gnu::always_inline]] inline int walk(WalkCall call, ResultSetToken* rsPtr,
-                                       typename Walk::Record* record) noexcept {
+int walk(WalkCall call, ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
   const int rc = checkWalk<Walk>(call, rsPtr, record);
-  if (rc != 0) [[unlikely]]
-    return rc;
+  if (rc != 0) return rc;
   if (call.first || rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0)
     return stepAcross<Walk>(call, *rsPtr, *record);
   ResultSetReader in(rsPtr->next, rsPtr->head);
   if (in.atEnd()) return ZEB_END_OF_RESULTS;
   return takeElement<Walk>(call, *rsPtr, in, nullptr, *record);
+}
+
+// The step that is made a thousand times: within a subset, with nothing to trace and nothing wrong. Changes
+// nothing where it is another step; walk makes that.
+template <typename Walk>
+[[gnu::always_inline]] inline bool stepWithinSubset(ResultSetToken* rsPtr,
+                                                    typename Walk::Record* record) noexcept {
+  if (stapiState.load(std::memory_order_acquire) == 0 || traceLevel() >= kLevelEvent) return false;
+  if (rsPtr == nullptr || record == nullptr || rsPtr->head == nullptr) return false;
+  if (!hasContent(rsPtr->head, Walk::kMarker)) return false;
+  if (rsPtr->owner == kOwnerGateway && !isKnownCaller(rsPtr->owningPid, rsPtr->owningTid)) return false;
+  if (rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0) return false;
+  ResultSetReader in(rsPtr->next, rsPtr->head);
+  if (in.atEnd()) return false;
+  const auto element = Walk::read(in);
+  if (!in.ok()) return false;
+  fillRecord<Walk>(*record, element, *rsPtr);
+  passElement(*rsPtr);
+  rsPtr->next = in.position();
+  return true;
 }
 
 // ---- Result sets as a whole ----------------------------------------------------------------------------------
@@ -523,7 +545,7 @@ int checkContent(const char* call, const char* argument, const char* purpose,
     TRACE_EXC(1121, "API.%s Resultset does not contain recognised content\n", call);
     return ZEB_WRONG_CONTENT;
   }
-  return checkResultSetOwner(resultSet, traceLevel());
+  return checkResultSetOwner(resultSet);
 }
 
 int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept {
@@ -690,7 +712,7 @@ int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCoun
   } else if (idQueryStringPtr == nullptr) {
     rc = refuseIdQuery("query string pointer", ZEB_OUTPUT_POINTER_NULL);
   } else {
-    rc = checkResultSetOwner(*rsPtr, traceLevel());
+    rc = checkResultSetOwner(*rsPtr);
   }
   if (rsPtr->head == nullptr) {
     TRACE_EXC(1137, "API.getIdQuery(rsPtr=%p) resultSetBuf is NULL\n", rsPtr);
@@ -944,7 +966,8 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   return rc;
 }
 
-int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
+namespace {
+[[gnu::noinline]] int goToNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   int rc = stapiInit();
   const int level = traceLevel();
   ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1082, "API.getNextStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr,
@@ -952,6 +975,11 @@ int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   if (rc == 0) rc = walk<StatWalk>({"getNextStat", false, level}, rsPtr, statDataPtr);
   ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1083, "API.getNextStat() rc=%d\n", rc);
   return rc;
+}
+}  // namespace
+
+int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
+  return stepWithinSubset<StatWalk>(rsPtr, statDataPtr) ? ZEB_OK : goToNextStat(rsPtr, statDataPtr);
 }
 
 int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
@@ -965,7 +993,8 @@ int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   return rc;
 }
 
-int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
+namespace {
+[[gnu::noinline]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   int rc = stapiInit();
   const int level = traceLevel();
   ZEB_TRACE_IF(level >= kLevelFunction, "ENTRY", 1086, "API.getNextId(rsPtr=%p,idDataPtr=%p)\n", rsPtr,
@@ -973,6 +1002,11 @@ int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   if (rc == 0) rc = walk<IdWalk>({"getNextId", false, level}, rsPtr, idDataPtr);
   ZEB_TRACE_IF(level >= kLevelFunction, "EXIT", 1087, "API.getNextId() rc=%d\n", rc);
   return rc;
+}
+}  // namespace
+
+int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
+  return stepWithinSubset<IdWalk>(rsPtr, idDataPtr) ? ZEB_OK : goToNextId(rsPtr, idDataPtr);
 }
 
 // ---- Result sets as a whole ----------------------------------------------------------------------------------
