@@ -63,11 +63,6 @@ endforeach()
 # ---- Tools -----------------------------------------------------------------------------------------------------
 
 if(ZEB_BUILD_TOOLS)
-  # zebstat finds the library beside it, wherever the prefix is. Not in /usr, where the system looks anyway.
-  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    file(RELATIVE_PATH zeb_rpath ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(zebstat PROPERTIES INSTALL_RPATH "$ORIGIN/${zeb_rpath}")
-  endif()
   install(TARGETS zebstat zebgatewaysim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(FILES man/zebstat.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
 endif()

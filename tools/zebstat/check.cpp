@@ -74,15 +74,16 @@ Finding judge(const Options& options, const Answer& answer) {
 
 int runCheck(const Options& options) {
   Finding finding;
-  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  GatewayOnce gateway(options.host, options.port);
+  finding.words = describeSilence(nameGateway(options.host, options.port), options.timeoutSeconds);
+  Ending late{STDOUT_FILENO, renderLine(finding), finding.state};
   try {
-    finding = judge(options, gateway.ask(options.question()));
+    finding = judge(options, gateway.ask(options.question(), options.timeoutSeconds, late));
   } catch (const Fault& fault) {
     finding.words = fault.what();
   }
   writeOutput(renderLine(finding));
-  gateway.close();
-  return finding.state;
+  gateway.close(finding.state);
 }
 
 }  // namespace zebtool

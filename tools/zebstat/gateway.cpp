@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +12,6 @@
 #include <utility>
 
 #include "text.h"
-#include "zebstats.hpp"
 
 namespace zebtool {
 
@@ -19,7 +19,7 @@ namespace {
 
 // The library has room for 256 connections.
 constexpr std::size_t kMaxHung = 100;
-constexpr auto kCloseWait = std::chrono::seconds(1);
+constexpr double kCloseSeconds = 1;
 
 // The library's code and words, and what to try.
 std::string explain(int code) {
@@ -105,7 +105,34 @@ Outcome askNow(zebstats::Connection& connection, const std::string& host, int po
   return {};
 }
 
+Answer takeAnswer(Outcome outcome, const std::string& gateway) {
+  if (outcome.code == ZEB_OK) return std::move(outcome.answer);
+  throw Fault(kNotConnected, gateway + ": cannot " + outcome.step + " " + explain(outcome.code));
+}
+
 }  // namespace
+
+std::string nameGateway(const std::string& host, int port) {
+  bool isIpv6 = host.find(':') != std::string::npos;
+  return (isIpv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+std::string describeSilence(const std::string& gateway, double seconds) {
+  return gateway + ": no answer within " + showNumber(seconds, 3) + " s";
+}
+
+Answer GatewayOnce::ask(const Question& question, double timeoutSeconds, const Ending& whenLate) {
+  limitTime(timeoutSeconds, whenLate);
+  Outcome outcome = askNow(connection_, host_, port_, question);
+  liftTimeLimit();
+  return takeAnswer(std::move(outcome), nameGateway(host_, port_));
+}
+
+void GatewayOnce::close(int exitCode) {
+  limitTime(kCloseSeconds, {STDERR_FILENO, "", exitCode});
+  connection_.close();
+  endNow(exitCode);
+}
 
 // Shared by the thread and by whoever asks, so that either may outlive the other.
 struct Gateway::Thread {
@@ -150,11 +177,6 @@ Gateway::~Gateway() {
   if (thread_) thread_->askToEnd();
 }
 
-std::string Gateway::name() const {
-  bool isIpv6 = host_.find(':') != std::string::npos;
-  return (isIpv6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(port_);
-}
-
 void Gateway::startThread() {
   thread_ = std::make_shared<Thread>();
   // A signal handled in the middle of a query would end it.
@@ -176,11 +198,9 @@ Answer Gateway::ask(const Question& question) {
     std::shared_ptr<Thread> hung = std::exchange(thread_, nullptr);
     hung->askToEnd();
     hung_.push_back(hung);
-    throw Fault(kTimedOut, name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s");
+    throw Fault(kTimedOut, describeSilence(name(), timeoutSeconds_));
   }
-  Outcome outcome = *std::exchange(thread_->outcome, std::nullopt);
-  if (outcome.code == ZEB_OK) return std::move(outcome.answer);
-  throw Fault(kNotConnected, name() + ": cannot " + outcome.step + " " + explain(outcome.code));
+  return takeAnswer(*std::exchange(thread_->outcome, std::nullopt), name());
 }
 
 bool Gateway::mayAskAgain() {
@@ -192,7 +212,8 @@ void Gateway::close() {
   if (!thread_) return;
   thread_->askToEnd();
   std::unique_lock lock(thread_->mutex);
-  thread_->changed.wait_for(lock, kCloseWait, [&] { return thread_->hasEnded; });
+  thread_->changed.wait_for(lock, std::chrono::duration<double>(kCloseSeconds),
+                            [&] { return thread_->hasEnded; });
 }
 
 }  // namespace zebtool

@@ -1,5 +1,5 @@
-// A gateway that is asked with a limit of time. The library waits without one, so a thread of its own owns the
-// connection, and whoever asks stops waiting for that thread when the time is up.
+// A gateway that is asked with a limit of time. The library waits without one: where the process goes on, a thread
+// of its own owns the connection, and whoever asks stops waiting for that thread when the time is up.
 #ifndef ZEBSTAT_GATEWAY_H
 #define ZEBSTAT_GATEWAY_H
 
@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "fault.h"
+#include "output.h"
+#include "zebstats.hpp"
 
 namespace zebtool {
 
@@ -34,6 +36,28 @@ struct Answer {
   std::vector<Refusal> refusals;
 };
 
+// HOST:PORT, an IPv6 address in brackets.
+std::string nameGateway(const std::string& host, int port);
+// What to say when it does not answer in time.
+std::string describeSilence(const std::string& gateway, double seconds);
+
+// A gateway that is asked once, on the caller's own thread: its process ends when the time is up, because it has
+// nothing else to do.
+class GatewayOnce {
+ public:
+  GatewayOnce(std::string host, int port) : host_(std::move(host)), port_(port) {}
+  // Throws a Fault: kNotConnected.
+  Answer ask(const Question& question, double timeoutSeconds, const Ending& whenLate);
+  // Closes the connection and ends the process, after a moment even where the gateway does not take part.
+  [[noreturn]] void close(int exitCode);
+
+ private:
+  std::string host_;
+  int port_;
+  zebstats::Connection connection_;
+};
+
+// A gateway that is asked time and again.
 class Gateway {
  public:
   Gateway(std::string host, int port, double timeoutSeconds);
@@ -41,8 +65,7 @@ class Gateway {
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
-  // HOST:PORT, an IPv6 address in brackets.
-  [[nodiscard]] std::string name() const;
+  [[nodiscard]] std::string name() const { return nameGateway(host_, port_); }
 
   // Connects where there is no connection, and asks. Throws a Fault: kNotConnected or kTimedOut. The next
   // question then connects anew where that is needed.

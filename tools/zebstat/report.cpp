@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -80,15 +79,18 @@ std::string quoteCsv(std::string_view bytes) {
 
 }  // namespace
 
+// gmtime would read the time zone's file, for which a short run has no time.
 std::string makeTimestamp() {
-  auto now = std::chrono::system_clock::now().time_since_epoch();
-  auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-  std::time_t seconds = static_cast<std::time_t>(millis / 1000);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char date[32], text[40];
-  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
-  std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>(millis % 1000));
+  using namespace std::chrono;
+  auto now = floor<milliseconds>(system_clock::now());
+  auto day = floor<days>(now);
+  year_month_day date(day);
+  hh_mm_ss time(now - day);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
   return text;
 }
 

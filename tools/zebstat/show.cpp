@@ -65,11 +65,12 @@ Answer askPatiently(Gateway& gateway, const Question& question, Presenter& prese
 }  // namespace
 
 int showOnce(const Options& options) {
-  Gateway gateway(options.host, options.port, options.timeoutSeconds);
-  Presenter presenter(options, gateway.name());
-  ExitCode code = presenter.present(gateway.ask(options.question()));
-  gateway.close();
-  return code;
+  std::string name = nameGateway(options.host, options.port);
+  Presenter presenter(options, name);
+  GatewayOnce gateway(options.host, options.port);
+  std::string late = toMessage(describeSilence(name, options.timeoutSeconds));
+  Answer answer = gateway.ask(options.question(), options.timeoutSeconds, {STDERR_FILENO, late, kTimedOut});
+  gateway.close(presenter.present(answer));
 }
 
 int showWatched(const Options& options) {

@@ -1,7 +1,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -157,9 +156,13 @@ bool isJsonNumber(std::string_view text) {
 }
 
 std::optional<long double> parseNumber(std::string_view text) {
-  long double value = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) return std::nullopt;
+  // strtold would also take blanks ahead, a plus, hexadecimal digits and words.
+  if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos || text.starts_with('+'))
+    return std::nullopt;
+  const std::string number(text);
+  char* end = nullptr;
+  long double value = std::strtold(number.c_str(), &end);
+  if (number.empty() || *end != '\0' || !std::isfinite(value)) return std::nullopt;
   return value;
 }
 
