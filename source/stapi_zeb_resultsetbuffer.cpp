@@ -105,12 +105,10 @@ void append(char*& cursor, const void* bytes, int count) noexcept {
   cursor += count;
 }
 
-constexpr std::size_t kFirstLineSize = 32;  // what a dump of an empty buffer shows and looks at
-
 }  // namespace
 
 void sealBuffer(char* buffer) noexcept {
-  memset(buffer, 0, kFirstLineSize);
+  memset(buffer, 0, kDumpReach);
   addTerminator(buffer);
   memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
 }

@@ -22,6 +22,8 @@ constexpr std::size_t kMarkerLength = 8;
 constexpr char kStatsMarker[] = "ZEBSTSET";
 constexpr char kIdsMarker[] = "ZEBIDSET";
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
+// A dump reads so much where content ends: a line of 16 bytes, and a word at the last of them.
+constexpr std::size_t kDumpReach = 19;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
   std::int32_t value;
@@ -92,8 +94,10 @@ class ResultSetWriter {
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
-  // Content that ends within a word of the last one is ended by that.
+  // Content that ends within a word of the last one is ended by that. What a dump reads behind the terminator is
+  // not what the host's memory held before.
   void finish() noexcept {
+    memset(cursor_, 0, room() < kDumpReach ? room() : kDumpReach);
     if (room() == 0 || room() >= sizeof kTerminator) {
       addTerminator(cursor_);
     } else {

@@ -116,7 +116,7 @@ Bytes parse(Kind kind, std::string_view answer, bool isExportedForm = false) {
   EXPECT_EQ(rc != 0, Bytes(buffer.get(), kEmpty.size()) == kEmpty);
   if (rc != 0) return kEmpty;
   const Bytes written(buffer.get(), kResultSetBufferSize);
-  return written.substr(0, written.find_last_not_of('\xCC') + 1);
+  return written.substr(0, written.find_last_not_of(Bytes("\xCC\0", 2)) + 1);  // 0: what a dump would read
 }
 
 class Session {
