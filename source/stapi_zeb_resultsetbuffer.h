@@ -10,6 +10,7 @@
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -47,7 +48,9 @@ void sealBuffer(char* buffer) noexcept;
 // width costs less than a call of memcpy.
 constexpr std::size_t kShortText = 32;
 
-// The one bounded writer: what does not fit is not written, and once that happened nothing more is.
+// The one bounded writer: what does not fit is not written, and once that happened nothing more is. While it
+// writes, other threads may dump the buffer: a terminator always stands behind what is written so far, so that
+// they never show what the host's memory held before.
 class ResultSetWriter {
  public:
   // The buffer reads as empty until the marker is written.
@@ -90,26 +93,37 @@ class ResultSetWriter {
     memcpy(cursor_ + sizeof count, text, kShortText);
     cursor_ += sizeof count + length;
   }
+  void endShort() noexcept { endAt(cursor_); }
   [[nodiscard]] bool isTraced() const noexcept { return traced_; }
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
-  // Content that ends within a word of the last one is ended by that. What a dump reads behind the terminator is
-  // not what the host's memory held before.
+  // Content that ends within a word of the last one is ended by that.
   void finish() noexcept {
-    memset(cursor_, 0, room() < kDumpReach ? room() : kDumpReach);
     if (room() == 0 || room() >= sizeof kTerminator) {
       addTerminator(cursor_);
     } else {
-      memcpy(cursor_, &kTerminator, room());
+      endAt(cursor_);
     }
   }
   void discard() noexcept { addTerminator(start_); }
 
  private:
+  // Ahead of a write of so many characters, over the terminator.
   bool fits(std::size_t size) noexcept {
     ok_ = ok_ && size <= room();
+    if (ok_) endAt(cursor_ + size);
     return ok_;
+  }
+  void endAt(char* at) noexcept {
+    const std::size_t left = kContentSize - static_cast<std::size_t>(at - start_);
+    if (left >= kDumpReach) [[likely]] {
+      memset(at, 0, kDumpReach);
+      memcpy(at, &kTerminator, sizeof kTerminator);
+    } else {
+      memset(at, 0, left);
+      memcpy(at, &kTerminator, std::min(left, sizeof kTerminator));
+    }
   }
 
   char* start_;

@@ -332,6 +332,7 @@ std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
     if (valueLength > kShortText) break;
     out.countedShort(at + 9, idLength);
     out.countedShort(at + 11 + idLength, valueLength);
+    out.endShort();
     in.skip(kFrame + idLength + valueLength);
     ++copied;
   }
