@@ -3,26 +3,15 @@
 
 #include "harness.h"
 #include "memory_gateway.h"
+#include "stapi_zeb_protocol.h"
 
 using namespace zebfuzz;
 
 namespace {
 
-RequestHeader makeHeader(const char* name, std::uint32_t type, std::uint32_t dataLength) {
-  return {{'G', 'a', 't', 'e'},
-          0x00700000,
-          type,
-          0,
-          0,
-          static_cast<std::uint32_t>(std::strlen(name)),
-          name,
-          0,
-          dataLength};
-}
-
 void callAdmin(int kind, const MemoryGateway& gateway) {
   AdminCallRecord call = {};
-  call.header = makeHeader("Admin", 1, kind == 0 ? 4 : 64);
+  call.header = zeb::makeHeader("Admin", 1, kind == 0 ? 4 : 64);
   call.callKind = kind;
   call.country = call.language = "en";
   call.qualifier = "";
@@ -40,7 +29,7 @@ void callAdmin(int kind, const MemoryGateway& gateway) {
 
 void authorise(int step) {
   AuthRequestRecord request = {};
-  request.header = makeHeader("Auth", 1, step == 1 ? 20 : 4);
+  request.header = zeb::makeHeader("Auth", 1, step == 1 ? 20 : 4);
   request.authStep = step;
   reasons failure = {};
   const int rc = flowAuthRequest(1, &request, &failure);

@@ -93,6 +93,24 @@ inline int walkAsContent(ResultSetToken* resultSet) {
                  : walkAll<IdData>(resultSet, getFirstId, getNextId);
 }
 
+// Walks, joins and copies a result set. A damaged one may end its walk.
+inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDamaged) {
+  const int unknown = zeb::hasKnownContent(resultSet->head) ? 0 : ZEB_WRONG_CONTENT;
+  const int walked = walkAsContent(resultSet);
+  requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS}, "walk");
+  char* joined = nullptr;
+  const int rc = getIdQuery(resultSet, &joined);
+  requireOneOf(rc, {unknown, unknown == 0 ? ZEB_NO_GOOD_ID : unknown}, "getIdQuery");
+  require(rc != 0 || std::strlen(joined) < kQueryStringSize, "a query string fits");
+  if (!isCopied) return;
+  ResultSetToken* copy = nullptr;
+  require(copyResultSet(resultSet, &copy) == unknown, "known content is copied");
+  if (unknown != 0) return;
+  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0, "a copy has every byte");
+  require(walkAsContent(copy) == walked, "a copy is walked like its source");
+  require(freeResultSet(&copy) == 0, "a copy can be freed");
+}
+
 }  // namespace zebfuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

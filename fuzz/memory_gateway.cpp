@@ -65,8 +65,11 @@ std::size_t nextPiece(const MemoryGateway& gateway, std::size_t wanted) {
 
 }  // namespace
 
-void setMemoryGateway(MemoryGateway* gateway) {
-  current = gateway;
+MemoryGatewayScope::MemoryGatewayScope(MemoryGateway& gateway) {
+  current = &gateway;
+}
+MemoryGatewayScope::~MemoryGatewayScope() {
+  current = nullptr;
 }
 
 }  // namespace zebfuzz

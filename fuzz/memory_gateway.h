@@ -23,15 +23,11 @@ struct MemoryGateway {
   int blocks = 0;   // allocated and not yet freed
 };
 
-// The calling thread's calls go to the gateway that is set here, and to the system while there is none. Blocks
-// beyond any that a session needs are refused while there is one.
-void setMemoryGateway(MemoryGateway* gateway);
-
-// Calls come from here as long as it lives.
+// The calling thread's calls go to the gateway while this lives, and blocks beyond any that a session needs are refused.
 class MemoryGatewayScope {
  public:
-  explicit MemoryGatewayScope(MemoryGateway& gateway) { setMemoryGateway(&gateway); }
-  ~MemoryGatewayScope() { setMemoryGateway(nullptr); }
+  explicit MemoryGatewayScope(MemoryGateway& gateway);
+  ~MemoryGatewayScope();
   MemoryGatewayScope(const MemoryGatewayScope&) = delete;
   MemoryGatewayScope& operator=(const MemoryGatewayScope&) = delete;
 };

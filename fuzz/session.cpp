@@ -55,23 +55,6 @@ int query(GatewayToken* token, std::uint8_t what, ResultSetToken** resultSet) {
                                : getStatIds(token, resultSet);
 }
 
-void useResultSet(ResultSetToken* resultSet, std::uint8_t what) {
-  if (!zeb::hasKnownContent(resultSet->head)) {
-    require(zeb::isTerminator(resultSet->head), "a result set holds an answer or none");
-    return;
-  }
-  require(walkAsContent(resultSet) == ZEB_END_OF_RESULTS, "the walk of an answer just read comes to its end");
-  char* joined = nullptr;
-  const int rc = getIdQuery(resultSet, &joined);
-  requireOneOf(rc, {0, ZEB_NO_GOOD_ID}, "getIdQuery");
-  require(rc != 0 || std::strlen(joined) < kQueryStringSize, "a query string fits");
-  if ((what & kCopied) == 0) return;
-  ResultSetToken* copy = nullptr;
-  require(copyResultSet(resultSet, &copy) == 0, "an answer can be copied");
-  require(walkAsContent(copy) == ZEB_END_OF_RESULTS, "a copy can be walked");
-  require(freeResultSet(&copy) == 0, "a copy can be freed");
-}
-
 // Returns the code of the open call, or of the first query that failed.
 int runSession(MemoryGateway& gateway, std::uint8_t what) {
   const MemoryGatewayScope scope(gateway);
@@ -82,10 +65,13 @@ int runSession(MemoryGateway& gateway, std::uint8_t what) {
   if (rc == 0) {
     require(std::strlen(version) < kProtocolVersionSize, "a version has at most 63 characters");
     ResultSetToken* resultSet = nullptr;
-    for (int i = 0; i < 2 && rc == 0; ++i) {
+    for (int i = 0; i < 2; ++i) {
       rc = query(token, what, &resultSet);
       requireOneOf(rc, {0, ZEB_CONNECTION_LOST, ZEB_COMMUNICATION_FAILED}, "query");
-      if (rc == 0) useResultSet(resultSet, what);
+      if (rc != 0) break;
+      const bool isAnswer = zeb::hasKnownContent(resultSet->head);
+      require(isAnswer || zeb::isTerminator(resultSet->head), "a result set holds an answer or none");
+      if (isAnswer) useResultSet(resultSet, (what & kCopied) != 0, false);
     }
     requireOneOf(closeGatewayConnection(&token), {rc == 0 ? 0 : ZEB_TOKEN_UNKNOWN}, "close");
   }

@@ -56,20 +56,10 @@ void useBuffer(ResultSetToken* resultSet, std::uint8_t what, bool isSlow) {
     requireOneOf(getNextId(resultSet, &id), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextId");
     requireOneOf(getNextStat(resultSet, &stat), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextStat");
   }
-  requireOneOf(walkAsContent(resultSet), {ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "walk");
-  char* joined = nullptr;
-  const int rc = getIdQuery(resultSet, &joined);
-  requireOneOf(rc, {unknown == 0 ? 0 : unknown, unknown == 0 ? ZEB_NO_GOOD_ID : unknown}, "getIdQuery");
-  require(rc != 0 || std::strlen(joined) < kQueryStringSize, "a query string fits");
   const bool isShort = memmem(resultSet->head, kShortDump, &kTerminator, sizeof kTerminator) != nullptr;
   if ((what & kDumped) != 0 && (isShort || isSlow))
     require(dumpResultSet(resultSet) == unknown, "known content is dumped");
-  if ((what & kCopied) == 0) return;
-  ResultSetToken* copy = nullptr;
-  require(copyResultSet(resultSet, &copy) == unknown, "known content is copied");
-  if (unknown != 0) return;
-  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0, "a copy has every byte");
-  require(freeResultSet(&copy) == 0, "a copy can be freed");
+  useResultSet(resultSet, (what & kCopied) != 0, true);
 }
 
 }  // namespace

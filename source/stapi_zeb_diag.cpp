@@ -201,7 +201,7 @@ int dumpLines(StorageDump dump) noexcept {
 
 }  // namespace
 
-std::uint32_t* rememberedPid = &noPid;
+constinit std::atomic<std::uint32_t*> rememberedPid = &noPid;
 
 void startRememberingPid() noexcept {
   const ErrnoKeeper keeper;
@@ -213,6 +213,7 @@ void startRememberingPid() noexcept {
   constexpr int kNoAdvice = -1;
   if (madvise(page, size, kNoAdvice) != 0 && madvise(page, size, MADV_WIPEONFORK) == 0) {
     rememberedPid = static_cast<std::uint32_t*>(page);
+    askPid();  // now, so that no child that shares the page leaves its own id there
   } else {
     munmap(page, size);
   }
@@ -220,7 +221,8 @@ void startRememberingPid() noexcept {
 
 std::uint32_t askPid() noexcept {
   const auto pid = static_cast<std::uint32_t>(getpid());
-  if (rememberedPid != &noPid) std::atomic_ref(*rememberedPid).store(pid, std::memory_order_relaxed);
+  std::uint32_t* const remembered = rememberedPid;
+  if (remembered != &noPid) std::atomic_ref(*remembered).store(pid, std::memory_order_relaxed);
   return pid;
 }
 

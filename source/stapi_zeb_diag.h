@@ -33,11 +33,14 @@ inline void setTraceLevel(int level) noexcept {
 // Where the process id stands between two questions to the kernel: on a page that the kernel clears in every
 // child that has memory of its own. Until there is one, and where no such page is to be had, this is a 0, and
 // every question goes to the kernel.
-extern std::uint32_t* rememberedPid;
+extern std::atomic<std::uint32_t*> rememberedPid;
 [[gnu::cold]] void startRememberingPid() noexcept;
 [[gnu::cold]] std::uint32_t askPid() noexcept;
+inline std::uint32_t knownPid() noexcept {
+  return std::atomic_ref(*rememberedPid.load(std::memory_order_relaxed)).load(std::memory_order_relaxed);
+}
 inline std::uint32_t currentPid() noexcept {
-  const std::uint32_t pid = std::atomic_ref(*rememberedPid).load(std::memory_order_relaxed);
+  const std::uint32_t pid = knownPid();
   return pid != 0 ? pid : askPid();
 }
 
@@ -56,10 +59,9 @@ inline std::uint32_t shownTid(ThreadId tid) noexcept {
   return static_cast<std::uint32_t>(tid);
 }
 
-// Whether these are the ids of the calling thread, as far as they are remembered: where not, verify asks.
+// Whether these are the ids of the calling thread, as far as they are remembered. A no may be wrong.
 inline bool isKnownCaller(std::uint32_t pid, ThreadId tid) noexcept {
-  return pid != 0 && tid != 0 && std::atomic_ref(*rememberedPid).load(std::memory_order_relaxed) == pid &&
-         pthread_equal(rememberedTid, tid) != 0;
+  return pid != 0 && tid != 0 && pid == knownPid() && pthread_equal(rememberedTid, tid) != 0;
 }
 
 // An address that is only printed, and may have been freed by then.

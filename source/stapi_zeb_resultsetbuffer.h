@@ -10,7 +10,6 @@
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -25,6 +24,8 @@ constexpr char kIdsMarker[] = "ZEBIDSET";
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
 // A dump reads so much where content ends: a line of 16 bytes, and a word at the last of them.
 constexpr std::size_t kDumpReach = 19;
+// The writer clears so much at least whenever it reaches what may be old memory.
+constexpr std::size_t kClearedAhead = 1024;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
   std::int32_t value;
@@ -49,13 +50,17 @@ void sealBuffer(char* buffer) noexcept;
 constexpr std::size_t kShortText = 32;
 
 // The one bounded writer: what does not fit is not written, and once that happened nothing more is. While it
-// writes, other threads may dump the buffer: a terminator always stands behind what is written so far, so that
-// they never show what the host's memory held before.
+// writes, other threads may dump the buffer: ahead of the cursor it is clear as far as a terminator, or as the
+// last word, so that they never show what the host's memory held before.
 class ResultSetWriter {
  public:
   // The buffer reads as empty until the marker is written.
   explicit ResultSetWriter(char* buffer) noexcept
-      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction), ok_(buffer != nullptr) {
+      : start_(buffer),
+        cursor_(buffer),
+        cleared_(buffer),
+        traced_(traceLevel() >= kLevelFunction),
+        ok_(buffer != nullptr) {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
@@ -86,14 +91,18 @@ class ResultSetWriter {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
   }
-  // For a caller that asks room() itself and is not traced: writes kShortText characters, whatever the length.
+  // For a caller that asks room() itself, reaches ahead and is not traced: writes kShortText characters, whatever
+  // the length.
   void countedShort(const void* text, std::size_t length) noexcept {
     const auto count = static_cast<std::int32_t>(length);
     memcpy(cursor_, &count, sizeof count);
     memcpy(cursor_ + sizeof count, text, kShortText);
     cursor_ += sizeof count + length;
   }
-  void endShort() noexcept { endAt(cursor_); }
+  void reach(std::size_t size) noexcept {
+    if (static_cast<std::ptrdiff_t>(size) >= cleared_ - cursor_) [[unlikely]]
+      clearAhead(size);
+  }
   [[nodiscard]] bool isTraced() const noexcept { return traced_; }
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
@@ -103,31 +112,22 @@ class ResultSetWriter {
     if (room() == 0 || room() >= sizeof kTerminator) {
       addTerminator(cursor_);
     } else {
-      endAt(cursor_);
+      memcpy(cursor_, &kTerminator, room());
     }
   }
   void discard() noexcept { addTerminator(start_); }
 
  private:
-  // Ahead of a write of so many characters, over the terminator.
   bool fits(std::size_t size) noexcept {
     ok_ = ok_ && size <= room();
-    if (ok_) endAt(cursor_ + size);
+    if (ok_) reach(size);
     return ok_;
   }
-  void endAt(char* at) noexcept {
-    const std::size_t left = kContentSize - static_cast<std::size_t>(at - start_);
-    if (left >= kDumpReach) [[likely]] {
-      memset(at, 0, kDumpReach);
-      memcpy(at, &kTerminator, sizeof kTerminator);
-    } else {
-      memset(at, 0, left);
-      memcpy(at, &kTerminator, std::min(left, sizeof kTerminator));
-    }
-  }
+  void clearAhead(std::size_t size) noexcept;
 
   char* start_;
   char* cursor_;
+  char* cleared_;  // where the terminator ahead stands, no further than the last word
   bool traced_;
   bool ok_;
 };

@@ -185,7 +185,7 @@ int endResultSet(const char* parser, const ByteReader& in, ResultSetWriter& out)
     return 0;
   }
   out.discard();
-  if (!out.ok()) {
+  if (in.ok()) {
     TRACE_EXC(4031, "stapi_zeb_statcomms.%s Answer outgrows the result set buffer, which is left empty\n",
               parser);
   } else {
@@ -201,12 +201,18 @@ std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexce
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
+// A text of that length on the wire. What is not there is not written.
+void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
+  const std::string_view text = in.text(length);
+  if (in.ok()) out.counted(text);
+}
+
 void copyIds(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
   const std::int32_t count = in.i32();
   ZEB_TRACE_IF(detailed, "DEBUG", 4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n",
                count, response);
   out.integer(count);
-  for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) out.counted(in.text16());
+  for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) copyText(in, out, in.i16());
   in.skipClosing(1);
 }
 
@@ -265,7 +271,7 @@ void copyContinuation(StatsParse& parse, int remaining) noexcept {
 void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
   if (room < 0) parse.in.fail();
   if (length <= room) {
-    parse.out.counted(parse.in.text(length));
+    copyText(parse.in, parse.out, length);
     ZEB_TRACE_IF(parse.detailed, "DEBUG", 4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n",
                  length);
     parse.total += length + 2;
@@ -298,7 +304,7 @@ void copyStat(StatsParse& parse) noexcept {
   const std::int32_t idLength = in.i16();
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4056, "stapi_zeb_statcomms.parseStatsData statistic ID length=%d \n",
                idLength);
-  parse.out.counted(in.text(idLength));
+  copyText(in, parse.out, idLength);
   parse.total += idLength + 2;
   const std::int32_t length = in.i16();
   if (marker == kLongBlock) {
@@ -306,7 +312,7 @@ void copyStat(StatsParse& parse) noexcept {
   } else {
     ZEB_TRACE_IF(parse.detailed, "DEBUG", 4057,
                  "stapi_zeb_statcomms.parseStatsData statistic data length=%d \n", length);
-    parse.out.counted(in.text(length));
+    copyText(in, parse.out, length);
     parse.total += length + 2;
   }
   in.skipClosing(2);
@@ -330,9 +336,9 @@ std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
     if (at[5] != kShortBlock || idLength > kShortText) break;
     const std::size_t valueLength = loadLength(at + 9 + idLength);
     if (valueLength > kShortText) break;
+    out.reach(kMost);
     out.countedShort(at + 9, idLength);
     out.countedShort(at + 11 + idLength, valueLength);
-    out.endShort();
     in.skip(kFrame + idLength + valueLength);
     ++copied;
   }

@@ -1,11 +1,11 @@
 // A scripted peer on 127.0.0.1: it expects requests in a given order and answers each as the script says.
 //
-//   ScriptedGateway gateway(Script().answerOpen().expect(RequestKind::kOpening).hangUp());
-//   ...
-//   EXPECT_EQ(gateway.finish(), "");
+//   const ScriptedGateway gateway(Script().answerOpen().expect().hangUp());
+//   ... openGatewayConnection(gateway.port(), ...
 //
-// Whatever differs from the script ends the connection, so that no client waits for ever, and is told by
-// finish(). Behind the script's end only a close request is right; it is answered by hanging up.
+// Whatever differs from the script ends the connection, so that no client waits for ever, and fails the test when the
+// gateway ends; so does a script that was not played to its end. Behind that only a close request is right; it is
+// answered by hanging up.
 #ifndef ZEBTEST_SCRIPTED_GATEWAY_H
 #define ZEBTEST_SCRIPTED_GATEWAY_H
 
@@ -22,8 +22,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,6 +36,7 @@
 #include "gateway_encoder.h"
 #include "gateway_server.h"
 #include "gateway_wire.h"
+#include "zebstats.h"
 
 namespace zebtest {
 
@@ -73,53 +74,72 @@ inline std::string hexOf(std::string_view bytes) {
   return out;
 }
 
-enum class RequestKind {
-  kAny,
-  kHandshake,
-  kClose,
-  kAuthFirst,
-  kAuthSecond,
-  kOpening,
-  kGetAttribute,
-  kInvoke
+inline sockaddr_in loopback(int port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+// A client that is only a socket.
+inline Descriptor connectTo(int port) {
+  Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+  const sockaddr_in address = loopback(port);
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  return client;
+}
+
+// An open call, and its close where nobody has closed it.
+struct Connection {
+  explicit Connection(int port) : rc(openGatewayConnection(port, &token, &version)) {}
+  ~Connection() {
+    std::free(version);
+    if (token != nullptr) {
+      EXPECT_EQ(closeGatewayConnection(&token), 0);
+    }
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  GatewayToken* token = nullptr;
+  char* version = nullptr;
+  int rc;
 };
 
 // What one side asks and the other answers. A hang-up or reset ends one connection; an expectation behind it
 // waits for the next.
 class Script {
  public:
-  Script& expect(RequestKind kind) { return add({.action = Action::kExpect, .kind = kind}); }
-  Script& expect(Bytes request) { return add({.action = Action::kExpect, .bytes = std::move(request)}); }
-  Script& reply(Bytes bytes) {
-    return add({.action = Action::kReply, .bytes = std::move(bytes), .segment = segment_});
-  }
+  // A request, of these bytes or, without any, whatever it is.
+  Script& expect(Bytes request = {}) { return add({.action = Action::kExpect, .bytes = std::move(request)}); }
+  Script& reply(Bytes bytes) { return add({.action = Action::kReply, .bytes = std::move(bytes)}); }
   Script& hangUp() { return add({.action = Action::kHangUp}); }
   Script& reset() { return add({.action = Action::kReset}); }
   Script& halfClose() { return add({.action = Action::kHalfClose}); }
-  // The replies behind this go out in pieces of so many bytes; 0: in one.
-  Script& inSegments(std::size_t size) {
-    segment_ = size;
-    return *this;
-  }
 
-  Script& answer(RequestKind kind, Bytes bytes) { return expect(kind).reply(std::move(bytes)); }
+  Script& answer(Bytes bytes) { return expect().reply(std::move(bytes)); }
   // All that an open call asks, and its part before the protocol version.
   Script& answerOpen(std::string_view version = zebsim::kOwnProtocol) {
-    return answerConnect().answerCall(RequestKind::kGetAttribute, zebsim::encodeProtocol(version));
+    return answerConnect().answerCall(zebsim::kGetAttribute, zebsim::encodeProtocol(version));
   }
   Script& answerConnect() {
-    return answer(RequestKind::kHandshake, zebsim::reply("BASE", ""))
-        .answer(RequestKind::kAuthFirst, zebsim::reply("Auth", zebsim::authFirstData(0x11, 0x22, 0x33)))
-        .answer(RequestKind::kAuthSecond, zebsim::reply("Auth", zebsim::authSecondData()));
+    return answer(zebsim::reply("BASE", ""))
+        .answer(zebsim::reply("Auth", zebsim::authFirstData(0x11, 0x22, 0x33)))
+        .answer(zebsim::reply("Auth", zebsim::authSecondData()));
   }
   // The two exchanges of one query, or of the protocol version, and the first of them.
-  Script& answerQuery(const Bytes& data) { return answerCall(RequestKind::kInvoke, data); }
-  Script& answerCall(RequestKind kind, const Bytes& data) {
-    const auto replied = kind == RequestKind::kInvoke ? zebsim::kInvoke : zebsim::kGetAttribute;
-    return answerOpening().answer(kind, zebsim::reply("Admin", zebsim::callData(replied, data)));
+  Script& answerQuery(const Bytes& data) { return answerCall(zebsim::kInvoke, data); }
+  Script& answerCall(zebsim::CallKind kind, const Bytes& data) {
+    return answerOpening().answer(zebsim::reply("Admin", zebsim::callData(kind, data)));
   }
-  Script& answerOpening() {
-    return answer(RequestKind::kOpening, zebsim::reply("Admin", zebsim::openingData(7)));
+  Script& answerOpening() { return answer(zebsim::reply("Admin", zebsim::openingData(7))); }
+
+  [[nodiscard]] std::vector<Bytes> replies() const {
+    std::vector<Bytes> all;
+    for (const Step& step : steps_) {
+      if (step.action == Action::kReply) all.push_back(step.bytes);
+    }
+    return all;
   }
 
  private:
@@ -127,9 +147,7 @@ class Script {
   enum class Action { kExpect, kReply, kHangUp, kReset, kHalfClose };
   struct Step {
     Action action;
-    RequestKind kind = RequestKind::kAny;
-    Bytes bytes = {};  // of an expected request: none when any of its kind will do
-    std::size_t segment = 0;
+    Bytes bytes = {};
   };
 
   Script& add(Step step) {
@@ -138,15 +156,12 @@ class Script {
   }
 
   std::vector<Step> steps_;
-  std::size_t segment_ = 0;
 };
 
 class ScriptedGateway {
  public:
   explicit ScriptedGateway(Script script) : script_(std::move(script)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
     if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
@@ -156,50 +171,18 @@ class ScriptedGateway {
     thread_ = std::thread([this] { play(); });
   }
   ~ScriptedGateway() {
-    if (thread_.joinable()) {
-      EXPECT_EQ(finish(), "");
-    }
+    const std::uint64_t one = 1;
+    EXPECT_EQ(write(wake_.get(), &one, sizeof one), sizeof one);
+    thread_.join();
+    EXPECT_EQ(problem_, "");
   }
   ScriptedGateway(const ScriptedGateway&) = delete;
   ScriptedGateway& operator=(const ScriptedGateway&) = delete;
 
   [[nodiscard]] int port() const { return port_; }
 
-  // Ends the peer and tells what went otherwise than the script says: empty when nothing did. A script that
-  // was not played to its end is a fault too.
-  std::string finish() {
-    if (thread_.joinable()) {
-      const std::uint64_t one = 1;
-      if (write(wake_.get(), &one, sizeof one) != sizeof one) return "cannot wake the gateway";
-      thread_.join();
-    }
-    return problem_;
-  }
-
-  // All requests so far, whole, in their order.
-  [[nodiscard]] std::vector<Bytes> requests() {
-    const std::lock_guard guard(lock_);
-    return requests_;
-  }
-
  private:
   using Action = Script::Action;
-
-  static RequestKind kindOf(const Bytes& request) {
-    zebsim::ByteReader in(request);
-    in.take(8);
-    const std::uint32_t type = in.u32();
-    in.take(8);
-    const std::uint32_t nameLength = in.u32();
-    in.take(nameLength + 1);
-    const std::uint32_t dataLength = in.u32();
-    if (type == zebsim::kHandshakeType) return RequestKind::kHandshake;
-    if (type == zebsim::kCloseType) return RequestKind::kClose;
-    const std::uint32_t word = dataLength >= 4 ? in.u32() : 0;
-    if (nameLength == 4) return word == 0 ? RequestKind::kAuthFirst : RequestKind::kAuthSecond;
-    if (word == 0) return RequestKind::kOpening;
-    return word == zebsim::kInvoke ? RequestKind::kInvoke : RequestKind::kGetAttribute;
-  }
 
   void play() {
     for (std::size_t i = 0; i < script_.steps_.size(); ++i) {
@@ -227,7 +210,7 @@ class ScriptedGateway {
   void playEnd() {
     Bytes request;
     if (connection_.get() < 0 && !acceptClient()) return;
-    if (readRequest(request) && kindOf(request) != RequestKind::kClose)
+    if (readRequest(request) && request.substr(8, 4) != zebsim::words({zebsim::kCloseType}))
       fail("a request behind the end: " + hexOf(request));
   }
 
@@ -235,11 +218,8 @@ class ScriptedGateway {
     Bytes request;
     if (connection_.get() < 0 && !acceptClient()) return fail("nobody connected");
     if (!readRequest(request)) return fail("no whole request came, only " + hexOf(request));
-    const bool isRight = step.bytes.empty() ? step.kind == RequestKind::kAny || step.kind == kindOf(request)
-                                            : request == step.bytes;
-    return isRight || fail("other request:\n  got      " + hexOf(request) + "\n  expected " +
-                           (step.bytes.empty() ? "kind " + std::to_string(static_cast<int>(step.kind))
-                                               : hexOf(step.bytes)));
+    return step.bytes.empty() || request == step.bytes ||
+           fail("other request:\n  got      " + hexOf(request) + "\n  expected " + hexOf(step.bytes));
   }
 
   // A client that goes away before it has read everything is no fault of the script.
@@ -247,11 +227,9 @@ class ScriptedGateway {
     std::string_view rest = step.bytes;
     while (!rest.empty()) {
       if (!waitFor(connection_.get(), POLLOUT)) return fail("stopped while it replied");
-      const std::size_t size = step.segment == 0 ? rest.size() : std::min(step.segment, rest.size());
-      const ssize_t sent = send(connection_.get(), rest.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
+      const ssize_t sent = send(connection_.get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent < 0 && errno != EAGAIN) return true;
       if (sent > 0) rest.remove_prefix(static_cast<std::size_t>(sent));
-      if (step.segment != 0) std::this_thread::yield();  // lets the client read the pieces one by one
     }
     return true;
   }
@@ -271,10 +249,7 @@ class ScriptedGateway {
     if (nameLength > 64 || !readUpTo(request, 29 + nameLength)) return false;
     const std::uint32_t dataLength =
         zebsim::ByteReader(std::string_view(request).substr(25 + nameLength)).u32();
-    if (dataLength > 0x20000 || !readUpTo(request, 29 + nameLength + dataLength)) return false;
-    const std::lock_guard guard(lock_);
-    requests_.push_back(request);
-    return true;
+    return dataLength <= 0x20000 && readUpTo(request, 29 + nameLength + dataLength);
   }
 
   bool readUpTo(Bytes& request, std::size_t size) {
@@ -305,9 +280,7 @@ class ScriptedGateway {
   Descriptor wake_{eventfd(0, EFD_CLOEXEC)};
   Descriptor connection_;
   int port_ = 0;
-  std::mutex lock_;
-  std::vector<Bytes> requests_;  // guarded by lock_
-  std::string problem_;          // the thread's own until it has ended
+  std::string problem_;  // the thread's own until it has ended
   std::thread thread_;
 };
 

@@ -1,9 +1,6 @@
 // Whole sessions through the public calls: their exact trace, who may use a connection, and what the calls of
 // other threads do to one that is being opened.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <bit>
 #include <cstdlib>
@@ -17,25 +14,15 @@
 
 #include "gateway_encoder.h"
 #include "gateway_server.h"
+#include "scripted_gateway.h"
 #include "trace_capture.h"
 #include "zebstats_private.h"
 
 namespace {
 
 using zebsim::GatewayServer;
+using zebtest::Connection;
 using zebtest::TraceCapture;
-
-struct Connection {
-  explicit Connection(const GatewayServer& server)
-      : rc(openGatewayConnection(server.port(), &token, &version)) {}
-  ~Connection() {
-    std::free(version);
-    if (token != nullptr) closeGatewayConnection(&token);
-  }
-  GatewayToken* token = nullptr;
-  char* version = nullptr;
-  int rc;
-};
 
 // What changes from run to run: times, ids, addresses, descriptors and the port.
 std::string maskLine(const std::string& line) {
@@ -58,7 +45,7 @@ TEST(Session, TraceAtLevel5IsExactlyAsRecorded) {
   server.setAnswer("RESOURCE_GROUPS", zebsim::encodeAnswer({false, {{"", 0, zebsim::Ids{"GD"}, {}}}}));
   TraceCapture trace(5);
   {
-    Connection connection(server);
+    Connection connection(server.port());
     ResultSetToken* groups = nullptr;
     IdData id;
     ASSERT_EQ(getResourceGroupIds(connection.token, &groups), 0);
@@ -87,72 +74,34 @@ TEST(Session, TraceAtLevel5IsExactlyAsRecorded) {
 
 TEST(Session, ConnectionBelongsToTheThreadThatOpenedIt) {
   GatewayServer server;
-  Connection connection(server);
+  Connection connection(server.port());
   ASSERT_EQ(connection.rc, 0);
-  ResultSetToken* answer = nullptr;
-  ASSERT_EQ(getStats(connection.token, &answer), 0);
   std::thread([&] {
-    ResultSetToken* other = nullptr;
-    StatData stat;
-    char* query = nullptr;
-    EXPECT_EQ(getStats(connection.token, &other), ZEB_OTHER_THREAD);
-    EXPECT_EQ(getFirstStat(answer, &stat), ZEB_OTHER_THREAD);
-    EXPECT_EQ(copyResultSet(answer, &other), ZEB_OTHER_THREAD);
-    EXPECT_EQ(getIdQuery(answer, &query), ZEB_OTHER_THREAD);
-    EXPECT_EQ(dumpResultSet(answer), ZEB_OTHER_THREAD);
+    ResultSetToken* answer = nullptr;
+    EXPECT_EQ(getStats(connection.token, &answer), ZEB_OTHER_THREAD);
     EXPECT_EQ(closeGatewayConnection(&connection.token), 0);  // closing is anybody's
   }).join();
   EXPECT_EQ(connection.token, nullptr);
 }
 
-TEST(Session, ForkedChildIsRefusedAndLeavesTheConnectionWhole) {
+TEST(Session, EveryQueryHandsOutTheSameResultSetWhoseIdsAreTheNextQuery) {
   GatewayServer server;
-  Connection connection(server);
-  ResultSetToken* answer = nullptr;
-  ASSERT_EQ(getStats(connection.token, &answer), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    ResultSetToken* other = nullptr;
-    StatData stat;
-    _exit(getStats(connection.token, &other) == ZEB_OTHER_PROCESS &&
-                  getFirstStat(answer, &stat) == ZEB_OTHER_PROCESS
-              ? 0
-              : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(getStats(connection.token, &answer), 0);
-}
-
-TEST(Session, EveryQueryHandsOutTheSameResultSetAndCopiesSurvive) {
-  GatewayServer server;
-  Connection connection(server);
+  Connection connection(server.port());
   ResultSetToken* stats = nullptr;
   ResultSetToken* ids = nullptr;
-  ResultSetToken* copy = nullptr;
+  char* query = nullptr;
+  StatData stat;
   ASSERT_EQ(getStats(connection.token, &stats), 0);
-  ASSERT_EQ(copyResultSet(stats, &copy), 0);
   ASSERT_EQ(getStatIds(connection.token, &ids), 0);
   EXPECT_EQ(stats, ids);
   EXPECT_EQ(freeResultSet(&stats), ZEB_NOT_A_COPY);
-  char* query = nullptr;
   ASSERT_EQ(getIdQuery(ids, &query), 0);
   const std::string all = query;
   ASSERT_EQ(getStatsByStatId(connection.token, all.c_str(), &stats), 0);
-  StatData stat;
-  IdData id;
-  EXPECT_EQ(getFirstId(stats, &id), ZEB_WRONG_CONTENT);
   std::string walked;
   for (int rc = getFirstStat(stats, &stat); rc == 0; rc = getNextStat(stats, &stat))
     walked.append(walked.empty() ? "" : ":").append(stat.statIdPtr, static_cast<std::size_t>(stat.statIdLen));
   EXPECT_EQ(walked, all);
-  ASSERT_EQ(getStatIdsByStatGroupId(connection.token, "nobody", &ids), 0);
-  EXPECT_EQ(getFirstId(ids, &id), 0);
-  EXPECT_LT(id.queryElementRC, 0);
-  closeGatewayConnection(&connection.token);
-  EXPECT_EQ(getFirstStat(copy, &stat), 0);
-  EXPECT_EQ(freeResultSet(&copy), 0);
 }
 
 TEST(Session, TwoHundredAndFiftySixConnectionsAreTheLimitOfTheList) {

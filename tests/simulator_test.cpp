@@ -1,16 +1,10 @@
-// The simulated gateway: its encoder against answers that the JDK's serialiser wrote, its server against a
-// client that knows nothing but sockets, its model against itself.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+// The simulated gateway: its encoder against answers that the JDK's serialiser wrote, its sessions and server against
+// bytes, its model against itself.
 #include <sys/time.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,21 +13,13 @@
 
 #include "gateway_server.h"
 #include "gateway_session.h"
+#include "scripted_gateway.h"
+#include "zebstats.h"
 
 namespace zebsim {
 namespace {
 
-// Blanks between pairs of digits are for the reader.
-Bytes fromHex(const std::string& hex) {
-  Bytes out;
-  std::istringstream in(hex);
-  while (in >> std::ws && !in.eof()) {
-    char pair[3] = {};
-    in.read(pair, 2);
-    out.push_back(static_cast<char>(std::strtoul(pair, nullptr, 16)));
-  }
-  return out;
-}
+using zebtest::wire;
 
 Bytes text16(const std::string& text) {
   Bytes out;
@@ -71,7 +57,7 @@ ResponseClasses readClasses(ByteReader in) {
 }
 
 Bytes textOf(const nlohmann::json& text) {
-  return fromHex(text.at("hex"));
+  return wire(text.at("hex").get<std::string>());
 }
 
 Response readResponse(const nlohmann::json& told, bool isStats) {
@@ -123,151 +109,71 @@ TEST(SimulatedEncoder, writes_ids_past_1024_bytes_as_one_block) {
   Ids ids(200, "LINK_SESSIONS");
   Bytes written = encodeResponse({"LINK", 0, ids});
   std::size_t size = 6 + 4 + 4 + 200 * 15;
-  Bytes tail = fromHex("7a") + words({static_cast<std::uint32_t>(size)}) + text16("LINK") + words({0, 200});
+  Bytes tail = wire("7A") + words({static_cast<std::uint32_t>(size)}) + text16("LINK") + words({0, 200});
   EXPECT_NE(written.find(tail), Bytes::npos);
   EXPECT_EQ(written.size() - written.find(tail), 5 + size + 1);
 }
 
-// ---- the server
+// ---- sessions
 
-const Bytes kHandshake = fromHex(
-    "47617465 00700000 00000005 00000000 00000000 00000004 42415345 00 00000012"
-    "0002656e 00024742 00000000000000000000");
-const Bytes kClose = fromHex("47617465 00700000 0000000a 00000000 ffffffff 00000004 42415345 00 00000000");
+const Bytes kHandshake = wire(
+    "'Gate' 00700000 00000005 00000000 00000000 00000004 'BASE' 00 00000012"
+    "0002 'en' 0002 'GB' 00000000000000000000");
+const Bytes kClose = wire("'Gate' 00700000 0000000A 00000000 FFFFFFFF 00000004 'BASE' 00 00000000");
 const Bytes kOpeningCall =
-    fromHex("47617465 00700000 00000001 00000000 00000000 00000005 41646d696e 00 00000004 00000000");
-const Bytes kAuthHeader = fromHex("47617465 00700000 00000001 00000000");
-const Bytes kAuthFirst = kAuthHeader + fromHex("00000000 00000004 41757468 00 00000004 00000000");
+    wire("'Gate' 00700000 00000001 00000000 00000000 00000005 'Admin' 00 00000004 00000000");
+const Bytes kAuthHeader = wire("'Gate' 00700000 00000001 00000000");
+const Bytes kAuthFirst = kAuthHeader + wire("00000000 00000004 'Auth' 00 00000004 00000000");
 
-// `tag` is what the last reply had at offset 12, `authWords` the three words that it handed out.
-Bytes authSecond(const Bytes& tag, const Bytes& authWords) {
-  return kAuthHeader + tag + fromHex("00000004 41757468 00 00000014 00000001") + authWords + words({0});
-}
+// What the first client gets: the tag at offset 12 of each reply, the words of the authorisation, the admin id.
+const Bytes kTag = words({1});
+const Bytes kAuthWords = wire("5EED0000 9E3779B9 FFFFFFFE");
+const Bytes kAdminId = words({0x101});
+const Bytes kAuthSecond =
+    kAuthHeader + kTag + wire("00000004 'Auth' 00 00000014 00000001") + kAuthWords + words({0});
 
-Bytes call(std::uint32_t kind, const Bytes& tag, const Bytes& adminId, const Bytes& rest) {
+Bytes call(std::uint32_t kind, const Bytes& adminId, const Bytes& rest) {
   Bytes texts = text16("US") + text16("en") + text16("") + text16(std::string(kStatsBean)) + rest;
   auto size = static_cast<std::uint32_t>(texts.size());
-  return kAuthHeader + tag + fromHex("00000005 41646d696e 00") + words({size + 12, kind}) + adminId +
+  return kAuthHeader + kTag + wire("00000005 'Admin' 00") + words({size + 12, kind}) + adminId +
          words({size}) + texts;
 }
 
 Bytes invokeRest(const std::string& action, const std::string& query) {
-  return text16(action) + words({1}) + fromHex("aced000574") + text16(query) + words({1}) +
+  return text16(action) + words({1}) + wire("ACED000574") + text16(query) + words({1}) +
          text16("java.lang.String");
 }
 
-class RawClient {
- public:
-  explicit RawClient(const GatewayServer& server) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
-    timeval patience{10, 0};  // a silent server fails the test and does not hang it
-    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(server.port());
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
-  }
-
-  void send(const Bytes& bytes) { ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-
-  Bytes receive(std::size_t size) {
-    Bytes got(size, '\0');
-    if (size == 0) return got;  // receiving nothing would wait for something
-    ssize_t n = recv(socket_.get(), got.data(), size, MSG_WAITALL);
-    got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    return got;
-  }
-
-  // Sends a request and reads the reply: its data, and in `tag` what stands at offset 12.
-  Bytes exchange(const Bytes& request) {
-    send(request);
-    std::size_t nameSize = ByteReader(std::string_view(request).substr(20)).u32();
-    Bytes header = receive(29 + nameSize);
-    if (header.size() < 29 + nameSize) return "no reply";
-    EXPECT_EQ(header.substr(0, 12), request.substr(0, 12));
-    tag = header.substr(12, 4);
-    EXPECT_EQ(header.substr(16, 4), words({0}));  // the gateway's return code
-    EXPECT_EQ(header.substr(20, 5 + nameSize), request.substr(20, 5 + nameSize));
-    return receive(ByteReader(std::string_view(header).substr(25 + nameSize)).u32());
-  }
-
-  void openSession() {
-    EXPECT_EQ(exchange(kHandshake), "");
-    Bytes first = exchange(kAuthFirst);
-    ASSERT_EQ(first.size(), 20U);
-    EXPECT_EQ(first.substr(0, 8), words({0, 0}));
-    EXPECT_NE(exchange(authSecond(tag, first.substr(8))).substr(0, 4), words({0}));
-  }
-
-  // An opening call and a call; the call data, with the admin reply's first nine bytes checked.
-  Bytes ask(std::uint32_t kind, const Bytes& rest) {
-    Bytes opened = exchange(kOpeningCall);
-    EXPECT_EQ(opened.substr(0, 8), words({0, 0}));
-    Bytes answered = exchange(call(kind, tag, opened.substr(8), rest));
-    EXPECT_EQ(answered.substr(0, 9), words({kind, 0}) + Bytes(1, '\0'));
-    return answered.size() < 9 ? "no answer" : answered.substr(9);
-  }
-
-  Bytes tag;
-
- private:
-  Descriptor socket_;
-};
-
-TEST(SimulatedServer, runs_a_whole_session_in_pieces_and_serves_recorded_answers) {
-  ServerOptions options;
-  options.segment = 7;
-  options.clock = [] { return 1000; };
-  GatewayServer server(options);
-  GatewayModel model(options.model);
-  RawClient client(server);
-  client.openSession();
-  EXPECT_EQ(client.ask(kGetAttribute, text16("protocol")), readReply("protocol.bin"));
-  EXPECT_EQ(client.ask(kInvoke, invokeRest("GET_STATS", "")), encodeAnswer(model.stats("", 1000)));
-  EXPECT_EQ(client.ask(kInvoke, invokeRest("GET_STATS", "VM:REQ_COUNT:NO")),
-            encodeAnswer(model.stats("VM:REQ_COUNT:NO", 1000)));
-  EXPECT_EQ(client.ask(kInvoke, invokeRest("STAT_IDS", "LINK")), encodeAnswer(model.statIds("LINK")));
-  EXPECT_EQ(client.ask(kInvoke, invokeRest("RESOURCE_GROUPS", "")), encodeAnswer(model.groups()));
-  Bytes recorded = readReply("stats_value_over_1024_long_end.bin");
-  server.setAnswer("GET_STATS", recorded);
-  EXPECT_EQ(client.ask(kInvoke, invokeRest("GET_STATS", "")), recorded);
-  EXPECT_EQ(client.exchange(kClose), "");
-  EXPECT_EQ(client.receive(1), "") << "the server closes after the close reply";
-}
-
-TEST(SimulatedServer, closes_the_connection_of_a_client_that_sends_garbage_and_no_other) {
-  std::mutex lock;
-  std::vector<std::string> lines;
-  ServerOptions options;
-  options.log = [&](const std::string& line) {
-    std::lock_guard<std::mutex> guard(lock);
-    lines.push_back(line);
-  };
-  GatewayServer server(options);
-  RawClient good(server);
-  RawClient bad(server);
-  good.openSession();
-  bad.send("GET / HTTP/1.0\r\n\r\n");
-  EXPECT_EQ(bad.receive(1), "");
-  EXPECT_EQ(good.ask(kGetAttribute, text16("protocol")), readReply("protocol.bin"));
-  server.stop();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_NE(lines[0].find("no eyecatcher"), std::string::npos);
-  EXPECT_THROW(GatewayServer({.address = "not an address"}), std::runtime_error);
-}
-
-// What is said of a request that comes after `steps`; empty when it is answered.
-std::string refusal(const std::vector<Bytes>& steps, const Bytes& request) {
-  GatewaySession session(1, [](const AdminCall&) { return Bytes(); });
+// The replies to the requests, one behind the other, of a bean that answers with what it is asked; in their place the
+// fault of one that is refused.
+Bytes repliesTo(const std::vector<Bytes>& requests) {
+  GatewaySession session{1, [](const AdminCall& asked) { return asked.target + "/" + asked.argument; }};
   Request taken;
-  auto take = [&](Bytes in) { return takeRequest(in, taken) ? session.answer(taken) : Bytes(); };
-  for (const Bytes& step : steps) take(step);
+  Bytes replies;
   try {
-    take(request);
+    for (Bytes request : requests) {
+      EXPECT_FALSE(session.isClosed());
+      if (takeRequest(request, taken)) replies += session.answer(taken);
+    }
   } catch (const BadRequest& fault) {
     return fault.what();
   }
-  return {};
+  return replies;
+}
+
+TEST(SimulatedSession, answers_each_request) {
+  const Bytes head = wire("'Gate' 00700000 00000001 00000001 00000000");
+  const Bytes opened = head + wire("00000005 'Admin' 00 0000000C 00000000 00000000");
+  EXPECT_EQ(repliesTo({kHandshake, kAuthFirst, kAuthSecond, kOpeningCall,
+                       call(kGetAttribute, kAdminId, text16("protocol")), kOpeningCall,
+                       call(kInvoke, words({0x201}), invokeRest("STAT_IDS", "A:B")), kClose}),
+            wire("'Gate' 00700000 00000005 00000001 00000000 00000004 'BASE' 00 00000000") + head +
+                wire("00000004 'Auth' 00 00000014 00000000 00000000") + kAuthWords + head +
+                wire("00000004 'Auth' 00 00000010 00000001 00000000 00000000 00000000") + opened + kAdminId +
+                head + wire("00000005 'Admin' 00 00000012 00000001 00000000 00 'protocol/'") + opened +
+                words({0x201}) + head +
+                wire("00000005 'Admin' 00 00000015 00000005 00000000 00 'STAT_IDS/A:B'") +
+                wire("'Gate' 00700000 0000000A 00000001 00000000 00000004 'BASE' 00 00000000"));
 }
 
 Bytes patched(Bytes bytes, std::size_t at, char value) {
@@ -276,52 +182,82 @@ Bytes patched(Bytes bytes, std::size_t at, char value) {
 }
 
 TEST(SimulatedSession, refuses_what_a_client_must_not_send) {
-  Bytes tag = words({1});
-  Request taken;
-  GatewaySession twin(1, nullptr);  // tells the words and the admin id that a session with this tag gives
-  auto tell = [&](Bytes in) { return takeRequest(in, taken) ? twin.answer(taken) : Bytes(); };
-  tell(kHandshake);
-  Bytes second = authSecond(tag, tell(kAuthFirst).substr(33 + 8));
-  tell(second);
-  Bytes adminId = tell(kOpeningCall).substr(34 + 8);
-  std::vector<Bytes> fresh;
-  std::vector<Bytes> greeted{kHandshake, kAuthFirst};
-  std::vector<Bytes> ready{kHandshake, kAuthFirst, second};
-  std::vector<Bytes> opened{kHandshake, kAuthFirst, second, kOpeningCall};
-  Bytes good = call(kInvoke, tag, adminId, invokeRest("GET_STATS", "ABC"));
-  std::vector<Bytes> answered{kHandshake, kAuthFirst, second, kOpeningCall, good};
-
+  const std::vector<Bytes> fresh, greeted{kHandshake, kAuthFirst}, ready{kHandshake, kAuthFirst, kAuthSecond},
+      opened{kHandshake, kAuthFirst, kAuthSecond, kOpeningCall};
+  const Bytes query = invokeRest("GET_STATS", "ABC");
+  const Bytes good = call(kInvoke, kAdminId, query);
+  std::vector<Bytes> answered = opened;
+  answered.push_back(good);
   struct Case {
     const char* fault;
     const std::vector<Bytes>& steps;
     Bytes request;
   };
-  Bytes query = invokeRest("GET_STATS", "ABC");
   const Case cases[] = {
       {"name of that length", fresh, patched(kHandshake, 23, 6)},
       {"beyond any request", fresh, patched(kHandshake, 29, 0x7F)},
       {"known 18 bytes", fresh, patched(kHandshake, 36, 'x')},
       {"at a wrong time", fresh, kAuthFirst},
       {"second handshake", greeted, kHandshake},
-      {"words of the first", greeted, patched(second, 40, 99)},
-      {"reply's tag", greeted, patched(second, 19, 0)},
+      {"words of the first", greeted, patched(kAuthSecond, 40, 99)},
+      {"reply's tag", greeted, patched(kAuthSecond, 19, 0)},
       {"before the authorisation", greeted, kOpeningCall},
       {"without an opening call", ready, good},
       {"offset 16 of a close", ready, patched(kClose, 16, 0)},
-      {"admin id", opened, call(kInvoke, tag, words({77}), query)},
-      {"call kind", opened, call(3, tag, adminId, query)},
+      {"admin id", opened, call(kInvoke, words({77}), query)},
+      {"call kind", opened, call(3, kAdminId, query)},
       {"call length", opened, patched(good, 45, static_cast<char>(good[45] + 1))},
       {"statistics bean", opened, patched(good, 60, 'x')},
-      {"no string object", opened, patched(good, good.find(fromHex("aced")), 'x')},
+      {"no string object", opened, patched(good, good.find(wire("ACED")), 'x')},
       {"signature", opened, patched(good, good.size() - 1, 'G')},
-      {"left behind", opened, call(kInvoke, tag, adminId, query + "x")},
-      {"inside a field", opened, call(kInvoke, tag, adminId, query.substr(0, 20))},
+      {"left behind", opened, call(kInvoke, kAdminId, query + "x")},
+      {"inside a field", opened, call(kInvoke, kAdminId, query.substr(0, 20))},
       {"without an opening call", answered, good},
   };
-  EXPECT_EQ(refusal(opened, good), "");
   for (const Case& one : cases) {
-    EXPECT_NE(refusal(one.steps, one.request).find(one.fault), std::string::npos) << one.fault;
+    std::vector<Bytes> requests = one.steps;
+    requests.push_back(one.request);
+    EXPECT_NE(repliesTo(requests).find(one.fault), Bytes::npos) << one.fault;
   }
+}
+
+// ---- the server
+
+// All that it sends to a client that is only a socket and sends these bytes, up to its end of the connection.
+Bytes answersTo(const GatewayServer& server, const Bytes& bytes) {
+  const Descriptor client = zebtest::connectTo(server.port());
+  const timeval patience{10, 0};  // a silent server fails the test and does not hang it
+  setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  Bytes got;
+  char byte;
+  ssize_t n;
+  while ((n = recv(client.get(), &byte, 1, 0)) > 0) got += byte;
+  EXPECT_EQ(n, 0) << "the connection was not closed";
+  return got;
+}
+
+TEST(SimulatedServer, closes_the_connection_of_a_client_that_sends_garbage_or_a_goodbye_and_no_other) {
+  std::vector<std::string> lines;
+  ServerOptions options;
+  options.segment = 7;
+  options.clock = [] { return 1000; };
+  options.log = [&](const std::string& line) {
+    lines.push_back(line);
+  };  // its thread's own until it has ended
+  GatewayServer server(options);
+  const zebtest::Connection good(server.port());
+  ResultSetToken* answer = nullptr;
+  StatData stat;
+  EXPECT_EQ(answersTo(server, "GET / HTTP/1.0\r\n\r\n"), "");
+  EXPECT_EQ(answersTo(server, kClose).size(), 33U);
+  EXPECT_EQ(getStatsByStatId(good.token, "VM_UPTIME", &answer), 0);
+  EXPECT_EQ(getFirstStat(answer, &stat), 0);
+  EXPECT_EQ(std::string_view(stat.statValuePtr, 4), "1000");
+  server.stop();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_NE(lines[0].find("no eyecatcher"), std::string::npos);
+  EXPECT_THROW(GatewayServer({.address = "not an address"}), std::runtime_error);
 }
 
 // ---- the model

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -81,21 +82,18 @@ inline std::string nameAddresses(std::string text, const std::vector<Named>& nam
   return text;
 }
 
-// The lines that have a prefix, from the level word on: "ENTRY  text".
-inline std::vector<std::string> messagesOf(const std::string& trace) {
-  std::vector<std::string> messages;
-  for (const std::string& line : splitLines(trace)) {
-    const std::string masked = maskPrefix(line);
-    if (masked.starts_with("TIME ")) messages.push_back(masked.substr(masked.find("] ", 16) + 2));
-  }
-  return messages;
-}
-
-// The same as one text, with their addresses replaced.
+// The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses replaced.
 inline std::string storyOf(const std::string& trace, const std::vector<Named>& names = {}) {
   std::string story;
-  for (const std::string& message : messagesOf(trace)) story += message + "\n";
+  for (const std::string& line : splitLines(trace)) {
+    const std::string masked = maskPrefix(line);
+    if (masked.starts_with("TIME ")) story += masked.substr(masked.find("] ", 16) + 2) + "\n";
+  }
   return nameAddresses(story, names);
+}
+
+inline std::ptrdiff_t countDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // An empty file of its own, removed at the end of the scope.
@@ -145,7 +143,6 @@ class TraceCapture {
     for (std::string& line : all) line = maskPrefix(line);
     return all;
   }
-  [[nodiscard]] std::vector<std::string> messages() const { return messagesOf(text()); }
   [[nodiscard]] std::string story(const std::vector<Named>& names = {}) const {
     return storyOf(text(), names);
   }

@@ -88,63 +88,50 @@ std::string takeLockComplaint() {
 
 using namespace zebtest;
 
+// What the linker's --wrap makes of the calls; __real_... are the C library's.
+#define ZEB_WRAP(type, name, parameters) \
+  decltype(name) __real_##name;          \
+  type __wrap_##name parameters
+#define ZEB_WRAP_FAILING(call, failed, type, name, parameters, arguments)       \
+  ZEB_WRAP(type, name, parameters) {                                            \
+    return failOr<type>(call, failed, [&] { return __real_##name arguments; }); \
+  }
+
 extern "C" {
 
-decltype(malloc) __real_malloc;
-decltype(calloc) __real_calloc;
-decltype(free) __real_free;
-decltype(getaddrinfo) __real_getaddrinfo;
-decltype(freeaddrinfo) __real_freeaddrinfo;
-decltype(socket) __real_socket;
-decltype(setsockopt) __real_setsockopt;
-decltype(ioctl) __real_ioctl;
-decltype(connect) __real_connect;
-decltype(poll) __real_poll;
-decltype(getsockopt) __real_getsockopt;
-decltype(send) __real_send;
-decltype(recv) __real_recv;
-decltype(close) __real_close;
-decltype(fopen) __real_fopen;
-decltype(fflush) __real_fflush;
-decltype(fclose) __real_fclose;
-decltype(pthread_mutex_init) __real_pthread_mutex_init;
-decltype(pthread_mutex_lock) __real_pthread_mutex_lock;
-decltype(pthread_mutex_unlock) __real_pthread_mutex_unlock;
-
-void* __wrap_malloc(size_t size) {
+ZEB_WRAP(void*, malloc, (size_t size)) {
   return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_malloc(size)); });
 }
 
-void* __wrap_calloc(size_t count, size_t size) {
+ZEB_WRAP(void*, calloc, (size_t count, size_t size)) {
   return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_calloc(count, size)); });
 }
 
-void __wrap_free(void* block) {
+ZEB_WRAP(void, free, (void* block)) {
   if (!blocks.empty()) blocks.erase(block);
   __real_free(block);
 }
 
-int __wrap_getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** found) {
+ZEB_WRAP(int, getaddrinfo, (const char* host, const char* port, const addrinfo* hints, addrinfo** found)) {
   if (const int error = failureOf(kGetaddrinfo); error != 0) return error;
   const int rc = __real_getaddrinfo(host, port, hints, found);
   if (rc == 0) book(*found);
   return rc;
 }
 
-void __wrap_freeaddrinfo(addrinfo* found) {
+ZEB_WRAP(void, freeaddrinfo, (addrinfo * found)) {
   blocks.erase(found);
   __real_freeaddrinfo(found);
 }
 
-int __wrap_socket(int family, int type, int protocol) {
-  return failOr(kSocket, -1, [&] { return __real_socket(family, type, protocol); });
-}
+ZEB_WRAP_FAILING(kSocket, -1, int, socket, (int family, int type, int protocol), (family, type, protocol))
+ZEB_WRAP_FAILING(kSetsockopt, -1, int, setsockopt,
+                 (int socket, int level, int option, const void* value, socklen_t length),
+                 (socket, level, option, value, length))
+ZEB_WRAP_FAILING(kFopen, nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode))
+ZEB_WRAP_FAILING(kFflush, EOF, int, fflush, (FILE * stream), (stream))
 
-int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t length) {
-  return failOr(kSetsockopt, -1, [&] { return __real_setsockopt(socket, level, option, value, length); });
-}
-
-int __wrap_ioctl(int descriptor, unsigned long request, ...) {
+ZEB_WRAP(int, ioctl, (int descriptor, unsigned long request, ...)) {
   va_list arguments;
   va_start(arguments, request);
   void* const argument = va_arg(arguments, void*);
@@ -153,7 +140,7 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
 }
 
 // A connect in progress has been made.
-int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
+ZEB_WRAP(int, connect, (int socket, const sockaddr* address, socklen_t length)) {
   const int error = failureOf(kConnect);
   if (error == 0 || error == EINPROGRESS) {
     const int rc = __real_connect(socket, address, length);
@@ -164,7 +151,7 @@ int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
 }
 
 // The wait for a connect goes on after a signal, so there the signals must come to an end.
-int __wrap_poll(pollfd* waited, nfds_t count, int timeout) {
+ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout)) {
   const int error = failureOf(kPoll);
   const bool hasEnded = error == EINTR && timeout >= 0 && active->strikes() > 3;
   if (error == 0 || hasEnded) return __real_poll(waited, count, timeout);
@@ -172,7 +159,7 @@ int __wrap_poll(pollfd* waited, nfds_t count, int timeout) {
   return -1;
 }
 
-int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* length) {
+ZEB_WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* length)) {
   const int error = failureOf(kGetsockopt);
   if (error == 0) return __real_getsockopt(socket, level, option, value, length);
   if (error >= kPending) {
@@ -183,7 +170,7 @@ int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t*
   return -1;
 }
 
-ssize_t __wrap_send(int socket, const void* data, size_t size, int flags) {
+ZEB_WRAP(ssize_t, send, (int socket, const void* data, size_t size, int flags)) {
   const int error = failureOf(kSend);
   if (error == 0) return __real_send(socket, data, size, flags);
   if (error == kEnd) return 0;
@@ -196,7 +183,7 @@ ssize_t __wrap_send(int socket, const void* data, size_t size, int flags) {
   return -1;
 }
 
-ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
+ZEB_WRAP(ssize_t, recv, (int socket, void* buffer, size_t size, int flags)) {
   const int error = failureOf(kRecv);
   if (error == 0) return __real_recv(socket, buffer, size, flags);
   if (error == kShort) return __real_recv(socket, buffer, std::min<size_t>(size, 1), flags);
@@ -205,28 +192,20 @@ ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
   return -1;
 }
 
-int __wrap_close(int descriptor) {
+ZEB_WRAP(int, close, (int descriptor)) {
   return failBehind(kClose, [&] { return __real_close(descriptor); });
 }
 
-FILE* __wrap_fopen(const char* path, const char* mode) {
-  return failOr<FILE*>(kFopen, nullptr, [&] { return __real_fopen(path, mode); });
-}
-
-int __wrap_fflush(FILE* stream) {
-  return failOr(kFflush, EOF, [&] { return __real_fflush(stream); });
-}
-
-int __wrap_fclose(FILE* stream) {
+ZEB_WRAP(int, fclose, (FILE * stream)) {
   return failBehind(kFclose, [&] { return __real_fclose(stream); });
 }
 
-int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes)) {
   const int error = failureOf(kInitLock);
   return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
 }
 
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex)) {
   if (const int error = failureOf(kLock); error != 0) return error;
   if (active != nullptr) {
     if (std::find(heldLocks.begin(), heldLocks.end(), mutex) != heldLocks.end()) {
@@ -238,7 +217,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   return __real_pthread_mutex_lock(mutex);
 }
 
-int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex)) {
   if (active != nullptr && std::erase(heldLocks, mutex) == 0) {
     lockComplaint += " a lock is released that is not held;";
     return EPERM;

@@ -68,6 +68,17 @@ TEST_F(Surroundings, ASignalEndsACallWithADocumentedCodeOrNotAtAll) {
 
 TEST_F(Surroundings, TheHostsSignalHandlerAndMaskStayAsTheyWere) {
   Row row("F9");
+  const auto losesItsConnection = [&] {
+    Session s = {.port = gateway.port()};
+    ASSERT_EQ(s.open(), 0);
+    ASSERT_EQ(getStats(s.token, &s.answer), 0);
+    shutdown(s.token->socket, SHUT_WR);  // the next send breaks the pipe
+    EXPECT_EQ(getStats(s.token, &s.answer), ZEB_CONNECTION_LOST);
+    s.token = nullptr;  // the failure has removed it
+    s.release();
+  };
+  signal(SIGPIPE, SIG_DFL);
+  losesItsConnection();
   struct sigaction host = {};
   host.sa_sigaction = [](int, siginfo_t*, void*) { brokenPipes = brokenPipes + 1; };
   host.sa_flags = SA_SIGINFO | SA_NODEFER | SA_RESTART;
@@ -76,14 +87,7 @@ TEST_F(Surroundings, TheHostsSignalHandlerAndMaskStayAsTheyWere) {
   sigset_t before, after;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
 
-  Session s = {.port = gateway.port()};
-  ASSERT_EQ(s.open(), 0);
-  ASSERT_EQ(getStats(s.token, &s.answer), 0);
-  shutdown(s.token->socket, SHUT_WR);  // the next send breaks the pipe
-  EXPECT_EQ(getStats(s.token, &s.answer), ZEB_CONNECTION_LOST);
-  s.token = nullptr;  // the failure has removed it
-  s.release();
-
+  losesItsConnection();
   struct sigaction found = {};
   sigaction(SIGPIPE, nullptr, &found);
   pthread_sigmask(SIG_SETMASK, nullptr, &after);
@@ -100,11 +104,6 @@ TEST_F(Surroundings, TheHostsSignalHandlerAndMaskStayAsTheyWere) {
   row.add("handler's calls", brokenPipes == 0 ? "" : " there were some");
 }
 
-void limitDescriptors(int limit) {
-  const rlimit limits = {static_cast<rlim_t>(limit), 2000};
-  setrlimit(RLIMIT_NOFILE, &limits);
-}
-
 // Takes all descriptors below this one, and returns the first that is free.
 int takeDescriptors(int below) {
   int taken = dup(2);
@@ -117,7 +116,10 @@ TEST_F(Surroundings, DescriptorsMayBeHighFewOrTheStandardOnes) {
   Row row("F10");
   row.add("all below 1100 taken", differ(tellAfter([] { takeDescriptors(1100); }), expected));
   for (const int free : {0, 1, 2}) {
-    const auto leave = [free] { limitDescriptors(takeDescriptors(0) + free); };
+    const auto leave = [free] {
+      const rlimit limits = {static_cast<rlim_t>(takeDescriptors(0) + free), 2000};
+      setrlimit(RLIMIT_NOFILE, &limits);
+    };
     row.add(formatText("%d descriptors left", free),
             differ(tellAfter(leave), free > 0 ? expected : "open -118;\nclose 0"));
     const auto openTrace = [&] {
