@@ -140,7 +140,7 @@ TEST(Answer, thatIsRefusedReadsAsEmptyAndTheNextOneIsRead) {
   Session session;
   for (const bool isStats : {false, true}) {
     const Bytes good = makeAnswer(isStats);
-    const TraceCapture trace(4);
+    const TraceCapture trace(1);
     EXPECT_EQ(session.firstOf(isStats, ""), -119);
     EXPECT_EQ(session.firstOf(isStats, good.substr(0, good.size() / 2)), -119);
     EXPECT_EQ(session.firstOf(isStats, isStats ? longStats : longIds), -119);
