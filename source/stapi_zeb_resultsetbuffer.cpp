@@ -125,8 +125,8 @@ void ResultSetWriter::clearAhead(std::size_t size) noexcept {
   const auto left = static_cast<std::size_t>(end - next);
   if (from < next) memset(from, 0, static_cast<std::size_t>(next - from));
   memset(next, 0, std::min(left, kDumpReach));
-  memcpy(next, &kTerminator, left == 0 ? 0 : std::min(left, sizeof kTerminator));
-  std::atomic_thread_fence(std::memory_order_release);
+  memcpy(next, &kTerminator, std::min(left, sizeof kTerminator));
+  std::atomic_signal_fence(std::memory_order_release);  // no write of content is moved ahead of this
   cleared_ = next;
 }
 
