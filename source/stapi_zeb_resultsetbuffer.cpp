@@ -7,9 +7,6 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
-#include <atomic>
-
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_version.h"
@@ -114,20 +111,6 @@ void sealBuffer(char* buffer) noexcept {
   memset(buffer, 0, kDumpReach);
   addTerminator(buffer);
   memcpy(buffer + kContentSize, &kTerminator, sizeof kTerminator);
-}
-
-// The terminator behind stays until the one ahead stands: content is written over it only then.
-void ResultSetWriter::clearAhead(std::size_t size) noexcept {
-  char* const end = start_ + kContentSize;
-  const auto room = static_cast<std::size_t>(end - cursor_);
-  char* const next = cursor_ + std::min(room, size + kClearedAhead);
-  char* const from = cleared_ + sizeof kTerminator;
-  const auto left = static_cast<std::size_t>(end - next);
-  if (from < next) memset(from, 0, static_cast<std::size_t>(next - from));
-  memset(next, 0, std::min(left, kDumpReach));
-  memcpy(next, &kTerminator, std::min(left, sizeof kTerminator));
-  std::atomic_signal_fence(std::memory_order_release);  // no write of content is moved ahead of this
-  cleared_ = next;
 }
 
 int writeResultSet(const ResultSetToken& resultSet) noexcept {

@@ -10,6 +10,7 @@
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -24,8 +25,6 @@ constexpr char kIdsMarker[] = "ZEBIDSET";
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
 // A dump reads so much where content ends: a line of 16 bytes, and a word at the last of them.
 constexpr std::size_t kDumpReach = 19;
-// The writer clears so much at least whenever it reaches what may be old memory.
-constexpr std::size_t kClearedAhead = 1024;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
   std::int32_t value;
@@ -50,23 +49,23 @@ void sealBuffer(char* buffer) noexcept;
 constexpr std::size_t kShortText = 32;
 
 // The one bounded writer: what does not fit is not written, and once that happened nothing more is. While it
-// writes, other threads may dump the buffer: ahead of the cursor it is clear as far as a terminator, or as the
-// last word, so that they never show what the host's memory held before.
+// writes, other threads may dump the buffer: it reads as empty until it is finished, so that they do not run on
+// into what the host's memory held before.
 class ResultSetWriter {
  public:
   // The buffer reads as empty until the marker is written.
   explicit ResultSetWriter(char* buffer) noexcept
-      : start_(buffer),
-        cursor_(buffer),
-        cleared_(buffer),
-        traced_(traceLevel() >= kLevelFunction),
-        ok_(buffer != nullptr) {
+      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction), ok_(buffer != nullptr) {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
 
+  // The first to be written.
   void marker(const char* text) noexcept {
-    if (fits(kMarkerLength)) addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
+    if (!fits(kMarkerLength)) return;
+    addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
+    memcpy(start_, &kTerminator, sizeof kTerminator);
+    marker_ = text;
   }
   void integer(std::int32_t value) noexcept {
     if (!fits(sizeof value)) return;
@@ -91,17 +90,12 @@ class ResultSetWriter {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
   }
-  // For a caller that asks room() itself, reaches ahead and is not traced: writes kShortText characters, whatever
-  // the length.
+  // For a caller that asks room() itself and is not traced: writes kShortText characters, whatever the length.
   void countedShort(const void* text, std::size_t length) noexcept {
     const auto count = static_cast<std::int32_t>(length);
     memcpy(cursor_, &count, sizeof count);
     memcpy(cursor_ + sizeof count, text, kShortText);
     cursor_ += sizeof count + length;
-  }
-  void reach(std::size_t size) noexcept {
-    if (static_cast<std::ptrdiff_t>(size) >= cleared_ - cursor_) [[unlikely]]
-      clearAhead(size);
   }
   [[nodiscard]] bool isTraced() const noexcept { return traced_; }
   [[nodiscard]] std::size_t room() const noexcept {
@@ -109,25 +103,26 @@ class ResultSetWriter {
   }
   // Content that ends within a word of the last one is ended by that.
   void finish() noexcept {
+    memset(cursor_, 0, std::min(room(), kDumpReach));
     if (room() == 0 || room() >= sizeof kTerminator) {
       addTerminator(cursor_);
     } else {
       memcpy(cursor_, &kTerminator, room());
     }
+    std::atomic_signal_fence(std::memory_order_release);  // the marker comes last
+    if (marker_ != nullptr) memcpy(start_, marker_, kMarkerLength);
   }
   void discard() noexcept { addTerminator(start_); }
 
  private:
   bool fits(std::size_t size) noexcept {
     ok_ = ok_ && size <= room();
-    if (ok_) reach(size);
     return ok_;
   }
-  void clearAhead(std::size_t size) noexcept;
 
   char* start_;
   char* cursor_;
-  char* cleared_;  // where the terminator ahead stands, no further than the last word
+  const char* marker_ = nullptr;
   bool traced_;
   bool ok_;
 };

@@ -336,7 +336,6 @@ std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
     if (at[5] != kShortBlock || idLength > kShortText) break;
     const std::size_t valueLength = loadLength(at + 9 + idLength);
     if (valueLength > kShortText) break;
-    out.reach(kMost);
     out.countedShort(at + 9, idLength);
     out.countedShort(at + 11 + idLength, valueLength);
     in.skip(kFrame + idLength + valueLength);
