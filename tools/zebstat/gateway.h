@@ -54,7 +54,8 @@ class GatewayOnce {
  private:
   std::string host_;
   int port_;
-  zebstats::Connection connection_;
+  // Not closed by going out of scope, where a gateway that is silent would hold up the message about it.
+  zebstats::Connection& connection_ = *new zebstats::Connection;
 };
 
 // A gateway that is asked time and again.
