@@ -11,6 +11,7 @@
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string_view>
 
@@ -53,14 +54,13 @@ constexpr std::size_t kShortText = 32;
 // into what the host's memory held before.
 class ResultSetWriter {
  public:
-  // The buffer reads as empty until the marker is written.
   explicit ResultSetWriter(char* buffer) noexcept
       : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction), ok_(buffer != nullptr) {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
 
-  // The first to be written.
+  // The first to be written; finish() writes it over the terminator again.
   void marker(const char* text) noexcept {
     if (!fits(kMarkerLength)) return;
     addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
