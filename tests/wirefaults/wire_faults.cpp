@@ -2,14 +2,21 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
-#include <string>
-#include <vector>
+#include <optional>
 
 #include "harness.h"
 #include "memory_gateway.h"
-#include "scripted_gateway.h"
-#include "trace_capture.h"
+#include "reply_player.h"
+
+// Replies that announce gigabytes are refused memory at once rather than given some that takes long to watch.
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options() {
+  return "max_allocation_size_mb=64:allocator_may_return_null=1";
+}
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+  return "max_allocation_size_mb=64:allocator_may_return_null=1";
+}
 
 namespace zebtest {
 namespace {
@@ -53,6 +60,10 @@ Outcome runSession(int port) {
   return outcome;
 }
 
+std::size_t countDescriptors() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
 // The exchanges of the session, by their numbers.
 constexpr std::size_t kFirstOfVersion = 3;
 constexpr std::size_t kFirstOfStats = 5;
@@ -60,50 +71,44 @@ constexpr std::size_t kFirstOfIds = 7;
 constexpr std::size_t kClose = 9;
 constexpr std::size_t kExchanges = 10;
 
-// Against a gateway in memory, which gives each receive what the test says.
-Outcome runWith(const std::vector<Bytes>& replies, zebfuzz::MemoryGateway gateway = {}) {
-  Bytes all;
-  for (const Bytes& reply : replies) all += reply;
-  gateway.replies = {reinterpret_cast<const std::uint8_t*>(all.data()), all.size()};
-  const zebfuzz::MemoryGatewayScope scope(gateway);
-  const Outcome outcome = runSession(2980);
-  EXPECT_EQ(gateway.sockets, 0);
-  EXPECT_EQ(gateway.blocks, 0);
-  return outcome;
-}
-
 class WireFaults : public testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(setAPITraceFile(nullptr), 0);  // the first call's block of memory stays
-    ASSERT_EQ(replies_.size(), kExchanges);
-    good_ = runWith(replies_);
-    ASSERT_EQ(good_.close, 0);
+    descriptors_ = countDescriptors();
+    player_.emplace();
+    player_->record(
+        [](const zebsim::AdminCall& call) {
+          if (call.target == "GET_STATS") return readAnswer("stats_single");
+          return call.target == "RESOURCE_GROUPS" ? readAnswer("groups_single")
+                                                  : zebsim::encodeProtocol(zebsim::kOwnProtocol);
+        },
+        recording_);
+    good_ = runSession(player_->port());
+    ASSERT_EQ(recording_.replies.size(), kExchanges);
     ASSERT_TRUE(good_.content.starts_with("ZEBSTSET") && good_.content.find("ZEBIDSET") != Bytes::npos);
   }
   void TearDown() override {
+    player_.reset();
+    EXPECT_EQ(countDescriptors(), descriptors_);
     std::printf("EVIDENCE %s points=%zu failures=%d\n", row_, points_, HasFailure() ? 1 : 0);
   }
 
   // Whatever went before, a session with the right replies is what it was.
-  void expectGoodSession() { ASSERT_EQ(runWith(replies_), good_); }
-  const std::vector<Bytes> replies_ = Script()
-                                          .answerOpen()
-                                          .answerQuery(readAnswer("stats_single"))
-                                          .answerQuery(readAnswer("groups_single"))
-                                          .answer(zebsim::reply("BASE", ""))
-                                          .replies();
+  void expectGoodSession() {
+    player_->playAtOnce(joined(recording_.replies));
+    ASSERT_EQ(runSession(player_->port()), good_);
+  }
+  std::optional<ReplyPlayer> player_;
+  Recording recording_;
   Outcome good_;
+  std::size_t descriptors_ = 0;
   const char* row_ = "F6";  // of the table of faults
   std::size_t points_ = 0;
 };
 
 // ---- the connection ends
 
-const std::map<std::string_view, Script& (Script::*)()> kEnds = {
-    {"hangUp", &Script::hangUp}, {"reset", &Script::reset}, {"halfClose", &Script::halfClose}};
-
-class EndOfConnection : public WireFaults, public testing::WithParamInterface<const char*> {
+class EndOfConnection : public WireFaults, public testing::WithParamInterface<End> {
  protected:
   // The codes where the exchange of this number fails.
   [[nodiscard]] Outcome expected(std::size_t failing) const {
@@ -122,36 +127,41 @@ class EndOfConnection : public WireFaults, public testing::WithParamInterface<co
 
 TEST_P(EndOfConnection, behindAnyByteOfAnyReplyIsACodeAndTheNextSessionWorks) {
   row_ = "F4";
-  const auto descriptors = countDescriptors();
-  Script before;
-  for (std::size_t reply = 0; reply < kExchanges; before.answer(replies_[reply++])) {
-    const std::size_t whole = replies_[reply].size();
+  for (std::size_t reply = 0; reply < kExchanges; ++reply) {
+    const std::size_t whole = recording_.replies[reply].size();
     for (std::size_t size = 0; size <= whole; ++size, ++points_) {
       SCOPED_TRACE("reply " + std::to_string(reply) + " after " + std::to_string(size));
-      Script script = before;
-      (script.answer(replies_[reply].substr(0, size)).*kEnds.at(GetParam()))();
-      if (GetParam() == std::string_view("halfClose") && size == whole && reply < kClose) script.expect();
-      ASSERT_EQ(runSession(ScriptedGateway(script).port()),
-                expected(std::min(kClose, size < whole ? reply : reply + 1)));
+      player_->playUntil(recording_, reply, size, GetParam());
+      ASSERT_EQ(runSession(player_->port()), expected(std::min(kClose, size < whole ? reply : reply + 1)));
       ASSERT_NO_FATAL_FAILURE(expectGoodSession());
     }
   }
-  EXPECT_EQ(countDescriptors(), descriptors);
 }
 
-INSTANTIATE_TEST_SUITE_P(Ends, EndOfConnection, testing::Values("hangUp", "reset", "halfClose"),
-                         [](const auto& end) { return std::string(end.param); });
+std::string nameOf(const testing::TestParamInfo<End>& end) {
+  constexpr const char* names[] = {"Closed", "Reset", "HalfClosed"};
+  return names[static_cast<int>(end.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, EndOfConnection, testing::Values(End::kClosed, End::kReset, End::kHalfClosed),
+                         nameOf);
 
 // ---- replies in pieces
 
 TEST_F(WireFaults, repliesInSingleBytesAndInAnyTwoPartsAreTheSameSession) {
   row_ = "F5";
-  std::size_t size = 0;
-  for (const Bytes& reply : replies_) size += reply.size();
-  ASSERT_EQ(runWith(replies_, {.replies = {}, .piece = 1}), good_);
-  for (std::size_t split = 0; split < size; ++split)
-    ASSERT_EQ(runWith(replies_, {.replies = {}, .splitAt = split}), good_) << split;
-  points_ = 1 + size;
+  const Bytes all = joined(recording_.replies);
+  const std::span bytes(reinterpret_cast<const std::uint8_t*>(all.data()), all.size());
+  const auto runWith = [&](zebfuzz::MemoryGateway gateway) {
+    const zebfuzz::MemoryGatewayScope scope(gateway);
+    ++points_;
+    const Outcome outcome = runSession(2980);
+    EXPECT_EQ(gateway.received, all.size());
+    return outcome;
+  };
+  ASSERT_EQ(runWith({.replies = bytes, .piece = 1}), good_);
+  for (std::size_t split = 0; split < all.size(); ++split)
+    ASSERT_EQ(runWith({.replies = bytes, .splitAt = split}), good_) << split;
 }
 
 // ---- changed replies
@@ -159,10 +169,11 @@ TEST_F(WireFaults, repliesInSingleBytesAndInAnyTwoPartsAreTheSameSession) {
 class ChangedReply : public WireFaults, public testing::WithParamInterface<std::size_t> {
  protected:
   void expectDocumentedCodes(const Bytes& changed) {
-    std::vector<Bytes> replies = replies_;
+    std::vector<Bytes> replies = recording_.replies;
     replies[GetParam()] = changed;
+    player_->playAtOnce(joined(replies));
     ++points_;
-    const auto [open, stats, ids, close, content] = runWith(replies);
+    const auto [open, stats, ids, close, content] = runSession(player_->port());
     const auto isLost = [](int rc) { return rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED; };
     const auto isRight = [&](int rc, int before) {
       return before == 0 ? rc == 0 || isLost(rc) : rc == ZEB_TOKEN_UNKNOWN;
@@ -175,14 +186,18 @@ class ChangedReply : public WireFaults, public testing::WithParamInterface<std::
   }
 };
 
-TEST_P(ChangedReply, inAnyBitOrAnywhereToAnExtremeIsACodeAndTheNextSessionWorks) {
-  const Bytes reply = replies_[GetParam()];
+TEST_P(ChangedReply, inAnyBitIsACodeAndTheNextSessionWorks) {
+  const Bytes reply = recording_.replies[GetParam()];
   for (std::size_t bit = 0; bit < reply.size() * 8; ++bit) {
     Bytes changed = reply;
     changed[bit / 8] = static_cast<char>(changed[bit / 8] ^ 1 << bit % 8);
     ASSERT_NO_FATAL_FAILURE(expectDocumentedCodes(changed)) << "bit " << bit;
   }
-  // Every field stands at some byte, so all are met; what is no field is changed too.
+}
+
+// Every field stands at some byte, so all are met; what is no field is changed too.
+TEST_P(ChangedReply, inAnyFieldToAnExtremeIsACodeAndTheNextSessionWorks) {
+  const Bytes reply = recording_.replies[GetParam()];
   for (const char* extreme : {"00", "FF", "0000", "7FFF", "8000", "FFFF", "00000000", "7FFFFFFF", "80000000",
                               "FFFFFFFF", "0000F004"}) {
     const Bytes value = wire(extreme);
