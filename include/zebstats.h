@@ -99,9 +99,11 @@ enum ZebReturnCode {
   ZEB_NO_GOOD_ID = -131,              /* the result set holds no good identifier */
   ZEB_HOST_UNKNOWN = -132,            /* connecting: the host name could not be resolved */
   ZEB_HOST_NULL = -133,               /* the host name is null */
-  ZEB_CONNECT_TIMED_OUT = -134,       /* connecting: timed out (reserved: no call returns it) */
+  ZEB_CONNECT_TIMED_OUT = -134,       /* connecting: the timeout has passed */
   ZEB_CONNECT_REFUSED = -135,         /* connecting: the gateway refused the connection */
   ZEB_NETWORK_UNREACHABLE = -136,     /* connecting: the network is unreachable */
+  ZEB_TIMEOUT_INVALID = -137,         /* the timeout is negative */
+  ZEB_TIMED_OUT = -138,               /* a query: the timeout has passed */
   ZEB_QUERY_TOO_LONG = -2             /* the query string has 32,766 characters or more; see "Codes" */
 };
 
@@ -280,6 +282,24 @@ ZEB_API int setAPITraceLevel(int traceState) ZEB_NOEXCEPT;
  *
  * Returns 0, or -130 (the file could not be opened: the destination is unchanged). */
 ZEB_API int setAPITraceFile(const char* traceFile) ZEB_NOEXCEPT;
+
+/* Limits how long each call that talks to a gateway may take: opening, a query, a close, and
+ * closeAllGatewayConnections() with all its gateways together.
+ *
+ *   milliseconds      the limit of every call that starts after this one, in any thread; 0, the state at the
+ *                     start, waits without limit
+ *
+ * Returns 0, or -137 (negative, nothing is changed). */
+ZEB_API int setAPITimeout(int milliseconds) ZEB_NOEXCEPT;
+
+/* Stores the limit that setAPITimeout() has set, in milliseconds.
+ *
+ * Returns 0, or -109 (no millisecondsPtr). */
+ZEB_API int getAPITimeout(int* millisecondsPtr) ZEB_NOEXCEPT;
+
+/* Returns an English text for a code of the library, without a full stop; never null. The text lives as long
+ * as the library. */
+ZEB_API const char* getAPICodeText(int code) ZEB_NOEXCEPT;
 
 /* Writes the state of the library, its open connections and their result sets to the trace destination,
  * whatever the level.

@@ -8,10 +8,12 @@
 #include <atomic>
 #include <cstring>
 
+#include "stapi_zeb_codes.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_gwytok.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_resultsetbuffer.h"
+#include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 
 extern "C" {
@@ -786,6 +788,41 @@ int setAPITraceFile(const char* traceFile) noexcept {
   TRACE_EXIT(1014, "API.setAPITraceFile(traceFile=%p) new trace destination=%s rc=%d\n", traceFile,
              traceFilename(), rc);
   return rc;
+}
+
+int setAPITimeout(int milliseconds) noexcept {
+  int rc = stapiInit();
+  TRACE_ENTRY(1017, "API.setAPITimeout(milliseconds=%d) current timeout=%d\n", milliseconds, getTimeout());
+  if (rc == 0 && milliseconds < 0) {
+    rc = ZEB_TIMEOUT_INVALID;
+    TRACE_EXC(1018, "API.setAPITimeout() Supplied timeout %d was invalid\n", milliseconds);
+  } else if (rc == 0) {
+    setTimeout(milliseconds);
+  }
+  TRACE_EXIT(1019, "API.setAPITimeout(milliseconds=%d) new timeout=%d rc=%d\n", milliseconds, getTimeout(),
+             rc);
+  return rc;
+}
+
+int getAPITimeout(int* millisecondsPtr) noexcept {
+  int rc = stapiInit();
+  TRACE_ENTRY(1031, "API.getAPITimeout(millisecondsPtr=%p)\n", millisecondsPtr);
+  if (rc == 0 && millisecondsPtr == nullptr) {
+    rc = ZEB_OUTPUT_POINTER_NULL;
+    TRACE_EXC(1032, "API.getAPITimeout() Supplied pointer is NULL\n");
+  } else if (rc == 0) {
+    *millisecondsPtr = getTimeout();
+  }
+  TRACE_EXIT(1041, "API.getAPITimeout(millisecondsPtr=%p) rc=%d\n", millisecondsPtr, rc);
+  return rc;
+}
+
+const char* getAPICodeText(int code) noexcept {
+  stapiInit();
+  TRACE_ENTRY(1043, "API.getAPICodeText(code=%d)\n", code);
+  const char* const text = codeText(code);
+  TRACE_EXIT(1044, "API.getAPICodeText(code=%d) text=%s\n", code, text);
+  return text;
 }
 
 int dumpState(void) noexcept {

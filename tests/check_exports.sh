@@ -27,11 +27,12 @@ defined=$(cut -d@ -f1 <<<"$symbols" | sort)
 for name in $(comm -13 "$names" <(printf '%s\n' "$defined")); do complain "defines $name, which is not in the list"; done
 for name in $(comm -23 "$names" <(printf '%s\n' "$defined")); do complain "does not define $name"; done
 
-# What the public header declares carries the public version, all else the private one.
+# What the public header declares carries a public version, all else the private one.
 header=$(dirname "$0")/../include/zebstats.h
 while read -r name version; do
   wanted=ZEBSTATS_PRIVATE
-  ! grep -qE "^ZEB_API int $name\(" "$header" || wanted=ZEBSTATS_1.0
+  ! grep -qE "^ZEB_API .*\b$name\(" "$header" || wanted=ZEBSTATS_1.0
+  case $name in getAPICodeText | getAPITimeout | setAPITimeout) wanted=ZEBSTATS_1.2 ;; esac
   expect "the version of $name" "@@$wanted" "$version"
 done < <(awk -F@ '{ print $1, substr($0, length($1) + 1) }' <<<"$symbols")
 
