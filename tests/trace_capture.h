@@ -70,6 +70,10 @@ struct Named {
 // "ADDRESS" anywhere else.
 inline std::string nameAddresses(std::string text, const std::vector<Named>& names) {
   for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
+    if (at > 0 && (std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0 || text[at - 1] == '.')) {
+      at += 2;  // the name of a temporary file may hold these letters, too
+      continue;
+    }
     const std::size_t end = std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
     const auto address = static_cast<std::uintptr_t>(std::strtoull(&text[at], nullptr, 16));
     std::string shown = "ADDRESS";

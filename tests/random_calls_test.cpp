@@ -1,0 +1,207 @@
+// Public calls in random order with right, null, wrong, stale and foreign arguments, in one process: each returns a
+// documented code, and none succeeds with a handle that its caller may not use. ZEB_RANDOM_CALLS is their number.
+#include <algorithm>
+#include <deque>
+#include <random>
+#include <thread>
+
+#include "client_session.h"
+
+namespace {
+
+using namespace zebtest;
+
+struct Handle {
+  GatewayToken* token = nullptr;
+  ResultSetToken* answer = nullptr;
+  bool isOwn = false;
+};
+
+struct Arguments {
+  GatewayToken *token, **tokenPtr;
+  ResultSetToken *answer, **answerPtr;
+  const char *query, *host, *path;
+  char** textPtr;
+  StatData* stat;
+  IdData* id;
+  int number, port, *numberPtr;
+};
+
+enum class Kind { kOpen, kClose, kCloseAll, kQuery, kWalk, kCopy, kFree, kOther };
+
+struct RandomCall {
+  const char* name;
+  Kind kind;
+  const char* codes;
+  int (*make)(const Arguments& a);
+};
+
+constexpr char kOpenCodes[] = "0 -107 -108 -105 -133 -132 -135 -136 -118 -134 -102 -122 -111 ";
+constexpr char kQueryCodes[] = "0 -100 -125 -126 -101 -123 -124 -2 -111 -102 -122 -138 ";
+constexpr char kStatCodes[] = "0 -127 -129 -110 -119 -123 -124 -113 ";
+constexpr char kIdCodes[] = "0 -127 -128 -110 -119 -123 -124 -113 ";
+
+using A = const Arguments&;
+constexpr RandomCall kRandomCalls[] = {
+    {"openGatewayConnection", Kind::kOpen, kOpenCodes,
+     [](A a) { return openGatewayConnection(a.port, a.tokenPtr, a.textPtr); }},
+    {"openRemoteGatewayConnection", Kind::kOpen, kOpenCodes,
+     [](A a) { return openRemoteGatewayConnection(a.host, a.port, a.tokenPtr, a.textPtr); }},
+    {"closeGatewayConnection", Kind::kClose, "0 -108 -100 -101 ",
+     [](A a) { return closeGatewayConnection(a.tokenPtr); }},
+    {"closeAllGatewayConnections", Kind::kCloseAll, "0 ", [](A) { return closeAllGatewayConnections(); }},
+    {"getStats", Kind::kQuery, kQueryCodes, [](A a) { return getStats(a.token, a.answerPtr); }},
+    {"getStatsByStatId", Kind::kQuery, kQueryCodes,
+     [](A a) { return getStatsByStatId(a.token, a.query, a.answerPtr); }},
+    {"getStatsByStatGroupId", Kind::kQuery, kQueryCodes,
+     [](A a) { return getStatsByStatGroupId(a.token, a.query, a.answerPtr); }},
+    {"getStatIds", Kind::kQuery, kQueryCodes, [](A a) { return getStatIds(a.token, a.answerPtr); }},
+    {"getStatIdsByStatGroupId", Kind::kQuery, kQueryCodes,
+     [](A a) { return getStatIdsByStatGroupId(a.token, a.query, a.answerPtr); }},
+    {"getResourceGroupIds", Kind::kQuery, kQueryCodes,
+     [](A a) { return getResourceGroupIds(a.token, a.answerPtr); }},
+    {"getFirstStat", Kind::kWalk, kStatCodes, [](A a) { return getFirstStat(a.answer, a.stat); }},
+    {"getNextStat", Kind::kWalk, kStatCodes, [](A a) { return getNextStat(a.answer, a.stat); }},
+    {"getFirstId", Kind::kWalk, kIdCodes, [](A a) { return getFirstId(a.answer, a.id); }},
+    {"getNextId", Kind::kWalk, kIdCodes, [](A a) { return getNextId(a.answer, a.id); }},
+    {"dumpResultSet", Kind::kWalk, "0 -127 -110 -119 -123 -124 ",
+     [](A a) { return dumpResultSet(a.answer); }},
+    {"getIdQuery", Kind::kWalk, "0 -127 -109 -110 -119 -123 -124 -131 -111 ",
+     [](A a) { return getIdQuery(a.answer, a.textPtr); }},
+    {"copyResultSet", Kind::kCopy, "0 -127 -125 -110 -119 -123 -124 -111 ",
+     [](A a) { return copyResultSet(a.answer, a.answerPtr); }},
+    {"freeResultSet", Kind::kFree, "0 -125 -127 -106 -110 ", [](A a) { return freeResultSet(a.answerPtr); }},
+    {"setAPITraceLevel", Kind::kOther, "0 -104 ", [](A a) { return setAPITraceLevel(a.number); }},
+    {"getAPITraceLevel", Kind::kOther, "0 -109 ", [](A a) { return getAPITraceLevel(a.numberPtr); }},
+    {"setAPITraceFile", Kind::kOther, "0 -130 ", [](A a) { return setAPITraceFile(a.path); }},
+    {"setAPITimeout", Kind::kOther, "0 -137 ", [](A a) { return setAPITimeout(a.number * 5000); }},
+    {"getAPITimeout", Kind::kOther, "0 -109 ", [](A a) { return getAPITimeout(a.numberPtr); }},
+    {"getStatsAPIVersion", Kind::kOther, "0 -109 ", [](A a) { return getStatsAPIVersion(a.textPtr); }},
+    {"dumpState", Kind::kOther, "0 ", [](A) { return dumpState(); }},
+    {"getAPICodeText", Kind::kOther, "0 ", [](A a) { return getAPICodeText(-a.port) != nullptr ? 0 : 1; }},
+};
+
+class RandomCaller {
+ public:
+  explicit RandomCaller(int port) : port_(port) {}
+
+  // Returns a complaint about the calls, which end with the first one.
+  std::string makeCalls(int count) {
+    std::string complaint;
+    for (int i = 0; i < count && complaint.empty(); ++i) {
+      const RandomCall& call = kRandomCalls[below(std::size(kRandomCalls))];
+      const bool isRefused = (call.kind == Kind::kOpen && open_.size() > 12) ||
+                             (call.kind == Kind::kCopy && copies_.size() > 8) ||
+                             (call.kind == Kind::kCloseAll && below(200) != 0);
+      if (!isRefused) complaint = makeCall(call);
+    }
+    return complaint;
+  }
+  // The child of the process that has opened the connections.
+  void becomeChild() {
+    for (Handle& handle : open_) handle.isOwn = false;
+  }
+
+ private:
+  std::size_t below(std::size_t limit) { return random_() % limit; }
+  template <typename T>
+  T orNull(T pointer) {
+    return below(8) == 0 ? nullptr : pointer;
+  }
+
+  std::string makeCall(const RandomCall& call) {
+    static const std::string texts[] = {"", "GD", ":::", std::string(32000, 'x'), std::string(40000, 'y')};
+    static const char* const paths[] = {"/dev/null", "/no/such/file", texts[3].c_str()};
+    Handle none;
+    const std::size_t at = below(open_.size() + 4);  // beyond the open ones: a stale handle, or none at all
+    Handle& handle = at < open_.size() ? open_[at] : none;
+    if (at > open_.size() && !closed_.empty()) none = closed_[below(closed_.size())];
+    const std::size_t copyAt = below(copies_.size() + 4);
+    const bool isCopy = copyAt < copies_.size();
+    ResultSetToken* const answer = isCopy ? copies_[copyAt] : handle.answer;
+    GatewayToken* token = call.kind == Kind::kOpen ? nullptr : handle.token;
+    ResultSetToken* output = call.kind == Kind::kFree ? answer : nullptr;
+    char* text = nullptr;
+    StatData stat;
+    IdData id;
+    int number = 0;
+    const Arguments a = {.token = token,
+                         .tokenPtr = orNull(&token),
+                         .answer = answer,
+                         .answerPtr = orNull(&output),
+                         .query = orNull(texts[below(std::size(texts))].c_str()),
+                         .host = orNull(below(200) == 0 ? "no such host" : "127.0.0.1"),
+                         .path = paths[below(std::size(paths))],
+                         .textPtr = orNull(&text),
+                         .stat = orNull(&stat),
+                         .id = orNull(&id),
+                         .number = static_cast<int>(below(8)) - 1,
+                         .port = below(8) == 0 ? static_cast<int>(below(3)) * 65536 - 1 : port_,
+                         .numberPtr = orNull(&number)};
+    const bool isElsewhere = call.kind == Kind::kOpen && below(4) == 0;
+    int rc = 0;
+    const auto make = [&] { rc = call.make(a); };
+    if (isElsewhere)
+      std::thread(make).join();
+    else
+      make();
+
+    // May the call succeed with its handle? Where it may, it does not take the handle for another's either.
+    bool isAllowed = true;
+    if (call.kind == Kind::kClose) isAllowed = at < open_.size();
+    if (call.kind == Kind::kQuery) isAllowed = handle.isOwn;
+    if (call.kind == Kind::kWalk || call.kind == Kind::kCopy) isAllowed = isCopy || handle.isOwn;
+    if (call.kind == Kind::kFree) isAllowed = isCopy;
+    const bool isForeign = rc == -101 || rc == -110 || rc == -123 || rc == -124;
+    const bool isWell =
+        std::string(" ").append(call.codes).find(formatText(" %d ", rc)) != std::string::npos &&
+        (isAllowed ? !isForeign : rc != 0);
+    const std::string complaint =
+        isWell ? "" : formatText(" %s: %d of %s handle", call.name, rc, isAllowed ? "a right" : "another");
+
+    if (call.kind == Kind::kOpen) std::free(text);
+    if (call.kind == Kind::kOpen && rc == 0) open_.push_back({token, nullptr, !isElsewhere});
+    if (call.kind == Kind::kQuery && rc == 0) handle.answer = output;
+    if (call.kind == Kind::kCopy && rc == 0) copies_.push_back(output);
+    if (call.kind == Kind::kFree && rc == 0 && isCopy)
+      copies_.erase(copies_.begin() + static_cast<long>(copyAt));
+    const bool isRemoved = rc == -102 || rc == -122 || rc == -138 || (call.kind == Kind::kClose && rc == 0);
+    if (call.kind == Kind::kCloseAll)
+      while (!open_.empty()) retire(0);
+    else if (call.kind != Kind::kOpen && isRemoved && at < open_.size())
+      retire(at);
+    return complaint;
+  }
+
+  void retire(std::size_t at) {
+    closed_.push_back({open_[at].token, open_[at].answer, false});
+    if (closed_.size() > 1000) closed_.pop_front();  // of 1,024 the library knows the handles
+    open_.erase(open_.begin() + static_cast<long>(at));
+  }
+
+  const int port_;
+  std::mt19937 random_{20101014};
+  std::vector<Handle> open_;
+  std::deque<Handle> closed_;
+  std::vector<ResultSetToken*> copies_;
+};
+
+TEST(RandomCalls, ReturnDocumentedCodesWhateverTheirArguments) {
+  const GatewayProcess gateway;
+  const char* const wanted = getenv("ZEB_RANDOM_CALLS");
+  const int count = wanted != nullptr ? std::atoi(wanted) : 20000;
+  const std::string complaint = inChild([&]() noexcept {
+    alarm(static_cast<unsigned>(60 + count / 1000));
+    RandomCaller caller(gateway.port());
+    std::string complaints = caller.makeCalls(count - count / 10);
+    return complaints + inChild([&]() noexcept {
+             alarm(static_cast<unsigned>(60 + count / 1000));
+             caller.becomeChild();
+             return caller.makeCalls(count / 10);
+           });
+  });
+  EXPECT_EQ(complaint, "");
+  printf("EVIDENCE F19 points=%d failures=%d\n", count, HasFailure());
+}
+
+}  // namespace
