@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "client_session.h"
+#include "public_calls.h"
 
 namespace {
 
@@ -17,70 +18,6 @@ struct Handle {
   bool isOwn = false;
 };
 
-struct Arguments {
-  GatewayToken *token, **tokenPtr;
-  ResultSetToken *answer, **answerPtr;
-  const char *query, *host, *path;
-  char** textPtr;
-  StatData* stat;
-  IdData* id;
-  int number, port, *numberPtr;
-};
-
-enum class Kind { kOpen, kClose, kCloseAll, kQuery, kWalk, kCopy, kFree, kOther };
-
-struct RandomCall {
-  const char* name;
-  Kind kind;
-  const char* codes;
-  int (*make)(const Arguments& a);
-};
-
-constexpr char kOpenCodes[] = "0 -107 -108 -105 -133 -132 -135 -136 -118 -134 -102 -122 -111 ";
-constexpr char kQueryCodes[] = "0 -100 -125 -126 -101 -123 -124 -2 -111 -102 -122 -138 ";
-constexpr char kStatCodes[] = "0 -127 -129 -110 -119 -123 -124 -113 ";
-constexpr char kIdCodes[] = "0 -127 -128 -110 -119 -123 -124 -113 ";
-
-using A = const Arguments&;
-constexpr RandomCall kRandomCalls[] = {
-    {"openGatewayConnection", Kind::kOpen, kOpenCodes,
-     [](A a) { return openGatewayConnection(a.port, a.tokenPtr, a.textPtr); }},
-    {"openRemoteGatewayConnection", Kind::kOpen, kOpenCodes,
-     [](A a) { return openRemoteGatewayConnection(a.host, a.port, a.tokenPtr, a.textPtr); }},
-    {"closeGatewayConnection", Kind::kClose, "0 -108 -100 -101 ",
-     [](A a) { return closeGatewayConnection(a.tokenPtr); }},
-    {"closeAllGatewayConnections", Kind::kCloseAll, "0 ", [](A) { return closeAllGatewayConnections(); }},
-    {"getStats", Kind::kQuery, kQueryCodes, [](A a) { return getStats(a.token, a.answerPtr); }},
-    {"getStatsByStatId", Kind::kQuery, kQueryCodes,
-     [](A a) { return getStatsByStatId(a.token, a.query, a.answerPtr); }},
-    {"getStatsByStatGroupId", Kind::kQuery, kQueryCodes,
-     [](A a) { return getStatsByStatGroupId(a.token, a.query, a.answerPtr); }},
-    {"getStatIds", Kind::kQuery, kQueryCodes, [](A a) { return getStatIds(a.token, a.answerPtr); }},
-    {"getStatIdsByStatGroupId", Kind::kQuery, kQueryCodes,
-     [](A a) { return getStatIdsByStatGroupId(a.token, a.query, a.answerPtr); }},
-    {"getResourceGroupIds", Kind::kQuery, kQueryCodes,
-     [](A a) { return getResourceGroupIds(a.token, a.answerPtr); }},
-    {"getFirstStat", Kind::kWalk, kStatCodes, [](A a) { return getFirstStat(a.answer, a.stat); }},
-    {"getNextStat", Kind::kWalk, kStatCodes, [](A a) { return getNextStat(a.answer, a.stat); }},
-    {"getFirstId", Kind::kWalk, kIdCodes, [](A a) { return getFirstId(a.answer, a.id); }},
-    {"getNextId", Kind::kWalk, kIdCodes, [](A a) { return getNextId(a.answer, a.id); }},
-    {"dumpResultSet", Kind::kWalk, "0 -127 -110 -119 -123 -124 ",
-     [](A a) { return dumpResultSet(a.answer); }},
-    {"getIdQuery", Kind::kWalk, "0 -127 -109 -110 -119 -123 -124 -131 -111 ",
-     [](A a) { return getIdQuery(a.answer, a.textPtr); }},
-    {"copyResultSet", Kind::kCopy, "0 -127 -125 -110 -119 -123 -124 -111 ",
-     [](A a) { return copyResultSet(a.answer, a.answerPtr); }},
-    {"freeResultSet", Kind::kFree, "0 -125 -127 -106 -110 ", [](A a) { return freeResultSet(a.answerPtr); }},
-    {"setAPITraceLevel", Kind::kOther, "0 -104 ", [](A a) { return setAPITraceLevel(a.number); }},
-    {"getAPITraceLevel", Kind::kOther, "0 -109 ", [](A a) { return getAPITraceLevel(a.numberPtr); }},
-    {"setAPITraceFile", Kind::kOther, "0 -130 ", [](A a) { return setAPITraceFile(a.path); }},
-    {"setAPITimeout", Kind::kOther, "0 -137 ", [](A a) { return setAPITimeout(a.number * 5000); }},
-    {"getAPITimeout", Kind::kOther, "0 -109 ", [](A a) { return getAPITimeout(a.numberPtr); }},
-    {"getStatsAPIVersion", Kind::kOther, "0 -109 ", [](A a) { return getStatsAPIVersion(a.textPtr); }},
-    {"dumpState", Kind::kOther, "0 ", [](A) { return dumpState(); }},
-    {"getAPICodeText", Kind::kOther, "0 ", [](A a) { return getAPICodeText(-a.port) != nullptr ? 0 : 1; }},
-};
-
 class RandomCaller {
  public:
   explicit RandomCaller(int port) : port_(port) {}
@@ -89,7 +26,7 @@ class RandomCaller {
   std::string makeCalls(int count) {
     std::string complaint;
     for (int i = 0; i < count && complaint.empty(); ++i) {
-      const RandomCall& call = kRandomCalls[below(std::size(kRandomCalls))];
+      const PublicCall& call = kPublicCalls[below(std::size(kPublicCalls))];
       const bool isRefused = (call.kind == Kind::kOpen && open_.size() > 12) ||
                              (call.kind == Kind::kCopy && copies_.size() > 8) ||
                              (call.kind == Kind::kCloseAll && below(200) != 0);
@@ -109,7 +46,7 @@ class RandomCaller {
     return below(8) == 0 ? nullptr : pointer;
   }
 
-  std::string makeCall(const RandomCall& call) {
+  std::string makeCall(const PublicCall& call) {
     static const std::string texts[] = {"", "GD", ":::", std::string(32000, 'x'), std::string(40000, 'y')};
     static const char* const paths[] = {"/dev/null", "/no/such/file", texts[3].c_str()};
     Handle none;
