@@ -95,6 +95,23 @@ TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySide) {
     for (std::thread& thread : threads) thread.join();
     return unless(isActionSet(), "another handler");
   });
+  prove("a send that begins in another and ends after it", [&] {
+    static std::atomic<bool> isSecondInside = false, isFirstOver = false;
+    static std::thread second;
+    static const int gatewayPort = port;
+    setAction();
+    duringNextSend = [] {
+      duringNextSend = [] {
+        for (isSecondInside = true; !isFirstOver;) std::this_thread::yield();
+      };
+      second = std::thread(repeatQueries, gatewayPort, 1);
+      while (!isSecondInside) std::this_thread::yield();
+    };
+    repeatQueries(port, 1);
+    isFirstOver = true;
+    second.join();
+    return unless(isActionSet(), "another handler");
+  });
   prove("a change by the host", [&] {
     setAction();
     duringNextSend = [] { std::signal(SIGPIPE, handleOtherwise); };
