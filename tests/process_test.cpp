@@ -324,12 +324,13 @@ TEST_F(HostProcess, KeepsItsErrnoThroughEachCallThatSucceeds) {
   }
 }
 
-// Runs the work in a thread of its own, whose end, by cancellation or not, the caller asks for.
+// Runs the work in a thread of its own, which may be cancelled after it.
 template <typename Work>
 pthread_t startThread(Work& work, const pthread_attr_t* attributes = nullptr) {
   pthread_t thread = {};
   const auto run = [](void* argument) -> void* {
     (*static_cast<Work*>(argument))();
+    pthread_testcancel();
     return nullptr;
   };
   if (pthread_create(&thread, attributes, run, &work) != 0) throw std::runtime_error("no thread");
@@ -353,7 +354,6 @@ TEST_F(HostProcess, MayCancelAThreadWhichEndsAfterItsCall) {
         if (i < 3) setAPITraceLevel(5);
         pthread_cancel(pthread_self());
         rc = c.make(kPublicCalls[made]);
-        pthread_testcancel();
       };
       std::string complaints = joinCancelled(startThread(work));
       complaints += unless(rc == 0, formatText("the call returns %d", rc));
@@ -379,7 +379,6 @@ TEST_F(HostProcess, MayCancelAThreadThatHangsInACall) {
         if (hanging == kQuery) code = getStats(s.token, &s.answer);
         if (hanging == kClose) code = closeGatewayConnection(&s.token);
         rc = code;
-        pthread_testcancel();
       };
       setAPITraceFile("/dev/null");
       setAPITraceLevel(5);
