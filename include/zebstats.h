@@ -41,9 +41,10 @@
  *              another thread return ZEB_OTHER_THREAD. A copy of a result set may be used by any
  *              thread, one at a time. Any thread may close a connection at any time. If the owner
  *              is inside a call that waits, the close wakes it: a query returns
- *              ZEB_CONNECTION_LOST, an open ZEB_TOKEN_UNKNOWN. But a close frees the answer: the
- *              caller must keep it apart from walks and other reads of it. A silent gateway holds
- *              up only the thread that waits for it.
+ *              ZEB_CONNECTION_LOST, an open, which closeAllGatewayConnections() ends,
+ *              ZEB_TOKEN_UNKNOWN. But a close frees the answer: the caller must keep it apart from
+ *              walks and other reads of it. A silent gateway holds up only the thread that waits
+ *              for it.
  *   Lifetime   An answer lives until the next query on its connection, and no longer than the
  *              connection; copyResultSet() keeps it. A query that returns ZEB_CONNECTION_LOST,
  *              ZEB_TIMED_OUT or ZEB_COMMUNICATION_FAILED has removed its connection, and that needs
