@@ -121,6 +121,28 @@ TEST_F(Hpp, ALostConnectionIsToldOnceAndOpenedAgain) {
   EXPECT_FALSE(gateway.stats().error());
 }
 
+TEST_F(Hpp, ATimeoutEndsTheQueryOfASilentGatewayAndItsViews) {
+  ASSERT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
+  std::promise<void> end;
+  std::atomic<bool> isSilent = false;
+  zebsim::ServerOptions options;
+  options.clock = [&isSilent, until = end.get_future().share()] {
+    if (isSilent) until.wait();
+    return std::uint64_t{0};
+  };
+  zebsim::GatewayServer silent(options);
+  ASSERT_FALSE(gateway.open("127.0.0.1", silent.port()));
+  zebstats::StatSet before = gateway.stats();
+  ASSERT_FALSE(zebstats::setTimeout(50));
+  EXPECT_EQ(zebstats::timeout(), 50);
+  isSilent = true;
+  EXPECT_EQ(gateway.stats().error().code(), ZEB_TIMED_OUT);
+  EXPECT_FALSE(gateway.isOpen());
+  expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
+  EXPECT_FALSE(zebstats::setTimeout(0));
+  end.set_value();
+}
+
 TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
   const pid_t child = fork();
   if (child == 0) {
@@ -132,29 +154,6 @@ TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_FALSE(gateway.stats().error());
-}
-
-TEST(HppTimeout, EndsTheQueryOfASilentGatewayAndItsViews) {
-  ASSERT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
-  std::promise<void> end;
-  std::atomic<bool> isSilent = false;
-  zebsim::ServerOptions options;
-  options.clock = [&isSilent, until = end.get_future().share()] {
-    if (isSilent) until.wait();
-    return std::uint64_t{0};
-  };
-  zebsim::GatewayServer server(options);
-  Connection gateway;
-  ASSERT_FALSE(gateway.open("127.0.0.1", server.port()));
-  zebstats::StatSet before = gateway.stats();
-  ASSERT_FALSE(zebstats::setTimeout(50));
-  EXPECT_EQ(zebstats::timeout(), 50);
-  isSilent = true;
-  EXPECT_EQ(gateway.stats().error().code(), ZEB_TIMED_OUT);
-  EXPECT_FALSE(gateway.isOpen());
-  expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
-  EXPECT_FALSE(zebstats::setTimeout(0));
-  end.set_value();
 }
 
 std::string readFile(const char* path) {
