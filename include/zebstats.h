@@ -291,7 +291,7 @@ ZEB_API int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) Z
  * that has been freed is not recognised: it must not be used again.
  *
  * Returns ZEB_OK, or ZEB_RESULT_SET_POINTER_NULL (no address), ZEB_RESULT_SET_NULL (null token),
- * ZEB_NOT_A_COPY (it belongs to its connection). */
+ * ZEB_NOT_A_COPY (it belongs to its connection), ZEB_NO_RESULT_SET_BUFFER (and that is gone). */
 ZEB_API int freeResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 
 /* Writes a result set's token line and the bytes of its buffer to the trace destination, at any
