@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <climits>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -325,11 +325,10 @@ TEST_F(HostProcess, KeepsItsErrnoThroughEachCallThatSucceeds) {
 }
 
 // Runs the work in a thread of its own, which may be cancelled after it.
-template <typename Work>
-pthread_t startThread(Work& work, const pthread_attr_t* attributes = nullptr) {
+pthread_t startThread(std::function<void()>& work, const pthread_attr_t* attributes = nullptr) {
   pthread_t thread = {};
   const auto run = [](void* argument) -> void* {
-    (*static_cast<Work*>(argument))();
+    (*static_cast<std::function<void()>*>(argument))();
     pthread_testcancel();
     return nullptr;
   };
@@ -349,7 +348,7 @@ TEST_F(HostProcess, MayCancelAThreadWhichEndsAfterItsCall) {
     prove(formatText("ahead of %s", kPublicCalls[i].name), [&] {
       Caller c = {.port = port};
       int made = -1, rc = -1;
-      auto work = [&] {
+      std::function<void()> work = [&] {
         for (made = 0; static_cast<std::size_t>(made) < i; ++made) c.make(kPublicCalls[made]);
         if (i < 3) setAPITraceLevel(5);
         pthread_cancel(pthread_self());
@@ -373,7 +372,7 @@ TEST_F(HostProcess, MayCancelAThreadThatHangsInACall) {
       Session s = {.port = silent->port()};
       GatewayToken* handle = nullptr;
       std::atomic<int> rc = 1;
-      auto work = [&] {
+      std::function<void()> work = [&] {
         int code = s.open();
         handle = s.token;
         if (hanging == kQuery) code = getStats(s.token, &s.answer);
@@ -404,7 +403,7 @@ TEST_F(HostProcess, MayHaveThreadStacksOf32KiB) {
   const std::string expected = inChild([&] { return tellSession(port); });
   prove("a session at level 5", [&] {
     std::string told;
-    auto work = [&] { told = tellSession(port); };
+    std::function<void()> work = [&] { told = tellSession(port); };
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     const long least = sysconf(_SC_THREAD_STACK_MIN);
