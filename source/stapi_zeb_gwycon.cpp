@@ -3,6 +3,8 @@
 // A socket belongs to the thread that works on its gateway token; no lock is taken here. Another thread may shut
 // it down to cancel the call, which is why its descriptor is stored as soon as there is one.
 
+#include "stapi_zeb_gwycon.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -21,6 +23,7 @@
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_protocol.h"
+#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 

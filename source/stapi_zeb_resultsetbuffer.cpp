@@ -9,6 +9,7 @@
 
 #include <utility>
 
+#include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_version.h"

@@ -12,6 +12,8 @@
 //   12  4  request: header word 4;        24+n 1 flag
 //          reply: loaded as word 3        25+n 4 data length, and the data behind it
 
+#include "stapi_zeb_socketcomms.h"
+
 #include <errno.h>
 #include <limits.h>
 #include <poll.h>
@@ -24,7 +26,6 @@
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
 #include "stapi_zeb_signal.h"
-#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 #include "stapi_zeb_wire.h"

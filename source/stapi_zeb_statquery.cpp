@@ -1,10 +1,12 @@
 // One function per kind of question: it names the operation, runs the exchange and turns its code into a code
 // of the library.
 
+#include "stapi_zeb_statquery.h"
+
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_socketcomms.h"
+#include "stapi_zeb_statcomms.h"
 #include "stapi_zeb_version.h"
-
 extern "C" {
 extern const char stapi_zeb_statquery_notice[] ZEB_INTERNAL_DATA;
 const char stapi_zeb_statquery_notice[] = ZEB_NOTICE("stapi_zeb_statquery");
