@@ -11,11 +11,12 @@ ZEB_INTERNAL void populateHeader(const unsigned char* data, RequestHeader* req) 
 // Receives exactly dataSize bytes. Returns 0, -1 (the connection ended before the first byte), or an errno.
 ZEB_INTERNAL int readFromSocket(int socketDesc, int dataSize, void* dataBuf) ZEB_NOEXCEPT;
 // One request and its reply. *data in: malloc'ed request; out: reply data, or still the request; the caller frees
-// it. A connection that fails here is shut down. Returns 0, kFlowFailed, kGatewayRefused (header->headerWord4 is
+// it. Returns 0, kFlowFailed, kGatewayRefused (header->headerWord4 is
 // the gateway's code), or ZEB_NO_MEMORY; each failure sets its field of *reasons.
 ZEB_INTERNAL int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName,
                       RequestHeader* header, reasons* reasons) ZEB_NOEXCEPT;
-// The requests of a session. Each returns flow's codes; flowAuthRequest also kAuthRefused.
+// The requests of a session. A connection that fails in one of them, or in flowAdminRequest, is shut down, so that
+// closing it waits for nothing. Each returns flow's codes; flowAuthRequest also kAuthRefused.
 ZEB_INTERNAL int flowHandshakeRequest(int socketDesc, reasons* reasons) ZEB_NOEXCEPT;
 ZEB_INTERNAL int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons) ZEB_NOEXCEPT;
 ZEB_INTERNAL int flowCloseRequest(int socketDesc, reasons* reasons) ZEB_NOEXCEPT;
