@@ -127,7 +127,7 @@ struct TracedStorage {
 [[gnu::format(printf, 2, 3), gnu::cold]] void writeTraceData(const TracedStorage& storage, const char* format,
                                                              ...) noexcept;
 
-// Writes a line without a prefix; the caller holds traceLock unless it may stand between other lines.
+// Writes a line without a prefix. The caller holds traceLock if the line belongs to others around it.
 [[gnu::format(printf, 1, 2)]] void writeRaw(const char* format, ...) noexcept;
 // A line of 80 dashes.
 void writeRule() noexcept;

@@ -268,7 +268,7 @@ int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
   AuthRequestRecord record = {};
   record.header = makeHeader(AUTH_REQUEST_NAME, kCallMessage, 4);
   int rc = flowAuthRequest(socketDescriptor, &record, reasons);
-  if (rc == 0) {  // the rest of the header goes out again as the first reply left it
+  if (rc == 0) {  // the other header fields go back as the first reply had them
     record.header.messageType = kCallMessage;
     record.header.headerWord4 = 0;
     record.header.requestName = AUTH_REQUEST_NAME;

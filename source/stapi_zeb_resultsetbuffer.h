@@ -6,7 +6,7 @@
 //          length and an id, and for statistics a value length and a value
 //          terminator; an empty buffer has it at offset 0
 //
-// Integers are in host order and stand at any address. The last word of a buffer always is a terminator.
+// Integers are in host order, at any address. The last word of a buffer is always a terminator.
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
