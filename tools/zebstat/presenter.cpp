@@ -84,7 +84,7 @@ std::string Presenter::renderTables(const Report& report) {
 }
 
 void Presenter::interrupt(const std::string& words) {
-  tell(words);
+  printMessage(words);
   drawnLines_ = 0;
 }
 
