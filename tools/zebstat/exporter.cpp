@@ -184,9 +184,9 @@ class GatewayWorker {
     changed_.wait_until(lock, deadline, [&] { return answered_ >= question || stopping_; });
     bool isAnswered = answered_ >= question;
     Report report = isAnswered ? report_ : Report{false, Clock::now(), kSilent, {}};
-    if (!stopping_ && report.note != told_) {
-      told_ = report.note;
-      printMessage(name_ + ": " + (told_.empty() ? "answers" : told_));
+    if (!stopping_ && report.note != printedNote_) {
+      printedNote_ = report.note;
+      printMessage(name_ + ": " + (printedNote_.empty() ? "answers" : printedNote_));
     }
     return report;
   }
@@ -254,8 +254,8 @@ class GatewayWorker {
   std::condition_variable changed_;
   std::uint64_t asked_ = 0;
   std::uint64_t answered_ = 0;
-  Report report_;     // to the question answered_
-  std::string told_;  // the last note on standard error
+  Report report_;            // to the question answered_
+  std::string printedNote_;  // the last one on standard error
   std::atomic<bool> stopping_ = false;
   bool ended_ = false;
 };

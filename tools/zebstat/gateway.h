@@ -3,6 +3,7 @@
 #define ZEBSTAT_GATEWAY_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fault.h"

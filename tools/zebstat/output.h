@@ -16,13 +16,13 @@ void printMessage(const std::string& words);
 // it silently. Throws a Fault.
 void writeOutput(const std::string& text);
 
-// Waits, and ends the program when the reader of standard output goes away meanwhile.
+// Waits; if the reader of standard output goes away meanwhile, ends the program.
 void waitForReader(double seconds);
 
 // A file that is replaced by a new one when that is complete.
 class OutputFile {
  public:
-  // Throws a Fault where no file can be written there, before anybody is asked for its content.
+  // Throws a Fault if no file can be written there; call it before asking for the content.
   explicit OutputFile(const std::string& path);
   // Throws a Fault, and then leaves the file as it was.
   void replace(const std::string& text) const;
