@@ -39,7 +39,7 @@ class Presenter {
   bool isWatch_;
   bool isFirst_ = true;
   std::set<std::string> reported_;  // refused elements
-  std::size_t drawnLines_ = 0;  // that the next frame replaces
+  std::size_t drawnLines_ = 0;      // that the next frame replaces
   std::size_t drawnColumns_ = 0;
 };
 
