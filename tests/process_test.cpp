@@ -15,7 +15,8 @@
 #include "client_session.h"
 #include "public_calls.h"
 #include "scripted_gateway.h"
-#include "zebstats_private.h"
+#include "stapi_zeb_diag.h"
+#include "stapi_zeb_gwytok.h"
 
 namespace {
 
