@@ -57,7 +57,8 @@ namespace {
 std::uint32_t noPid = 0;
 int traceHeaderWrite = 0;  // 1: the destination already has the banner
 pthread_mutex_t streamMutex = PTHREAD_MUTEX_INITIALIZER;
-char lastTimeStamp[sizeof timeStamp];  // of the last line written; guarded by streamMutex
+pthread_mutex_t zoneMutex = PTHREAD_MUTEX_INITIALIZER;  // for a fork: see toLocalTime
+char lastTimeStamp[sizeof timeStamp];                   // of the last line written; guarded by streamMutex
 
 // A line that is longer than this is cut: it shows a query string, which has a limit of its own, or a name that
 // the host gave.
@@ -87,8 +88,10 @@ void putMilliseconds(char* dst, const timeval& now) noexcept {
   putDigits(dst + kMillisecondsAt, static_cast<int>(now.tv_usec / 1000), 3, '\0');
 }
 
-// The host may have changed TZ, which localtime_r alone would not notice.
+// The host may have changed TZ, which localtime_r alone would not notice. The C library has a lock of its own
+// here that it does not release in a forked child, so that no thread may be in it while another one forks.
 tm toLocalTime(time_t second) noexcept {
+  const MutexGuard guard(zoneMutex);
   tm local = {};
   tzset();
   localtime_r(&second, &local);
@@ -422,9 +425,11 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
 void lockTraceForFork() noexcept {
   isTraceLockedForFork = lockForFork(traceLock);
   pthread_mutex_lock(&streamMutex);
+  pthread_mutex_lock(&zoneMutex);
 }
 
 void unlockTraceAfterFork() noexcept {
+  pthread_mutex_unlock(&zoneMutex);
   pthread_mutex_unlock(&streamMutex);
   if (isTraceLockedForFork) unlockAfterFork(traceLock);
 }

@@ -5,6 +5,7 @@
 
 #include "stapi_zeb_gwycon.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -22,6 +23,7 @@
 #include <memory>
 
 #include "stapi_zeb_diag.h"
+#include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
 #include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
@@ -46,6 +48,22 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
+pthread_mutex_t resolverMutex = PTHREAD_MUTEX_INITIALIZER;
+
+bool isNumeric(const char* host) noexcept {
+  in6_addr address;
+  return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
+}
+
+// The C library has a lock in the resolver that it does not release in a forked child. No thread is in it while
+// another one forks, if the address is numeric, which takes microseconds; a name may take seconds, and does not
+// hold up a fork.
+int resolve(const char* host, const char* port, const addrinfo& hints, addrinfo** found) noexcept {
+  if (host == nullptr || !isNumeric(host)) return getaddrinfo(host, port, &hints, found);
+  const MutexGuard guard(resolverMutex);
+  return getaddrinfo(host, port, &hints, found);
+}
+
 // The hints refuse a numeric address on a host that has no other address of that family, such as 127.0.0.1 where
 // there is only IPv6; such an address is then taken as it is.
 int findAddresses(const char* host, const char* port, addrinfo** found) noexcept {
@@ -53,7 +71,7 @@ int findAddresses(const char* host, const char* port, addrinfo** found) noexcept
   hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  const int code = getaddrinfo(host, port, &hints, found);
+  const int code = resolve(host, port, hints, found);
   if (code == 0 || host == nullptr) return code;
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   return getaddrinfo(host, port, &hints, found) == 0 ? 0 : code;
@@ -225,6 +243,15 @@ int failWait(int error, int* errorPtr) noexcept {
 }
 
 }  // namespace
+
+void lockResolverForFork() noexcept {
+  pthread_mutex_lock(&resolverMutex);
+}
+
+void unlockResolverAfterFork() noexcept {
+  pthread_mutex_unlock(&resolverMutex);
+}
+
 }  // namespace zeb
 
 using namespace zeb;

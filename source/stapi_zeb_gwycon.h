@@ -22,4 +22,12 @@ ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* reasons) ZEB
 // Sends the close request, waits for its reply, and closes the socket. Returns close's result.
 ZEB_INTERNAL int closeConnection(const int* socketDescriptorPtr) ZEB_NOEXCEPT;
 
+namespace zeb {
+
+// For a fork: no other thread is resolving a numeric address between the two.
+void lockResolverForFork() noexcept;
+void unlockResolverAfterFork() noexcept;
+
+}  // namespace zeb
+
 #endif

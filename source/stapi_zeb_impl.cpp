@@ -9,6 +9,7 @@
 
 #include "stapi_zeb_codes.h"
 #include "stapi_zeb_diag.h"
+#include "stapi_zeb_gwycon.h"
 #include "stapi_zeb_gwytok.h"
 #include "stapi_zeb_id_query.h"
 #include "stapi_zeb_memory.h"
@@ -66,6 +67,7 @@ int initialize() noexcept {
 // A forked child has none of the other threads, so a lock that one of them held would never be released there.
 // The forking thread therefore takes all locks, in their order, and both sides release them.
 void prepareFork() noexcept {
+  lockResolverForFork();
   pthread_mutex_lock(&initMutex);
   lockListForFork();
   lockTraceForFork();
@@ -76,6 +78,7 @@ void releaseOtherLocks() noexcept {
   unlockTraceAfterFork();
   unlockListAfterFork();
   pthread_mutex_unlock(&initMutex);
+  unlockResolverAfterFork();
 }
 
 void continueParent() noexcept {
