@@ -12,7 +12,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
+#include "stapi_zeb_blocks.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
@@ -39,10 +41,10 @@ constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
 
 constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, ahead of the strings
 constexpr std::uint8_t kListForm = 1;     // an answer that begins with a number of responses
-constexpr std::uint8_t kShortBlock = 'w';
-constexpr std::uint8_t kLongBlock = 'z';
+constexpr std::uint8_t kObject = 0x73;
 constexpr std::uint8_t kEndBlockData = 0x78;
 constexpr std::uint8_t kStreamHeader[] = {0xAC, 0xED, 0x00, 0x05};
+constexpr std::int32_t kLongestUncutId = kFullBlock - 4;  // both lengths lie in the first block with it
 constexpr int kMalformed = -1;
 
 int stringLength(const char* text) noexcept {
@@ -150,8 +152,9 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
 
 // ---- Parsing -------------------------------------------------------------------------------------------------
 
+template <typename Text>
 struct QueryHead {
-  std::string_view element;
+  Text element;
   std::int32_t rc;
 };
 
@@ -159,19 +162,44 @@ std::int32_t readResponseCount(ByteReader& in) noexcept {
   return in.u8() == kListForm ? in.i32() : 1;
 }
 
-// The head that both kinds of response begin with: the answer object's class descriptions, stepped over, and
-// the head of its block data.
-QueryHead readHead(ByteReader& in) noexcept {
+// Steps over the class descriptions that both kinds of response begin with, and over the head of the block
+// data. Returns whether that is a long block of exactly the size at which the serialiser cuts.
+bool skipToBlockData(ByteReader& in) noexcept {
   in.skip(6);
   in.text16();
   in.skip(13);
   in.text16();
   in.skip(13);
-  in.skip(in.u8() == kShortBlock ? 1 : 4);
-  QueryHead head;
-  head.element = in.text16();
-  head.rc = in.i32();
-  return head;
+  const std::uint8_t marker = in.u8();
+  if (marker == kShortBlock) {
+    in.skip(1);
+    return false;
+  }
+  const std::int32_t size = in.i32();
+  return marker == kLongBlock && size == static_cast<std::int32_t>(kFullBlock);
+}
+
+// Calls copy with a reader of the response's block data and leaves `in` after what was read. Only data that
+// the serialiser must have cut are read with a BlockReader. Any other length of the block is not looked at:
+// there are gateways that write all ids as one long block.
+template <typename Copy>
+void copyBlockData(ByteReader& in, Copy copy) noexcept {
+  if (skipToBlockData(in)) [[unlikely]] {
+    BlockReader blocks(in.rest());
+    if (blocks.next() == kEndBlockData || blocks.next() == kObject) {
+      copy(blocks);
+      in.skip(blocks.size());
+      if (!blocks.ok()) in.fail();
+      return;
+    }
+  }
+  copy(in);
+}
+
+template <typename Reader>
+auto readHead(Reader& data) noexcept {
+  using Text = decltype(data.text16());
+  return QueryHead<Text>{data.text16(), data.i32()};
 }
 
 void beginResultSet(ResultSetWriter& out, const char* marker, std::int32_t responses) noexcept {
@@ -201,34 +229,53 @@ std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexce
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
-// A text of that length on the wire. What is not there is not written.
-void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
-  const std::string_view text = in.text(length);
-  if (in.ok()) out.counted(text);
+void writeText(ResultSetWriter& out, std::string_view text) noexcept {
+  out.counted(text);
 }
 
-void copyIds(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
-  const std::int32_t count = in.i32();
+void writeText(ResultSetWriter& out, CutText text) noexcept {
+  out.integer(static_cast<std::int32_t>(text.length));
+  do {
+    const std::string_view piece = text.from.piece(text.length);
+    out.chars(piece);
+    text.length -= piece.size();
+  } while (text.length > 0 && out.ok());
+}
+
+// A text of that length on the wire. What is not there is not written.
+template <typename Reader>
+void copyText(Reader& in, ResultSetWriter& out, std::int32_t length) noexcept {
+  const auto text = in.text(length);
+  if (in.ok()) writeText(out, text);
+}
+
+template <typename Reader>
+void copyIds(Reader& data, ResultSetWriter& out, int response, bool detailed) noexcept {
+  const std::int32_t count = data.i32();
   ZEB_TRACE_IF(detailed, "DEBUG", 4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n",
                count, response);
   out.integer(count);
-  for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) copyText(in, out, in.i16());
-  in.skipClosing(1);
+  for (std::int32_t i = 0; i < count && data.ok() && out.ok(); ++i) copyText(data, out, data.i16());
 }
 
-void copyIdsResponse(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
-  const QueryHead head = readHead(in);
-  if (!in.ok()) return;
-  out.counted(head.element);
+template <typename Reader>
+void copyIdsData(Reader& data, ResultSetWriter& out, int response, bool detailed) noexcept {
+  const auto head = readHead(data);
+  if (!data.ok()) return;
+  writeText(out, head.element);
   out.integer(head.rc);
   ZEB_TRACE_IF(detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
                head.rc, static_cast<std::uint32_t>(head.rc));
   if (head.rc >= 0) {
-    copyIds(in, out, response, detailed);
+    copyIds(data, out, response, detailed);
     return;
   }
   ZEB_TRACE_IF(detailed, "DEBUG", 4043,
                "stapi_zeb_statcomms.parseIdsData Bad query id element(%d), move on to next one\n", response);
+}
+
+void copyIdsResponse(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
+  copyBlockData(in, [&](auto& data) { copyIdsData(data, out, response, detailed); });
   in.skipClosing(1);
 }
 
@@ -286,6 +333,23 @@ void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
   copyContinuation(parse, length - room);
 }
 
+// A statistic of which not even both lengths lie in the first block, given from the id's length on. Returns
+// false, and has read nothing, if it is not one that the serialiser cut.
+bool copyCutStat(StatsParse& parse, std::span<const std::uint8_t> stat) noexcept {
+  BlockReader blocks(stat);
+  if (blocks.next() != kEndBlockData) return false;
+  const std::int32_t idLength = blocks.i16();
+  copyText(blocks, parse.out, idLength);
+  const std::int32_t length = blocks.i16();
+  copyText(blocks, parse.out, length);
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n",
+               length);
+  parse.total += idLength + 2 + length + 2;
+  parse.in = ByteReader(stat.subspan(blocks.size()));
+  if (!blocks.ok()) parse.in.fail();
+  return true;
+}
+
 void copyStat(StatsParse& parse) noexcept {
   ByteReader& in = parse.in;
   in.skip(5);
@@ -301,9 +365,14 @@ void copyStat(StatsParse& parse) noexcept {
   } else {
     in.skip(1);
   }
+  const std::span<const std::uint8_t> stat = in.rest();
   const std::int32_t idLength = in.i16();
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4056, "stapi_zeb_statcomms.parseStatsData statistic ID length=%d \n",
                idLength);
+  if (chunkLength == kFullBlock && idLength > kLongestUncutId && copyCutStat(parse, stat)) {
+    in.skipClosing(2);
+    return;
+  }
   copyText(in, parse.out, idLength);
   parse.total += idLength + 2;
   const std::int32_t length = in.i16();
@@ -354,13 +423,25 @@ bool endsWithoutStats(const ByteReader& in) noexcept {
          (rest.size() > sizeof kStreamHeader && memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
 }
 
-void copyStats(StatsParse& parse, int response) noexcept {
-  ByteReader& in = parse.in;
-  const std::int32_t count = in.i32();
+// Returns the number of statistics that follow the block data, or none if there is no answer.
+template <typename Reader>
+std::optional<std::int32_t> copyStatsData(Reader& data, StatsParse& parse, int response) noexcept {
+  const auto head = readHead(data);
+  if (!data.ok()) return std::nullopt;
+  writeText(parse.out, head.element);
+  parse.out.integer(head.rc);
+  parse.total += static_cast<int>(head.element.size()) + 6;
+  if (head.rc < 0) return std::nullopt;
+  const std::int32_t count = data.i32();
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4053,
                "stapi_zeb_statcomms.parseStatsData reading %d stats for result %d\n", count, response);
   parse.out.integer(count);
   parse.total += 4;
+  return count;
+}
+
+void copyStats(StatsParse& parse, std::int32_t count) noexcept {
+  ByteReader& in = parse.in;
   if (count == 0 && endsWithoutStats(in)) {
     in.skip(1);
   } else {
@@ -377,15 +458,12 @@ void copyStats(StatsParse& parse, int response) noexcept {
 }
 
 void copyStatsResponse(StatsParse& parse, int response) noexcept {
-  const QueryHead head = readHead(parse.in);
-  if (!parse.in.ok()) return;
-  parse.out.counted(head.element);
-  parse.out.integer(head.rc);
-  parse.total += static_cast<int>(head.element.size()) + 6;
-  if (head.rc < 0) {
-    parse.in.skipClosing(1);
+  std::optional<std::int32_t> count;
+  copyBlockData(parse.in, [&](auto& data) { count = copyStatsData(data, parse, response); });
+  if (count.has_value()) {
+    copyStats(parse, *count);
   } else {
-    copyStats(parse, response);
+    parse.in.skipClosing(1);
   }
 }
 
