@@ -22,16 +22,22 @@ inline std::size_t readBlockHead(ByteReader& in) noexcept {
 
 struct CutText;
 
+// How many block heads may be stepped over for one answer. That is far more than an answer of the greatest
+// size has, but it limits what a hostile one costs in which each response seems to begin a long walk.
+constexpr int kMostHeads = 1 << 16;
+
 // Reads like ByteReader, but steps over the heads between the blocks. Use it only if next() is not 0:
 // the constructor has then seen that every block is there.
 class BlockReader {
  public:
-  // blocks begins after the head of a first block of kFullBlock bytes.
-  explicit BlockReader(std::span<const std::uint8_t> blocks) noexcept : in_(blocks) {
+  // blocks begins after the head of a first block of kFullBlock bytes. headsLeft counts down to 0, which
+  // ends the walk like a block that is not there.
+  BlockReader(std::span<const std::uint8_t> blocks, int& headsLeft) noexcept : in_(blocks) {
     ByteReader in(blocks);
     std::size_t size = kFullBlock;
     in.skip(size);
     while (size == kFullBlock && (in.peek() == kShortBlock || in.peek() == kLongBlock)) {
+      if (--headsLeft <= 0) in.fail();
       size = readBlockHead(in);
       in.skip(size);
       left_ += size;
@@ -48,10 +54,13 @@ class BlockReader {
 
   std::int16_t i16() noexcept { return static_cast<std::int16_t>(number(2)); }
   std::int32_t i32() noexcept { return static_cast<std::int32_t>(number(4)); }
-  // A negative length fails.
-  CutText text(std::int32_t length) noexcept;
   CutText text16() noexcept;
-  // The next bytes up to the end of their block, at most `most`. The caller knows that so many are left.
+  // Whether a text of this length is left. Fails if not.
+  bool holds(std::int32_t length) noexcept {
+    if (length < 0 || static_cast<std::size_t>(length) > left_) ok_ = false;
+    return ok_;
+  }
+  // The next bytes up to the end of their block, at most `most`. The caller has asked holds().
   std::string_view piece(std::size_t most) noexcept {
     if (inBlock_ == 0 && most > 0) inBlock_ = readBlockHead(in_);
     const std::size_t size = std::min(most, inBlock_);
@@ -64,8 +73,11 @@ class BlockReader {
   std::uint32_t number(std::size_t width) noexcept {
     if (width > left_) ok_ = false;
     std::uint32_t value = 0;
-    for (std::size_t i = 0; ok_ && i < width; ++i)
-      value = value << 8 | static_cast<std::uint8_t>(piece(1).front());
+    while (ok_ && width > 0) {
+      const std::string_view bytes = piece(width);
+      for (const char byte : bytes) value = value << 8 | static_cast<std::uint8_t>(byte);
+      width -= bytes.size();
+    }
     return value;
   }
 
@@ -77,21 +89,18 @@ class BlockReader {
   bool ok_ = true;
 };
 
-// A text that may lie in several blocks: size bytes, all of them there, from this reader on.
+// A text that may lie in several blocks: what the reader reads next, all of it there.
 struct CutText {
   BlockReader from;
-  std::size_t length;
-  [[nodiscard]] std::size_t size() const noexcept { return length; }
+  std::int32_t length;
+  [[nodiscard]] int size() const noexcept { return length; }
 };
 
-inline CutText BlockReader::text(std::int32_t length) noexcept {
-  if (length < 0 || static_cast<std::size_t>(length) > left_) ok_ = false;
-  const CutText text = {*this, ok_ ? static_cast<std::size_t>(length) : 0};
-  for (std::size_t left = text.length; left > 0;) left -= piece(left).size();
-  return text;
-}
 inline CutText BlockReader::text16() noexcept {
-  return text(i16());
+  const std::int32_t length = i16();
+  const CutText text = {*this, holds(length) ? length : 0};
+  for (auto left = static_cast<std::size_t>(text.length); left > 0;) left -= piece(left).size();
+  return text;
 }
 
 }  // namespace zeb

@@ -152,6 +152,14 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
 
 // ---- Parsing -------------------------------------------------------------------------------------------------
 
+struct AnswerParse {
+  ByteReader in;
+  ResultSetWriter out;
+  bool detailed;
+  int total;  // of statistics only; counts lengths with their width on the wire; right only while traced
+  int headsLeft = kMostHeads;
+};
+
 template <typename Text>
 struct QueryHead {
   Text element;
@@ -179,21 +187,26 @@ bool skipToBlockData(ByteReader& in) noexcept {
   return marker == kLongBlock && size == static_cast<std::int32_t>(kFullBlock);
 }
 
-// Calls copy with a reader of the response's block data and leaves `in` after what was read. Only data that
-// the serialiser must have cut are read with a BlockReader. Any other length of the block is not looked at:
-// there are gateways that write all ids as one long block.
+// Calls copy with a reader of block data that begin with a full block, and steps over them. Returns false,
+// and calls nothing, unless more blocks follow as the serialiser cuts them. Not inlined, which would make the
+// common path slower.
 template <typename Copy>
-void copyBlockData(ByteReader& in, Copy copy) noexcept {
-  if (skipToBlockData(in)) [[unlikely]] {
-    BlockReader blocks(in.rest());
-    if (blocks.next() == kEndBlockData || blocks.next() == kObject) {
-      copy(blocks);
-      in.skip(blocks.size());
-      if (!blocks.ok()) in.fail();
-      return;
-    }
-  }
-  copy(in);
+[[gnu::noinline]] bool copyCutBlockData(AnswerParse& parse, Copy& copy) noexcept {
+  BlockReader blocks(parse.in.rest(), parse.headsLeft);
+  if (parse.headsLeft <= 0) parse.in.fail();
+  if (blocks.next() != kEndBlockData && blocks.next() != kObject) return false;
+  copy(blocks);
+  parse.in.skip(blocks.size());
+  if (!blocks.ok()) parse.in.fail();
+  return true;
+}
+
+// Calls copy with a reader of the response's block data, and steps over them. The length of the first block
+// matters only if it is full: some gateways write all ids as one long block.
+template <typename Copy>
+void copyBlockData(AnswerParse& parse, Copy copy) noexcept {
+  if (skipToBlockData(parse.in) && copyCutBlockData(parse, copy)) return;
+  copy(parse.in);
 }
 
 template <typename Reader>
@@ -229,66 +242,65 @@ std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexce
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
+// Copy a text of that length on the wire. What is not there is not written.
+void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
+  const std::string_view text = in.text(length);
+  if (in.ok()) out.counted(text);
+}
+void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
+  if (!in.holds(length)) return;
+  out.integer(length);
+  auto left = static_cast<std::size_t>(length);
+  do {
+    const std::string_view piece = in.piece(left);
+    out.chars(piece);
+    left -= piece.size();
+  } while (left > 0 && out.ok());
+}
+
 void writeText(ResultSetWriter& out, std::string_view text) noexcept {
   out.counted(text);
 }
-
 void writeText(ResultSetWriter& out, CutText text) noexcept {
-  out.integer(static_cast<std::int32_t>(text.length));
-  do {
-    const std::string_view piece = text.from.piece(text.length);
-    out.chars(piece);
-    text.length -= piece.size();
-  } while (text.length > 0 && out.ok());
-}
-
-// A text of that length on the wire. What is not there is not written.
-template <typename Reader>
-void copyText(Reader& in, ResultSetWriter& out, std::int32_t length) noexcept {
-  const auto text = in.text(length);
-  if (in.ok()) writeText(out, text);
+  copyText(text.from, out, text.length);
 }
 
 template <typename Reader>
-void copyIds(Reader& data, ResultSetWriter& out, int response, bool detailed) noexcept {
+void copyIds(Reader& data, AnswerParse& parse, int response) noexcept {
   const std::int32_t count = data.i32();
-  ZEB_TRACE_IF(detailed, "DEBUG", 4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n",
-               count, response);
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4044,
+               "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n", count, response);
+  Reader in = data;  // copies, which stay in registers
+  ResultSetWriter out = parse.out;
   out.integer(count);
-  for (std::int32_t i = 0; i < count && data.ok() && out.ok(); ++i) copyText(data, out, data.i16());
+  for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) copyText(in, out, in.i16());
+  data = in;
+  parse.out = out;
 }
 
 template <typename Reader>
-void copyIdsData(Reader& data, ResultSetWriter& out, int response, bool detailed) noexcept {
+void copyIdsData(Reader& data, AnswerParse& parse, int response) noexcept {
   const auto head = readHead(data);
   if (!data.ok()) return;
-  writeText(out, head.element);
-  out.integer(head.rc);
-  ZEB_TRACE_IF(detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
+  writeText(parse.out, head.element);
+  parse.out.integer(head.rc);
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
                head.rc, static_cast<std::uint32_t>(head.rc));
   if (head.rc >= 0) {
-    copyIds(data, out, response, detailed);
+    copyIds(data, parse, response);
     return;
   }
-  ZEB_TRACE_IF(detailed, "DEBUG", 4043,
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4043,
                "stapi_zeb_statcomms.parseIdsData Bad query id element(%d), move on to next one\n", response);
 }
 
-void copyIdsResponse(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
-  copyBlockData(in, [&](auto& data) { copyIdsData(data, out, response, detailed); });
-  in.skipClosing(1);
+void copyIdsResponse(AnswerParse& parse, int response) noexcept {
+  copyBlockData(parse, [&](auto& data) { copyIdsData(data, parse, response); });
+  parse.in.skipClosing(1);
 }
 
-// The total counts lengths with their width on the wire; it is only traced, and right only then.
-struct StatsParse {
-  ByteReader in;
-  ResultSetWriter out;
-  bool detailed;
-  int total;
-};
-
 // The blocks of a value that does not fit into the first one.
-void copyContinuation(StatsParse& parse, int remaining) noexcept {
+void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   ByteReader& in = parse.in;
   const auto copyPiece = [&](std::int32_t length) {
     if (length > remaining) in.fail();
@@ -315,7 +327,7 @@ void copyContinuation(StatsParse& parse, int remaining) noexcept {
   if (remaining != 0) in.fail();
 }
 
-void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
+void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
   if (room < 0) parse.in.fail();
   if (length <= room) {
     copyText(parse.in, parse.out, length);
@@ -333,10 +345,10 @@ void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
   copyContinuation(parse, length - room);
 }
 
-// A statistic of which not even both lengths lie in the first block, given from the id's length on. Returns
-// false, and has read nothing, if it is not one that the serialiser cut.
-bool copyCutStat(StatsParse& parse, std::span<const std::uint8_t> stat) noexcept {
-  BlockReader blocks(stat);
+// Copies a statistic whose value's length is not in the first block as a whole; stat begins with the id's
+// length. Returns false, and changes nothing, if the blocks are not as the serialiser cuts them.
+bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcept {
+  BlockReader blocks(stat, parse.headsLeft);
   if (blocks.next() != kEndBlockData) return false;
   const std::int32_t idLength = blocks.i16();
   copyText(blocks, parse.out, idLength);
@@ -350,7 +362,7 @@ bool copyCutStat(StatsParse& parse, std::span<const std::uint8_t> stat) noexcept
   return true;
 }
 
-void copyStat(StatsParse& parse) noexcept {
+void copyStat(AnswerParse& parse) noexcept {
   ByteReader& in = parse.in;
   in.skip(5);
   const std::uint8_t marker = in.u8();
@@ -390,7 +402,7 @@ void copyStat(StatsParse& parse) noexcept {
 // Copies statistics of the common kind, in a short block and with short texts, while one follows the other.
 // Returns how many. What is read and written beyond a text stays inside the answer and is written over: behind
 // the last of them are kFollowing others, longer than that even without a text.
-std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
+std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   constexpr std::int32_t kFollowing = 4;
   constexpr std::size_t kFrame = 13;  // a statistic on the wire without its texts
   static_assert(kFollowing * (2 * sizeof(std::int32_t)) >= kShortText && kFollowing * kFrame >= kShortText);
@@ -423,9 +435,9 @@ bool endsWithoutStats(const ByteReader& in) noexcept {
          (rest.size() > sizeof kStreamHeader && memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
 }
 
-// Returns the number of statistics that follow the block data, or none if there is no answer.
+// Returns the number of statistics that follow the block data, or none if the code is negative.
 template <typename Reader>
-std::optional<std::int32_t> copyStatsData(Reader& data, StatsParse& parse, int response) noexcept {
+std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int response) noexcept {
   const auto head = readHead(data);
   if (!data.ok()) return std::nullopt;
   writeText(parse.out, head.element);
@@ -440,7 +452,7 @@ std::optional<std::int32_t> copyStatsData(Reader& data, StatsParse& parse, int r
   return count;
 }
 
-void copyStats(StatsParse& parse, std::int32_t count) noexcept {
+void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
   ByteReader& in = parse.in;
   if (count == 0 && endsWithoutStats(in)) {
     in.skip(1);
@@ -457,9 +469,9 @@ void copyStats(StatsParse& parse, std::int32_t count) noexcept {
                "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n", parse.total);
 }
 
-void copyStatsResponse(StatsParse& parse, int response) noexcept {
+void copyStatsResponse(AnswerParse& parse, int response) noexcept {
   std::optional<std::int32_t> count;
-  copyBlockData(parse.in, [&](auto& data) { count = copyStatsData(data, parse, response); });
+  copyBlockData(parse, [&](auto& data) { count = copyStatsData(data, parse, response); });
   if (count.has_value()) {
     copyStats(parse, *count);
   } else {
@@ -476,10 +488,10 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   ZEB_TRACE_IF(detailed, "DEBUG", 4041,
                "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n", responses);
-  ResultSetWriter out(buffer);
-  beginResultSet(out, kIdsMarker, responses);
-  for (int i = 0; i < responses && in.ok() && out.ok(); ++i) copyIdsResponse(in, out, i, detailed);
-  const int rc = endResultSet("parseIdsData", in, out);
+  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 0};
+  beginResultSet(parse.out, kIdsMarker, responses);
+  for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyIdsResponse(parse, i);
+  const int rc = endResultSet("parseIdsData", parse.in, parse.out);
   TRACE_EXIT(4045, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(), buffer,
              rc);
   return rc;
@@ -492,7 +504,7 @@ int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   ZEB_TRACE_IF(detailed, "DEBUG", 4051,
                "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n", responses);
-  StatsParse parse = {in, ResultSetWriter(buffer), detailed, 12};
+  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 12};
   beginResultSet(parse.out, kStatsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyStatsResponse(parse, i);
   const int rc = endResultSet("parseStatsData", parse.in, parse.out);

@@ -204,6 +204,22 @@ TEST(UncutAnswer, thatAnnouncesAFullBlockIsReadAsOneBlock) {
   }
 }
 
+// Each response stands where the block head of others does, so that each seems to begin a walk over all the rest.
+// Looked at to the end, sixteen megabytes of them would cost seconds.
+TEST(UncutAnswer, ofWhichEachResponseBeginsALongWalkIsRefused) {
+  const Bytes response =
+      Bytes(7, '\0') + wire("01") + Bytes(29, '\0') + wire("7A 00000400 0000 FFFFFFFF") + '\0';
+  static_assert(21 * 49 == 5 + 1024);
+  ASSERT_EQ(response.size(), 49u);
+  for (const std::uint32_t count : {100U, 19000U}) {
+    Bytes answer = wire("01") + zebsim::words({count});
+    for (std::uint32_t i = 0; i < count; ++i) answer += response;
+    const Bytes expected = decode(false, answer);
+    EXPECT_NE(expected, kEmpty);
+    EXPECT_TRUE(isReadAs(count == 100 ? expected : kEmpty, false, answer)) << count;
+  }
+}
+
 // The parser's own lines, without those of the writer, which prints each piece of a text.
 std::string parserLinesOf(const Bytes& answer, bool isStats) {
   const TraceCapture trace(4);
