@@ -187,14 +187,29 @@ TEST(CutAnswer, cutShortAnywhereIsReadAsTheSlowDecoderReadsIt) {
   }
 }
 
+TEST(CutAnswer, thatHoldsLessThanItAnnouncesIsRefused) {
+  for (const auto& [right, wrong] : {std::pair("00000001 05DC", "00000001 05DD"),
+                                     {"00000001 05DC", "00000002 05DC"},
+                                     {"00000001 05DC", "00000001 FFFF"}}) {
+    Bytes answer = encodeAnswer({false, {{"q", 0, zebsim::Ids{Bytes(1500, 'v')}}}});
+    answer.replace(answer.find(wire(right)), 6, wire(wrong));
+    EXPECT_TRUE(isReadAs(kEmpty, false, answer)) << wrong;
+    EXPECT_TRUE(isReadAs(kEmpty, false, answer + answer)) << wrong;
+  }
+}
+
 // A gateway that writes one block may announce any length: more blocks are read only where they follow as a
 // serialiser cuts them.
 TEST(UncutAnswer, thatAnnouncesAFullBlockIsReadAsOneBlock) {
-  const Bytes filler(300, 'v');
-  for (const char* at1024 : {"", "78", "73", "77 00", "7A 00000000", "7A 00000401", "7A FFFFFFFF",
-                             "77 05 'ABCDE'", "77 05 'ABCDEw'", "7A 00000005 'ABCDE' 79",
-                             "77 05 'ABCDE' 77 01 'A' 78", "7A 00000400 'A'", "77 FF 'A'"}) {
-    const Bytes id = Bytes(1024 - 12, 'v') + wire(at1024) + filler;
+  const Bytes filler = Bytes(1025, 'v') + Bytes(300, 's');
+  const Bytes fullBlock = wire("7A 00000400") + Bytes(1024, 'v');
+  for (const Bytes& at1024 :
+       {wire(""), wire("78"), wire("73"), wire("77 00 78"), wire("7A 00000000 73"),
+        fullBlock + wire("77 00 78"), fullBlock + wire("7A 00000000 73"), fullBlock + "v",
+        wire("7A 00000401"), wire("7A FFFFFFFF"), wire("77 05 'ABCDE'"), wire("77 05 'ABCDEw'"),
+        wire("7A 00000005 'ABCDE' 79"), wire("77 05 'ABCDE' 77 01 'A' 78"), fullBlock + fullBlock + fullBlock,
+        wire("77 FF 'A'")}) {
+    const Bytes id = Bytes(1024 - 12, 'v') + at1024 + filler;
     Bytes answer =
         encodeAnswer({true, {{"", 0, zebsim::Ids{id}}, {"next", 0, zebsim::Ids{"ID"}}}}, HeadBlocks::kOne);
     const Bytes expected = decode(false, answer);
