@@ -51,8 +51,8 @@ struct Answer {
   std::vector<Response> responses;
 };
 
-// How the head of a response, which holds all ids, is written if it is longer than 1,024 bytes: cut into
-// blocks as the JDK's serialiser does it, or as one block, as some gateways write it.
+// How the head of a response, which holds all ids, is written if it is longer than 1,024 bytes: cut
+// into blocks as the JDK's serialiser does it, or as one block, as some gateways write it.
 enum class HeadBlocks { kCut, kOne };
 
 // Both throw std::length_error for a text of more than 65,535 bytes; encodeAnswer also throws

@@ -22,16 +22,17 @@ inline std::size_t readBlockHead(ByteReader& in) noexcept {
 
 struct CutText;
 
-// How many block heads may be stepped over for one answer. That is far more than an answer of the greatest
-// size has, but it limits what a hostile one costs in which each response seems to begin a long walk.
+// How many block heads may be stepped over for one answer. That is far more than an answer of the
+// greatest size has, but it limits what a hostile one costs in which each response seems to begin a
+// long walk.
 constexpr int kMostHeads = 1 << 16;
 
-// Reads like ByteReader, but steps over the heads between the blocks. Use it only if next() is not 0:
-// the constructor has then seen that every block is there.
+// Reads like ByteReader, but steps over the heads between the blocks. Use it only if next() is not
+// 0: the constructor has then seen that every block is there.
 class BlockReader {
  public:
-  // blocks begins after the head of a first block of kFullBlock bytes. headsLeft counts down to 0, which
-  // ends the walk like a block that is not there.
+  // blocks begins after the head of a first block of kFullBlock bytes. headsLeft counts down to 0,
+  // which ends the walk like a block that is not there.
   BlockReader(std::span<const std::uint8_t> blocks, int& headsLeft) noexcept : in_(blocks) {
     ByteReader in(blocks);
     std::size_t size = kFullBlock;

@@ -170,8 +170,9 @@ std::int32_t readResponseCount(ByteReader& in) noexcept {
   return in.u8() == kListForm ? in.i32() : 1;
 }
 
-// Steps over the class descriptions that both kinds of response begin with, and over the head of the block
-// data. Returns whether that is a long block of exactly the size at which the serialiser cuts.
+// Steps over the class descriptions that both kinds of response begin with, and over the head of
+// the block data. Returns whether that is a long block of exactly the size at which the serialiser
+// cuts.
 bool skipToBlockData(ByteReader& in) noexcept {
   in.skip(6);
   in.text16();
@@ -187,9 +188,9 @@ bool skipToBlockData(ByteReader& in) noexcept {
   return marker == kLongBlock && size == static_cast<std::int32_t>(kFullBlock);
 }
 
-// Calls copy with a reader of block data that begin with a full block, and steps over them. Returns false,
-// and calls nothing, unless more blocks follow as the serialiser cuts them. Not inlined, which would make the
-// common path slower.
+// Calls copy with a reader of block data that begin with a full block, and steps over them. Returns
+// false, and calls nothing, unless more blocks follow as the serialiser cuts them. Not inlined,
+// which would make the common path slower.
 template <typename Copy>
 [[gnu::noinline]] bool copyCutBlockData(AnswerParse& parse, Copy& copy) noexcept {
   BlockReader blocks(parse.in.rest(), parse.headsLeft);
@@ -201,8 +202,8 @@ template <typename Copy>
   return true;
 }
 
-// Calls copy with a reader of the response's block data, and steps over them. The length of the first block
-// matters only if it is full: some gateways write all ids as one long block.
+// Calls copy with a reader of the response's block data, and steps over them. The length of the
+// first block matters only if it is full: some gateways write all ids as one long block.
 template <typename Copy>
 void copyBlockData(AnswerParse& parse, Copy copy) noexcept {
   if (skipToBlockData(parse.in) && copyCutBlockData(parse, copy)) return;
@@ -345,8 +346,9 @@ void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
   copyContinuation(parse, length - room);
 }
 
-// Copies a statistic whose value's length is not in the first block as a whole; stat begins with the id's
-// length. Returns false, and changes nothing, if the blocks are not as the serialiser cuts them.
+// Copies a statistic whose value's length is not in the first block as a whole; stat begins with
+// the id's length. Returns false, and changes nothing, if the blocks are not as the serialiser cuts
+// them.
 bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcept {
   BlockReader blocks(stat, parse.headsLeft);
   if (blocks.next() != kEndBlockData) return false;

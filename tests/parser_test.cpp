@@ -145,8 +145,8 @@ TEST(Answer, changedInAnyFieldToAnExtremeIsReadAsTheSlowDecoderReadsIt) {
 
 // ---- block data that the serialiser cut
 
-// Block data of this size: ids, or the query of some statistics. With the shift every field moves over every
-// cut.
+// Block data of this size: ids, or the query of some statistics. With the shift every field moves
+// over every cut.
 zebsim::Response responseOf(bool isStats, std::size_t size, std::size_t shift) {
   using namespace zebsim;
   if (isStats) return {Bytes(size - 10, 'q'), 0, Stats(shift, {"ID", "value"})};
@@ -198,8 +198,8 @@ TEST(CutAnswer, thatHoldsLessThanItAnnouncesIsRefused) {
   }
 }
 
-// A gateway that writes one block may announce any length: more blocks are read only where they follow as a
-// serialiser cuts them.
+// A gateway that writes one block may announce any length: more blocks are read only where they
+// follow as a serialiser cuts them.
 TEST(UncutAnswer, thatAnnouncesAFullBlockIsReadAsOneBlock) {
   const Bytes filler = Bytes(1025, 'v') + Bytes(300, 's');
   const Bytes fullBlock = wire("7A 00000400") + Bytes(1024, 'v');
@@ -219,8 +219,8 @@ TEST(UncutAnswer, thatAnnouncesAFullBlockIsReadAsOneBlock) {
   }
 }
 
-// Each response stands where the block head of others does, so that each seems to begin a walk over all the rest.
-// Looked at to the end, sixteen megabytes of them would cost seconds.
+// The marker of each response is where the block head of another is expected, so that each seems to
+// begin a walk over all the rest. Walked to the end, sixteen megabytes of them would cost seconds.
 TEST(UncutAnswer, ofWhichEachResponseBeginsALongWalkIsRefused) {
   const Bytes response =
       Bytes(7, '\0') + wire("01") + Bytes(29, '\0') + wire("7A 00000400 0000 FFFFFFFF") + '\0';

@@ -15,12 +15,12 @@ import java.util.List;
 import java.util.Random;
 
 /**
- * Writes answers of a gateway, and what a client must make of each, to standard output. The JDK's own serialiser
- * writes the objects, so that it decides where block data are cut.
+ * Writes answers of a gateway, and what a client must make of each, to standard output. The JDK's
+ * own serialiser writes the objects, so that it decides where block data are cut.
  *
- * <p>One record for each answer: 'i' (ids) or 's' (statistics), the length of the answer and the answer, the length
- * of the content and the content of the result set buffer without its terminator. Lengths are big-endian; the
- * integers of the content are in the order of this host.
+ * <p>Each answer is one record: 'i' (ids) or 's' (statistics), the length of the answer, the
+ * answer, the length of the content, and the content of the result set buffer without its
+ * terminator. Lengths are big-endian; the integers of the content are in the order of this host.
  */
 public final class CutAnswers {
     private static final int MOST = 20_000;

@@ -1,5 +1,6 @@
-// Reads the records of CutAnswers.java from standard input. The library must make of each answer the content that
-// the record says, and the encoder of the simulated gateway must write the same answer.
+// Reads the records of CutAnswers.java from standard input. The library must make of each answer
+// the content that the record says, and the encoder of the simulated gateway must write the same
+// answer.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

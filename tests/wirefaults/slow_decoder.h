@@ -10,10 +10,10 @@
 //               the rest of it in pieces; other: s+7 id (2 + I), value (2 + L); 2 bytes
 //   pieces      'z' blocks (length at p+3), then 'w' blocks (length at p+1) whatever their marker
 //
-// Block data of more than 1,024 bytes may be cut into blocks: full 'z' blocks of 1,024, then one of any
-// kind and length. From the query element to the last id or the count of statistics, and in a record whose
-// id is longer than 1,020, the fields are then those of the joined blocks, and what follows the fields
-// begins where the last block ends.
+// Block data of more than 1,024 bytes may be cut into blocks: full 'z' blocks of 1,024, then one of
+// any kind and length. From the query element to the last id or the count of statistics, and in a
+// record whose id is longer than 1,020, the fields are then those of the joined blocks, and what
+// follows the fields begins where the last block ends.
 #ifndef ZEBTEST_SLOW_DECODER_H
 #define ZEBTEST_SLOW_DECODER_H
 
@@ -78,9 +78,9 @@ class SlowDecoder {
     return at + 2 + size;
   }
 
-  // The joined data of blocks, the first of which is a full one whose data begin at this position; `end` is
-  // set to where the last one ends. Empty if they are not as a serialiser cuts them, or if the byte after
-  // them is none of the followers.
+  // The joined data of blocks, the first of which is a full one whose data begin at this position;
+  // `end` is set to where the last one ends. Empty if they are not as a serialiser cuts them, or if
+  // the byte after them is none of the followers.
   std::string joinBlocks(std::int64_t at, std::string_view followers, std::int64_t& end) const {
     const std::string_view all(reinterpret_cast<const char*>(bytes_.data()), bytes_.size());
     std::string joined;
@@ -126,7 +126,8 @@ class SlowDecoder {
     return isStats && count != kNoCount ? decodeStats(end, count) : end + 1;
   }
 
-  // From the query element to the last id, or to the count of statistics. Returns the position behind that.
+  // From the query element to the last id, or to the count of statistics. Returns the position
+  // after that.
   std::int64_t decodeHead(bool isStats, std::int64_t at, std::int64_t& count) {
     const std::int64_t q = putText(at);
     const std::int64_t rc = int32At(q);
