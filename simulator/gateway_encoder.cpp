@@ -96,7 +96,7 @@ Bytes encodeHead(const Response& response) {
 
 }  // namespace
 
-Bytes encodeResponse(const Response& response) {
+Bytes encodeResponse(const Response& response, HeadBlocks blocks) {
   const Stats* stats = std::get_if<Stats>(&response.items);
   const ResponseClasses& classes = response.classes ? *response.classes : ownClasses(stats != nullptr);
   Bytes out;
@@ -105,7 +105,7 @@ Bytes encodeResponse(const Response& response) {
   appendClassDesc(out, classes.reply);
   appendClassDesc(out, classes.base);
   appendU8(out, kTcNull);
-  appendBlock(out, encodeHead(response));  // whole, past 1,024 bytes too: clients read a head as one block
+  (blocks == HeadBlocks::kOne ? appendBlock : appendBlocks)(out, encodeHead(response));
   if (stats != nullptr && response.rc >= 0) {
     for (const Stat& stat : *stats) appendStat(out, stat, classes.stat, &stat == stats->data());
   }
@@ -113,14 +113,14 @@ Bytes encodeResponse(const Response& response) {
   return out;
 }
 
-Bytes encodeAnswer(const Answer& answer) {
+Bytes encodeAnswer(const Answer& answer, HeadBlocks blocks) {
   if (!answer.isList && answer.responses.size() != 1) {
     throw std::invalid_argument("an answer that is no list has exactly one response");
   }
   Bytes out;
   appendU8(out, answer.isList ? 1 : 0);
   if (answer.isList) appendU32(out, static_cast<std::uint32_t>(answer.responses.size()));
-  for (const Response& response : answer.responses) out += encodeResponse(response);
+  for (const Response& response : answer.responses) out += encodeResponse(response, blocks);
   return out;
 }
 

@@ -51,10 +51,14 @@ struct Answer {
   std::vector<Response> responses;
 };
 
+// How the head of a response, which holds all ids, is written if it is longer than 1,024 bytes: cut
+// into blocks as the JDK's serialiser does it, or as one block, as some gateways write it.
+enum class HeadBlocks { kCut, kOne };
+
 // Both throw std::length_error for a text of more than 65,535 bytes; encodeAnswer also throws
 // std::invalid_argument for an answer that is no list and has not exactly one response.
-Bytes encodeAnswer(const Answer& answer);
-Bytes encodeResponse(const Response& response);
+Bytes encodeAnswer(const Answer& answer, HeadBlocks blocks = HeadBlocks::kCut);
+Bytes encodeResponse(const Response& response, HeadBlocks blocks = HeadBlocks::kCut);
 
 // The "protocol" attribute: a string object.
 Bytes encodeProtocol(std::string_view version);

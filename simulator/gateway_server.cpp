@@ -254,9 +254,10 @@ Bytes GatewayServer::answerCall(const AdminCall& call) {
   }
   if (call.kind == kGetAttribute && call.target == "protocol") return encodeProtocol(kOwnProtocol);
   if (call.kind == kInvoke) {
-    if (call.target == "GET_STATS") return encodeAnswer(model_.stats(call.argument, options_.clock()));
-    if (call.target == "STAT_IDS") return encodeAnswer(model_.statIds(call.argument));
-    if (call.target == "RESOURCE_GROUPS") return encodeAnswer(model_.groups());
+    const auto encode = [this](const Answer& answer) { return encodeAnswer(answer, options_.blocks); };
+    if (call.target == "GET_STATS") return encode(model_.stats(call.argument, options_.clock()));
+    if (call.target == "STAT_IDS") return encode(model_.statIds(call.argument));
+    if (call.target == "RESOURCE_GROUPS") return encode(model_.groups());
   }
   throw BadRequest("the statistics bean has no such attribute or operation");
 }

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "gateway_encoder.h"
 #include "gateway_model.h"
 #include "gateway_wire.h"
 
@@ -42,8 +43,9 @@ struct ServerOptions {
   std::string address = "127.0.0.1";
   std::uint16_t port = 0;  // 0: any free one
   ModelOptions model = {};
-  std::size_t segment = 0;                           // send replies in pieces of so many bytes; 0: in one
-  std::function<std::uint64_t()> clock = {};         // seconds since the start; none: the real ones
+  HeadBlocks blocks = HeadBlocks::kCut;       // how answers of more than 1,024 bytes of ids are written
+  std::size_t segment = 0;                    // send replies in pieces of so many bytes; 0: in one
+  std::function<std::uint64_t()> clock = {};  // seconds since the start; none: the real ones
   std::function<void(const std::string&)> log = {};  // gets lines without a line end; none: standard error
 };
 

@@ -98,6 +98,10 @@ int main(int argc, char** argv) {
   app.add_option("--segment", options.segment, "send replies in pieces of N bytes; 0 sends them whole (0)")
       ->type_name("N")
       ->check(checkNumber);
+  app.add_flag_callback(
+      "--one-block", [&] { options.blocks = zebsim::HeadBlocks::kOne; },
+      "write all ids of a response as one block; otherwise\n"
+      "more than 1,024 bytes are cut as Java cuts them");
   app.set_version_flag("--version", "zebgatewaysim " ZEBSTATS_VERSION, "print the version and exit");
   app.set_help_flag("--help,-h", "print this help and exit");
   app.footer(

@@ -12,7 +12,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
+#include "stapi_zeb_blocks.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
@@ -40,10 +42,10 @@ constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
 
 constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, ahead of the strings
 constexpr std::uint8_t kListForm = 1;     // an answer that begins with a number of responses
-constexpr std::uint8_t kShortBlock = 'w';
-constexpr std::uint8_t kLongBlock = 'z';
+constexpr std::uint8_t kObject = 0x73;
 constexpr std::uint8_t kEndBlockData = 0x78;
 constexpr std::uint8_t kStreamHeader[] = {0xAC, 0xED, 0x00, 0x05};
+constexpr std::int32_t kLongestUncutId = kFullBlock - 4;  // both lengths lie in the first block with it
 constexpr int kMalformed = -1;
 
 int stringLength(const char* text) noexcept {
@@ -151,8 +153,17 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
 
 // ---- Parsing -------------------------------------------------------------------------------------------------
 
+struct AnswerParse {
+  ByteReader in;
+  ResultSetWriter out;
+  bool detailed;
+  int total;  // of statistics only; counts lengths with their width on the wire; right only while traced
+  int headsLeft = kMostHeads;
+};
+
+template <typename Text>
 struct QueryHead {
-  std::string_view element;
+  Text element;
   std::int32_t rc;
 };
 
@@ -160,19 +171,50 @@ std::int32_t readResponseCount(ByteReader& in) noexcept {
   return in.u8() == kListForm ? in.i32() : 1;
 }
 
-// The head that both kinds of response begin with: the answer object's class descriptions, stepped over, and
-// the head of its block data.
-QueryHead readHead(ByteReader& in) noexcept {
+// Steps over the class descriptions that both kinds of response begin with, and over the head of
+// the block data. Returns whether that is a long block of exactly the size at which the serialiser
+// cuts.
+bool skipToBlockData(ByteReader& in) noexcept {
   in.skip(6);
   in.text16();
   in.skip(13);
   in.text16();
   in.skip(13);
-  in.skip(in.u8() == kShortBlock ? 1 : 4);
-  QueryHead head;
-  head.element = in.text16();
-  head.rc = in.i32();
-  return head;
+  const std::uint8_t marker = in.u8();
+  if (marker == kShortBlock) {
+    in.skip(1);
+    return false;
+  }
+  const std::int32_t size = in.i32();
+  return marker == kLongBlock && size == static_cast<std::int32_t>(kFullBlock);
+}
+
+// Calls copy with a reader of block data that begin with a full block, and steps over them. Returns
+// false, and calls nothing, unless more blocks follow as the serialiser cuts them. Not inlined,
+// which would make the common path slower.
+template <typename Copy>
+[[gnu::noinline]] bool copyCutBlockData(AnswerParse& parse, Copy& copy) noexcept {
+  BlockReader blocks(parse.in.rest(), parse.headsLeft);
+  if (parse.headsLeft <= 0) parse.in.fail();
+  if (blocks.next() != kEndBlockData && blocks.next() != kObject) return false;
+  copy(blocks);
+  parse.in.skip(blocks.size());
+  if (!blocks.ok()) parse.in.fail();
+  return true;
+}
+
+// Calls copy with a reader of the response's block data, and steps over them. The length of the
+// first block matters only if it is full: some gateways write all ids as one long block.
+template <typename Copy>
+void copyBlockData(AnswerParse& parse, Copy copy) noexcept {
+  if (skipToBlockData(parse.in) && copyCutBlockData(parse, copy)) return;
+  copy(parse.in);
+}
+
+template <typename Reader>
+auto readHead(Reader& data) noexcept {
+  using Text = decltype(data.text16());
+  return QueryHead<Text>{data.text16(), data.i32()};
 }
 
 void beginResultSet(ResultSetWriter& out, const char* marker, std::int32_t responses) noexcept {
@@ -213,47 +255,65 @@ std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexce
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
-// A text of that length on the wire. What is not there is not written.
+// Copy a text of that length on the wire. What is not there is not written.
 void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
   const std::string_view text = in.text(length);
   if (in.ok()) out.counted(text);
 }
+void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
+  if (!in.holds(length)) return;
+  out.integer(length);
+  auto left = static_cast<std::size_t>(length);
+  do {
+    const std::string_view piece = in.piece(left);
+    out.chars(piece);
+    left -= piece.size();
+  } while (left > 0 && out.ok());
+}
 
-void copyIds(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
-  const std::int32_t count = in.i32();
-  ZEB_TRACE_IF(detailed, "DEBUG", 4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n",
-               count, response);
+void writeText(ResultSetWriter& out, std::string_view text) noexcept {
+  out.counted(text);
+}
+void writeText(ResultSetWriter& out, CutText text) noexcept {
+  copyText(text.from, out, text.length);
+}
+
+template <typename Reader>
+void copyIds(Reader& data, AnswerParse& parse, int response) noexcept {
+  const std::int32_t count = data.i32();
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4044,
+               "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n", count, response);
+  Reader in = data;  // copies, which stay in registers
+  ResultSetWriter out = parse.out;
   out.integer(count);
   for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) copyText(in, out, in.i16());
-  in.skipClosing(1);
+  data = in;
+  parse.out = out;
 }
 
-void copyIdsResponse(ByteReader& in, ResultSetWriter& out, int response, bool detailed) noexcept {
-  const QueryHead head = readHead(in);
-  if (!in.ok()) return;
-  out.counted(head.element);
-  out.integer(head.rc);
-  ZEB_TRACE_IF(detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
+template <typename Reader>
+void copyIdsData(Reader& data, AnswerParse& parse, int response) noexcept {
+  const auto head = readHead(data);
+  if (!data.ok()) return;
+  writeText(parse.out, head.element);
+  parse.out.integer(head.rc);
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
                head.rc, static_cast<std::uint32_t>(head.rc));
   if (head.rc >= 0) {
-    copyIds(in, out, response, detailed);
+    copyIds(data, parse, response);
     return;
   }
-  ZEB_TRACE_IF(detailed, "DEBUG", 4043,
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4043,
                "stapi_zeb_statcomms.parseIdsData Bad query id element(%d), move on to next one\n", response);
-  in.skipClosing(1);
 }
 
-// The total counts lengths with their width on the wire; it is only traced, and right only then.
-struct StatsParse {
-  ByteReader in;
-  ResultSetWriter out;
-  bool detailed;
-  int total;
-};
+void copyIdsResponse(AnswerParse& parse, int response) noexcept {
+  copyBlockData(parse, [&](auto& data) { copyIdsData(data, parse, response); });
+  parse.in.skipClosing(1);
+}
 
 // The blocks of a value that does not fit into the first one.
-void copyContinuation(StatsParse& parse, int remaining) noexcept {
+void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   ByteReader& in = parse.in;
   const auto copyPiece = [&](std::int32_t length) {
     if (length > remaining) in.fail();
@@ -280,7 +340,7 @@ void copyContinuation(StatsParse& parse, int remaining) noexcept {
   if (remaining != 0) in.fail();
 }
 
-void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
+void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
   if (room < 0) parse.in.fail();
   if (length <= room) {
     copyText(parse.in, parse.out, length);
@@ -298,7 +358,25 @@ void copyLongValue(StatsParse& parse, std::int32_t length, int room) noexcept {
   copyContinuation(parse, length - room);
 }
 
-void copyStat(StatsParse& parse) noexcept {
+// Copies a statistic whose value's length is not in the first block as a whole; stat begins with
+// the id's length. Returns false, and changes nothing, if the blocks are not as the serialiser cuts
+// them.
+bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcept {
+  BlockReader blocks(stat, parse.headsLeft);
+  if (blocks.next() != kEndBlockData) return false;
+  const std::int32_t idLength = blocks.i16();
+  copyText(blocks, parse.out, idLength);
+  const std::int32_t length = blocks.i16();
+  copyText(blocks, parse.out, length);
+  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n",
+               length);
+  parse.total += idLength + 2 + length + 2;
+  parse.in = ByteReader(stat.subspan(blocks.size()));
+  if (!blocks.ok()) parse.in.fail();
+  return true;
+}
+
+void copyStat(AnswerParse& parse) noexcept {
   ByteReader& in = parse.in;
   in.skip(5);
   const std::uint8_t marker = in.u8();
@@ -313,9 +391,14 @@ void copyStat(StatsParse& parse) noexcept {
   } else {
     in.skip(1);
   }
+  const std::span<const std::uint8_t> stat = in.rest();
   const std::int32_t idLength = in.i16();
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4056, "stapi_zeb_statcomms.parseStatsData statistic ID length=%d \n",
                idLength);
+  if (chunkLength == kFullBlock && idLength > kLongestUncutId && copyCutStat(parse, stat)) {
+    in.skipClosing(2);
+    return;
+  }
   copyText(in, parse.out, idLength);
   parse.total += idLength + 2;
   const std::int32_t length = in.i16();
@@ -333,7 +416,7 @@ void copyStat(StatsParse& parse) noexcept {
 // Copies statistics of the common kind, in a short block and with short texts, while one follows the other.
 // Returns how many. What is read and written beyond a text stays inside the answer and is written over: behind
 // the last of them are kFollowing others, longer than that even without a text.
-std::int32_t copyShortStats(StatsParse& parse, std::int32_t count) noexcept {
+std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   constexpr std::int32_t kFollowing = 4;
   constexpr std::size_t kFrame = 13;  // a statistic on the wire without its texts
   static_assert(kFollowing * (2 * sizeof(std::int32_t)) >= kShortText && kFollowing * kFrame >= kShortText);
@@ -366,13 +449,25 @@ bool endsWithoutStats(const ByteReader& in) noexcept {
          (rest.size() > sizeof kStreamHeader && memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
 }
 
-void copyStats(StatsParse& parse, int response) noexcept {
-  ByteReader& in = parse.in;
-  const std::int32_t count = in.i32();
+// Returns the number of statistics that follow the block data, or none if the code is negative.
+template <typename Reader>
+std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int response) noexcept {
+  const auto head = readHead(data);
+  if (!data.ok()) return std::nullopt;
+  writeText(parse.out, head.element);
+  parse.out.integer(head.rc);
+  parse.total += static_cast<int>(head.element.size()) + 6;
+  if (head.rc < 0) return std::nullopt;
+  const std::int32_t count = data.i32();
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4053,
                "stapi_zeb_statcomms.parseStatsData reading %d stats for result %d\n", count, response);
   parse.out.integer(count);
   parse.total += 4;
+  return count;
+}
+
+void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
+  ByteReader& in = parse.in;
   if (count == 0 && endsWithoutStats(in)) {
     in.skip(1);
   } else {
@@ -388,16 +483,13 @@ void copyStats(StatsParse& parse, int response) noexcept {
                "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n", parse.total);
 }
 
-void copyStatsResponse(StatsParse& parse, int response) noexcept {
-  const QueryHead head = readHead(parse.in);
-  if (!parse.in.ok()) return;
-  parse.out.counted(head.element);
-  parse.out.integer(head.rc);
-  parse.total += static_cast<int>(head.element.size()) + 6;
-  if (head.rc < 0) {
-    parse.in.skipClosing(1);
+void copyStatsResponse(AnswerParse& parse, int response) noexcept {
+  std::optional<std::int32_t> count;
+  copyBlockData(parse, [&](auto& data) { count = copyStatsData(data, parse, response); });
+  if (count.has_value()) {
+    copyStats(parse, *count);
   } else {
-    copyStats(parse, response);
+    parse.in.skipClosing(1);
   }
 }
 
@@ -410,10 +502,10 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   ZEB_TRACE_IF(detailed, "DEBUG", 4041,
                "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n", responses);
-  ResultSetWriter out(buffer);
-  beginResultSet(out, kIdsMarker, responses);
-  for (int i = 0; i < responses && in.ok() && out.ok(); ++i) copyIdsResponse(in, out, i, detailed);
-  const int rc = endResultSet(kIdsParser, in, out);
+  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 0};
+  beginResultSet(parse.out, kIdsMarker, responses);
+  for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyIdsResponse(parse, i);
+  const int rc = endResultSet(kIdsParser, parse.in, parse.out);
   TRACE_EXIT(4045, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(), buffer,
              rc);
   return rc;
@@ -426,7 +518,7 @@ int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   ZEB_TRACE_IF(detailed, "DEBUG", 4051,
                "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n", responses);
-  StatsParse parse = {in, ResultSetWriter(buffer), detailed, 12};
+  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 12};
   beginResultSet(parse.out, kStatsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyStatsResponse(parse, i);
   const int rc = endResultSet(kStatsParser, parse.in, parse.out);

@@ -21,6 +21,9 @@
 namespace zebtest {
 namespace {
 
+using zebsim::encodeAnswer;
+using zebsim::HeadBlocks;
+
 const Bytes kEmpty(reinterpret_cast<const char*>(&kTerminator), sizeof kTerminator);
 
 // What a buffer is to hold up to its terminator.
@@ -109,8 +112,15 @@ Bytes makeAnswer(bool isStats) {
         {true, {{"bad", -1, {}}, {"q", 0, Ids{"ID", "ID"}}, {"r", 7, Ids(2, Bytes(600, 'v'))}}});
   Stats stats(7, {"ID", "value"});
   for (const std::size_t size : {300U, 1100U}) stats.push_back({"LONG", Bytes(size, 'v')});
-  return encodeAnswer(
-      {true, {{"bad", -1, Stats{}}, {"none", 0, Stats{}}, {"q", 0, stats}, {"none", 0, Stats{}}}});
+  stats.push_back({Bytes(1030, 'v'), "value"});
+  const Bytes longQuery(1100, 'v');
+  return encodeAnswer({true,
+                       {{"bad", -1, Stats{}},
+                        {"none", 0, Stats{}},
+                        {"q", 0, stats},
+                        {longQuery, 0, stats},
+                        {longQuery, -1, Stats{}},
+                        {"none", 0, Stats{}}}});
 }
 
 // Every field stands at some byte, so all are met. Behind the answer is room for lengths taken without their sign.
@@ -133,10 +143,125 @@ TEST(Answer, changedInAnyFieldToAnExtremeIsReadAsTheSlowDecoderReadsIt) {
   }
 }
 
+// ---- block data that the serialiser cut
+
+// Block data of this size: ids, or the query of some statistics. With the shift every field moves
+// over every cut.
+zebsim::Response responseOf(bool isStats, std::size_t size, std::size_t shift) {
+  using namespace zebsim;
+  if (isStats) return {Bytes(size - 10, 'q'), 0, Stats(shift, {"ID", "value"})};
+  Response response{Bytes(shift, 'q'), 0, {}};
+  std::size_t left = size - 10 - shift;
+  Ids ids;
+  for (; left >= 30; left -= 15) ids.push_back("LINK_SESSIONS");
+  ids.push_back(Bytes(left - 2, 'v'));
+  response.items = ids;
+  return response;
+}
+
+TEST(CutAnswer, ofAnySizeIsReadAsIfItWereOneBlock) {
+  for (const std::size_t size : {1030U, 1279U, 1280U, 2048U, 2303U, 2304U, 3072U, 10 * 1024U}) {
+    for (std::size_t near = size - 8; near <= size + 8; ++near) {
+      for (std::size_t shift = 0; shift < 16; ++shift) {
+        const bool isStats = shift % 2 == 1;
+        const zebsim::Response response = responseOf(isStats, near, shift);
+        const zebsim::Answer answer{true, {response, {"bad", -1, response.items}, response}};
+        const Bytes expected = decode(isStats, encodeAnswer(answer, HeadBlocks::kOne));
+        const Bytes cut = encodeAnswer(answer);
+        ASSERT_NE(expected, kEmpty);
+        ASSERT_TRUE(decode(isStats, cut) == expected) << near << " " << shift << ": the slow decoder differs";
+        ASSERT_TRUE(isReadAs(expected, isStats, cut)) << near << " " << shift;
+        ASSERT_TRUE(isReadAs(expected, isStats, cut, true)) << near << " " << shift;
+      }
+    }
+  }
+}
+
+TEST(CutAnswer, cutShortAnywhereIsReadAsTheSlowDecoderReadsIt) {
+  for (const bool isStats : {false, true}) {
+    const Bytes answer = makeAnswer(isStats);
+    for (std::size_t cut = 0; cut < answer.size(); ++cut) {
+      const auto start = answer.substr(0, cut);
+      ASSERT_TRUE(isReadAs(decode(isStats, start), isStats, start)) << cut;
+    }
+  }
+}
+
+TEST(CutAnswer, thatHoldsLessThanItAnnouncesIsRefused) {
+  for (const auto& [right, wrong] : {std::pair("00000001 05DC", "00000001 05DD"),
+                                     {"00000001 05DC", "00000002 05DC"},
+                                     {"00000001 05DC", "00000001 FFFF"}}) {
+    Bytes answer = encodeAnswer({false, {{"q", 0, zebsim::Ids{Bytes(1500, 'v')}}}});
+    answer.replace(answer.find(wire(right)), 6, wire(wrong));
+    EXPECT_TRUE(isReadAs(kEmpty, false, answer)) << wrong;
+    EXPECT_TRUE(isReadAs(kEmpty, false, answer + answer)) << wrong;
+  }
+}
+
+// A gateway that writes one block may announce any length: more blocks are read only where they
+// follow as a serialiser cuts them.
+TEST(UncutAnswer, thatAnnouncesAFullBlockIsReadAsOneBlock) {
+  const Bytes filler = Bytes(1025, 'v') + Bytes(300, 's');
+  const Bytes fullBlock = wire("7A 00000400") + Bytes(1024, 'v');
+  for (const Bytes& at1024 :
+       {wire(""), wire("78"), wire("73"), wire("77 00 78"), wire("7A 00000000 73"),
+        fullBlock + wire("77 00 78"), fullBlock + wire("7A 00000000 73"), fullBlock + "v",
+        wire("7A 00000401"), wire("7A FFFFFFFF"), wire("77 05 'ABCDE'"), wire("77 05 'ABCDEw'"),
+        wire("7A 00000005 'ABCDE' 79"), wire("77 05 'ABCDE' 77 01 'A' 78"), fullBlock + fullBlock + fullBlock,
+        wire("77 FF 'A'")}) {
+    const Bytes id = Bytes(1024 - 12, 'v') + at1024 + filler;
+    Bytes answer =
+        encodeAnswer({true, {{"", 0, zebsim::Ids{id}}, {"next", 0, zebsim::Ids{"ID"}}}}, HeadBlocks::kOne);
+    const Bytes expected = decode(false, answer);
+    ASSERT_NE(expected, kEmpty);
+    answer.replace(answer.find(wire("7870 7A")) + 3, 4, wire("00000400"));
+    EXPECT_TRUE(isReadAs(expected, false, answer)) << at1024;
+  }
+}
+
+// The marker of each response is where the block head of another is expected, so that each seems to
+// begin a walk over all the rest. Walked to the end, sixteen megabytes of them would cost seconds.
+TEST(UncutAnswer, ofWhichEachResponseBeginsALongWalkIsRefused) {
+  const Bytes response =
+      Bytes(7, '\0') + wire("01") + Bytes(29, '\0') + wire("7A 00000400 0000 FFFFFFFF") + '\0';
+  static_assert(21 * 49 == 5 + 1024);
+  ASSERT_EQ(response.size(), 49u);
+  for (const std::uint32_t count : {100U, 19000U}) {
+    Bytes answer = wire("01") + zebsim::words({count});
+    for (std::uint32_t i = 0; i < count; ++i) answer += response;
+    const Bytes expected = decode(false, answer);
+    EXPECT_NE(expected, kEmpty);
+    EXPECT_TRUE(isReadAs(count == 100 ? expected : kEmpty, false, answer)) << count;
+  }
+}
+
+// The parser's own lines, without those of the writer, which prints each piece of a text.
+std::string parserLinesOf(const Bytes& answer, bool isStats) {
+  const TraceCapture trace(4);
+  EXPECT_TRUE(isReadAs(decode(isStats, answer), isStats, answer));
+  std::string lines;
+  for (const std::string& line : splitLines(trace.story()))
+    if (line.starts_with("DEBUG  stapi_zeb_statcomms")) lines += line.substr(line.find(' ', 10) + 1) + "\n";
+  return lines;
+}
+
+TEST(CutAnswer, isTracedLikeAnyOther) {
+  for (const bool isStats : {false, true}) {
+    const zebsim::Answer answer{false, {responseOf(isStats, 2500, 7)}};
+    const std::string lines = parserLinesOf(encodeAnswer(answer), isStats);
+    EXPECT_EQ(lines, parserLinesOf(encodeAnswer(answer, HeadBlocks::kOne), isStats));
+    EXPECT_NE(lines.find(isStats ? "reading 7 stats for result 0\n" : "IDs for result 0\n"), Bytes::npos);
+  }
+  const zebsim::Stats stats{{Bytes(1021, 'i'), Bytes(30, 'v')}};
+  EXPECT_EQ(parserLinesOf(encodeAnswer({false, {{"q", 0, stats}}}), true),
+            "received 1 responses from the Gateway\nreading 1 stats for result 0\nblock type=0000007A \n"
+            "chunklength=1024 \nstatistic ID length=1021 \nwritten 30 bytes.  \n"
+            "running total of parsed data = 1078 bytes \nparsed data total = 1078 bytes \n");
+}
+
 TEST(Answer, thatIsRefusedReadsAsEmptyAndTheNextOneIsRead) {
-  const Bytes longIds = zebsim::encodeAnswer({false, {{"q", 0, zebsim::Ids(12000, "LONG_ENOUGH")}}});
-  const Bytes longStats =
-      zebsim::encodeAnswer({false, {{"q", 0, zebsim::Stats(12000, {"ID", "LONG_ENOUGH"})}}});
+  const Bytes longIds = encodeAnswer({false, {{"q", 0, zebsim::Ids(12000, "LONG_ENOUGH")}}});
+  const Bytes longStats = encodeAnswer({false, {{"q", 0, zebsim::Stats(12000, {"ID", "LONG_ENOUGH"})}}});
   Session session;
   for (const bool isStats : {false, true}) {
     const Bytes good = makeAnswer(isStats);

@@ -105,13 +105,23 @@ std::vector<std::string> listRecordedReplies() {
 INSTANTIATE_TEST_SUITE_P(all, RecordedReply, testing::ValuesIn(listRecordedReplies()),
                          [](const auto& test) { return test.param; });
 
-TEST(SimulatedEncoder, writes_ids_past_1024_bytes_as_one_block) {
-  Ids ids(200, "LINK_SESSIONS");
-  Bytes written = encodeResponse({"LINK", 0, ids});
-  std::size_t size = 6 + 4 + 4 + 200 * 15;
-  Bytes tail = wire("7A") + words({static_cast<std::uint32_t>(size)}) + text16("LINK") + words({0, 200});
-  EXPECT_NE(written.find(tail), Bytes::npos);
-  EXPECT_EQ(written.size() - written.find(tail), 5 + size + 1);
+TEST(SimulatedEncoder, cuts_block_data_after_each_1024_bytes_unless_it_is_to_be_one_block) {
+  const auto tailOf = [](std::size_t size, HeadBlocks blocks) {
+    Bytes written = encodeResponse({"", 0, Ids{Bytes(size - 12, 'v')}}, blocks);
+    return written.substr(written.rfind(wire("7870")) + 2);
+  };
+  for (const std::size_t size : {1023U, 1024U, 1025U, 1279U, 1280U, 2048U, 2049U, 3072U + 255U}) {
+    const Bytes data = wire("0000") + words({0, 1}) + text16(Bytes(size - 12, 'v'));
+    Bytes expected;
+    for (std::size_t at = 0; at < size; at += 1024) {
+      const auto piece = static_cast<std::uint32_t>(std::min<std::size_t>(1024, size - at));
+      expected += piece > 255 ? wire("7A") + words({piece}) : wire("77") + words({piece}).substr(3);
+      expected += data.substr(at, piece);
+    }
+    EXPECT_EQ(tailOf(size, HeadBlocks::kCut), expected + wire("78"));
+    EXPECT_EQ(tailOf(size, HeadBlocks::kOne),
+              wire("7A") + words({static_cast<std::uint32_t>(size)}) + data + wire("78"));
+  }
 }
 
 // ---- sessions

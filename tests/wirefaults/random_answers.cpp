@@ -63,8 +63,7 @@ class RandomAnswer {
   }
   std::vector<zebsim::Stat> randomItems() {
     std::vector<zebsim::Stat> items(oneIn(1000) ? pick(1000, 4000) : pick(0, oneIn(4) ? 40 : 6));
-    // The serialiser breaks longer ids over two blocks, which no client reads.
-    for (auto& item : items) item = {text(std::min<std::size_t>(randomSize(), 1000)), text(randomSize())};
+    for (auto& item : items) item = {text(randomSize()), text(randomSize())};
     return items;
   }
 
@@ -119,7 +118,7 @@ class RandomAnswer {
       for (const auto& item : items) ids.push_back(item.id);
       response.items = ids;
     }
-    wire_ += zebsim::encodeResponse(response);
+    wire_ += zebsim::encodeResponse(response, oneIn(2) ? zebsim::HeadBlocks::kOne : zebsim::HeadBlocks::kCut);
   }
 
   // With everything that is stepped over at random, and values in any pieces that add up.

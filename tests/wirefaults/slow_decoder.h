@@ -9,6 +9,11 @@
 //   record      s+5 marker; 'z': s+8 room C (2), s+10 id (2 + I), length L (2), C-I-4 bytes of the value and
 //               the rest of it in pieces; other: s+7 id (2 + I), value (2 + L); 2 bytes
 //   pieces      'z' blocks (length at p+3), then 'w' blocks (length at p+1) whatever their marker
+//
+// Block data of more than 1,024 bytes may be cut into blocks: full 'z' blocks of 1,024, then one of
+// any kind and length. From the query element to the last id or the count of statistics, and in a
+// record whose id is longer than 1,020, the fields are then those of the joined blocks, and what
+// follows the fields begins where the last block ends.
 #ifndef ZEBTEST_SLOW_DECODER_H
 #define ZEBTEST_SLOW_DECODER_H
 
@@ -16,6 +21,7 @@
 #include <cstring>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace zebtest {
 
@@ -72,29 +78,72 @@ class SlowDecoder {
     return at + 2 + size;
   }
 
+  // The joined data of blocks, the first of which is a full one whose data begin at this position;
+  // `end` is set to where the last one ends. Empty if they are not as a serialiser cuts them, or if
+  // the byte after them is none of the followers.
+  std::string joinBlocks(std::int64_t at, std::string_view followers, std::int64_t& end) const {
+    const std::string_view all(reinterpret_cast<const char*>(bytes_.data()), bytes_.size());
+    std::string joined;
+    for (std::size_t size = 1024, from = static_cast<std::size_t>(at);;) {
+      if (from + size >= all.size()) return "";
+      joined += all.substr(from, size);
+      from += size;
+      const bool isBlock = all[from] == 'w' || all[from] == 'z';
+      if (size < 1024 || !isBlock) {
+        end = static_cast<std::int64_t>(from);
+        return joined.size() > 1024 && followers.find(all[from]) != followers.npos ? joined : "";
+      }
+      SlowDecoder head(bytes_, out_);  // writes nothing, but has its own idea of what is good
+      const auto next = static_cast<std::int64_t>(from) + 1;
+      const std::int64_t length = all[from] == 'w' ? head.byteAt(next) : head.int32At(next);
+      if (!head.good_ || length < 1 || length > 1024) return "";
+      from += all[from] == 'w' ? 2 : 5;
+      size = static_cast<std::size_t>(length);
+    }
+  }
+  // Decodes from the joined data instead. Returns what the decoding returned.
+  template <typename Decode>
+  std::int64_t decodeJoined(const std::string& joined, Decode decode) {
+    const auto whole = bytes_;
+    bytes_ = {reinterpret_cast<const std::uint8_t*>(joined.data()), joined.size()};
+    const std::int64_t result = decode();
+    bytes_ = whole;
+    return result;
+  }
+
   std::int64_t decodeResponse(bool isStats, std::int64_t c) {
     const std::int64_t h0 = c + 8 + sizeAt(c + 6) + 13;
     const std::int64_t h = h0 + 2 + sizeAt(h0);
-    const std::int64_t q = putText(byteAt(h + 13) == 'w' ? h + 15 : h + 18);
+    std::int64_t end = 0;
+    std::string joined;
+    if (byteAt(h + 13) == 'z' && int32At(h + 14) == 1024) joined = joinBlocks(h + 18, "\x78\x73", end);
+    std::int64_t count = 0;
+    if (!joined.empty()) {
+      decodeJoined(joined, [&] { return decodeHead(isStats, 0, count); });
+    } else {
+      end = decodeHead(isStats, byteAt(h + 13) == 'w' ? h + 15 : h + 18, count);
+    }
+    return isStats && count != kNoCount ? decodeStats(end, count) : end + 1;
+  }
+
+  // From the query element to the last id, or to the count of statistics. Returns the position
+  // after that.
+  std::int64_t decodeHead(bool isStats, std::int64_t at, std::int64_t& count) {
+    const std::int64_t q = putText(at);
     const std::int64_t rc = int32At(q);
     put(rc);
-    if (rc < 0) return q + 5;
-    return isStats ? decodeStats(q) : decodeIds(q);
+    count = kNoCount;
+    if (rc < 0) return q + 4;
+    count = int32At(q + 4);
+    put(count);
+    at = q + 8;
+    for (std::int64_t i = 0; !isStats && i < count && good_; ++i) at = putText(at);
+    return at;
   }
 
-  std::int64_t decodeIds(std::int64_t q) {
-    const std::int64_t count = int32At(q + 4);
-    put(count);
-    std::int64_t at = q + 8;
-    for (std::int64_t i = 0; i < count && good_; ++i) at = putText(at);
-    return at + 1;
-  }
-
-  std::int64_t decodeStats(std::int64_t q) {
-    const std::int64_t count = int32At(q + 4);
-    put(count);
-    if (count == 0 && good_ && endsAt(q + 8)) return q + 9;
-    std::int64_t s = q + 20 + sizeAt(q + 10);
+  std::int64_t decodeStats(std::int64_t at, std::int64_t count) {
+    if (count == 0 && good_ && endsAt(at)) return at + 1;
+    std::int64_t s = at + 12 + sizeAt(at + 2);
     for (std::int64_t i = 0; i < count && good_; ++i) s = decodeRecord(s);
     return s;
   }
@@ -109,6 +158,14 @@ class SlowDecoder {
   std::int64_t decodeRecord(std::int64_t s) {
     const bool isLong = byteAt(s + 5) == 'z';
     const std::int64_t idAt = isLong ? s + 10 : s + 7;
+    if (isLong && len16At(s + 8) == 1024 && len16At(idAt) > 1020) {
+      std::int64_t end = 0;
+      const std::string joined = joinBlocks(idAt, "\x78", end);
+      if (!joined.empty()) {
+        decodeJoined(joined, [&] { return putText(putText(0)); });
+        return end + 2;
+      }
+    }
     const std::int64_t lengthAt = putText(idAt);
     if (!isLong) return putText(lengthAt) + 2;
     const std::int64_t idSize = lengthAt - idAt - 2;
@@ -139,6 +196,8 @@ class SlowDecoder {
     }
     return p;
   }
+
+  static constexpr std::int64_t kNoCount = INT64_MIN;  // of a response whose code is negative
 
   std::span<const std::uint8_t> bytes_;
   std::string& out_;
