@@ -19,11 +19,12 @@ struct Line {
 };
 
 std::vector<Line> linesOf(const std::string& trace) {
-  static const std::regex prefix(R"(^(.{21}) \[0x\w+,(0x\w+)\] \[(\d+)\] (\S+) +(.*)$)");
   std::vector<Line> lines;
-  std::smatch part;
-  for (const std::string& line : splitLines(trace))
-    if (std::regex_match(line, part, prefix)) lines.push_back({part[1], part[2], part[3], part[4], part[5]});
+  for (const std::string& line : splitLines(trace)) {
+    if (!hasShape(line, "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [9999] ")) continue;
+    lines.push_back({line.substr(0, 21), line.substr(36, 8), line.substr(47, 4),
+                     line.substr(53, line.find(' ', 53) - 53), line.substr(60)});
+  }
   return lines;
 }
 
