@@ -354,8 +354,8 @@ TEST_F(Connections, thatFailAreRemovedAtOnceWithTheLinesOfACloseThatSendsNothing
     EXPECT_EQ(atOnce([&] { return runSession(gateway.port()); }), row.rc);
     EXPECT_LT(peakMegabytes() - before, 500);
     const std::string story = trace.story();
-    for (const char* line : {"*EXC*  ", "EXIT   stapi_zeb_socketcomms.flowCloseRequest(",
-                             "EXIT   stapi_zeb_gwycon.closeConnection("})
+    for (const char* line :
+         {"EXIT   stapi_zeb_socketcomms.flowCloseRequest(", "EXIT   stapi_zeb_gwycon.closeConnection("})
       EXPECT_NE(story.find(line), story.npos) << line;
   }
 }
@@ -366,7 +366,11 @@ TEST_F(Connections, thatTheGatewayHasEndedAreLostBeforeTheNextQuestion) {
   ASSERT_EQ(openOn(gateway.port(), &token), 0);
   EXPECT_EQ(query(token), 0);
   gateway.awaitSilence();
+  const TraceCapture trace(1);
   EXPECT_EQ(query(token), ZEB_CONNECTION_LOST);
+  const std::string story = trace.story();
+  const std::string first = story.substr(0, story.find('\n'));
+  EXPECT_TRUE(first.starts_with("*EXC*  ") && first.find("Unable to write data") == first.npos) << story;
 }
 
 TEST_F(Connections, thatCloseSlowlyHoldUpOnlyTheClosingThread) {
