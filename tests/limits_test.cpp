@@ -325,6 +325,23 @@ TEST_F(Cancelling, letsASupervisorFreeEveryPoller) {
   }
 }
 
+TEST_F(Cancelling, atAnyMomentEndsTheQueriesOfTheOwner) {
+  GatewayServer server;
+  for (int round = 0; round < 300; ++round) {
+    GatewayToken* token = nullptr;
+    ASSERT_EQ(openOn(server.port(), &token), 0);
+    std::atomic<int> answers = 0;
+    std::thread supervisor([&, all = round % 2 == 1] {
+      while (answers < round % 7) std::this_thread::yield();
+      EXPECT_EQ(all ? closeAllGatewayConnections() : closeCopy(token), 0);
+    });
+    int rc = 0;
+    while ((rc = query(token)) == 0) ++answers;
+    EXPECT_TRUE(rc == ZEB_CONNECTION_LOST || rc == ZEB_TOKEN_UNKNOWN) << rc;
+    supervisor.join();
+  }
+}
+
 // ---- Removals ------------------------------------------------------------------------------------------------
 
 long peakMegabytes() {

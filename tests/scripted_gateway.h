@@ -285,11 +285,12 @@ class ScriptedGateway {
   bool dripReply(const Script::Step& step) {
     constexpr int kPause = 3;
     for (const char byte : step.bytes) {
-      if (send(connection_.get(), &byte, 1, MSG_NOSIGNAL) != 1) hasLeft_ = true;
-      if (!hasLeft_ && !Listener::isReady(connection_, POLLIN, kPause)) continue;
-      char early;
-      hasLeft_ = recv(connection_.get(), &early, 1, 0) <= 0;
-      return hasLeft_ || fail("it sent something during the reply");
+      if (Listener::isReady(connection_, POLLIN, kPause)) {
+        char early;
+        hasLeft_ = recv(connection_.get(), &early, 1, 0) <= 0;
+        return hasLeft_ || fail("it sent something during the reply");
+      }
+      send(connection_.get(), &byte, 1, MSG_NOSIGNAL);
     }
     return true;
   }

@@ -159,6 +159,7 @@ TEST(Deletion, tracesItsLinesBetweenItsEntryAndItsExit) {
     if (line.word == "EXIT") --inside[line.thread];
   }
   EXPECT_GE(deletions, 3);
+  alarm(0);
 }
 
 // A trace destination so slow that no two lines have the same time.
