@@ -48,6 +48,7 @@ set(zeb_man_families
   "getStats getStatsByStatId getStatsByStatGroupId getStatIds getStatIdsByStatGroupId getResourceGroupIds"
   "getFirstStat getNextStat getFirstId getNextId"
   "copyResultSet freeResultSet dumpResultSet getIdQuery"
+  "setAPITimeout getAPITimeout getAPICodeText"
   "setAPITraceLevel getAPITraceLevel setAPITraceFile getStatsAPIVersion dumpState")
 install(FILES man/libzebstats.3 DESTINATION ${zeb_man_dir}/man3 COMPONENT dev)
 foreach(family ${zeb_man_families})

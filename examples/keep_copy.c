@@ -1,4 +1,4 @@
-/* Keeps an answer across the next query, and tells which statistics have changed: keep_copy HOST PORT */
+/* Keeps an answer across the next query, and prints which statistics have changed: keep_copy HOST PORT */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -49,6 +49,6 @@ int main(int argc, char** argv) {
   closeGatewayConnection(&gateway);
 
   if (rc == ZEB_END_OF_RESULTS) return 0;
-  fprintf(stderr, "keep_copy: code %d, see libzebstats(3)\n", rc);
+  fprintf(stderr, "keep_copy: %s\n", getAPICodeText(rc));
   return 1;
 }

@@ -39,7 +39,7 @@ static void* poll(void* argument) {
     if (rc == ZEB_OK) rc = showAnswer(poller, answer);
   }
   free(version);
-  closeGatewayConnection(&gateway); /* a lost connection has gone already: -101, which says no more than rc */
+  closeGatewayConnection(&gateway); /* a lost connection is gone already: -101, which is no news */
   poller->rc = rc;
   return NULL;
 }
@@ -60,8 +60,8 @@ int main(int argc, char** argv) {
   for (i = 0; i < started; ++i) {
     pthread_join(pollers[i].thread, NULL);
     if (pollers[i].rc == ZEB_OK) continue;
-    fprintf(stderr, "poll_many: %s:%d: code %d, see libzebstats(3)\n", pollers[i].host, pollers[i].port,
-            pollers[i].rc);
+    fprintf(stderr, "poll_many: %s:%d: %s\n", pollers[i].host, pollers[i].port,
+            getAPICodeText(pollers[i].rc));
     ++failed;
   }
   free(pollers);

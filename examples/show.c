@@ -24,6 +24,6 @@ int main(int argc, char** argv) {
   closeGatewayConnection(&gateway);
 
   if (rc == ZEB_END_OF_RESULTS) return 0;
-  fprintf(stderr, "show: code %d, see libzebstats(3)\n", rc);
+  fprintf(stderr, "show: %s\n", getAPICodeText(rc));
   return 1;
 }

@@ -119,12 +119,14 @@ ZEBFUZZ_WRAP(ssize_t, send, (int fd, const void* data, size_t size, int flags), 
   return static_cast<ssize_t>(size);
 })
 ZEBFUZZ_WRAP(ssize_t, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags), {
+  if ((flags & MSG_PEEK) != 0) return fail(EAGAIN);  // nothing comes before it is asked for
   const std::size_t taken = nextPiece(*current, size);
   if (taken == 0 && current->endError != 0) return fail(current->endError);
   if (taken > 0) std::memcpy(data, current->replies.data() + current->received, taken);
   current->received += taken;
   return static_cast<ssize_t>(taken);
 })
+ZEBFUZZ_WRAP(int, shutdown, (int fd, int how), (fd, how), { return 0; })
 ZEBFUZZ_WRAP(int, close, (int fd), (fd), {
   if (fd != kSocket) return __real_close(fd);
   --current->sockets;

@@ -7,6 +7,7 @@
 #include "gateway_wire.h"
 #include "harness.h"
 #include "memory_gateway.h"
+#include "stapi_zeb_memory.h"
 
 using namespace zebfuzz;
 
@@ -76,6 +77,7 @@ int runSession(MemoryGateway& gateway, std::uint8_t what) {
     requireOneOf(closeGatewayConnection(&token), {rc == 0 ? 0 : ZEB_TOKEN_UNKNOWN}, "close");
   }
   std::free(version);
+  zeb::freeRetired();
   require(gateway.sockets == 0 && gateway.blocks == 0, "no socket is left open, no block allocated");
   return rc;
 }

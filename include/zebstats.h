@@ -1,44 +1,72 @@
 /* zebstats: the statistics API of a transaction gateway.
  *
- * A monitoring program opens a connection to a gateway's statistics port, asks for statistics, statistic
- * ids or resource groups, and walks the answer entry by entry:
+ * A monitoring program opens a connection to a gateway's statistics port, asks for statistics,
+ * statistic ids or resource groups, and walks the answer entry by entry:
  *
  *     GatewayToken *gateway = NULL;
  *     ResultSetToken *answer = NULL;
  *     StatData stat;
  *     char *version = NULL;
- *     int rc = openRemoteGatewayConnection("127.0.0.1", 2980, &gateway, &version);
+ *     int rc = setAPITimeout(5000);
+ *     if (rc == ZEB_OK) rc = openRemoteGatewayConnection("127.0.0.1", 2980, &gateway, &version);
  *     if (rc == ZEB_OK) rc = getStats(gateway, &answer);
  *     if (rc == ZEB_OK) rc = getFirstStat(answer, &stat);
  *     for (; rc == ZEB_OK; rc = getNextStat(answer, &stat))
  *         if (stat.queryElementRC >= 0)
- *             printf("%.*s = %.*s\n", stat.statIdLen, stat.statIdPtr, stat.statValueLen, stat.statValuePtr);
+ *             printf("%.*s = %.*s\n", stat.statIdLen, stat.statIdPtr,
+ *                    stat.statValueLen, stat.statValuePtr);
+ *     if (rc != ZEB_END_OF_RESULTS) fprintf(stderr, "%s\n", getAPICodeText(rc));
  *     free(version);
  *     closeGatewayConnection(&gateway);
  *
  * Rules that hold for every call
  *
- *   Codes      Every call returns 0 or one of the negative codes below; nothing is thrown, nothing ends the
- *              process. A call that fails leaves its output arguments as they were unless it says otherwise.
- *              While the library has not managed to start, every call returns -111 or -121, or -2 for the
- *              lock of its list of connections, and the next call tries again.
- *   Start      There is no start-up call: the first call initialises the library, sets the trace level to 0,
- *              and may be made by any number of threads at once.
- *   Threads    A connection, and the result set it owns, belong to the process and thread that opened it:
- *              another process gets -123, another thread -124. Closing is allowed from any thread, but not
- *              while another call uses the connection. Copies of result sets may be used by any thread, one
- *              at a time. A forked child can not use its parent's connections.
- *   Life time  An answer lives until the next query on its connection, and no longer than the connection. A
- *              connection that is lost (-102 or -122 from a query) is removed by that query: its token and
- *              its result set are gone, and calls with the old handle return -101. copyResultSet() keeps an
- *              answer for as long as it is wanted.
- *   Memory     The caller releases protocol version texts with free() and copies of result sets with
- *              freeResultSet(). Nothing else the library hands out may be freed or written to.
- *   Time       The library waits for a gateway without limit. A signal that is handled while a query waits
- *              ends that query with -102.
- *   Sizes      An answer holds at most 153,596 bytes; the answer of a query that would outgrow them reads as
- *              empty (-119). Up to 256 connections can be open at once; calls with further ones may get -101.
- *   Wire       Clear text, no credentials: use it on networks that are trusted.
+ *   Codes      Every call except getAPICodeText() returns ZEB_OK or one of the negative codes
+ *              below; nothing is thrown, nothing ends the process. A call that fails leaves its
+ *              output arguments as they were unless it says otherwise. Until initialisation has
+ *              succeeded, every call returns ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED or, for the lock
+ *              of the list of connections, ZEB_QUERY_TOO_LONG; the next call tries again.
+ *   Start      There is no start-up call: the first call initialises the library and sets the trace
+ *              level to 0. Any number of threads may make it at once.
+ *   Time       Call setAPITimeout() at the start: without a timeout, calls wait for a gateway for
+ *              ever. It bounds each open, query and close as a whole, and
+ *              closeAllGatewayConnections() for all gateways together; a gateway that sends a byte
+ *              now and then does not extend it. The call returns within the timeout plus a tenth:
+ *              an open with ZEB_CONNECT_TIMED_OUT, a query with ZEB_TIMED_OUT, a close with ZEB_OK.
+ *              Only the resolution of a host name cannot be bounded; a numeric address needs none.
+ *   Signals    With a timeout, a handled signal ends no call. Without one, a signal that is handled
+ *              while a query waits ends the query with ZEB_CONNECTION_LOST, and one that is handled
+ *              while an open waits may end it with ZEB_CONNECT_FAILED or ZEB_CONNECTION_LOST.
+ *   Threads    A connection and its result set belong to the thread that opened it; calls from
+ *              another thread return ZEB_OTHER_THREAD. A copy of a result set may be used by any
+ *              thread, one at a time. Any thread may close a connection at any time. If the owner
+ *              is inside a call that waits, the close wakes it: a query returns
+ *              ZEB_CONNECTION_LOST, an open, which closeAllGatewayConnections() ends,
+ *              ZEB_TOKEN_UNKNOWN. But a close frees the answer: the caller must keep it apart from
+ *              walks and other reads of it. A silent gateway holds up only the thread that waits
+ *              for it.
+ *   Lifetime   An answer lives until the next query on its connection, and no longer than the
+ *              connection; copyResultSet() keeps it. A query that returns ZEB_CONNECTION_LOST,
+ *              ZEB_TIMED_OUT or ZEB_COMMUNICATION_FAILED has removed its connection, and that needs
+ *              no close. While fewer than 1,024 further connections have been closed, the handles
+ *              of a connection that is gone are recognised: its token returns ZEB_TOKEN_UNKNOWN,
+ *              its result set ZEB_NO_RESULT_SET_BUFFER. The entries and id queries taken from its
+ *              answer are not: they point into freed memory.
+ *   Memory     The caller releases protocol version texts with free() and copies of result sets
+ *              with freeResultSet(). Nothing else the library hands out may be freed or written to.
+ *   Sizes      An answer holds at most 153,596 bytes; a larger one is discarded, and its walk
+ *              returns ZEB_WRONG_CONTENT. A reply that announces more than 16 MiB is treated like a
+ *              lack of memory: nothing of it is read, and a query returns ZEB_COMMUNICATION_FAILED.
+ *              Up to 256 connections can be open at once; a further open returns
+ *              ZEB_TOKEN_LIST_CORRUPT before it connects.
+ *   Children   A forked child cannot use its parent's connections (ZEB_OTHER_PROCESS). If it closes
+ *              them, it only forgets them: nothing is sent, and the parent's session goes on.
+ *              Sockets and the trace file are closed on exec.
+ *   Process    A call that succeeds leaves errno as it was. SIGPIPE is ignored while a request is
+ *              sent; afterwards it is what it was before, or what the host has set meanwhile. A
+ *              thread that is cancelled inside a call ends after the call. A trace destination that
+ *              is full, closed or not read loses lines; no call fails or waits because of it.
+ *   Wire       Clear text, no credentials: use it only on networks that are trusted.
  */
 #ifndef ZEBSTATS_H
 #define ZEBSTATS_H
@@ -67,50 +95,52 @@ typedef struct GatewayToken GatewayToken;
 /* One answer: the result set of a connection, or a caller's copy of one. */
 typedef struct ResultSetToken ResultSetToken;
 
+/* getAPICodeText() returns the texts. */
 enum ZebReturnCode {
-  ZEB_OK = 0,
-  ZEB_TOKEN_NULL = -100,              /* the gateway token is null */
-  ZEB_TOKEN_UNKNOWN = -101,           /* the gateway token is not (or no longer) open */
+  ZEB_OK = 0,                         /* no error */
+  ZEB_TOKEN_NULL = -100,              /* not connected */
+  ZEB_TOKEN_UNKNOWN = -101,           /* the connection is not open any more */
   ZEB_CONNECTION_LOST = -102,         /* the connection to the gateway was lost */
-  ZEB_BUFFER_NULL = -103,             /* an internal buffer pointer is null */
-  ZEB_TRACE_LEVEL_INVALID = -104,     /* the trace level is outside 0..5 */
-  ZEB_VERSION_POINTER_NULL = -105,    /* the address for the protocol version is null */
-  ZEB_NOT_A_COPY = -106,              /* only copies of result sets can be freed by the caller */
-  ZEB_PORT_INVALID = -107,            /* the port is outside 1..65535 */
-  ZEB_TOKEN_POINTER_NULL = -108,      /* the address of the gateway token is null */
-  ZEB_OUTPUT_POINTER_NULL = -109,     /* the address for the result is null */
-  ZEB_NO_RESULT_SET_BUFFER = -110,    /* the result set has no buffer: the connection may have gone */
-  ZEB_NO_MEMORY = -111,               /* a memory allocation failed */
-  ZEB_END_OF_RESULTS = -113,          /* no further entry: the normal end of a walk */
-  ZEB_TOKEN_LIST_CORRUPT = -115,      /* the list of connections is corrupt or longer than 256 */
-  ZEB_OWNER_INVALID = -116,           /* an internal result set was asked for with an unknown owner */
-  ZEB_CONNECT_FAILED = -118,          /* connecting failed for a reason not listed below */
-  ZEB_WRONG_CONTENT = -119,           /* the result set holds no answer, or not the kind the call needs */
+  ZEB_BUFFER_NULL = -103,             /* an internal buffer is missing */
+  ZEB_TRACE_LEVEL_INVALID = -104,     /* the trace level is outside 0 to 5 */
+  ZEB_VERSION_POINTER_NULL = -105,    /* no address was given for the protocol version */
+  ZEB_NOT_A_COPY = -106,              /* only copies of result sets can be freed */
+  ZEB_PORT_INVALID = -107,            /* the port is outside 1 to 65535 */
+  ZEB_TOKEN_POINTER_NULL = -108,      /* no address was given for the connection */
+  ZEB_OUTPUT_POINTER_NULL = -109,     /* no address was given for the result */
+  ZEB_NO_RESULT_SET_BUFFER = -110,    /* the result set has no buffer; its connection may be gone */
+  ZEB_NO_MEMORY = -111,               /* out of memory */
+  ZEB_END_OF_RESULTS = -113,          /* the results have ended */
+  ZEB_TOKEN_LIST_CORRUPT = -115,      /* 256 connections are open, or their list is corrupt */
+  ZEB_OWNER_INVALID = -116,           /* an internal result set was given an unknown owner */
+  ZEB_CONNECT_FAILED = -118,          /* connecting failed */
+  ZEB_WRONG_CONTENT = -119,           /* the result set holds no answer of this kind */
   ZEB_TRACE_LOCK_FAILED = -121,       /* the trace lock could not be initialised */
   ZEB_COMMUNICATION_FAILED = -122,    /* the gateway did not answer as agreed */
-  ZEB_OTHER_PROCESS = -123,           /* the token belongs to another process */
-  ZEB_OTHER_THREAD = -124,            /* the token belongs to another thread */
-  ZEB_RESULT_SET_POINTER_NULL = -125, /* the address of the result set token is null */
-  ZEB_QUERY_NULL = -126,              /* the query string is null */
-  ZEB_RESULT_SET_NULL = -127,         /* the result set token is null */
-  ZEB_ID_DATA_NULL = -128,            /* the identifier record is null */
-  ZEB_STAT_DATA_NULL = -129,          /* the statistic record is null */
+  ZEB_OTHER_PROCESS = -123,           /* the connection belongs to another process */
+  ZEB_OTHER_THREAD = -124,            /* the connection belongs to another thread */
+  ZEB_RESULT_SET_POINTER_NULL = -125, /* no address was given for the result set */
+  ZEB_QUERY_NULL = -126,              /* no query was given */
+  ZEB_RESULT_SET_NULL = -127,         /* there is no result set */
+  ZEB_ID_DATA_NULL = -128,            /* no record was given for the id */
+  ZEB_STAT_DATA_NULL = -129,          /* no record was given for the statistic */
   ZEB_TRACE_FILE_FAILED = -130,       /* the trace file could not be opened for append */
-  ZEB_NO_GOOD_ID = -131,              /* the result set holds no good identifier */
-  ZEB_HOST_UNKNOWN = -132,            /* connecting: the host name could not be resolved */
-  ZEB_HOST_NULL = -133,               /* the host name is null */
-  ZEB_CONNECT_TIMED_OUT = -134,       /* connecting: the timeout has passed */
-  ZEB_CONNECT_REFUSED = -135,         /* connecting: the gateway refused the connection */
-  ZEB_NETWORK_UNREACHABLE = -136,     /* connecting: the network is unreachable */
+  ZEB_NO_GOOD_ID = -131,              /* the result set holds no good id */
+  ZEB_HOST_UNKNOWN = -132,            /* the host name could not be resolved */
+  ZEB_HOST_NULL = -133,               /* no host name was given */
+  ZEB_CONNECT_TIMED_OUT = -134,       /* connecting timed out */
+  ZEB_CONNECT_REFUSED = -135,         /* the gateway refused the connection */
+  ZEB_NETWORK_UNREACHABLE = -136,     /* the network is unreachable */
   ZEB_TIMEOUT_INVALID = -137,         /* the timeout is negative */
-  ZEB_TIMED_OUT = -138,               /* a query: the timeout has passed */
-  ZEB_QUERY_TOO_LONG = -2             /* the query string has 32,766 characters or more; see "Codes" */
+  ZEB_TIMED_OUT = -138,               /* the gateway did not answer in time */
+  /* the query has 32,766 characters or more, or a lock could not be initialised */
+  ZEB_QUERY_TOO_LONG = -2
 };
 
-/* One statistic, filled by getFirstStat() and getNextStat(). The texts lie in the result set: they are not
- * NUL-terminated, are not to be freed, and live as long as the answer does. All lengths are in bytes. Where
- * queryElementRC is negative the gateway could not answer that element of the query: the record then holds
- * nothing behind queryElementRC that was set by the call. */
+/* One statistic, filled by getFirstStat() and getNextStat(). The texts lie in the result set: they
+ * are not NUL-terminated, must not be freed, and live as long as the answer does. All lengths are
+ * in bytes. If queryElementRC is negative, the gateway could not answer that element of the query,
+ * and the fields after queryElementRC are not set. */
 typedef struct StatData {
   char contentMarker[8]; /* "ZEBSTSET", no NUL */
   char* queryElementPtr; /* the element of the query that this statistic answers */
@@ -122,7 +152,8 @@ typedef struct StatData {
   char* statValuePtr;
 } StatData;
 
-/* One statistic id or resource group id, filled by getFirstId() and getNextId(); as StatData. */
+/* One statistic id or resource group id, filled by getFirstId() and getNextId(); the same rules
+ * hold. */
 typedef struct IdData {
   char contentMarker[8]; /* "ZEBIDSET", no NUL */
   char* queryElementPtr;
@@ -132,61 +163,77 @@ typedef struct IdData {
   char* idPtr;
 } IdData;
 
-/* ---- Connections ---------------------------------------------------------------------------------------- */
+/* ---- Connections ----------------------------------------------------------------------------- */
 
 /* Opens a connection to the gateway on this host (127.0.0.1).
  *
- *   port              the gateway's statistics port, 1..65535
+ *   port              the gateway's statistics port, 1 to 65535
  *   gwTokPtr          receives the connection; release it with closeGatewayConnection()
- *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it with
- *                     free(). Null, though the call returned 0, when there was no memory for the copy
- *                     or closeAllGatewayConnections() has closed the connection already.
+ *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it
+ *                     with free(). May be null on success: no memory for the copy, or the
+ *                     connection was closed meanwhile.
  *
- * The calling thread becomes the owner of the connection. Blocks while connecting, authorising and asking
- * for the version.
+ * The calling thread becomes the owner of the connection. The call connects, authorises and asks
+ * for the protocol version, and waits for the gateway; see "Time".
  *
- * Returns 0, or -107 (port), -108 (no gwTokPtr), -105 (no protoColVersion), -135 (refused), -136 (network
- * unreachable), -132 (host not resolved), -118 (any other failure to connect or authorise), -102 (lost while
- * asking for the protocol version), -122 (no usable protocol version), -101 (closed meanwhile by
- * closeAllGatewayConnections()), -115 (list of connections corrupt),
- * -111 (no memory). Nothing stays open after a failure. */
+ * Returns ZEB_OK, or ZEB_PORT_INVALID, ZEB_TOKEN_POINTER_NULL (no gwTokPtr),
+ * ZEB_VERSION_POINTER_NULL (no protoColVersion), ZEB_TOKEN_LIST_CORRUPT (256 connections are open
+ * already: nothing was connected; or the list is corrupt), ZEB_HOST_UNKNOWN (not resolved),
+ * ZEB_CONNECT_TIMED_OUT (the timeout has passed, wherever the call was by then),
+ * ZEB_CONNECT_REFUSED, ZEB_NETWORK_UNREACHABLE, ZEB_CONNECT_FAILED (any other failure to connect or
+ * authorise), ZEB_CONNECTION_LOST (lost while asking for the protocol version),
+ * ZEB_COMMUNICATION_FAILED (no usable protocol version), ZEB_TOKEN_UNKNOWN (closed meanwhile by
+ * closeAllGatewayConnections()), ZEB_NO_MEMORY. Nothing stays open after a failure. */
 ZEB_API int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVersion) ZEB_NOEXCEPT;
 
-/* The same for a gateway anywhere.
+/* Opens a connection to a gateway on any host.
  *
- *   hostname          host name or numeric address, NUL-terminated; its first address is used
+ *   hostname          host name or numeric address, NUL-terminated; only its first address is tried
  *
- * Returns as openGatewayConnection(), and -133 (no hostname, checked after the other arguments). */
+ * Returns as openGatewayConnection(), and ZEB_HOST_NULL (no hostname, checked after the other
+ * arguments). */
 ZEB_API int openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** gwTokPtr,
                                         char** protoColVersion) ZEB_NOEXCEPT;
 
-/* Closes a connection, from any thread, and frees its result set with all entries that point into it.
+/* Closes a connection, from any thread, and frees its result set with all entries that point into
+ * it.
  *
- *   gwTokPtr          address of the caller's token, which is set to null
+ *   gwTokPtr          address of the caller's token, which is set to null on success
  *
- * Tells the gateway and waits for its answer; a gateway that has gone away is no failure.
+ * Tells the gateway and waits for its answer. A gateway that has gone away or does not answer
+ * within the timeout is no failure. If the owner is inside a call on the connection, nothing is
+ * sent: the call is woken and fails; see "Threads". Of two threads that close the same connection,
+ * one gets ZEB_OK and the other ZEB_TOKEN_UNKNOWN.
  *
- * Returns 0, or -108 (no gwTokPtr), -100 (null token), -101 (not an open connection). */
+ * Returns ZEB_OK, or ZEB_TOKEN_POINTER_NULL (no gwTokPtr), ZEB_TOKEN_NULL (null token),
+ * ZEB_TOKEN_UNKNOWN (not, or no longer, an open connection: the token is left as it was). */
 ZEB_API int closeGatewayConnection(GatewayToken** gwTokPtr) ZEB_NOEXCEPT;
 
-/* Closes the connections of all threads. Their owners' tokens become unknown (-101).
+/* Closes the connections of all threads, also those that are just being opened. Their tokens return
+ * ZEB_TOKEN_UNKNOWN afterwards.
  *
- * Returns 0, or -115 (256 connections or more were open: the first 256 are closed, call again). */
+ * Returns ZEB_OK, or ZEB_TOKEN_LIST_CORRUPT (256 connections were open; they have been closed). */
 ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
 
-/* ---- Queries -------------------------------------------------------------------------------------------- */
+/* ---- Queries --------------------------------------------------------------------------------- */
 
-/* Every query asks the gateway, waits for the answer and hands out the connection's own result set, which is
- * the same token every time: its former content is overwritten. Query strings are NUL-terminated, of up to
- * 32,765 characters, ids are separated by ':'; the library sends them as they are.
+/* Every query asks the gateway, waits for the answer and hands out the connection's own result set,
+ * which is the same token every time: its former content is overwritten. Query strings are
+ * NUL-terminated, of up to 32,765 characters, with ids separated by ':'; the library sends its own
+ * copy, unchanged.
  *
  *   gwTok             a connection opened by this thread
  *
- * Each returns 0, or -100 (null token), -126 (null query string, where there is one), -125 (no address for
- * the result set), -101 (not an open connection), -123, -124 (not the owner), -110 (no result set buffer),
- * -2 (query string too long: nothing was sent, the connection stays), -111 (no memory for a copy of the query
- * string, the connection stays), -102 (connection lost: the token has been removed), -122 (the gateway
- * failed or refused the call: the token has been removed). */
+ * Each returns ZEB_OK, or one of these, which leave an open connection open:
+ *   ZEB_TOKEN_NULL, ZEB_QUERY_NULL (no query string), ZEB_RESULT_SET_POINTER_NULL (no address for
+ *   the result set), ZEB_TOKEN_UNKNOWN (not, or no longer, an open connection), ZEB_OTHER_PROCESS
+ *   or ZEB_OTHER_THREAD (not the owner), ZEB_NO_RESULT_SET_BUFFER, ZEB_QUERY_TOO_LONG (nothing was
+ *   sent), ZEB_NO_MEMORY (no memory for a copy of the query string: nothing was sent);
+ * or one of these, which have removed the connection:
+ *   ZEB_CONNECTION_LOST (lost, closed by another thread, ended by a signal, or bytes from the
+ *   gateway that answer no question), ZEB_TIMED_OUT (the timeout has passed),
+ *   ZEB_COMMUNICATION_FAILED (the gateway refused the call, its reply was malformed or announced
+ *   more than 16 MiB, or there was no memory for request or reply). */
 
 /* All statistics; walk them with getFirstStat() and getNextStat(). */
 ZEB_API int getStats(GatewayToken* gwTok, ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
@@ -209,102 +256,112 @@ ZEB_API int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIds
 /* The ids of the resource groups. */
 ZEB_API int getResourceGroupIds(GatewayToken* gwTok, ResultSetToken** resGrpIdRSPtr) ZEB_NOEXCEPT;
 
-/* ---- Walking an answer ---------------------------------------------------------------------------------- */
+/* ---- Walking an answer ----------------------------------------------------------------------- */
 
-/* getFirst...() starts a walk from the beginning, as often as wanted; getNext...() goes on, and starts where
- * no walk has begun. An element of the query that the gateway could not answer is one entry with a negative
- * queryElementRC and no id; an element with an empty list of entries is passed over. The records need not be
- * initialised. A failed call leaves the walk where it was; it may have set the
+/* getFirst...() starts a walk from the beginning, as often as wanted; getNext...() continues it, or
+ * starts one. An element of the query that the gateway could not answer is one entry with a
+ * negative queryElementRC and no id; an element with an empty list of entries is skipped. The
+ * records need not be initialised. A failed call leaves the walk where it was; it may have set the
  * record's contentMarker.
  *
- * Each returns 0, or -127 (null result set), -129 or -128 (null record), -110 (no buffer), -119 (the result
- * set holds no answer, another kind of answer, or a damaged one), -123, -124 (not the owner of the
- * connection), -113 (end of the results). */
+ * Each returns ZEB_OK, or ZEB_END_OF_RESULTS (the normal end of a walk), ZEB_RESULT_SET_NULL,
+ * ZEB_STAT_DATA_NULL or ZEB_ID_DATA_NULL (null record), ZEB_NO_RESULT_SET_BUFFER (its connection is
+ * gone), ZEB_WRONG_CONTENT (no answer, another kind of answer, or a damaged one), ZEB_OTHER_PROCESS
+ * or ZEB_OTHER_THREAD (not the owner of the connection). */
 ZEB_API int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) ZEB_NOEXCEPT;
 ZEB_API int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) ZEB_NOEXCEPT;
 ZEB_API int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) ZEB_NOEXCEPT;
 ZEB_API int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) ZEB_NOEXCEPT;
 
-/* ---- Result sets as a whole ----------------------------------------------------------------------------- */
+/* ---- Result sets as a whole ------------------------------------------------------------------ */
 
 /* Takes a private copy of a result set, so that it survives the next query and the connection.
  *
  *   srcRsPtr          the result set of this thread's connection, or an earlier copy
- *   tarRsPtr          receives the copy; release it with freeResultSet(). The copy's walk has not begun.
+ *   tarRsPtr          receives the copy; release it with freeResultSet(). The copy's walk has not
+ *                     begun.
  *
- * Returns 0, or -127 (no source), -125 (no target), -110 (no buffer), -119 (no answer in it), -123, -124 (not
- * the owner), -111 (no memory). Set *tarRsPtr to null before the call: where it is not null after -111 it is a
- * token without a buffer, to be released with freeResultSet() all the same. */
+ * Returns ZEB_OK, or ZEB_RESULT_SET_NULL (no source), ZEB_RESULT_SET_POINTER_NULL (no target),
+ * ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in it),
+ * ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner), ZEB_NO_MEMORY. Set *tarRsPtr to null
+ * before the call: if it is not null after ZEB_NO_MEMORY, free it too. */
 ZEB_API int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) ZEB_NOEXCEPT;
 
-/* Releases a copy and sets the caller's token to null; all entries that point into it are gone.
+/* Releases a copy and sets the caller's token to null; entries that point into it are gone. A copy
+ * that has been freed is not recognised: it must not be used again.
  *
- * Returns 0, or -125 (no address), -127 (null token), -106 (not a copy: it belongs to its connection). */
+ * Returns ZEB_OK, or ZEB_RESULT_SET_POINTER_NULL (no address), ZEB_RESULT_SET_NULL (null token),
+ * ZEB_NOT_A_COPY (it belongs to its connection), ZEB_NO_RESULT_SET_BUFFER (and that is gone). */
 ZEB_API int freeResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 
-/* Writes a result set's token line and the bytes of its buffer to the trace destination, whatever the level.
+/* Writes a result set's token line and the bytes of its buffer to the trace destination, at any
+ * level.
  *
- * Returns 0, or -127 (null token), -110 (no buffer), -119 (no answer in it), -123, -124 (not the owner). */
+ * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_NO_RESULT_SET_BUFFER (its connection is gone),
+ * ZEB_WRONG_CONTENT (no answer in it), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner). */
 ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
-/* Joins the ids of a result set into one query string, separated by ':', leaving out those of elements whose
- * queryElementRC is not 0. Ids beyond 31,999 characters are left out. Ends the walk of the result set.
+/* Joins the ids of a result set into one query string, separated by ':'. Ids of elements whose
+ * queryElementRC is not 0 and ids beyond 31,999 characters are left out. Ends the walk of the
+ * result set.
  *
- *   idQueryStringPtr  receives the string: it lies in the result set, is overwritten by the next call with
- *                     the same result set and freed with it
+ *   idQueryStringPtr  receives the string: it lies in the result set, is overwritten by the next
+ *                     call with the same result set and freed with it
  *
- * Returns 0, or -127 (null token), -109 (no idQueryStringPtr), -110 (no buffer), -119 (no answer in it), -123,
- * -124 (not the owner), -131 (no good id), -111 (no memory). */
+ * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_OUTPUT_POINTER_NULL (no idQueryStringPtr),
+ * ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in it),
+ * ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner), ZEB_NO_GOOD_ID, ZEB_NO_MEMORY. */
 ZEB_API int getIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr) ZEB_NOEXCEPT;
 
-/* ---- Library and trace ---------------------------------------------------------------------------------- */
+/* ---- Library and trace ----------------------------------------------------------------------- */
+
+/* Sets the timeout of the process for calls that wait for a gateway; see "Time".
+ *
+ *   milliseconds      the timeout of each call that starts afterwards, in any thread; 0, the state
+ *                     at the start, waits for ever
+ *
+ * Returns ZEB_OK, or ZEB_TIMEOUT_INVALID (negative: nothing is changed). */
+ZEB_API int setAPITimeout(int milliseconds) ZEB_NOEXCEPT;
+
+/* Stores the timeout of the process in milliseconds.
+ *
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no millisecondsPtr). */
+ZEB_API int getAPITimeout(int* millisecondsPtr) ZEB_NOEXCEPT;
+
+/* Returns an English text for a code of the library, without a full stop, "unknown code" for any
+ * other number; never null. The text is static. */
+ZEB_API const char* getAPICodeText(int code) ZEB_NOEXCEPT;
 
 /* Stores the address of the API version, a NUL-terminated text that lives as long as the library.
  *
- * Returns 0, or -109 (no apiVersPtr). */
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no apiVersPtr). */
 ZEB_API int getStatsAPIVersion(char** apiVersPtr) ZEB_NOEXCEPT;
 
 /* Stores the trace level.
  *
- * Returns 0, or -109 (no traceStatePtr). */
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no traceStatePtr). */
 ZEB_API int getAPITraceLevel(int* traceStatePtr) ZEB_NOEXCEPT;
 
-/* Sets the trace level of the process: 0 nothing, 1 failures, 2 events (connections, answers), 3 entry and
- * exit of every function, 4 details and data, 5 locks. Each level includes those below it.
+/* Sets the trace level of the process: 0 nothing, 1 failures, 2 events (connections, answers), 3
+ * entry and exit of every function, 4 details and data, 5 locks. Each level includes those below
+ * it.
  *
- * Returns 0, or -104 (level outside 0..5, nothing is changed). */
+ * Returns ZEB_OK, or ZEB_TRACE_LEVEL_INVALID (outside 0 to 5: nothing is changed). */
 ZEB_API int setAPITraceLevel(int traceState) ZEB_NOEXCEPT;
 
-/* Directs the trace to the end of a file, which stays open until the next call, or with null back to
- * standard error, where it starts.
+/* Appends the trace to a file, which stays open until the next call, or with null to standard
+ * error, where it goes at the start.
  *
  *   traceFile         a path of at most 1,023 characters, NUL-terminated, or null
  *
- * Returns 0, or -130 (the file could not be opened: the destination is unchanged). */
+ * Returns ZEB_OK, or ZEB_TRACE_FILE_FAILED (the file could not be opened, or is a FIFO that nobody
+ * reads: the destination is unchanged). */
 ZEB_API int setAPITraceFile(const char* traceFile) ZEB_NOEXCEPT;
 
-/* Limits how long each call that talks to a gateway may take: opening, a query, a close, and
- * closeAllGatewayConnections() with all its gateways together.
+/* Writes the state of the library, its open connections and their result sets to the trace
+ * destination, at any level.
  *
- *   milliseconds      the limit of every call that starts after this one, in any thread; 0, the state at the
- *                     start, waits without limit
- *
- * Returns 0, or -137 (negative, nothing is changed). */
-ZEB_API int setAPITimeout(int milliseconds) ZEB_NOEXCEPT;
-
-/* Stores the limit that setAPITimeout() has set, in milliseconds.
- *
- * Returns 0, or -109 (no millisecondsPtr). */
-ZEB_API int getAPITimeout(int* millisecondsPtr) ZEB_NOEXCEPT;
-
-/* Returns an English text for a code of the library, without a full stop; never null. The text lives as long
- * as the library. */
-ZEB_API const char* getAPICodeText(int code) ZEB_NOEXCEPT;
-
-/* Writes the state of the library, its open connections and their result sets to the trace destination,
- * whatever the level.
- *
- * Returns 0. */
+ * Returns ZEB_OK. */
 ZEB_API int dumpState(void) ZEB_NOEXCEPT;
 
 #endif

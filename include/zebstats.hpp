@@ -1,5 +1,7 @@
-// zebstats.hpp: the calls of zebstats.h for C++17 programs. Header only, throws nothing, needs no exceptions.
+// zebstats.hpp: the calls of zebstats.h for C++17 programs. Header only, throws nothing, needs no
+// exceptions.
 //
+//     if (zebstats::Error failed = zebstats::setTimeout(5000)) return fail(failed.text());
 //     zebstats::Connection gateway;
 //     if (zebstats::Error failed = gateway.open("127.0.0.1", 2980)) return fail(failed.text());
 //     zebstats::StatSet answer = gateway.stats();
@@ -7,18 +9,19 @@
 //       if (stat.ok()) std::cout << stat.id << " = " << stat.value << '\n';
 //     if (answer.error()) return fail(answer.error().text());
 //
-// Every rule of zebstats.h holds here too. Those about life time are kept this way:
+// Every rule of zebstats.h holds here too. Lifetimes are guarded like this:
 //
-//   Connection      closes itself. It can be moved, not copied; a moved-from one is not open. In a forked child
-//                   it forgets the gateway instead of closing it, which would end its parent's session.
-//   StatSet, IdSet  views of the connection's one answer, good until the next query on it. They know which
-//                   query they belong to: used after another query, or after the connection has been closed or
-//                   lost, they fail an assertion, and with NDEBUG end the walk with an error. They can not be
-//                   taken from a temporary connection: that does not compile.
+//   Connection      closes itself. It can be moved, not copied; a moved-from one is not open. In a
+//                   forked child it forgets the gateway and sends nothing.
+//   StatSet, IdSet  views of the connection's one answer, valid until the next query on it. They
+//                   know which query they belong to: used after another query, or after the
+//                   connection has been closed or lost, they fail an assertion, and with NDEBUG end
+//                   the walk with an error. They cannot be taken from a temporary connection: that
+//                   does not compile.
 //   StatSetCopy,    own their answer, and outlive query, connection and thread.
 //   IdSetCopy
-//   Stat, Id        are good as long as the answer is, and overwritten by the next step of the walk. Their
-//                   texts are views too: std::string(stat.value) keeps one.
+//   Stat, Id        are valid as long as the answer is, and overwritten by the next step of the
+//                   walk. Their texts are views too: std::string(stat.value) keeps one.
 //
 // One answer has one walk: begin() starts it again, also for other views of the same answer.
 #ifndef ZEBSTATS_HPP
@@ -40,76 +43,30 @@
 
 namespace zebstats {
 
-// ---- Errors -------------------------------------------------------------------------------------------------
+// ---- Errors -------------------------------------------------------------------------------------
 
-// What a code of the library means, in words that fit behind a colon.
-struct Meaning {
-  int code;
-  const char* text;
-};
-
-inline constexpr Meaning kMeanings[] = {
-    {ZEB_OK, "no error"},
-    {ZEB_TOKEN_NULL, "not connected"},
-    {ZEB_TOKEN_UNKNOWN, "the connection is not open any more"},
-    {ZEB_CONNECTION_LOST, "the connection to the gateway was lost"},
-    {ZEB_BUFFER_NULL, "an internal buffer is missing"},
-    {ZEB_TRACE_LEVEL_INVALID, "the trace level is outside 0 to 5"},
-    {ZEB_VERSION_POINTER_NULL, "no address was given for the protocol version"},
-    {ZEB_NOT_A_COPY, "only copies of result sets can be freed"},
-    {ZEB_PORT_INVALID, "the port is outside 1 to 65535"},
-    {ZEB_TOKEN_POINTER_NULL, "no address was given for the connection"},
-    {ZEB_OUTPUT_POINTER_NULL, "no address was given for the result"},
-    {ZEB_NO_RESULT_SET_BUFFER, "the result set has no buffer"},
-    {ZEB_NO_MEMORY, "out of memory"},
-    {ZEB_END_OF_RESULTS, "the results have ended"},
-    {ZEB_TOKEN_LIST_CORRUPT, "the list of connections is corrupt or too long"},
-    {ZEB_OWNER_INVALID, "an internal result set was asked for with an unknown owner"},
-    {ZEB_CONNECT_FAILED, "connecting failed"},
-    {ZEB_WRONG_CONTENT, "the result set holds no answer of this kind"},
-    {ZEB_TRACE_LOCK_FAILED, "a lock of the library could not be initialised"},
-    {ZEB_COMMUNICATION_FAILED, "the gateway did not answer as agreed"},
-    {ZEB_OTHER_PROCESS, "the connection belongs to another process"},
-    {ZEB_OTHER_THREAD, "the connection belongs to another thread"},
-    {ZEB_RESULT_SET_POINTER_NULL, "no address was given for the result set"},
-    {ZEB_QUERY_NULL, "no query was given"},
-    {ZEB_RESULT_SET_NULL, "there is no result set"},
-    {ZEB_ID_DATA_NULL, "no record was given for the id"},
-    {ZEB_STAT_DATA_NULL, "no record was given for the statistic"},
-    {ZEB_TRACE_FILE_FAILED, "the trace file could not be opened for append"},
-    {ZEB_NO_GOOD_ID, "the result set holds no good id"},
-    {ZEB_HOST_UNKNOWN, "the host name could not be resolved"},
-    {ZEB_HOST_NULL, "no host name was given"},
-    {ZEB_CONNECT_TIMED_OUT, "connecting timed out"},
-    {ZEB_CONNECT_REFUSED, "the gateway refused the connection"},
-    {ZEB_NETWORK_UNREACHABLE, "the network is unreachable"},
-    {ZEB_QUERY_TOO_LONG, "the query has 32,766 characters or more"},
-};
-
-constexpr const char* describe(int code) noexcept {
-  for (const Meaning& meaning : kMeanings) {
-    if (meaning.code == code) return meaning.text;
-  }
-  return "unknown code";
+// English text of each code of the library, without a full stop; never null.
+inline const char* describe(int code) noexcept {
+  return getAPICodeText(code);
 }
 
-// A code of the library, true where it tells of a failure.
+// A code of the library; true for a failure.
 class Error {
  public:
   constexpr Error() noexcept = default;
   constexpr explicit Error(int code) noexcept : code_(code) {}
   constexpr explicit operator bool() const noexcept { return code_ != ZEB_OK; }
   [[nodiscard]] constexpr int code() const noexcept { return code_; }
-  [[nodiscard]] constexpr const char* text() const noexcept { return describe(code_); }
+  [[nodiscard]] const char* text() const noexcept { return describe(code_); }
 
  private:
   int code_ = ZEB_OK;
 };
 
-// ---- Entries of an answer -----------------------------------------------------------------------------------
+// ---- Entries of an answer -----------------------------------------------------------------------
 
-// The id of one statistic or resource group. Where the gateway could not answer an element of the query, ok()
-// is false, elementCode tells the gateway's reason (it is none of the library's codes), and id is empty.
+// The id of one statistic or resource group. If the gateway could not answer an element of the
+// query, ok() is false, elementCode is the gateway's code, not the library's, and id is empty.
 struct Id {
   std::string_view element;
   int elementCode = 0;
@@ -117,7 +74,7 @@ struct Id {
   [[nodiscard]] bool ok() const noexcept { return elementCode >= 0; }
 };
 
-// One statistic, likewise.
+// One statistic; the same rules hold.
 struct Stat : Id {
   std::string_view value;
 };
@@ -148,7 +105,7 @@ inline int step(ResultSetToken* token, bool first, Stat& stat) noexcept {
   return ZEB_OK;
 }
 
-// What a connection and its views share: a view may outlive the connection, and finds out here.
+// Shared by a connection and its views, so that a view notices that its answer is gone.
 struct Session {
   GatewayToken* gateway = nullptr;  // null once closed or lost
   std::uint64_t query = 0;          // the number of the latest query
@@ -180,12 +137,12 @@ class SessionRef {
 
 }  // namespace detail
 
-// ---- Answers ------------------------------------------------------------------------------------------------
+// ---- Answers ------------------------------------------------------------------------------------
 
 template <typename Entry>
 class ResultSetCopy;
 
-// What views and copies have in common: one pass of a range-for, and why it ended.
+// Base of views and copies: one walk, as a range, and the code that ended it.
 template <typename Entry>
 class Walk {
  public:
@@ -214,20 +171,21 @@ class Walk {
     Walk* walk_ = nullptr;
   };
 
-  // Starts the walk from the beginning. The set must stay where it is as long as the walk goes on.
+  // Starts the walk from the beginning. The set must not be moved during the walk.
   [[nodiscard]] iterator begin() & noexcept { return iterator(advance(true)); }
   [[nodiscard]] iterator end() & noexcept { return iterator(); }
 
-  // Why there is no answer, or why the walk ended early. None while it goes on and after its normal end.
+  // Why there is no answer, or why the walk ended early. None during the walk and after its normal
+  // end.
   [[nodiscard]] Error error() const noexcept { return Error(code_ == ZEB_END_OF_RESULTS ? ZEB_OK : code_); }
-  // Whether the walk has come to its normal end.
+  // Whether the walk has reached its normal end.
   [[nodiscard]] bool ended() const noexcept { return code_ == ZEB_END_OF_RESULTS; }
 
   // An owned copy, whose walk has not begun; ask its error().
   [[nodiscard]] ResultSetCopy<Entry> copy() const noexcept;
 
-  // Joins the good ids into a query for statsByIds() or idsByGroups(), NUL-terminated. It lies in the answer
-  // and ends its walk.
+  // Joins the good ids into a NUL-terminated query for statsByIds() or idsByGroups(). The text lies
+  // in the answer. Ends the walk.
   [[nodiscard]] Error idQuery(const char*& query) & noexcept {
     char* joined = nullptr;
     int rc = check();
@@ -236,7 +194,7 @@ class Walk {
     return Error(rc);
   }
 
-  // For calls of zebstats.h; null where there is no answer any more.
+  // For calls of zebstats.h; null if the answer no longer exists.
   [[nodiscard]] ResultSetToken* handle() const noexcept { return check() == ZEB_OK ? token_ : nullptr; }
 
  protected:
@@ -244,7 +202,7 @@ class Walk {
   Walk(ResultSetToken* token, int code, detail::SessionRef session = {}) noexcept
       : token_(token), code_(code), session_(std::move(session)), query_(session_ ? session_->query : 0) {}
 
-  // Whether the answer is there still.
+  // ZEB_OK if the answer still exists.
   [[nodiscard]] int check() const noexcept {
     if (token_ == nullptr) return code_ != ZEB_OK ? code_ : ZEB_RESULT_SET_NULL;
     if (!session_) return ZEB_OK;
@@ -262,7 +220,7 @@ class Walk {
 
   ResultSetToken* token_ = nullptr;
   int code_ = ZEB_RESULT_SET_NULL;
-  detail::SessionRef session_;  // none where the answer is a copy
+  detail::SessionRef session_;  // none if the answer is a copy
   std::uint64_t query_ = 0;
   Entry entry_;
 };
@@ -278,7 +236,7 @@ class ResultSet : public Walk<Entry> {
   using Walk<Entry>::Walk;
 };
 
-// An answer of one's own; can be moved, not copied but by copy().
+// Owns its answer; movable, copied only by copy().
 template <typename Entry>
 class ResultSetCopy : public Walk<Entry> {
  public:
@@ -313,9 +271,10 @@ using IdSet = ResultSet<Id>;
 using StatSetCopy = ResultSetCopy<Stat>;
 using IdSetCopy = ResultSetCopy<Id>;
 
-// ---- Connections --------------------------------------------------------------------------------------------
+// ---- Connections --------------------------------------------------------------------------------
 
-// One connection to a gateway, for the thread that opens it. Texts are NUL-terminated, ids separated by ':'.
+// One connection to a gateway, for the thread that opens it. Texts are NUL-terminated, ids are
+// separated by ':'.
 class Connection {
  public:
   Connection() noexcept = default;
@@ -331,7 +290,7 @@ class Connection {
   }
   ~Connection() { close(); }
 
-  // Opens a connection, after closing the one that was open. Blocks without limit.
+  // Closes the open connection, if any, then opens another. The timeout bounds each of the two.
   [[nodiscard]] Error open(const char* host, int port) noexcept {
     close();
     detail::SessionRef session(new (std::nothrow) detail::Session);
@@ -341,13 +300,13 @@ class Connection {
     return Error(rc);
   }
 
-  // Tells the gateway and waits for its answer. No error where nothing is open.
+  // Tells the gateway and waits for its answer, at most for the timeout. No error if none is open.
   Error close() noexcept {
     GatewayToken* gateway = release();
     return Error(gateway != nullptr ? closeGatewayConnection(&gateway) : ZEB_OK);
   }
 
-  // Lets go of the connection without closing it. Null where none is open, and in a forked child.
+  // Gives up the connection without closing it. Null if none is open, and in a forked child.
   GatewayToken* release() noexcept {
     GatewayToken* gateway = handle();
     const bool own = gateway != nullptr && session_->process == getpid();
@@ -358,14 +317,14 @@ class Connection {
   }
 
   [[nodiscard]] bool isOpen() const noexcept { return handle() != nullptr; }
-  // For calls of zebstats.h. A query made with it goes unnoticed by the views.
+  // For calls of zebstats.h. Views do not notice queries made with it.
   [[nodiscard]] GatewayToken* handle() const noexcept { return session_ ? session_->gateway : nullptr; }
-  // Empty where none is known.
+  // Empty if none is known.
   [[nodiscard]] const char* protocolVersion() const& noexcept { return version_ != nullptr ? version_ : ""; }
   const char* protocolVersion() const&& = delete;
 
-  // Each asks the gateway, waits for the answer without limit, and ends the life of the answer before it. Not
-  // for temporary connections (the &): their answers would not outlive the statement.
+  // Each asks the gateway, waits for the answer, at most for the timeout, and ends the life of the
+  // previous answer. Not for temporary connections (the &): their answers would dangle.
   [[nodiscard]] StatSet stats() & noexcept { return ask<Stat>(getStats); }
   [[nodiscard]] StatSet statsByIds(const char* ids) & noexcept { return ask<Stat>(getStatsByStatId, ids); }
   [[nodiscard]] StatSet statsByGroups(const char* ids) & noexcept {
@@ -385,8 +344,9 @@ class Connection {
     ++session_->query;
     const int rc = call(session_->gateway, text..., &token);
     if (rc == ZEB_OK) return ResultSet<Entry>(token, rc, session_);
-    const bool gone = rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED || rc == ZEB_TOKEN_UNKNOWN;
-    if (gone) session_->gateway = nullptr;
+    if (rc == ZEB_CONNECTION_LOST || rc == ZEB_TIMED_OUT || rc == ZEB_COMMUNICATION_FAILED ||
+        rc == ZEB_TOKEN_UNKNOWN)
+      session_->gateway = nullptr;
     return ResultSet<Entry>(nullptr, rc);
   }
 
@@ -394,12 +354,22 @@ class Connection {
   char* version_ = nullptr;
 };
 
-// ---- Library and trace --------------------------------------------------------------------------------------
+// ---- Library and trace --------------------------------------------------------------------------
 
-// Empty while the library has not managed to start.
+// Empty until initialisation has succeeded.
 inline const char* apiVersion() noexcept {
   char* version = nullptr;
   return getStatsAPIVersion(&version) == ZEB_OK ? version : "";
+}
+
+// Bounds each later open, query and close, in any thread; 0, the state at the start: no limit.
+inline Error setTimeout(int milliseconds) noexcept {
+  return Error(setAPITimeout(milliseconds));
+}
+inline int timeout() noexcept {
+  int milliseconds = 0;
+  (void)getAPITimeout(&milliseconds);
+  return milliseconds;
 }
 
 inline Error setTraceLevel(int level) noexcept {

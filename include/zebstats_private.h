@@ -74,6 +74,10 @@ struct GatewayToken {
   ThreadId owningTid;
   char* protocolVersion;
   GatewayToken* nextGwyTokPtr;
+  // What follows is never shown. Other threads read and write holds and cancelled without a lock.
+  std::uint32_t holds;      // the calls that are using the token; kRemoved is added when it leaves the list
+  std::uint32_t cancelled;  // 1: another thread has closed the connection while a call was using it
+  bool handedOut;           // the host has had the handle, which stays recognisable after the close
 };
 
 struct ResultSetToken {
@@ -93,6 +97,7 @@ struct ResultSetToken {
   char* queryElementPtr;
   std::int32_t queryElementLen;
   std::int32_t queryElementRC;
+  bool handedOut;  // the host has had the handle, which stays recognisable after the close
 };
 
 struct RequestHeader {

@@ -1,15 +1,22 @@
 // The trace: one destination, one line format, the storage dump.
 //
 // Every line, the banner and the switch of destination are written under traceLock, because the format buffer
-// and the time stamp are shared. The lines of the lock operations, which can not take it, and the state line
-// of dumpState use buffers of their own; streamMutex keeps the destination open under their hands. It is the
-// innermost lock: nothing else is taken while it is held.
+// and the time stamp are shared. The lines of the lock operations, which cannot take it, and the state line of
+// dumpState use buffers of their own. streamMutex keeps the destination from being closed while they write; it
+// is the innermost lock.
+//
+// The trace must not harm the host: what the destination does not take at once is lost, and the signals of a
+// failed write are held off and taken away.
 
 #include "stapi_zeb_diag.h"
 
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <stdarg.h>
+#include <stdio_ext.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -18,9 +25,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
+#include "stapi_zeb_signal.h"
 #include "stapi_zeb_version.h"
 
 extern "C" {
@@ -45,30 +55,14 @@ namespace zeb {
 namespace {
 
 std::uint32_t noPid = 0;
-int traceHeaderWrite = 0;  // 1: the banner stands in the current destination
+int traceHeaderWrite = 0;  // 1: the destination already has the banner
 pthread_mutex_t streamMutex = PTHREAD_MUTEX_INITIALIZER;
+char lastTimeStamp[sizeof timeStamp];  // of the last line written; guarded by streamMutex
 
-class StreamGuard {
- public:
-  StreamGuard() noexcept : isHeld_(pthread_mutex_lock(&streamMutex) == 0) {}
-  ~StreamGuard() {
-    if (isHeld_) pthread_mutex_unlock(&streamMutex);
-  }
-  StreamGuard(const StreamGuard&) = delete;
-  StreamGuard& operator=(const StreamGuard&) = delete;
-
- private:
-  bool isHeld_;
-};
-
-// Tracing must not disturb what it reports on: later steps read errno.
-class ErrnoKeeper {
- public:
-  ~ErrnoKeeper() { errno = kept_; }
-
- private:
-  int kept_ = errno;
-};
+// A line that is longer than this is cut: it shows a query string, which has a limit of its own, or a name that
+// the host gave.
+char lineBuffer[kQueryStringSize + 2048];  // guarded by traceLock
+bool isTraceLockedForFork = false;         // set between a fork's two halves
 
 FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
@@ -93,9 +87,16 @@ void putMilliseconds(char* dst, const timeval& now) noexcept {
   putDigits(dst + kMillisecondsAt, static_cast<int>(now.tv_usec / 1000), 3, '\0');
 }
 
-void putTimestamp(char* dst, const timeval& now) noexcept {
+// The host may have changed TZ, which localtime_r alone would not notice.
+tm toLocalTime(time_t second) noexcept {
   tm local = {};
-  localtime_r(&now.tv_sec, &local);
+  tzset();
+  localtime_r(&second, &local);
+  return local;
+}
+
+void putTimestamp(char* dst, const timeval& now) noexcept {
+  const tm local = toLocalTime(now.tv_sec);
   char* at = putDate(dst, local, ' ');
   at = putDigits(at, local.tm_hour, 2, ':');
   at = putDigits(at, local.tm_min, 2, ':');
@@ -103,13 +104,23 @@ void putTimestamp(char* dst, const timeval& now) noexcept {
   putMilliseconds(dst, now);
 }
 
-// The caller holds traceLock. Of the lines of one second only the first asks for the local time, which is slow.
+// The caller holds traceLock. Returns true if TZ is not what it was at the call before.
+bool hasZoneChanged() noexcept {
+  static char known[64] = "?";
+  const char* const zone = getenv("TZ");
+  const char* const shown = zone != nullptr ? zone : "?";
+  if (strncmp(known, shown, sizeof known) == 0) return false;
+  strncpy(known, shown, sizeof known - 1);  // a longer one always counts as changed
+  return true;
+}
+
+// The caller holds traceLock. Local time is cached per second: localtime_r is slow.
 void refreshTimeStamp() noexcept {
   static time_t second = -1;
   static char text[sizeof timeStamp];
   timeval now = {};
   gettimeofday(&now, nullptr);
-  if (now.tv_sec != second) {
+  if (hasZoneChanged() || now.tv_sec != second) {
     putTimestamp(text, now);
     second = now.tv_sec;
   }
@@ -117,46 +128,111 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
+// The trace's own files do not block, but standard error may be a pipe whose reader sleeps.
+bool takesOutput(FILE* stream) noexcept {
+  if (stream != stderr) return true;
+  pollfd waited = {fileno(stream), POLLOUT, 0};
+  return poll(&waited, 1, 0) != 0;
+}
+
+// The caller holds streamMutex. Writes in pieces that a pipe takes as a whole; once a piece is lost, the rest is.
+void writeToStream(const char* text, std::size_t length) noexcept {
+  FILE* const stream = destination();
+  HeldWriteSignals signals;
+  while (length > 0) {
+    const std::size_t piece = std::min<std::size_t>(length, PIPE_BUF);
+    if (!takesOutput(stream)) return;
+    if (fwrite(text, 1, piece, stream) != piece || fflush(stream) != 0) {
+      signals.takeSignalOf(errno);
+      __fpurge(stream);  // or it would be written at some later time
+      clearerr(stream);
+      return;
+    }
+    text += piece;
+    length -= piece;
+  }
+}
+
+void writeText(const char* text, std::size_t length) noexcept {
+  const MutexGuard guard(streamMutex);
+  writeToStream(text, length);
+}
+
+void writeStampedLine(const char* text, std::size_t length, const char* stamp) noexcept {
+  const MutexGuard guard(streamMutex);
+  writeToStream(text, length);
+  memmove(lastTimeStamp, stamp, sizeof lastTimeStamp);
+}
+
+// What is in a buffer of that size after vsnprintf has returned written; a line that was cut still ends.
+std::size_t endLine(char* buffer, std::size_t size, int written) noexcept {
+  if (written < 0) return 0;
+  if (static_cast<std::size_t>(written) < size) return static_cast<std::size_t>(written);
+  buffer[size - 2] = '\n';
+  return size - 1;
+}
+
 enum class Time { fresh, asBefore };
 
-// The caller holds traceLock. format is the prefix and the message in one literal, checked where it stands;
-// the arguments begin with those of the prefix, the first of them timeStamp itself.
+void setTimeStamp(Time time) noexcept {
+  if (time == Time::fresh) {
+    refreshTimeStamp();
+  } else {
+    const MutexGuard guard(streamMutex);
+    memcpy(timeStamp, lastTimeStamp, sizeof timeStamp);
+  }
+}
+
+// The caller holds traceLock. format is prefix and message as one literal, so the compiler can check it; the
+// first argument is timeStamp.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
   traceFmtStr[kTracePrefixLength + length] = '\0';
-  if (time == Time::fresh) refreshTimeStamp();
+  setTimeStamp(time);
   tracePid = currentPid();
   traceTid = shownTid();
   iTid = traceTid;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  vfprintf(destination(), traceFmtStr, arguments);
+  const int written = vsnprintf(lineBuffer, sizeof lineBuffer, traceFmtStr, arguments);
 #pragma GCC diagnostic pop
+  writeStampedLine(lineBuffer, endLine(lineBuffer, sizeof lineBuffer, written), timeStamp);
 }
 
 void writeBannerOnce() noexcept {
   if (traceHeaderWrite != 0) return;
   writeRaw("*** %s KRO Velora ZEBSTATS DLL trace V%s API V%s Build Level %s ***\n", getTraceDate(dateBuf),
            kProductVersion, kApiVersion, kBuildLevel);
-  flushTrace();
 }
 
+// Opens a file for append. It never blocks: not the opening of a FIFO that nobody reads, nor a write to one whose
+// reader sleeps.
 FILE* openTraceFile(const char* name, int& error) noexcept {
   if (strlen(name) >= kTraceFilenameSize) {
     error = ENAMETOOLONG;
     return nullptr;
   }
-  FILE* opened = fopen(name, "a");
-  if (opened == nullptr) error = errno;
-  return opened;
+  const int descriptor = open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+  FILE* const opened = descriptor >= 0 ? fdopen(descriptor, "ae") : nullptr;
+  if (opened != nullptr) return opened;
+  error = errno;
+  if (descriptor >= 0) close(descriptor);
+  return nullptr;
+}
+
+// The caller holds traceLock and streamMutex, and makes another destination the current one.
+void closeTraceFile() noexcept {
+  if (statAPITraceHandle != nullptr && statAPITraceHandle != stderr) fclose(statAPITraceHandle);
+}
+
+void writeDumpText(StorageDump& dump) noexcept {
+  writeText(dump.text, dump.textLength);
+  dump.textLength = 0;
 }
 
 void appendText(StorageDump& dump, char c) noexcept {
-  if (dump.textLength == sizeof dump.text) {
-    fwrite(dump.text, 1, dump.textLength, destination());
-    dump.textLength = 0;
-  }
+  if (dump.textLength == sizeof dump.text) writeDumpText(dump);
   dump.text[dump.textLength++] = c;
 }
 
@@ -177,7 +253,7 @@ bool isReadable(const StorageDump& dump, int position, std::ptrdiff_t bytes) noe
   return dump.limit == nullptr || dump.limit - dump.address - position >= bytes;
 }
 
-// Does the dump end ahead of this position of the line?
+// Whether the dump ends before this column.
 bool endsAt(const StorageDump& dump, int position) noexcept {
   if (dump.remaining > 0) return position == dump.remaining;
   return isReadable(dump, position, sizeof dump.stopWord) &&
@@ -195,7 +271,6 @@ int dumpLines(StorageDump dump) noexcept {
     if (lengthMode) dump.remaining -= count;
     if (count == 0 || (lengthMode ? dump.remaining < 1 : count != dump.lineWidth)) break;
   }
-  flushTrace();
   return total;
 }
 
@@ -203,20 +278,23 @@ int dumpLines(StorageDump dump) noexcept {
 
 constinit std::atomic<std::uint32_t*> rememberedPid = &noPid;
 
+// A whole page of the library's own data, whatever the size of a page up to 64 kB: it goes when the library is
+// unloaded, and its memory is not touched but for that page.
 void startRememberingPid() noexcept {
+  constexpr std::size_t kMaxPageSize = 65536;
+  static char area[2 * kMaxPageSize];
   const ErrnoKeeper keeper;
   if (rememberedPid != &noPid) return;
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  void* const page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (page == MAP_FAILED) return;
-  // Who takes an advice that does not exist, as emulators do, heeds none.
+  if (size > kMaxPageSize) return;
+  void* page = area;
+  std::size_t space = sizeof area;
+  std::align(size, size, page, space);
+  // Some emulators accept any advice and ignore it; if an invalid one is accepted, WIPEONFORK cannot be trusted.
   constexpr int kNoAdvice = -1;
-  if (madvise(page, size, kNoAdvice) != 0 && madvise(page, size, MADV_WIPEONFORK) == 0) {
-    rememberedPid = static_cast<std::uint32_t*>(page);
-    askPid();  // now, so that no child that shares the page leaves its own id there
-  } else {
-    munmap(page, size);
-  }
+  if (madvise(page, size, kNoAdvice) == 0 || madvise(page, size, MADV_WIPEONFORK) != 0) return;
+  rememberedPid = static_cast<std::uint32_t*>(page);
+  askPid();  // stored now, or a vfork child would store its id on the shared page
 }
 
 std::uint32_t askPid() noexcept {
@@ -247,7 +325,6 @@ void writeTraceLine(const char* format, ...) noexcept {
   {
     const LockGuard guard(traceLock);
     writeFormatted(Time::fresh, format, arguments);
-    flushTrace();
   }
   va_end(arguments);
 }
@@ -259,7 +336,6 @@ void writeTraceLineSameTime(const char* format, ...) noexcept {
   {
     const LockGuard guard(traceLock);
     writeFormatted(Time::asBefore, format, arguments);
-    flushTrace();
   }
   va_end(arguments);
 }
@@ -272,32 +348,30 @@ void writeTraceData(const TracedStorage& storage, const char* format, ...) noexc
     const LockGuard guard(traceLock);
     writeFormatted(Time::fresh, format, arguments);
     dumpStorage(storage);
-    flushTrace();
   }
   va_end(arguments);
 }
 
 void writeLockTraceLine(const char* format, ...) noexcept {
   const ErrnoKeeper keeper;
+  char line[kTracePrefixLength + kTraceMessageSize + sizeof timeStamp + 64];
   va_list arguments;
   va_start(arguments, format);
-  {
-    const StreamGuard guard;
-    vfprintf(destination(), format, arguments);
-    flushTrace();
-  }
+  const int written = vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  va_start(arguments, format);
+  const char* const stamp = va_arg(arguments, const char*);
+  writeStampedLine(line, endLine(line, sizeof line, written), stamp);
   va_end(arguments);
 }
 
 void writeRaw(const char* format, ...) noexcept {
+  char line[kTraceFilenameSize + 256];  // the longest one shows the name of the trace file
   va_list arguments;
   va_start(arguments, format);
-  vfprintf(destination(), format, arguments);
+  const int written = vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-}
-
-void flushTrace() noexcept {
-  fflush(destination());
+  writeText(line, endLine(line, sizeof line, written));
 }
 
 void writeRule() noexcept {
@@ -312,15 +386,13 @@ int dumpStorage(const TracedStorage& storage) noexcept {
 
 void writeStateLine() noexcept {
   const ErrnoKeeper keeper;
-  const StreamGuard guard;
   writeRaw("zebstats state dump: API Version=%s Trace Level=%d statAPITraceFile=%s\n", kApiVersion,
            traceLevel(), traceFilename());
-  flushTrace();
 }
 
 void changeTraceLevel(int level) noexcept {
   const LockGuard guard(traceLock);
-  // kept: only a switch of file marks the banner as written, so each rise from 0 on standard error repeats it.
+  // quirk: only a switch of file marks the banner as written, so each rise from 0 on standard error repeats it.
   if (traceLevel() == 0 && level > 0) writeBannerOnce();
   setTraceLevel(level);
 }
@@ -332,10 +404,10 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const bool isThereAlready =
       traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
   if (opened != nullptr && !isThereAlready) {
-    const StreamGuard streamGuard;
-    if (statAPITraceHandle != nullptr && statAPITraceHandle != stderr) fclose(statAPITraceHandle);
+    const MutexGuard streamGuard(streamMutex);
+    closeTraceFile();
     const char* const name = traceFile != nullptr ? traceFile : defaultTraceFilename;
-    memmove(statAPITraceFilename, name, strlen(name) + 1);  // it may be the buffer itself
+    memmove(statAPITraceFilename, name, strlen(name) + 1);  // traceFile may be the buffer itself
     statAPITraceHandle = opened;
     traceHeaderWrite = 0;
     result.switched = true;
@@ -347,13 +419,39 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   return result;
 }
 
+void lockTraceForFork() noexcept {
+  isTraceLockedForFork = lockForFork(traceLock);
+  pthread_mutex_lock(&streamMutex);
+}
+
+void unlockTraceAfterFork() noexcept {
+  pthread_mutex_unlock(&streamMutex);
+  if (isTraceLockedForFork) unlockAfterFork(traceLock);
+}
+
+namespace {
+
+// The destructor also runs at the end of the process, when other threads may still write: then nothing is freed.
+[[gnu::destructor]] void releaseTrace() noexcept {
+  if (traceLock.state == 0 || pthread_mutex_trylock(&traceLock.mutex) != 0) return;
+  if (pthread_mutex_trylock(&streamMutex) == 0) {
+    setTraceLevel(0);
+    closeTraceFile();
+    statAPITraceHandle = nullptr;
+    free(std::exchange(statAPITraceFilename, nullptr));
+    pthread_mutex_unlock(&streamMutex);
+  }
+  pthread_mutex_unlock(&traceLock.mutex);
+}
+
+}  // namespace
 }  // namespace zeb
 
 using namespace zeb;
 
 int initTrace(void) noexcept {
   {
-    const StreamGuard guard;
+    const MutexGuard guard(streamMutex);
     statAPITraceHandle = stderr;
   }
   const int lockRc = initializeLock(&traceLock);
@@ -368,10 +466,7 @@ int initTrace(void) noexcept {
 
 char* getTraceDate(char* dst) noexcept {
   const ErrnoKeeper keeper;
-  const time_t now = time(nullptr);
-  tm local = {};
-  localtime_r(&now, &local);
-  putDate(dst, local, '\0');
+  putDate(dst, toLocalTime(time(nullptr)), '\0');
   return dst;
 }
 
@@ -403,8 +498,7 @@ int writeStorageLineDual(StorageDump* dump) noexcept {
   for (const char c : {' ', ':', ' '}) appendText(*dump, c);
   writeStorageLineChar(dump, count);
   appendText(*dump, '\n');
-  fwrite(dump->text, 1, dump->textLength, destination());
-  dump->textLength = 0;
+  writeDumpText(*dump);
   return count;
 }
 
@@ -413,12 +507,12 @@ int writeStorageLineHex(StorageDump* dump) noexcept {
   int end = dump->lineWidth;
   for (int i = 0; i < dump->lineWidth; ++i) {
     const bool readable = isReadable(*dump, i, 1);
-    // kept: a later stop word of the same line moves the end
+    // quirk: a later stop word of the same line moves the end
     if (readable ? (!ended || dump->remaining == 0) && endsAt(*dump, i) : !ended) {
       ended = true;
       end = i;
     }
-    if (readable && (!ended || end == 0)) {  // kept: a line that ends on its first byte is shown whole
+    if (readable && (!ended || end == 0)) {  // quirk: a line that ends on its first byte is shown whole
       appendHex(*dump, dump->address[i], 2);
     } else {
       appendText(*dump, ' ');

@@ -95,7 +95,6 @@ struct TracedStorage {
 
 // Writes text without a prefix; the caller holds traceLock.
 [[gnu::format(printf, 1, 2)]] void writeRaw(const char* format, ...) noexcept;
-void flushTrace() noexcept;
 // A rule of 80 "-".
 void writeRule() noexcept;
 // The storage dump of traceOutStorage that stays within storage.size bytes.
@@ -111,6 +110,10 @@ struct TraceSwitch {
   int error;  // errno of a failed open, else 0
 };
 TraceSwitch switchTraceFile(const char* traceFile) noexcept;
+
+// For a fork: no other thread writes between the two.
+void lockTraceForFork() noexcept;
+void unlockTraceAfterFork() noexcept;
 
 }  // namespace zeb
 

@@ -1,6 +1,7 @@
 // The TCP connection to a gateway: resolved, connected, handshaken and authorised, and closed again.
 //
-// A socket belongs to the thread that works on its gateway token; no lock is taken here.
+// A socket belongs to the thread that works on its gateway token; no lock is taken here. Another thread may shut
+// it down to cancel the call, which is why its descriptor is stored as soon as there is one.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,11 +15,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_protocol.h"
+#include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 
 extern "C" {
@@ -40,15 +43,24 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
-int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
-  char portText[16] = {};
-  snprintf(portText, sizeof portText, "%d", port);
+// The hints refuse a numeric address on a host that has no other address of that family, such as 127.0.0.1 where
+// there is only IPv6; such an address is then taken as it is.
+int findAddresses(const char* host, const char* port, addrinfo** found) noexcept {
   addrinfo hints = {};
   hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
+  const int code = getaddrinfo(host, port, &hints, found);
+  if (code == 0 || host == nullptr) return code;
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  return getaddrinfo(host, port, &hints, found) == 0 ? 0 : code;
+}
+
+int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
+  char portText[16] = {};
+  snprintf(portText, sizeof portText, "%d", port);
   addrinfo* found = nullptr;
-  const int code = getaddrinfo(host, portText, &hints, &found);
+  const int code = findAddresses(host, portText, &found);
   if (code != 0) {
     TRACE_EXC(3012, "stapi_zeb_gwycon.getHostInfoUnable to resolve host (%s:%s): %s(%d)\n", textToShow(host),
               portText, gai_strerror(code), code);
@@ -58,12 +70,12 @@ int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
   return 0;
 }
 
-// A host may have closed its standard streams, but goes on writing to them, as the trace does: none of that is
-// for the gateway.
+// If the host closed descriptors 0 to 2, socket() may return one of them, and what the process prints would go to
+// the gateway; so it is moved above 2.
 int openSocketOffStandardStreams(const addrinfo& address) noexcept {
-  const int opened = socket(address.ai_family, address.ai_socktype, address.ai_protocol);
+  const int opened = socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol);
   if (opened < 0 || opened > STDERR_FILENO) return opened;
-  const int moved = fcntl(opened, F_DUPFD, STDERR_FILENO + 1);
+  const int moved = fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int error = errno;
   close(opened);
   errno = error;
@@ -73,9 +85,10 @@ int openSocketOffStandardStreams(const addrinfo& address) noexcept {
 int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   TRACE_DEBUG(3013, "stapi_zeb_gwycon.connectToGateway Creating socket for family %d, type %d, protocol %d\n",
               address.ai_family, address.ai_socktype, address.ai_protocol);
-  socketDescriptor = openSocketOffStandardStreams(address);
-  if (socketDescriptor < 0) {
-    const int error = errno;
+  const int opened = openSocketOffStandardStreams(address);
+  const int error = errno;
+  std::atomic_ref(socketDescriptor).store(opened, std::memory_order_seq_cst);
+  if (opened < 0) {
     TRACE_EXC(3001, "stapi_zeb_gwycon.connectToGatewayUnable to create a socket: %s(%d)\n", strerror(error),
               error);
     return kSocketFailed;
@@ -91,15 +104,25 @@ int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   return 0;
 }
 
-// kept: the value goes where the kernel expects an address, which it refuses, so that the socket stays
-// blocking and the system's own limit bounds the connect.
+// quirk: passes a value where FIONBIO wants a pointer; the kernel refuses, the socket stays blocking and the
+// system's own limit bounds the connect.
 void requestBlocking(int socketDescriptor, int option) noexcept {
   ioctl(socketDescriptor, FIONBIO, reinterpret_cast<void*>(static_cast<std::intptr_t>(option)));
 }
 
+// With a deadline the connect itself must not block.
+void switchNonBlocking(int socketDescriptor, int option) noexcept {
+  if (hasDeadline()) {
+    ioctl(socketDescriptor, FIONBIO, &option);
+  } else {
+    requestBlocking(socketDescriptor, option);
+  }
+}
+
 int mapConnectFailure(int result, int error) noexcept {
   TRACE_EXC(3006, "stapi_zeb_gwycon.connectToGatewayUnable to connect to Gateway: %s\n", strerror(error));
-  // kept: a wait that timed out is not reported; the handshake has not been flowed then
+  if (result == kConnectTimedOut && hasDeadline()) return kConnectTimedOut;
+  // quirk: a timed-out wait is reported as success, without handshake
   if (result != -1 && result != kConnectFailed) return 0;
   if (error == ENETUNREACH) return kConnectUnreachable;
   if (error == ECONNREFUSED) return kConnectRefused;
@@ -109,7 +132,7 @@ int mapConnectFailure(int result, int error) noexcept {
 int startSession(int port, const char* host, int socketDescriptor) noexcept {
   TRACE_DEBUG(3003, "stapi_zeb_gwycon.connectToGatewayConnected to Gateway %s:%u\n", textToShow(host),
               static_cast<unsigned>(port));
-  requestBlocking(socketDescriptor, sockOptOff);
+  switchNonBlocking(socketDescriptor, sockOptOff);
   reasons failure = {};
   const int rc = flowHandshakeRequest(socketDescriptor, &failure);
   if (rc != 0) {
@@ -122,24 +145,36 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
   return authorizeConnection(socketDescriptor, &failure);
 }
 
+// A thread that cancels the call sets the flag before it shuts the socket down, which has no effect before the
+// connect has begun. It also gives the socket a send timeout, so that a blocking connect ends at once.
+int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
+  switchNonBlocking(*socketDescriptorPtr, sockOptOn);
+  int result = isCancelled() ? -1 : connect(*socketDescriptorPtr, address.ai_addr, address.ai_addrlen);
+  error = errno;
+  if (result == -1 && isCancelled()) {
+    error = ECANCELED;
+  } else if (result == -1 && error == EINPROGRESS) {
+    TRACE_DEBUG(9999, "stapi_zeb_gwycon.connectToGateway Waiting for connect to complete\n");
+    result = waitForConnection(socketDescriptorPtr, &error);
+  }
+  return result;
+}
+
 int openConnection(int port, const char* host, int* socketDescriptorPtr) noexcept {
   Addresses addresses;
   int rc = getHostInfo(port, host, addresses);
   if (rc == 0) rc = createSocket(*addresses, *socketDescriptorPtr);
   if (rc != 0) return rc;
 
-  requestBlocking(*socketDescriptorPtr, sockOptOn);
-  int result = connect(*socketDescriptorPtr, addresses->ai_addr, addresses->ai_addrlen);
-  int error = errno;
-  if (result == -1 && error == EINPROGRESS) {
-    TRACE_DEBUG(9999, "stapi_zeb_gwycon.connectToGateway Waiting for connect to complete\n");
-    result = waitForConnection(socketDescriptorPtr, &error);
-  }
-  if (result != 0) return mapConnectFailure(result, error);
-  return startSession(port, host, *socketDescriptorPtr);
+  int error = 0;
+  const int result = connectSocket(*addresses, socketDescriptorPtr, error);
+  if (result == 0) return startSession(port, host, *socketDescriptorPtr);
+  rc = mapConnectFailure(result, error);
+  if (rc != 0) shutdown(*socketDescriptorPtr, SHUT_RDWR);  // or it might still connect
+  return rc;
 }
 
-// The pending error of a connect that has come to its end.
+// The error of a finished connect.
 int takeSocketError(int socketDescriptor) noexcept {
   int error = 0;
   socklen_t length = sizeof error;
@@ -147,7 +182,7 @@ int takeSocketError(int socketDescriptor) noexcept {
   return error;
 }
 
-// How long to wait again after a signal. kept: one within the first second leaves one second.
+// Seconds left after a signal; quirk: 1 if less than one has passed.
 int remainingSeconds(time_t start) noexcept {
   const auto elapsed = static_cast<int>(difftime(time(nullptr), start));
   return elapsed >= 1 && elapsed < kConnectWaitSeconds ? kConnectWaitSeconds - elapsed : 1;
@@ -158,6 +193,26 @@ int failConnection(int socketDescriptor, int error, int* errorPtr) noexcept {
             socketDescriptor, error);
   *errorPtr = error;
   return kConnectFailed;
+}
+
+int giveUpWait(int socketDescriptor) noexcept {
+  if (hasDeadline()) {
+    TRACE_EXC(3018, "stapi_zeb_gwycon.waitForConnection Timeout of %d ms has passed on socket %d\n",
+              callTimeout(), socketDescriptor);
+  } else {
+    TRACE_EXC(3016, "stapi_zeb_gwycon.waitForConnection socket %d connect timed out\n", socketDescriptor);
+  }
+  return kConnectTimedOut;
+}
+
+// poll of one descriptor, until the deadline or for that many seconds. events are those that are waited for, and
+// then those that have come.
+int waitForConnect(int socketDescriptor, int seconds, short& events) noexcept {
+  if (hasDeadline() || socketDescriptor < 0) return waitForEvents(socketDescriptor, events, &events);
+  pollfd waited = {socketDescriptor, events, 0};
+  const int ready = poll(&waited, 1, seconds * 1000);
+  events = waited.revents;
+  return ready;
 }
 
 int failWait(int error, int* errorPtr) noexcept {
@@ -181,7 +236,7 @@ int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) noe
   return connectRc;
 }
 
-// poll, unlike select, takes descriptors of any number.
+// With a deadline the wait lasts until that. poll, because select cannot take descriptors above 1023.
 int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   const int socketDescriptor = *socketDescriptorPtr;
   const time_t start = time(nullptr);
@@ -189,20 +244,16 @@ int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   for (;;) {
     TRACE_DEBUG(3014, "stapi_zeb_gwycon.waitForConnection Calling select() on socketdescriptor %d\n",
                 socketDescriptor);
-    if (socketDescriptor < 0) return failWait(EBADF, errorPtr);  // which poll would pass over
-    pollfd waited = {socketDescriptor, POLLOUT | POLLPRI, 0};
-    const int ready = poll(&waited, 1, seconds * 1000);
+    short events = POLLOUT | POLLPRI;
+    const int ready = waitForConnect(socketDescriptor, seconds, events);
     if (ready < 0 && errno == EINTR) {
       seconds = remainingSeconds(start);
       continue;
     }
     if (ready < 0) return failWait(errno, errorPtr);
-    if (ready == 0) {
-      TRACE_EXC(3016, "stapi_zeb_gwycon.waitForConnection socket %d connect timed out\n", socketDescriptor);
-      return kConnectTimedOut;
-    }
-    if ((waited.revents & POLLNVAL) != 0) return failWait(EBADF, errorPtr);
-    if ((waited.revents & (POLLOUT | POLLERR | POLLHUP)) == 0) return 0;
+    if (ready == 0) return giveUpWait(socketDescriptor);
+    if ((events & POLLNVAL) != 0) return failWait(EBADF, errorPtr);
+    if ((events & (POLLOUT | POLLERR | POLLHUP)) == 0) return 0;
     const int error = takeSocketError(socketDescriptor);
     return error == 0 ? 0 : failConnection(socketDescriptor, error, errorPtr);
   }

@@ -1,20 +1,29 @@
 // Gateway tokens, one for each open connection, and the Gateway Token List that holds them all.
 //
-// gtlLock guards the head, the tail, every next pointer and, while a token is in the list, its freeing; it is
-// taken before traceLock. The slow work of creation runs without it, on a token that is in the list already:
-// its creator notes the token in creations, and who deletes it meanwhile only unlinks it and leaves the memory
-// to the creator.
+// gtlLock guards the head, the tail, the length and every next pointer; it is taken before traceLock, and no
+// socket work is done under it but the shutdown of a cancelled call. A token is listed while it is created, long
+// before it is connected.
+//
+// A call that uses a token counts in its holds. Whoever takes the token out of the list adds kRemoved, and gives
+// a hold of its own back when it has finished; the last one to leave closes the socket and frees the memory. If a
+// call was using the token, it is cancelled: its socket is shut down, which ends every wait.
 
 #include "stapi_zeb_gwytok.h"
 
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_resultsetbuffer.h"
+#include "stapi_zeb_socketcomms.h"
+#include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 
 extern "C" {
@@ -27,30 +36,26 @@ namespace {
 
 enum ConnStatus { kCreated, kConnected, kNotConnected, kCloseFailed, kClosed };
 
-// A token that is being created by some thread, on whose stack this record stands.
-struct Creation {
-  const GatewayToken* token;
-  bool removed;  // deleted from the list by another thread
-  Creation* next;
-};
+constexpr std::uint32_t kRemoved = 0x80000000;  // in holds: the token is not listed any more
 
 GatewayToken* gtListHeadPtr = nullptr;
-GatewayToken* gtListTailPtr = nullptr;  // stands where it was when the list becomes empty
-Creation* creations = nullptr;
+GatewayToken* gtListTailPtr = nullptr;  // stale while the list is empty
+int gtListLength = 0;
 LockRecord gtlLock = {};
+bool isListLockedForFork = false;  // set between a fork's two halves
 
-Creation* findCreation(const GatewayToken* token) noexcept {
-  Creation* creation = creations;
-  while (creation != nullptr && creation->token != token) creation = creation->next;
-  return creation;
+// The fields that are written while other threads format the token.
+template <typename T>
+T readShared(const T& field) noexcept {
+  return std::atomic_ref(const_cast<T&>(field)).load(std::memory_order_relaxed);
+}
+template <typename T>
+void writeShared(T& field, T value) noexcept {
+  std::atomic_ref(field).store(value, std::memory_order_relaxed);
 }
 
-// Returns whether the token is in the list still.
-bool endCreation(const Creation& creation) noexcept {
-  Creation** link = &creations;
-  while (*link != &creation) link = &(*link)->next;
-  *link = creation.next;
-  return !creation.removed;
+std::atomic_ref<std::uint32_t> holdsOf(GatewayToken& token) noexcept {
+  return std::atomic_ref(token.holds);
 }
 
 int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
@@ -59,7 +64,7 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
     return kTargetNull;
   }
   if (gtListHeadPtr == nullptr) {
-    // kept: an empty list is reported this way
+    // quirk: an empty list is reported this way
     TRACE_EXC(2006, "stapi_zeb_gwytok.findGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
               gtListHeadPtr, gtListTailPtr);
     return kListEmpty;
@@ -110,12 +115,42 @@ int checkOwner(std::uint32_t owningPid, ThreadId owningTid) noexcept {
   return 0;
 }
 
+bool isOwnedByCaller(const GatewayToken& token) noexcept {
+  return token.owningPid == currentPid() && compareTids(token.owningTid, currentTid()) != 0;
+}
+
+// Finds a token and its owner. held is null or the token itself, which then gets a hold if the caller owns it.
+int verifyToken(const GatewayToken* token, GatewayToken* held) noexcept {
+  TRACE_ENTRY(2010, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p)\n", token);
+  std::uint32_t owningPid = 0;
+  ThreadId owningTid = {};
+  int findRc;
+  {
+    const LockGuard guard(gtlLock);
+    findRc = findGatewayToken(token, nullptr);
+    if (findRc == kTokenFound) {
+      owningPid = token->owningPid;
+      owningTid = token->owningTid;
+      if (held != nullptr && isOwnedByCaller(*held)) holdsOf(*held).fetch_add(1);
+    }
+  }
+  int rc = ZEB_TOKEN_UNKNOWN;
+  if (findRc == kTokenFound) {
+    rc = checkOwner(owningPid, owningTid);
+  } else {
+    TRACE_EXC(2012, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
+              token, findRc);
+  }
+  TRACE_EXIT(2011, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) rc=%d\n", token, rc);
+  return rc;
+}
+
 void deleteTokenResultSet(GatewayToken& token) noexcept {
   const int rc = deleteResultSet(&token.connRSToken);
   if (rc != 0) TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
 }
 
-// Everything a token holds, but not the token.
+// Frees all that the token owns, not the token.
 void releaseToken(GatewayToken& token) noexcept {
   deleteTokenResultSet(token);
   if (token.resultSetBuf != nullptr) {
@@ -132,67 +167,100 @@ void releaseToken(GatewayToken& token) noexcept {
   }
 }
 
-void closeAndReleaseToken(GatewayToken& token) noexcept {
-  token.connStatus = closeConnection(&token.socket) != 0 ? kCloseFailed : kClosed;
-  releaseToken(token);
+// In a forked child the socket is the parent's too: closing the child's descriptor sends nothing.
+void closeSocket(GatewayToken& token) noexcept {
+  const bool isParents = token.owningPid != currentPid();
+  const int rc = isParents ? close(token.socket) : closeConnection(&token.socket);
+  writeShared(token.connStatus, static_cast<std::int32_t>(rc != 0 ? kCloseFailed : kClosed));
 }
 
 void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
+  --gtListLength;
   if (parent == nullptr) {
     gtListHeadPtr = token.nextGwyTokPtr;
     return;
   }
-  parent->nextGwyTokPtr = token.nextGwyTokPtr;
+  writeShared(parent->nextGwyTokPtr, token.nextGwyTokPtr);
   if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
 }
 
 void freeToken(GatewayToken** gwTokPtr) noexcept {
   TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n", gwTokPtr,
               *gwTokPtr);
-  free(*gwTokPtr);
+  if ((*gwTokPtr)->handedOut) {
+    retire(*gwTokPtr);
+  } else {
+    free(*gwTokPtr);
+  }
   *gwTokPtr = nullptr;
   TRACE_DEBUG(2021, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Freed gateway token(%p) \n", gwTokPtr,
               *gwTokPtr);
 }
 
-// The caller holds gtlLock, and parent is the token ahead of *gwTokPtr.
-void removeToken(GatewayToken** gwTokPtr, GatewayToken* parent) noexcept {
-  GatewayToken& token = **gwTokPtr;
-  if (Creation* creation = findCreation(&token); creation != nullptr) {
-    TRACE_DEBUG(2022,
-                "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Left gateway token(%p) to its creator\n",
-                gwTokPtr, &token);
-    creation->removed = true;
-    unlinkToken(token, parent);
-    *gwTokPtr = nullptr;
-    return;
-  }
-  closeAndReleaseToken(token);
-  unlinkToken(token, parent);
+void destroyToken(GatewayToken** gwTokPtr) noexcept {
+  closeSocket(**gwTokPtr);
+  releaseToken(**gwTokPtr);
   freeToken(gwTokPtr);
 }
 
+// Wakes the call that uses the token. A socket that has not begun to connect cannot be shut down yet: the call
+// looks at cancelled before it connects, and the send timeout ends a blocking connect that begins right now.
+void cancelCall(GatewayToken& token) noexcept {
+  std::atomic_ref(token.cancelled).store(1, std::memory_order_seq_cst);
+  const int socket = std::atomic_ref(token.socket).load(std::memory_order_seq_cst);
+  if (socket < 0) return;
+  const timeval atOnce = {0, 1};
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &atOnce, sizeof atOnce);
+  shutdown(socket, SHUT_RDWR);
+}
+
+// Takes a token out of the list, and a hold that endRemoval gives back; the caller holds gtlLock, and parent is
+// the token before it. If the calling thread is the one that uses the token, its own hold serves for that.
+void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
+  unlinkToken(token, parent);
+  const bool isInUse = holdsOf(token).load() != 0;
+  if (isInUse && isOwnedByCaller(token)) {
+    holdsOf(token).fetch_or(kRemoved);
+  } else if (holdsOf(token).fetch_add(kRemoved + 1) != 0 && token.owningPid == currentPid()) {
+    cancelCall(token);
+  }
+}
+
+// Does what is left of a deletion. A forked child knows no other thread that could still use its copy.
+void endRemoval(GatewayToken** gwTokPtr) noexcept {
+  GatewayToken& token = **gwTokPtr;
+  const bool isParents = token.owningPid != currentPid();
+  if (holdsOf(token).fetch_sub(1) == kRemoved + 1 || isParents) {
+    destroyToken(gwTokPtr);
+  } else {
+    *gwTokPtr = nullptr;  // the call that uses it frees it
+  }
+}
+
 int removeListedToken(GatewayToken** gwTokPtr) noexcept {
-  const LockGuard guard(gtlLock);
-  GatewayToken* parent = nullptr;
-  if (findGatewayToken(*gwTokPtr, &parent) != kTokenFound) return ZEB_TOKEN_UNKNOWN;
-  removeToken(gwTokPtr, parent);
+  {
+    const LockGuard guard(gtlLock);
+    GatewayToken* parent = nullptr;
+    if (findGatewayToken(*gwTokPtr, &parent) != kTokenFound) return ZEB_TOKEN_UNKNOWN;
+    beginRemoval(**gwTokPtr, parent);
+  }
+  endRemoval(gwTokPtr);
   return 0;
 }
 
 int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
-  removeToken(gwTokPtr, nullptr);
+  beginRemoval(**gwTokPtr, nullptr);
+  endRemoval(gwTokPtr);
   return 0;
 }
 
-// Of a token that is known to be in the list, however long that is; the caller holds gtlLock.
-int removeOwnToken(GatewayToken** gwTokPtr) noexcept {
-  GatewayToken* parent = nullptr;
-  if (findGatewayToken(*gwTokPtr, &parent) != kTokenFound) {  // the list is longer than it searches
-    for (GatewayToken* listed = gtListHeadPtr; listed != *gwTokPtr; listed = listed->nextGwyTokPtr)
-      parent = listed;
-  }
-  removeToken(gwTokPtr, parent);
+int removeUnlistedToken(GatewayToken** gwTokPtr) noexcept {
+  endRemoval(gwTokPtr);
+  return 0;
+}
+
+int destroyLeftToken(GatewayToken** gwTokPtr) noexcept {
+  destroyToken(gwTokPtr);
   return 0;
 }
 
@@ -212,34 +280,40 @@ int deleteToken(GatewayToken** gwTokPtr, int lockRequired, int (*remove)(Gateway
   return rc;
 }
 
-int chainGatewayToken(GatewayToken* token, Creation& creation) noexcept {
-  int rc = 0;
+// The caller holds gtlLock.
+int appendToList(GatewayToken* token) noexcept {
+  if (token == nullptr) {
+    TRACE_EXC(2032, "stapi_zeb_gwytok.chainGatewayToken() Chain request was for a null token\n");
+    return ZEB_TOKEN_POINTER_NULL;
+  }
+  if (gtListLength >= kRunawayLimit) return ZEB_TOKEN_LIST_CORRUPT;
+  if (gtListHeadPtr == nullptr) {
+    gtListHeadPtr = gtListTailPtr = token;
+  } else if (gtListTailPtr == nullptr) {
+    TRACE_EXC(2033, "stapi_zeb_gwytok.chainGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
+              gtListHeadPtr, gtListTailPtr);
+    return ZEB_TOKEN_LIST_CORRUPT;
+  } else {
+    writeShared(gtListTailPtr->nextGwyTokPtr, token);
+    gtListTailPtr = token;
+  }
+  ++gtListLength;
+  return 0;
+}
+
+int chainGatewayToken(GatewayToken* token) noexcept {
+  int rc;
   TRACE_ENTRY(2031, "stapi_zeb_gwytok.chainGatewayToken(&gwTokPtr=%p)\n", token);
   {
     const LockGuard guard(gtlLock);
-    if (token == nullptr) {
-      rc = ZEB_TOKEN_POINTER_NULL;
-      TRACE_EXC(2032, "stapi_zeb_gwytok.chainGatewayToken() Chain request was for a null token\n");
-    } else if (gtListHeadPtr == nullptr) {
-      gtListHeadPtr = gtListTailPtr = token;
-    } else if (gtListTailPtr == nullptr) {
-      rc = ZEB_TOKEN_LIST_CORRUPT;
-      TRACE_EXC(2033, "stapi_zeb_gwytok.chainGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
-                gtListHeadPtr, gtListTailPtr);
-    } else {
-      gtListTailPtr->nextGwyTokPtr = token;
-      gtListTailPtr = token;
-    }
-    if (rc == 0) {
-      creation = {token, false, creations};
-      creations = &creation;
-    }
+    rc = appendToList(token);
   }
   TRACE_EXIT(2034, "stapi_zeb_gwytok.chainGatewayToken(&gwTokPtr=%p) rc=%d\n", token, rc);
   return rc;
 }
 
 int mapConnectCode(int connectRc) noexcept {
+  if (connectRc != 0 && hasTimedOut()) return ZEB_CONNECT_TIMED_OUT;
   switch (connectRc) {
     case 0:
       return 0;
@@ -259,17 +333,12 @@ int mapConnectCode(int connectRc) noexcept {
 int openStatsSocket(GatewayToken& token, const char* hostname) noexcept {
   TRACE_ENTRY(2035, "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p) Attempting to connect to %s:%d\n", &token,
               textToShow(hostname), token.port);
-  int socket = -1;
-  const int connectRc = connectToGateway(token.port, hostname, &socket);
-  {
-    const LockGuard guard(gtlLock);  // a dump may be reading the token
-    token.socket = socket;
-    token.connStatus = connectRc == 0 ? kConnected : kNotConnected;
-  }
+  const int connectRc = connectToGateway(token.port, hostname, &token.socket);
+  writeShared(token.connStatus, static_cast<std::int32_t>(connectRc == 0 ? kConnected : kNotConnected));
   if (connectRc == 0) {
     TRACE_EVENT(2036,
                 "stapi_zeb_gwytok.openStatsSocket() Connected to Gateway %s:%u - socketDescriptor(%d)\n",
-                textToShow(hostname), static_cast<unsigned>(token.port), socket);
+                textToShow(hostname), static_cast<unsigned>(token.port), token.socket);
   } else {
     TRACE_EXC(2037, "stapi_zeb_gwytok.openStatsSocket() Failed to connect to Gateway %s:%u\n",
               textToShow(hostname), static_cast<unsigned>(token.port));
@@ -286,16 +355,22 @@ int askProtocolVersion(GatewayToken& token) noexcept {
   if (rc == 0) return 0;
   TRACE_EVENT(2029, "stapi_zeb_gwytok.createGatewayToken Removing GatewayToken %p due to comms failure %d\n",
               &token, rc);
-  const bool lost = rc == kFlowFailed || (rc == kGatewayRefused && status.gwyRc == kGatewayConnectionGone);
-  return lost ? ZEB_CONNECTION_LOST : ZEB_COMMUNICATION_FAILED;
+  if (hasTimedOut()) return ZEB_CONNECT_TIMED_OUT;
+  return isConnectionLost(rc, status) ? ZEB_CONNECTION_LOST : ZEB_COMMUNICATION_FAILED;
 }
 
-// The memory of a token: the record, its result set and its buffers.
+template <typename T>
+Block<T> allocateTraced(std::size_t size) noexcept {
+  Block<T> block = allocate<T>(size);
+  TRACE_DEBUG(2025, "stapi_zeb_gwytok.createGatewayToken Called malloc for %d bytes. rc=%p\n",
+              static_cast<int>(size), block.get());
+  return block;
+}
+
+// The memory of a token: the record, its result set and its buffers. The new token has a hold.
 int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   constexpr int recordSize = sizeof(GatewayToken);
-  token = allocate<GatewayToken>();
-  TRACE_DEBUG(2025, "stapi_zeb_gwytok.createGatewayToken Called malloc for %d bytes. rc=%p\n", recordSize,
-              token.get());
+  token = allocateTraced<GatewayToken>(sizeof(GatewayToken));
   if (token == nullptr) {
     TRACE_EXC(2026, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes\n", recordSize);
     return ZEB_NO_MEMORY;
@@ -303,7 +378,8 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   *token = {};
   memcpy(token->eyecatcher, "ZEBGWTOK", sizeof token->eyecatcher);
   token->port = port;
-  token->socket = -1;  // a token that never gets a socket closes nobody else's
+  token->socket = -1;  // or closing the token would close descriptor 0
+  token->holds = 1;
   const int rc = createResultSet(&token->connRSToken, "ZEBRSROB", kOwnerGateway);
   if (rc != 0) {
     TRACE_EXC(2027, "stapi_zeb_gwytok.createGatewayToken Creation of resultset failed rc=%d\n", rc);
@@ -312,9 +388,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   getPidTid(&token->owningPid, &token->owningTid);
   token->protocolVersion = allocate<char>(kProtocolVersionSize).release();
   constexpr int bufferSize = kResultSetBufferSize;
-  token->resultSetBuf = allocate<char>(kResultSetBufferSize).release();
-  TRACE_DEBUG(2025, "stapi_zeb_gwytok.createGatewayToken Called malloc for %d bytes. rc=%p\n", bufferSize,
-              token->resultSetBuf);
+  token->resultSetBuf = allocateTraced<char>(kResultSetBufferSize).release();
   if (token->resultSetBuf == nullptr) {
     TRACE_EXC(2028, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes.\n", bufferSize);
     releaseToken(*token);
@@ -325,57 +399,69 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   return 0;
 }
 
-// Ends a creation whose connection stands, or fell with rc.
-int finishCreation(GatewayToken** gwTokPtr, GatewayToken* token, const Creation& creation, int rc) noexcept {
-  bool listed;
+int connectToken(GatewayToken& token, const char* hostname) noexcept {
+  const CancellableCall cancellable(&token.cancelled);
+  int rc = openStatsSocket(token, hostname);
+  if (rc == 0) rc = askProtocolVersion(token);
+  return isCancelled() ? ZEB_TOKEN_UNKNOWN : rc;
+}
+
+void showNewToken(GatewayToken** gwTokPtr, const GatewayToken& token) noexcept {
+  if (traceLevel() < kLevelEvent) return;
   char text[kTokenTextSize];
-  {
-    const LockGuard guard(gtlLock);
-    listed = endCreation(creation);
-    if (listed && rc == 0) formatGatewayToken(token, text);
-    if (listed && rc != 0) deleteToken(&token, 1, removeOwnToken);
-  }
-  if (!listed) {  // closed by another thread in the meantime: nobody else knows of it any more
-    closeAndReleaseToken(*token);
-    freeToken(&token);
-    if (rc == 0) rc = ZEB_TOKEN_UNKNOWN;
-  }
-  if (rc != 0) return rc;
+  formatGatewayToken(&token, text);
   TRACE_EVENT(2030, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p) %s\n", gwTokPtr, text);
-  *gwTokPtr = token;
-  return 0;
 }
 
 int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
+  if (gwTokPtr == nullptr) return ZEB_TOKEN_POINTER_NULL;
   Block<GatewayToken> made;
   int rc = allocateToken(made, port);
   if (rc != 0) return rc;
-  Creation creation = {};
-  rc = chainGatewayToken(made.get(), creation);
+  rc = chainGatewayToken(made.get());
   if (rc != 0) {
     releaseToken(*made);
     return rc;
   }
-  GatewayToken* token = made.release();
-  rc = openStatsSocket(*token, hostname);
-  if (rc == 0) rc = askProtocolVersion(*token);
-  return finishCreation(gwTokPtr, token, creation, rc);
+  GatewayToken* const token = made.release();
+  rc = connectToken(*token, hostname);
+  if (rc != 0) {
+    removeHeldToken(token);
+    return rc;
+  }
+  token->handedOut = token->connRSToken->handedOut = true;
+  showNewToken(gwTokPtr, *token);
+  *gwTokPtr = token;
+  return 0;
+}
+
+// Takes up to kRunawayLimit tokens out of the list and cancels the calls that use them. Returns the first one;
+// they stay chained.
+GatewayToken* takeAll(int& count) noexcept {
+  GatewayToken* const first = gtListHeadPtr;
+  for (count = 0; gtListHeadPtr != nullptr && count < kRunawayLimit; ++count)
+    beginRemoval(*gtListHeadPtr, nullptr);
+  return first;
 }
 
 int deleteAll(int& count) noexcept {
-  const LockGuard guard(gtlLock);
-  if (gtListHeadPtr == nullptr) {
-    TRACE_EVENT(2041, "stapi_zeb_gwytok.deleteGatewayTokens() GTL is EMPTY\n");
-    return kNothingToWalk;
+  GatewayToken* token;
+  int taken;
+  {
+    const LockGuard guard(gtlLock);
+    token = takeAll(taken);
+    if (token == nullptr) TRACE_EVENT(2041, "stapi_zeb_gwytok.deleteGatewayTokens() GTL is EMPTY\n");
   }
-  while (gtListHeadPtr != nullptr && count < kRunawayLimit) {
-    ++count;
+  if (token == nullptr) return kNothingToWalk;
+  for (count = 1;; ++count) {
+    GatewayToken* const next = token->nextGwyTokPtr;
     char text[kTokenTextSize];
-    formatGatewayToken(gtListHeadPtr, text);
-    TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
-                gtListHeadPtr, count, text);
-    GatewayToken* head = gtListHeadPtr;
-    deleteGatewayToken(&head, 0);
+    formatGatewayToken(token, text);
+    TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n", token,
+                count, text);
+    deleteToken(&token, 0, removeUnlistedToken);
+    if (count == taken) break;
+    token = next;
   }
   if (count < kRunawayLimit) return 0;
   TRACE_EXC(2043, "stapi_zeb_gwytok.deleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
@@ -413,12 +499,35 @@ int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept
   return rc;
 }
 
-const char* readProtocolVersion(const GatewayToken* token, char (&dst)[kProtocolVersionSize]) noexcept {
-  const LockGuard guard(gtlLock);
-  const GatewayToken* listed = gtListHeadPtr;
-  while (listed != nullptr && listed != token) listed = listed->nextGwyTokPtr;
-  if (listed == nullptr || listed->protocolVersion == nullptr) return nullptr;
-  return strcpy(dst, listed->protocolVersion);
+int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
+  TRACE_ENTRY(2023, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d)\n", gwTokPtr, port);
+  const int rc = buildToken(gwTokPtr, hostname, port);
+  TRACE_EXIT(2024, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", gwTokPtr, port, rc);
+  return rc;
+}
+
+int enterToken(GatewayToken* token) noexcept {
+  return verifyToken(token, token);
+}
+
+bool leaveToken(GatewayToken* token) noexcept {
+  const std::uint32_t before = holdsOf(*token).fetch_sub(1);
+  if ((before & kRemoved) == 0) return true;
+  if (before == kRemoved + 1) deleteToken(&token, 0, destroyLeftToken);
+  return false;
+}
+
+void removeHeldToken(GatewayToken* token) noexcept {
+  GatewayToken* removed = token;
+  if (deleteGatewayToken(&removed, 1) != 0) leaveToken(token);  // another thread has removed it already
+}
+
+void lockListForFork() noexcept {
+  isListLockedForFork = lockForFork(gtlLock);
+}
+
+void unlockListAfterFork() noexcept {
+  if (isListLockedForFork) unlockAfterFork(gtlLock);
 }
 
 }  // namespace zeb
@@ -426,7 +535,7 @@ const char* readProtocolVersion(const GatewayToken* token, char (&dst)[kProtocol
 using namespace zeb;
 
 int initGTL(void) noexcept {
-  // kept: the ENTRY line repeats the time of the line before
+  // quirk: the ENTRY line repeats the time of the line before
   ZEB_TRACE_WITH(writeTraceLineSameTime, traceLevel() >= kLevelFunction, timeStamp, "ENTRY", 2000,
                  "stapi_zeb_gwytok.initGTL()\n");
   const int initLockRc = initializeLock(&gtlLock);
@@ -446,21 +555,21 @@ int formatGatewayToken(const GatewayToken* token, char* dst) noexcept {
       dst, kTokenTextMinimum,
       "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) connRSToken(%p) resultSetBuf(%p) "
       "owningPid(%8.8X) owningTid(%8.8X) nextGwyTokPtr(%p)",
-      static_cast<const void*>(token), token->eyecatcher, token->port, token->connStatus, token->socket,
-      static_cast<const void*>(token->connRSToken), token->resultSetBuf, token->owningPid,
-      shownTid(token->owningTid), static_cast<const void*>(token->nextGwyTokPtr));
+      static_cast<const void*>(token), token->eyecatcher, token->port, readShared(token->connStatus),
+      readShared(token->socket), static_cast<const void*>(token->connRSToken), token->resultSetBuf,
+      token->owningPid, shownTid(token->owningTid),
+      static_cast<const void*>(readShared(token->nextGwyTokPtr)));
   return 0;
 }
 
 int dumpGatewayTokens(void) noexcept {
   int rc;
   int count = 0;
-  TRACE_ENTRY(2044, "stapi_zeb_gwytok.dumpGatewayTokens()\n");
+  TRACE_ENTRY(2022, "stapi_zeb_gwytok.dumpGatewayTokens()\n");
   {
     const LockGuard listGuard(gtlLock);
     const LockGuard traceGuard(traceLock);
     rc = dumpList(count);
-    flushTrace();
   }
   if (rc == kListRunaway) {
     TRACE_EXC(
@@ -473,34 +582,13 @@ int dumpGatewayTokens(void) noexcept {
 }
 
 int createGatewayToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
-  TRACE_ENTRY(2023, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d)\n", gwTokPtr, port);
-  const int rc = buildToken(gwTokPtr, hostname, port);
-  TRACE_EXIT(2024, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", gwTokPtr, port, rc);
+  const int rc = createHeldToken(gwTokPtr, hostname, port);
+  if (rc == 0) leaveToken(*gwTokPtr);
   return rc;
 }
 
 int verifyGatewayToken(const GatewayToken* gwTokPtr) noexcept {
-  TRACE_ENTRY(2010, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p)\n", gwTokPtr);
-  std::uint32_t owningPid = 0;
-  ThreadId owningTid = {};
-  int findRc;
-  {
-    const LockGuard guard(gtlLock);
-    findRc = findGatewayToken(gwTokPtr, nullptr);
-    if (findRc == kTokenFound) {
-      owningPid = gwTokPtr->owningPid;
-      owningTid = gwTokPtr->owningTid;
-    }
-  }
-  int rc = ZEB_TOKEN_UNKNOWN;
-  if (findRc == kTokenFound) {
-    rc = checkOwner(owningPid, owningTid);
-  } else {
-    TRACE_EXC(2012, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
-              gwTokPtr, findRc);
-  }
-  TRACE_EXIT(2011, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) rc=%d\n", gwTokPtr, rc);
-  return rc;
+  return verifyToken(gwTokPtr, nullptr);
 }
 
 int deleteGatewayToken(GatewayToken** gwTokPtr, int lockRequired) noexcept {

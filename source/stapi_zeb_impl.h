@@ -1,11 +1,20 @@
-// Private functions of the public module, declared for the tests.
+// Start of the library, and the private functions of the public module.
 #ifndef STAPI_ZEB_IMPL_H
 #define STAPI_ZEB_IMPL_H
 
+#include <atomic>
+#include <cstdint>
+
 namespace zeb {
 
-// Initialises the library unless it is. Any number of threads may come here at once: one of them does it, and
-// where it fails the next call tries again. Returns 0, -111, -121 or the failure of the list's lock (-2).
+extern std::atomic<std::int32_t> stapiState;  // 1: initialised
+
+inline bool isStarted() noexcept {
+  return stapiState.load(std::memory_order_acquire) != 0;
+}
+
+// Initialises the library once, thread-safe; after a failure the next call tries again. Returns 0, -111, -121 or
+// the failure of the list's lock (-2).
 int stapiInit() noexcept;
 
 // Copies a query string into a new block that the caller frees. Returns 0, -2 (missing or too long, the output

@@ -1,7 +1,7 @@
 // Mutexes that know whether they have been initialised, so that a lock used too early or too late is reported
 // instead of touching an invalid mutex.
 //
-// The operations trace themselves without traceLock: they may be about to take it.
+// The operations trace themselves without traceLock, since traceLock may be the lock they are about to take.
 
 #include "stapi_zeb_lock.h"
 
@@ -15,7 +15,7 @@ extern const char stapi_zeb_lock_notice[] ZEB_INTERNAL_DATA;
 const char stapi_zeb_lock_notice[] = ZEB_NOTICE("stapi_zeb_lock");
 }
 
-// The time stamp of a line whose arguments and format no other thread can see.
+// With a time stamp on the stack: no lock protects the shared one.
 #define TRACE_LOCK(level, word, point, text, ...)                                \
   do {                                                                           \
     if (zeb::traceLevel() >= (level)) [[unlikely]] {                             \
@@ -43,6 +43,18 @@ constexpr int kReleaseFailed = -5;
 constexpr int kDestroyFailed = zeb::kLockRequestFailed;  // kept: the code of a failed request
 
 }  // namespace
+
+namespace zeb {
+
+bool lockForFork(LockRecord& lock) noexcept {
+  return lock.state == kInitialized && pthread_mutex_lock(&lock.mutex) == 0;
+}
+
+void unlockAfterFork(LockRecord& lock) noexcept {
+  pthread_mutex_unlock(&lock.mutex);
+}
+
+}  // namespace zeb
 
 int initializeLock(LockRecord* lockPtr) noexcept {
   int rc = 0;

@@ -7,6 +7,8 @@
 
 #include <stdlib.h>
 
+#include <utility>
+
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_version.h"
@@ -36,7 +38,7 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uin
   TRACE_DEBUG(5004, "stapi_zeb_resultsetbuffer.createResultSet Called malloc for %d bytes. rc=%p\n",
               static_cast<int>(kQueryStringSize), queryString.get());
   if (queryString == nullptr) {
-    // kept: the size of the record, though it is the string that found no room
+    // quirk: prints the record's size though the string failed
     TRACE_EXC(5005, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n", recordSize);
     return ZEB_NO_MEMORY;
   }
@@ -50,6 +52,16 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uin
   return 0;
 }
 
+// A record that the host knows stays readable for a while, as one whose buffer has gone.
+void releaseRecord(ResultSetToken* token) noexcept {
+  if (!token->handedOut) {
+    free(token);
+    return;
+  }
+  token->head = token->next = nullptr;
+  retire(token);
+}
+
 int removeResultSet(ResultSetToken** rsPtr) noexcept {
   if (rsPtr == nullptr) return ZEB_RESULT_SET_POINTER_NULL;
   ResultSetToken* token = *rsPtr;
@@ -59,14 +71,14 @@ int removeResultSet(ResultSetToken** rsPtr) noexcept {
                 string);
     const void* const freed = addressToShow(string);
     free(string);
-    // kept: says token, though it is the string
+    // quirk: says token, though it is the string
     TRACE_DEBUG(5013, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n", freed);
     token->verifiedQueryString = nullptr;
   }
-  free(token->queryCopy);
+  free(std::exchange(token->queryCopy, nullptr));
   TRACE_DEBUG(5014, "stapi_zeb_resultsetbuffer.deleteResultSet Free result set token(%p)\n", token);
   const void* const freed = addressToShow(token);
-  free(token);
+  releaseRecord(token);
   TRACE_DEBUG(5015, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n", freed);
   *rsPtr = nullptr;
   return 0;
@@ -159,7 +171,6 @@ int dumpResultSetInternal(const ResultSetToken* rsPtr) noexcept {
   } else {
     const LockGuard guard(traceLock);
     dumped = writeResultSet(*rsPtr);
-    flushTrace();
   }
   TRACE_EXIT(5031, "stapi_zeb_resultsetbuffer.dumpResultSetInternal(rsPtr=%p) bytes dumped=%d rc=%d\n", rsPtr,
              dumped, rc);

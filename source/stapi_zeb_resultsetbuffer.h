@@ -59,6 +59,7 @@ class ResultSetWriter {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
+  [[nodiscard]] bool isNull() const noexcept { return start_ == nullptr; }
 
   // The first to be written; finish() writes it over the terminator again.
   void marker(const char* text) noexcept {

@@ -1,8 +1,8 @@
 // Requests and replies on a connected socket: the message header, the exchange of one request and one reply,
 // and the requests built on it.
 //
-// A socket is used by one thread at a time. Nothing here waits with a limit: a gateway that never answers
-// blocks the caller.
+// A socket is used by one thread at a time; another one may only shut it down. Waits keep the deadline of the
+// public call, if it has one; otherwise a gateway that never answers blocks the caller.
 //
 // Message header, n = length of the request name:
 //
@@ -15,7 +15,6 @@
 #include <errno.h>
 #include <limits.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 
@@ -24,6 +23,9 @@
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
+#include "stapi_zeb_signal.h"
+#include "stapi_zeb_socketcomms.h"
+#include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 #include "stapi_zeb_wire.h"
 
@@ -43,7 +45,9 @@ constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
 // Ahead of a String argument: the head of a serialisation stream, and the tag of a string.
 constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 
-constexpr std::size_t kAdminReplyHead = 9;  // two words and the exception flag, ahead of the call data
+constexpr std::size_t kOpeningReplySize = 12;  // two words and the admin id
+constexpr std::size_t kAdminReplyHead = 9;     // two words and the exception flag, before the call data
+constexpr std::int32_t kMaxReplySize = 16 * 1024 * 1024;
 
 // 0 where no request is that long.
 int requestSize(const RequestHeader& header) noexcept {
@@ -66,22 +70,55 @@ ByteReader replyReader(const RequestHeader& header, const unsigned char* data, i
   return ByteReader({data, static_cast<std::size_t>(replied > 0 ? replied : requestLength)});
 }
 
-// SIGPIPE is ignored for the whole process during the send and then what it was, handler, flags and mask.
-// MSG_NOSIGNAL holds where two threads restore the disposition over each other.
-ssize_t sendQuietly(int socketDesc, const unsigned char* data, int datalen) noexcept {
-  struct sigaction ignore = {};
-  struct sigaction previous = {};
-  ignore.sa_handler = SIG_IGN;
-  const bool ignored = sigaction(SIGPIPE, &ignore, &previous) == 0;
-  const ssize_t sent = send(socketDesc, data, static_cast<std::size_t>(datalen), MSG_NOSIGNAL);
-  const int error = errno;
-  if (ignored) sigaction(SIGPIPE, &previous, nullptr);
-  errno = error;
-  return sent;
+// MSG_NOSIGNAL holds even if the disposition cannot be changed.
+ssize_t sendOnce(int socketDesc, const unsigned char* data, std::size_t length, int flags) noexcept {
+  const IgnoredSigpipe ignored;
+  return send(socketDesc, data, length, flags | MSG_NOSIGNAL);
+}
+
+void showTimeout(const char* function, int point, int socketDesc) noexcept {
+  TRACE_EXC(point, "stapi_zeb_socketcomms.%s Timeout of %d ms has passed on socket %d\n", function,
+            callTimeout(), socketDesc);
+}
+
+// Returns 0 when the socket is ready; -1 with errno if the wait failed or the deadline has passed.
+int waitForSocket(const char* function, int timeoutPoint, int socketDesc, short events) noexcept {
+  short readyEvents = 0;
+  const int ready = waitForEvents(socketDesc, events, &readyEvents);
+  if (ready > 0 && (readyEvents & POLLNVAL) == 0) return 0;
+  if (ready == 0) {
+    showTimeout(function, timeoutPoint, socketDesc);
+    errno = ETIMEDOUT;
+  } else if (ready > 0) {
+    errno = EBADF;
+  }
+  return -1;
+}
+
+int waitForFlow(int socketDesc, short events) noexcept {
+  return waitForSocket("flow", 3256, socketDesc, events);
+}
+
+// A blocking send takes everything, one with a deadline perhaps not at once. Returns the bytes sent, or 0 or -1
+// as send does.
+ssize_t sendWhole(int socketDesc, const unsigned char* data, std::size_t length) noexcept {
+  if (!hasDeadline()) return sendOnce(socketDesc, data, length, 0);
+  std::size_t total = 0;
+  while (total < length) {
+    const ssize_t sent = sendOnce(socketDesc, data + total, length - total, MSG_DONTWAIT);
+    if (sent > 0) {
+      total += static_cast<std::size_t>(sent);
+    } else if (sent == 0 || (errno != EAGAIN && errno != EINTR)) {
+      return sent;
+    } else if (errno == EAGAIN && waitForFlow(socketDesc, POLLOUT) != 0) {
+      return -1;
+    }
+  }
+  return static_cast<ssize_t>(total);
 }
 
 int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons& failure) noexcept {
-  const ssize_t sent = sendQuietly(socketDesc, data, datalen);
+  const ssize_t sent = sendWhole(socketDesc, data, static_cast<std::size_t>(datalen));
   if (sent > 0) return 0;
   failure.sockErrno = errno;
   TRACE_EXC(3228, "stapi_zeb_socketcomms.flow Unable to write data to socket rc=%d\n",
@@ -90,12 +127,8 @@ int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons&
   return kFlowFailed;
 }
 
-// poll, unlike select, takes descriptors of any number.
 int waitForReply(int socketDesc) noexcept {
-  pollfd waited = {socketDesc, POLLIN, 0};
-  const int ready = poll(&waited, 1, -1);
-  if (ready < 0 || (waited.revents & POLLNVAL) != 0) return kFlowFailed;
-  return 0;
+  return waitForFlow(socketDesc, POLLIN) == 0 ? 0 : kFlowFailed;
 }
 
 int readReplyPart(int socketDesc, int size, unsigned char* buffer, reasons& failure) noexcept {
@@ -142,7 +175,8 @@ int readReplyData(int socketDesc, std::int32_t size, unsigned char** data, reaso
   free(*data);
   *data = nullptr;
   TRACE_DEBUG(3234, "stapi_zeb_socketcomms.flow (re-)malloc call &data %p\n", data);
-  *data = allocate(static_cast<std::size_t>(size)).release();
+  // A gateway that announces more than any answer holds does not get the memory for it.
+  *data = size <= kMaxReplySize ? allocate(static_cast<std::size_t>(size)).release() : nullptr;
   TRACE_DEBUG(3235, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, *data);
   if (*data == nullptr) {
     TRACE_EXC(3236, "stapi_zeb_socketcomms.flow Failed to allocate %d bytes.\n", size);
@@ -168,11 +202,28 @@ int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t name
   return 0;
 }
 
-// The receives behind the first one. Returns 0 when total has reached size, else errno as it stands.
+int waitForBytes(int socketDesc) noexcept {
+  return waitForSocket("readFromSocket", 3257, socketDesc, POLLIN);
+}
+
+// recv, but for a deadline: then it waits until that, and a signal does not end it.
+int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
+  const auto room = static_cast<std::size_t>(size);
+  if (!hasDeadline()) return static_cast<int>(recv(socketDesc, buffer, room, 0));
+  for (;;) {
+    const auto received = static_cast<int>(recv(socketDesc, buffer, room, MSG_DONTWAIT));
+    if (received >= 0 || errno != EAGAIN) return received;
+    if (waitForBytes(socketDesc) != 0) return -1;
+  }
+}
+
+// Receives what is missing after the first part. Returns 0 when total has reached size, otherwise errno as it is.
 int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noexcept {
   while (total < size) {
-    const auto received =
-        static_cast<int>(recv(socketDesc, buffer + total, static_cast<std::size_t>(size - total), 0));
+    // With a deadline the rest is most likely still to come: to wait first saves a recv.
+    const int received = hasDeadline() && waitForBytes(socketDesc) != 0
+                             ? -1
+                             : receiveSome(socketDesc, buffer + total, size - total);
     TRACE_DEBUG(
         3241,
         "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d, "
@@ -190,7 +241,7 @@ int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noe
 
 int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   if (size < 0) errno = EINVAL;
-  int total = size < 0 ? -1 : static_cast<int>(recv(socketDesc, buffer, static_cast<std::size_t>(size), 0));
+  int total = size < 0 ? -1 : receiveSome(socketDesc, buffer, size);
   TRACE_DEBUG(
       3240,
       "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d)\n",
@@ -207,9 +258,9 @@ int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   return rc;
 }
 
-// Data longer than the record's data length never leaves.
-int refuseOverlongRequest(int size) noexcept {
-  TRACE_EXC(3254, "stapi_zeb_socketcomms.flow Request does not fit into its %d bytes\n", size);
+// Data longer than the record's data length is not sent.
+int refuseOverlongRequest(const char* function, int point, int size) noexcept {
+  TRACE_EXC(point, "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n", function, size);
   return ZEB_NO_MEMORY;
 }
 
@@ -283,16 +334,16 @@ int refuseShortReply(std::size_t length) noexcept {
 
 int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, reasons& failure) noexcept {
   const std::size_t length = in.left();
+  if (length < (requestKind == kOpeningCall ? kOpeningReplySize : kAdminReplyHead))
+    return refuseShortReply(length);
   request.callKind = in.i32();
   request.replyRc = in.i32();
-  if (!in.ok()) return refuseShortReply(length);
   if (request.replyRc != 0) {
     TRACE_EXC(3206, "stapi_zeb_socketcomms.flowAdminRequest Auth Request returned an error AuthRc=%d\n",
               request.replyRc);
     failure.adminRc = request.replyRc;
     return kAdminFailed;
   }
-  if (length < (requestKind == kOpeningCall ? 12 : kAdminReplyHead)) return refuseShortReply(length);
   if (request.callKind == kOpeningCall) {
     request.adminId = in.i32();
     return in.ok() ? 0 : refuseShortReply(length);
@@ -307,7 +358,28 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, r
   return takeCallData(request, in);
 }
 
+// After such a failure nothing that the gateway still sends can be understood, and nothing is to be sent.
+bool isOutOfStep(int rc, const reasons& failure) noexcept {
+  return isConnectionLost(rc, failure) || rc == ZEB_NO_MEMORY;
+}
+
 }  // namespace
+
+bool isConnectionLost(int rc, const reasons& failure) noexcept {
+  return rc == kFlowFailed || (rc == kGatewayRefused && failure.gwyRc == kGatewayConnectionGone);
+}
+
+int checkInStep(int socketDesc) noexcept {
+  char byte;
+  const ssize_t waiting = recv(socketDesc, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+  if (waiting < 0 && errno == EAGAIN) return 0;
+  TRACE_EXC(3258,
+            "stapi_zeb_socketcomms.checkInStep Unexpected data or end of connection on socket %d rc=%d\n",
+            socketDesc, static_cast<int>(waiting));
+  shutdown(socketDesc, SHUT_RDWR);
+  return ZEB_CONNECTION_LOST;
+}
+
 }  // namespace zeb
 
 using namespace zeb;
@@ -367,6 +439,7 @@ int flow(int socketDesc, int datalen, unsigned char** data, const char* requestN
   TRACE_DATA(3226, "stapi_zeb_socketcomms.flow",
              (TracedStorage{*data, datalen, 0, static_cast<std::size_t>(datalen)}), 0);
   const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *reasons);
+  if (isOutOfStep(rc, *reasons)) shutdown(socketDesc, SHUT_RDWR);
   TRACE_EXIT(3238,
              "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
              "reasons=%p) rc=%d\n",
@@ -446,8 +519,11 @@ int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons
     }
     out.zeroRest();
     rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
-                  : refuseOverlongRequest(size);
-    if (rc == 0) rc = decodeAuthReply(*request, replyReader(request->header, data, size), *reasons);
+                  : refuseOverlongRequest("flowAuthRequest", 3254, size);
+    if (rc == 0) {
+      rc = decodeAuthReply(*request, replyReader(request->header, data, size), *reasons);
+      if (rc == kFlowFailed) shutdown(socketDesc, SHUT_RDWR);
+    }
   }
   if (data != nullptr) {
     TRACE_DEBUG(3213, "stapi_zeb_socketcomms.flowAuthRequest Free request data %p\n", data);
@@ -474,7 +550,7 @@ int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons)
     ByteWriter out = dataWriter(request->header, data);
     writeAdminData(*request, out);
     rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
-                  : refuseOverlongRequest(size);
+                  : refuseOverlongRequest("flowAdminRequest", 3255, size);
     if (rc == 0) rc = decodeAdminReply(*request, replyReader(request->header, data, size), kind, *reasons);
   }
   if (data != nullptr) {

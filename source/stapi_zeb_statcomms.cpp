@@ -179,18 +179,29 @@ void beginResultSet(ResultSetWriter& out, const char* marker, std::int32_t respo
   out.integer(responses);
 }
 
-int endResultSet(const char* parser, const ByteReader& in, ResultSetWriter& out) noexcept {
+struct Parser {
+  const char* name;
+  int outgrowsPoint;
+  int malformedPoint;
+};
+constexpr Parser kIdsParser = {"parseIdsData", 4031, 4032};
+constexpr Parser kStatsParser = {"parseStatsData", 4065, 4066};
+
+int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& out) noexcept {
+  if (out.isNull()) return kMalformed;
   if (in.ok() && out.ok()) {
     out.finish();
     return 0;
   }
   out.discard();
   if (in.ok()) {
-    TRACE_EXC(4031, "stapi_zeb_statcomms.%s Answer outgrows the result set buffer, which is left empty\n",
-              parser);
+    TRACE_EXC(parser.outgrowsPoint,
+              "stapi_zeb_statcomms.%s Answer outgrows the result set buffer, which is left empty\n",
+              parser.name);
   } else {
-    TRACE_EXC(4032, "stapi_zeb_statcomms.%s Answer is malformed, the result set buffer is left empty\n",
-              parser);
+    TRACE_EXC(parser.malformedPoint,
+              "stapi_zeb_statcomms.%s Answer is malformed, the result set buffer is left empty\n",
+              parser.name);
   }
   return kMalformed;
 }
@@ -401,7 +412,7 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   ResultSetWriter out(buffer);
   beginResultSet(out, kIdsMarker, responses);
   for (int i = 0; i < responses && in.ok() && out.ok(); ++i) copyIdsResponse(in, out, i, detailed);
-  const int rc = endResultSet("parseIdsData", in, out);
+  const int rc = endResultSet(kIdsParser, in, out);
   TRACE_EXIT(4045, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(), buffer,
              rc);
   return rc;
@@ -417,7 +428,7 @@ int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   StatsParse parse = {in, ResultSetWriter(buffer), detailed, 12};
   beginResultSet(parse.out, kStatsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyStatsResponse(parse, i);
-  const int rc = endResultSet("parseStatsData", parse.in, parse.out);
+  const int rc = endResultSet(kStatsParser, parse.in, parse.out);
   ZEB_TRACE_IF(parse.detailed, "DEBUG", 4063,
                "stapi_zeb_statcomms.parseStatsData parsed data total = %d bytes \n", parse.total);
   TRACE_EXIT(4064, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(),

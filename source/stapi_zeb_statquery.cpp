@@ -2,6 +2,7 @@
 // of the library.
 
 #include "stapi_zeb_diag.h"
+#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_version.h"
 
 extern "C" {
@@ -18,12 +19,17 @@ constexpr char STATS_MBEAN_ACTION_RESOURCE_GROUPS[] = "RESOURCE_GROUPS";
 
 int mapExchangeCode(int rc, const reasons& failure) noexcept {
   if (rc == 0) return 0;
-  const bool lost = rc == kFlowFailed || (rc == kGatewayRefused && failure.gwyRc == kGatewayConnectionGone);
-  return lost ? ZEB_CONNECTION_LOST : ZEB_COMMUNICATION_FAILED;
+  return isConnectionLost(rc, failure) ? ZEB_CONNECTION_LOST : ZEB_COMMUNICATION_FAILED;
 }
 
+struct Dispatch {
+  const char* function;
+  int answerPoint;
+};
+
 // ids is null for the operations that are asked without a query string.
-int ask(const char* function, int socketDesc, const char* operation, const char* ids, char* buffer) noexcept {
+int ask(const Dispatch& dispatch, int socketDesc, const char* operation, const char* ids,
+        char* buffer) noexcept {
   int rc = ZEB_BUFFER_NULL;
   if (buffer != nullptr) {
     reasons failure = {};
@@ -32,8 +38,8 @@ int ask(const char* function, int socketDesc, const char* operation, const char*
     rc = mapExchangeCode(exchangeRc, failure);
   }
   if (rc == 0 || buffer == nullptr) {
-    TRACE_DATA(4112, "stapi_zeb_statquery.%s", (TracedStorage{buffer, 0, kTerminator, kResultSetBufferSize}),
-               kTerminator, function);
+    TRACE_DATA(dispatch.answerPoint, "stapi_zeb_statquery.%s",
+               (TracedStorage{buffer, 0, kTerminator, kResultSetBufferSize}), kTerminator, dispatch.function);
   }
   return rc;
 }
@@ -45,7 +51,7 @@ using namespace zeb;
 
 int commsStats(int socketDesc, char* buffer) noexcept {
   TRACE_ENTRY(4100, "stapi_zeb_statquery.commsStats(socketDesc=%d, buffer=%p)\n", socketDesc, buffer);
-  const int rc = ask("commsStats", socketDesc, STATS_MBEAN_ACTION_GET_STATS, nullptr, buffer);
+  const int rc = ask({"commsStats", 4112}, socketDesc, STATS_MBEAN_ACTION_GET_STATS, nullptr, buffer);
   TRACE_EXIT(4101, "stapi_zeb_statquery.commsStats(socketDesc=%d, buffer=%p) zebstatRc=%d\n", socketDesc,
              buffer, rc);
   return rc;
@@ -53,7 +59,7 @@ int commsStats(int socketDesc, char* buffer) noexcept {
 
 int commsStatIds(int socketDesc, char* buffer) noexcept {
   TRACE_ENTRY(4102, "stapi_zeb_statquery.commsStatIds(socketDesc=%d, buffer=%p)\n", socketDesc, buffer);
-  const int rc = ask("commsStatIds", socketDesc, STATS_MBEAN_ACTION_STAT_IDS, nullptr, buffer);
+  const int rc = ask({"commsStatIds", 4113}, socketDesc, STATS_MBEAN_ACTION_STAT_IDS, nullptr, buffer);
   TRACE_EXIT(4103, "stapi_zeb_statquery.commsStatIds(socketDesc=%d, buffer=%p) zebstatRc=%d\n", socketDesc,
              buffer, rc);
   return rc;
@@ -63,18 +69,19 @@ int commsResourceGroupsIds(int socketDesc, char* buffer) noexcept {
   TRACE_ENTRY(4104, "stapi_zeb_statquery.commsResourceGroupsIds(socketDesc=%d, buffer=%p)\n", socketDesc,
               buffer);
   const int rc =
-      ask("commsResourceGroupsIds", socketDesc, STATS_MBEAN_ACTION_RESOURCE_GROUPS, nullptr, buffer);
+      ask({"commsResourceGroupsIds", 4114}, socketDesc, STATS_MBEAN_ACTION_RESOURCE_GROUPS, nullptr, buffer);
   TRACE_EXIT(4105, "stapi_zeb_statquery.commsResourceGroupsIds(socketDesc=%d, buffer=%p) zebstatRc=%d\n",
              socketDesc, buffer, rc);
   return rc;
 }
 
-// kept: the three with ids spell zebStatRc, the three without zebstatRc
+// quirk: the three with ids spell zebStatRc, the three without zebstatRc
 
 int commsStatsByStatGroupId(int socketDesc, char* buffer, const char* ids) noexcept {
   TRACE_ENTRY(4106, "stapi_zeb_statquery.commsStatsByStatGroupId(socketDesc=%d, buffer=%p, ids=%p)\n",
               socketDesc, buffer, ids);
-  const int rc = ask("commsStatsByStatGroupId", socketDesc, STATS_MBEAN_ACTION_GET_STATS, ids, buffer);
+  const int rc =
+      ask({"commsStatsByStatGroupId", 4115}, socketDesc, STATS_MBEAN_ACTION_GET_STATS, ids, buffer);
   TRACE_EXIT(4107,
              "stapi_zeb_statquery.commsStatsByStatGroupId(socketDesc=%d, buffer=%p, ids=%p) zebStatRc=%d\n",
              socketDesc, buffer, ids, rc);
@@ -84,7 +91,7 @@ int commsStatsByStatGroupId(int socketDesc, char* buffer, const char* ids) noexc
 int commsStatsByStatId(int socketDesc, char* buffer, const char* ids) noexcept {
   TRACE_ENTRY(4108, "stapi_zeb_statquery.commsStatsByStatId(socketDesc=%d, buffer=%p, ids=%p)\n", socketDesc,
               buffer, ids);
-  const int rc = ask("commsStatsByStatId", socketDesc, STATS_MBEAN_ACTION_GET_STATS, ids, buffer);
+  const int rc = ask({"commsStatsByStatId", 4116}, socketDesc, STATS_MBEAN_ACTION_GET_STATS, ids, buffer);
   TRACE_EXIT(4109, "stapi_zeb_statquery.commsStatsByStatId(socketDesc=%d, buffer=%p, ids=%p) zebStatRc=%d\n",
              socketDesc, buffer, ids, rc);
   return rc;
@@ -93,7 +100,8 @@ int commsStatsByStatId(int socketDesc, char* buffer, const char* ids) noexcept {
 int commsStatIdsByStatGroupId(int socketDesc, char* buffer, const char* ids) noexcept {
   TRACE_ENTRY(4110, "stapi_zeb_statquery.commsStatIdsByStatGroupId(socketDesc=%d, buffer=%p, ids=%p)\n",
               socketDesc, buffer, ids);
-  const int rc = ask("commsStatIdsByStatGroupId", socketDesc, STATS_MBEAN_ACTION_STAT_IDS, ids, buffer);
+  const int rc =
+      ask({"commsStatIdsByStatGroupId", 4117}, socketDesc, STATS_MBEAN_ACTION_STAT_IDS, ids, buffer);
   TRACE_EXIT(4111,
              "stapi_zeb_statquery.commsStatIdsByStatGroupId(socketDesc=%d, buffer=%p, ids=%p) zebStatRc=%d\n",
              socketDesc, buffer, ids, rc);

@@ -25,6 +25,7 @@ struct Deadline {
 
 std::atomic<int> processTimeout{0};
 constinit thread_local Deadline deadline = {};
+constinit thread_local std::uint32_t* cancelFlag = nullptr;
 
 std::int64_t now() noexcept {
   timespec clock = {};
@@ -69,6 +70,18 @@ bool hasTimedOut() noexcept {
 
 int callTimeout() noexcept {
   return deadline.milliseconds;
+}
+
+CancellableCall::CancellableCall(std::uint32_t* flag) noexcept {
+  cancelFlag = flag;
+}
+
+CancellableCall::~CancellableCall() {
+  cancelFlag = nullptr;
+}
+
+bool isCancelled() noexcept {
+  return cancelFlag != nullptr && std::atomic_ref(*cancelFlag).load(std::memory_order_seq_cst) != 0;
 }
 
 int waitForEvents(int descriptor, short events, short* readyEvents) noexcept {

@@ -1,4 +1,5 @@
-// The time limit of a public call: taken when the call starts, kept by every wait within it.
+// The time limit of a public call, which is taken when the call starts and kept by every wait within it, and the
+// cancellation of a call by another thread.
 #ifndef STAPI_ZEB_TIMEOUT_H
 #define STAPI_ZEB_TIMEOUT_H
 
@@ -29,6 +30,19 @@ bool hasDeadline() noexcept;
 bool hasTimedOut() noexcept;
 // The limit that the call started with, for messages.
 int callTimeout() noexcept;
+
+// Makes *flag tell isCancelled() for as long as the object lives, on the thread that made it. Another thread sets
+// the flag before it looks for the call's socket, to shut it down.
+class CancellableCall {
+ public:
+  explicit CancellableCall(std::uint32_t* flag) noexcept;
+  ~CancellableCall();
+  CancellableCall(const CancellableCall&) = delete;
+  CancellableCall& operator=(const CancellableCall&) = delete;
+};
+
+// True if another thread has cancelled the call that this thread is in.
+bool isCancelled() noexcept;
 
 // Waits until descriptor is ready for one of events (poll's). Returns poll's answer: positive and *readyEvents,
 // 0 if the deadline has passed, or -1 with errno. With a deadline a handled signal does not end the wait; without

@@ -26,6 +26,9 @@ static int (*const level)(int*) = getAPITraceLevel;
 static int (*const setLevel)(int) = setAPITraceLevel;
 static int (*const setFile)(const char*) = setAPITraceFile;
 static int (*const state)(void) = dumpState;
+static int (*const timeout)(int*) = getAPITimeout;
+static int (*const setTimeout)(int) = setAPITimeout;
+static const char* (*const codeText)(int) = getAPICodeText;
 
 static int failures = 0;
 
@@ -58,7 +61,9 @@ static void checkCodes(void) {
                               ZEB_NETWORK_UNREACHABLE};
   int i;
   for (i = 0; i < (int)(sizeof codes / sizeof codes[0]); ++i) check("a return code", codes[i], -100 - i);
-  check("the last return code", -100 - (i - 1), -136);
+  check("the last of these", -100 - (i - 1), -136);
+  check("a negative timeout", ZEB_TIMEOUT_INVALID, -137);
+  check("a query that timed out", ZEB_TIMED_OUT, -138);
   check("success", ZEB_OK, 0);
   check("a long query", ZEB_QUERY_TOO_LONG, -2);
 }
@@ -162,6 +167,14 @@ static void checkLibrary(void) {
   check("trace file", setFile("/no/such/folder/trace"), ZEB_TRACE_FILE_FAILED);
   check("standard error", setFile(0), ZEB_OK);
   check("state", state(), ZEB_OK);
+  check("timeout to nowhere", timeout(0), ZEB_OUTPUT_POINTER_NULL);
+  check("timeout", timeout(&current), ZEB_OK);
+  check("timeout at the start", current, 0);
+  check("timeout of 250 ms", setTimeout(250), ZEB_OK);
+  check("timeout of -1 ms", setTimeout(-1), ZEB_TIMEOUT_INVALID);
+  check("timeout again", timeout(&current), ZEB_OK);
+  check("timeout after a failed call", current, 250);
+  check("text of an unknown code", codeText(1) != 0 && codeText(1) == codeText(-99), 1);
 }
 
 int main(void) {

@@ -3,9 +3,13 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <memory>
 #include <regex>
+#include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -39,7 +43,7 @@ class Hpp : public testing::Test {
   Connection gateway;
 };
 
-// What a use of a view gives that has outlived its answer: an assertion, or with NDEBUG an error.
+// A view used after its answer is gone: an assertion fails, or with NDEBUG it returns an error.
 template <typename View>
 void expectStale(View& view, const char* assertion, int code) {
   EXPECT_DEBUG_DEATH((void)view.begin(), assertion);
@@ -117,6 +121,28 @@ TEST_F(Hpp, ALostConnectionIsToldOnceAndOpenedAgain) {
   EXPECT_FALSE(gateway.stats().error());
 }
 
+TEST_F(Hpp, ATimeoutEndsTheQueryOfASilentGatewayAndItsViews) {
+  ASSERT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
+  std::promise<void> end;
+  std::atomic<bool> isSilent = false;
+  zebsim::ServerOptions options;
+  options.clock = [&isSilent, until = end.get_future().share()] {
+    if (isSilent) until.wait();
+    return std::uint64_t{0};
+  };
+  zebsim::GatewayServer silent(options);
+  ASSERT_FALSE(gateway.open("127.0.0.1", silent.port()));
+  zebstats::StatSet before = gateway.stats();
+  ASSERT_FALSE(zebstats::setTimeout(50));
+  EXPECT_EQ(zebstats::timeout(), 50);
+  isSilent = true;
+  EXPECT_EQ(gateway.stats().error().code(), ZEB_TIMED_OUT);
+  EXPECT_FALSE(gateway.isOpen());
+  expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
+  EXPECT_FALSE(zebstats::setTimeout(0));
+  end.set_value();
+}
+
 TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
   const pid_t child = fork();
   if (child == 0) {
@@ -130,17 +156,23 @@ TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
   EXPECT_FALSE(gateway.stats().error());
 }
 
-TEST(HppError, HasWordsForEveryPublicCode) {
-  std::ifstream header(ZEB_PUBLIC_HEADER);
-  const std::regex codeLine(R"(\s+ZEB_\w+ = (-?\d+),?(\s.*)?)");
-  int codes = 0;
-  for (std::string line; std::getline(header, line);) {
-    std::smatch match;
-    if (!std::regex_match(line, match, codeLine)) continue;
-    ++codes;
-    EXPECT_STRNE(zebstats::describe(std::stoi(match[1])), zebstats::describe(1)) << line;
+std::string readFile(const char* path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(HppError, EveryCodeHasATextOfItsOwnAndTheHeaderAndTheManualPrintIt) {
+  const std::string header = readFile(ZEB_PUBLIC_HEADER);
+  const std::string manual = readFile(ZEB_MANUAL);
+  const std::regex codeLine(R"(\n\s+(ZEB_\w+) = (-?\d+))");
+  std::set<std::string> texts = {zebstats::describe(1)};
+  for (std::sregex_iterator match(header.begin(), header.end(), codeLine), none; match != none; ++match) {
+    const std::string name = (*match)[1], text = zebstats::describe(std::stoi((*match)[2]));
+    EXPECT_TRUE(texts.insert(text).second) << name << ": " << text;
+    EXPECT_NE(header.find("/* " + text + " */"), std::string::npos) << name << ": " << text;
+    EXPECT_NE(manual.find(".Dv " + name + " :\n" + text + "\n."), std::string::npos) << name << ": " << text;
   }
-  EXPECT_EQ(codes, static_cast<int>(std::size(zebstats::kMeanings)));
+  EXPECT_EQ(texts.size(), 38U);
 }
 
 }  // namespace

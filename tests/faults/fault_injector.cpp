@@ -1,6 +1,7 @@
 #include "fault_injector.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
@@ -14,6 +15,8 @@
 #include <cstdarg>
 #include <filesystem>
 #include <unordered_set>
+
+#include "stapi_zeb_memory.h"
 
 namespace zebtest {
 namespace {
@@ -74,6 +77,7 @@ int Injection::next(Call call) {
 }
 
 std::pair<std::size_t, std::size_t> countHoldings() {
+  zeb::freeRetired();
   const std::filesystem::directory_iterator open("/proc/self/fd");
   return {blocks.size(), std::distance(begin(open), end(open))};
 }
@@ -128,8 +132,16 @@ ZEB_WRAP_FAILING(kSocket, -1, int, socket, (int family, int type, int protocol),
 ZEB_WRAP_FAILING(kSetsockopt, -1, int, setsockopt,
                  (int socket, int level, int option, const void* value, socklen_t length),
                  (socket, level, option, value, length))
-ZEB_WRAP_FAILING(kFopen, nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode))
+ZEB_WRAP_FAILING(kFdopen, nullptr, FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode))
 ZEB_WRAP_FAILING(kFflush, EOF, int, fflush, (FILE * stream), (stream))
+
+ZEB_WRAP(int, open, (const char* path, int flags, ...)) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  return failOr(kOpen, -1, [&] { return __real_open(path, flags, mode); });
+}
 
 ZEB_WRAP(int, ioctl, (int descriptor, unsigned long request, ...)) {
   va_list arguments;

@@ -102,7 +102,7 @@ Codes openCodes(Call call, int error, bool isInProgress) {
     case kAllocate:
       return {ZEB_NO_MEMORY, ZEB_CONNECT_FAILED, ZEB_COMMUNICATION_FAILED, kNoVersion};
     case kGetaddrinfo:
-      return {ZEB_HOST_UNKNOWN};
+      return {ZEB_HOST_UNKNOWN, 0};  // a numeric address that is refused once is taken as it is
     case kSocket:
     case kSetsockopt:
       return {ZEB_CONNECT_FAILED};
@@ -133,7 +133,7 @@ Codes codesUnder(const Target& target, Call call, int error) {
   if (target.family == Family::open) return openCodes(call, error, !target.ahead.empty());
   if (target.isQuery()) return queryCodes(call, error, target.family == Family::textQuery);
   if (target.family == Family::local && call == kAllocate) return {ZEB_NO_MEMORY};
-  return {call == kFopen ? ZEB_TRACE_FILE_FAILED : 0};
+  return {call == kOpen || call == kFdopen ? ZEB_TRACE_FILE_FAILED : 0};
 }
 
 const Codes& errorsOf(Call call) {
@@ -150,7 +150,8 @@ const Codes& errorsOf(Call call) {
       /* send */ {EINTR, EPIPE, ECONNRESET, kShort, kCut, kEnd},
       /* recv */ {EINTR, ECONNRESET, ETIMEDOUT, kShort, kEnd},
       /* close */ {EINTR, EIO},
-      /* fopen */ {EMFILE, EACCES, EINTR},
+      /* open */ {EMFILE, EACCES, EINTR},
+      /* fdopen */ {ENOMEM},
       /* fflush */ {ENOSPC, EINTR},
       /* fclose */ {EIO, EINTR},
       /* lock */ {EINVAL},

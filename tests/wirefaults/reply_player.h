@@ -55,10 +55,16 @@ class ReplyPlayer {
   void record(zebsim::GatewaySession::Bean bean, Recording& recording) {
     play([this, bean, &recording](int client) { recordSession(client, bean, recording); });
   }
-  // All replies at once, and no more behind them.
-  void playAtOnce(const Bytes& replies) {
-    play([replies](int client) {
-      sendAll(client, replies);
+  // Each reply when a request has come, and the last one for a close request. A client that asks nothing within
+  // patience milliseconds, because it waits for bytes that a changed reply announces, sees the end of the
+  // connection.
+  void playEach(const std::vector<Bytes>& replies, int patience) {
+    play([replies, patience](int client) {
+      zebsim::Request request;
+      for (std::size_t i = 0; i < replies.size() && receiveRequest(client, request, patience); ++i) {
+        if (request.header.type == zebsim::kCloseType) i = replies.size() - 1;
+        sendAll(client, replies[i]);
+      }
       shutdown(client, SHUT_WR);
       receive(client, SIZE_MAX);
     });
@@ -122,6 +128,21 @@ class ReplyPlayer {
       if (sent <= 0) return;  // a client that goes away before it has read everything does no wrong
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
+  }
+  // False also for a request that is none, because a changed reply's header came back in it.
+  static bool receiveRequest(int client, zebsim::Request& request, int patience) try {
+    Bytes in;
+    char buffer[4096];
+    pollfd waited = {client, POLLIN, 0};
+    while (!zebsim::takeRequest(in, request)) {
+      if (poll(&waited, 1, patience) <= 0) return false;
+      const ssize_t got = recv(client, buffer, sizeof buffer, 0);
+      if (got <= 0) return false;
+      in.append(buffer, static_cast<std::size_t>(got));
+    }
+    return true;
+  } catch (const zebsim::BadRequest&) {
+    return false;
   }
   static bool receive(int client, std::size_t size) {
     char buffer[4096];

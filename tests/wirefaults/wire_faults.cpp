@@ -95,7 +95,7 @@ class WireFaults : public testing::Test {
 
   // Whatever went before, a session with the right replies is what it was.
   void expectGoodSession() {
-    player_->playAtOnce(joined(recording_.replies));
+    player_->playEach(recording_.replies, -1);
     ASSERT_EQ(runSession(player_->port()), good_);
   }
   std::optional<ReplyPlayer> player_;
@@ -171,7 +171,7 @@ class ChangedReply : public WireFaults, public testing::WithParamInterface<std::
   void expectDocumentedCodes(const Bytes& changed) {
     std::vector<Bytes> replies = recording_.replies;
     replies[GetParam()] = changed;
-    player_->playAtOnce(joined(replies));
+    player_->playEach(replies, 5);
     ++points_;
     const auto [open, stats, ids, close, content] = runSession(player_->port());
     const auto isLost = [](int rc) { return rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED; };

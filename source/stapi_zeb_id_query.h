@@ -1,0 +1,86 @@
+// Joins the ids of a result set into one query string.
+#ifndef STAPI_ZEB_ID_QUERY_H
+#define STAPI_ZEB_ID_QUERY_H
+
+#include <cstring>
+#include <string_view>
+
+#include "stapi_zeb_walk.h"
+
+namespace zeb {
+
+// A string that grows to kQueryStringSize, its NUL included. What does not fit as a whole is not appended.
+class QueryString {
+ public:
+  explicit QueryString(char* room) noexcept : text_(room) {}
+  [[nodiscard]] std::size_t length() const noexcept { return length_; }
+  bool append(std::string_view text) noexcept {
+    if (text.size() >= kQueryStringSize - length_) return false;
+    if (!text.empty()) memcpy(text_ + length_, text.data(), text.size());
+    length_ += text.size();
+    return true;
+  }
+  // A separator and an id, or neither.
+  bool appendNext(std::string_view id) noexcept {
+    if (id.size() + 1 >= kQueryStringSize - length_) return false;
+    text_[length_] = ':';
+    if (!id.empty()) memcpy(text_ + length_ + 1, id.data(), id.size());
+    length_ += id.size() + 1;
+    return true;
+  }
+  void end() noexcept { text_[length_] = '\0'; }
+
+ private:
+  char* text_;
+  std::size_t length_ = 0;
+};
+
+// Appends the rest of the element that is being walked in one loop, which takes a third of the time of as many
+// walk steps; stops before an id that does not fit or is damaged, and leaves it to the walk. Does nothing if the
+// steps are to be traced. Returns the number of ids.
+template <typename Walk>
+int joinElement(ResultSetToken& resultSet, QueryString& joined) noexcept {
+  if (traceLevel() >= kLevelEvent || resultSet.elementResultIndex == 0) return 0;
+  ResultSetReader in(resultSet.next, resultSet.head);
+  QueryString longer = joined;  // a copy, which stays in registers
+  const std::int32_t left = resultSet.elementCount - resultSet.elementResultIndex + 1;
+  std::int32_t count = 0;
+  for (; count < left && !in.atEnd(); ++count) {
+    ResultSetReader ahead = in;
+    const auto entry = Walk::read(ahead);
+    if (!ahead.ok()) break;
+    if (!longer.appendNext({entry.id, static_cast<std::size_t>(entry.idLen)})) break;
+    in = ahead;
+  }
+  joined = longer;
+  resultSet.next = in.position();
+  resultSet.elementResultIndex += count;
+  if (count == left) {
+    resultSet.elementResultIndex = 0;
+    ++resultSet.queryIndex;
+  }
+  return count;
+}
+
+// Walks a result set to its end, and appends the ids of the elements whose return code is 0. Returns the number
+// of ids.
+template <typename Walk>
+int joinIds(ResultSetToken* rsPtr, QueryString& joined) noexcept {
+  int goodIdCount = 0;
+  typename Walk::Record record;
+  int rc = Walk::getFirst(rsPtr, &record);
+  while (rc == 0) {
+    if (record.queryElementRC == 0) {
+      if (!joined.append(Walk::id(record))) break;
+      goodIdCount += 1 + joinElement<Walk>(*rsPtr, joined);
+    }
+    rc = Walk::getNext(rsPtr, &record);
+    // quirk: ':' is written whenever the next entry is good, so it may come first or last
+    if (rc == 0 && record.queryElementRC == 0 && !joined.append(":")) break;
+  }
+  return goodIdCount;
+}
+
+}  // namespace zeb
+
+#endif
