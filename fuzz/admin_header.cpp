@@ -3,6 +3,7 @@
 
 #include "harness.h"
 #include "memory_gateway.h"
+#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_protocol.h"
 
 using namespace zebfuzz;

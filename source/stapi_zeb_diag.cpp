@@ -68,17 +68,17 @@ FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
 }
 
-char* putDigits(char* at, int value, int width, char behind) noexcept {
+char* putDigits(char* at, int value, int width, char after) noexcept {
   for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
-  at[width] = behind;
+  at[width] = after;
   return at + width + 1;
 }
 
-// "%d/%m/%y" and the character behind it.
-char* putDate(char* at, const tm& local, char behind) noexcept {
+// "%d/%m/%y" and the character after it.
+char* putDate(char* at, const tm& local, char after) noexcept {
   at = putDigits(at, local.tm_mday, 2, '/');
   at = putDigits(at, local.tm_mon + 1, 2, '/');
-  return putDigits(at, local.tm_year % 100, 2, behind);
+  return putDigits(at, local.tm_year % 100, 2, after);
 }
 
 constexpr std::size_t kMillisecondsAt = 18;

@@ -1,10 +1,48 @@
-// Trace points: one line a point, nothing but a comparison when the level is below it.
+// Trace points. Each is one line of code; below its level it costs one comparison.
 #ifndef STAPI_ZEB_DIAG_H
 #define STAPI_ZEB_DIAG_H
+
+#include <stdio.h>
 
 #include <atomic>
 
 #include "zebstats_private.h"
+
+extern "C" {
+extern ZEB_INTERNAL_DATA int statAPITrace;
+extern ZEB_INTERNAL_DATA int statAPIDump;
+extern ZEB_INTERNAL_DATA FILE* statAPITraceHandle;
+extern ZEB_INTERNAL_DATA char* statAPITraceFilename;
+extern ZEB_INTERNAL_DATA const char* defaultTraceFilename;
+extern ZEB_INTERNAL_DATA char traceFmtStr[kTracePrefixLength + kTraceMessageSize];
+extern ZEB_INTERNAL_DATA char timeStamp[24];
+extern ZEB_INTERNAL_DATA char dateBuf[10];
+extern ZEB_INTERNAL_DATA std::uint32_t tracePid;
+extern ZEB_INTERNAL_DATA std::uint32_t traceTid;
+extern ZEB_INTERNAL_DATA std::uint32_t iTid;
+extern ZEB_INTERNAL_DATA LockRecord traceLock;
+}
+
+// Makes standard error the destination. Returns 0, -121 (no trace lock), or -111 (no memory for the file name).
+ZEB_INTERNAL int initTrace(void) ZEB_NOEXCEPT;
+// Write the local date (9 characters with the NUL) or the local time (22), and return dst.
+ZEB_INTERNAL char* getTraceDate(char* dst) ZEB_NOEXCEPT;
+ZEB_INTERNAL char* getTimestamp(char* dst) ZEB_NOEXCEPT;
+// Returns 1 if both are ids of the same thread, otherwise 0.
+ZEB_INTERNAL int compareTids(ThreadId tid1, ThreadId tid2) ZEB_NOEXCEPT;
+// Stores the ids of the calling process and thread; a null pointer skips its half.
+ZEB_INTERNAL void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) ZEB_NOEXCEPT;
+
+// Writes the bytes at address to the trace destination; the caller holds traceLock. If length is positive, it
+// writes that many bytes; if it is 0, the bytes before the first place where stopWord starts. Returns the number
+// of bytes. spare is ignored.
+ZEB_INTERNAL int traceOutStorage(const void* address, int length, std::uint32_t stopWord, int lineWidth,
+                                 int spare) ZEB_NOEXCEPT;
+// The line after its address: the hexadecimal column returns how many bytes belong to the dump, the character
+// column prints them.
+ZEB_INTERNAL int writeStorageLineDual(StorageDump* dump) ZEB_NOEXCEPT;
+ZEB_INTERNAL int writeStorageLineHex(StorageDump* dump) ZEB_NOEXCEPT;
+ZEB_INTERNAL void writeStorageLineChar(StorageDump* dump, int count) ZEB_NOEXCEPT;
 
 #define ZEB_TRACE_PREFIX "%s [0x%8.8X,0x%8.8X] [%4.4d] %-6.6s "
 static_assert(sizeof(ZEB_TRACE_PREFIX) == kTracePrefixLength + 1);
@@ -30,9 +68,8 @@ inline void setTraceLevel(int level) noexcept {
   std::atomic_ref<int>(statAPITrace).store(level, std::memory_order_relaxed);
 }
 
-// Where the process id stands between two questions to the kernel: on a page that the kernel clears in every
-// child that has memory of its own. Until there is one, and where no such page is to be had, this is a 0, and
-// every question goes to the kernel.
+// Cache of getpid(), on a page that the kernel zeroes in a forked child (MADV_WIPEONFORK). 0: not known; then
+// getpid() is called each time.
 extern std::atomic<std::uint32_t*> rememberedPid;
 [[gnu::cold]] void startRememberingPid() noexcept;
 [[gnu::cold]] std::uint32_t askPid() noexcept;
@@ -44,8 +81,7 @@ inline std::uint32_t currentPid() noexcept {
   return pid != 0 ? pid : askPid();
 }
 
-// Where pthread_self's answer stands once a thread has asked: the call itself costs as much as half the step of
-// a walk that it checks. Every thread begins with a 0.
+// Per-thread cache of pthread_self(), 0 until first use; the call would cost half a step of a walk.
 extern constinit thread_local ThreadId rememberedTid;
 inline ThreadId currentTid() noexcept {
   if (rememberedTid == 0) [[unlikely]]
@@ -53,37 +89,35 @@ inline ThreadId currentTid() noexcept {
   return rememberedTid;
 }
 
-// The low 32 bits of a thread id, this thread's or another's, as trace lines show them.
+// The low 32 bits of a thread id, as printed; without an argument, of this thread's.
 [[gnu::cold]] std::uint32_t shownTid() noexcept;
 inline std::uint32_t shownTid(ThreadId tid) noexcept {
   return static_cast<std::uint32_t>(tid);
 }
 
-// Whether these are the ids of the calling thread, as far as they are remembered. A no may be wrong.
+// True if pid and tid are the caller's according to the caches; false may only mean "not cached yet".
 inline bool isKnownCaller(std::uint32_t pid, ThreadId tid) noexcept {
   return pid != 0 && tid != 0 && pid == knownPid() && pthread_equal(rememberedTid, tid) != 0;
 }
 
-// An address that is only printed, and may have been freed by then.
+// Returns its argument; out of line, so that the compiler does not warn about printing a freed address.
 const void* addressToShow(const void* block) noexcept;
 
-// A text for %s, which may be missing.
+// A text for %s: "NULL" for a null pointer.
 inline const char* textToShow(const char* text) noexcept {
   return text != nullptr ? text : "NULL";
 }
 
-// The name of the trace destination; valid to print under traceLock, as every trace line does.
+// The name of the trace destination. Read it only while traceLock is held, as every trace line does.
 const char* traceFilename() noexcept;
 
-// All write one line, prefix included, and leave errno as it was. The first takes traceLock; the second does
-// too but repeats the time of the line before; the third is for the lock operations, which can not take the
-// lock that they report on and therefore share no buffer with the others.
+// Each writes one whole line and preserves errno. SameTime repeats the time stamp of the last line. The lock
+// functions cannot take traceLock, so theirs uses no shared buffer.
 [[gnu::format(printf, 1, 2), gnu::cold]] void writeTraceLine(const char* format, ...) noexcept;
 [[gnu::format(printf, 1, 2), gnu::cold]] void writeTraceLineSameTime(const char* format, ...) noexcept;
 [[gnu::format(printf, 1, 2), gnu::cold]] void writeLockTraceLine(const char* format, ...) noexcept;
 
-// A trace line and behind it the storage dump of length bytes, or up to stopWord when length is 0, but never
-// more than size bytes.
+// A trace line, then a dump of length bytes, or up to stopWord if length is 0; never more than size bytes.
 struct TracedStorage {
   const void* address;
   int length;
@@ -93,22 +127,23 @@ struct TracedStorage {
 [[gnu::format(printf, 2, 3), gnu::cold]] void writeTraceData(const TracedStorage& storage, const char* format,
                                                              ...) noexcept;
 
-// Writes text without a prefix; the caller holds traceLock.
+// Writes a line without a prefix. The caller holds traceLock if the line belongs to others around it.
 [[gnu::format(printf, 1, 2)]] void writeRaw(const char* format, ...) noexcept;
-// A rule of 80 "-".
+// A line of 80 dashes.
 void writeRule() noexcept;
-// The storage dump of traceOutStorage that stays within storage.size bytes.
+// traceOutStorage in lines of 16 bytes, which stays within storage.size bytes.
 int dumpStorage(const TracedStorage& storage) noexcept;
 // The state line of dumpState, which takes no traceLock.
 void writeStateLine() noexcept;
 
-// Sets the level, with the banner ahead of the first line where the destination has none yet.
+// Sets the level; when the trace is switched on, writes the banner first unless the destination has it.
 void changeTraceLevel(int level) noexcept;
 
 struct TraceSwitch {
   bool switched;
   int error;  // errno of a failed open, else 0
 };
+// Makes a file the destination, or standard error if traceFile is null.
 TraceSwitch switchTraceFile(const char* traceFile) noexcept;
 
 // For a fork: no other thread writes between the two.
@@ -125,7 +160,7 @@ void unlockTraceAfterFork() noexcept;
                   word __VA_OPT__(, ) __VA_ARGS__);                                        \
   } while (0)
 
-// A point whose level test was made before, once for several points of a loop.
+// For loops: the caller has tested the level.
 #define ZEB_TRACE_IF(allowed, word, point, text, ...) \
   ZEB_TRACE_WITH(writeTraceLine, allowed, timeStamp, word, point, text __VA_OPT__(, ) __VA_ARGS__)
 #define ZEB_TRACE(level, word, point, text, ...) \
@@ -142,7 +177,7 @@ void unlockTraceAfterFork() noexcept;
 #define TRACE_DEBUG(point, text, ...) \
   ZEB_TRACE(zeb::kLevelDetail, "DEBUG", point, text __VA_OPT__(, ) __VA_ARGS__)
 
-// function is a literal, "module.function", or holds a %s for which a name follows the storage.
+// function is a literal, "module.function", or holds a %s for which a name follows shownStopWord.
 #define TRACE_DATA(point, function, storage, shownStopWord, ...)                                           \
   do {                                                                                                     \
     if (zeb::traceLevel() >= zeb::kLevelDetail) [[unlikely]] {                                             \

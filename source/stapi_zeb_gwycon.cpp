@@ -3,6 +3,8 @@
 // A socket belongs to the thread that works on its gateway token; no lock is taken here. Another thread may shut
 // it down to cancel the call, which is why its descriptor is stored as soon as there is one.
 
+#include "stapi_zeb_gwycon.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -21,6 +23,7 @@
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_protocol.h"
+#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 
@@ -265,7 +268,7 @@ int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
   AuthRequestRecord record = {};
   record.header = makeHeader(AUTH_REQUEST_NAME, kCallMessage, 4);
   int rc = flowAuthRequest(socketDescriptor, &record, reasons);
-  if (rc == 0) {  // the rest of the header goes out again as the first reply left it
+  if (rc == 0) {  // the other header fields go back as the first reply had them
     record.header.messageType = kCallMessage;
     record.header.headerWord4 = 0;
     record.header.requestName = AUTH_REQUEST_NAME;

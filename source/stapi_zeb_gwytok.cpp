@@ -19,10 +19,12 @@
 #include <cstring>
 
 #include "stapi_zeb_diag.h"
+#include "stapi_zeb_gwycon.h"
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_resultsetbuffer.h"
 #include "stapi_zeb_socketcomms.h"
+#include "stapi_zeb_statcomms.h"
 #include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 

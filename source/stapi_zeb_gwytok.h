@@ -1,8 +1,30 @@
-// The functions of the token list that are not exported.
+// Gateway tokens, one for each open connection, and the list of them.
 #ifndef STAPI_ZEB_GWYTOK_H
 #define STAPI_ZEB_GWYTOK_H
 
 #include "zebstats_private.h"
+
+// Initialises gtlLock. Returns initializeLock's codes.
+ZEB_INTERNAL int initGTL(void) ZEB_NOEXCEPT;
+// Writes a token's fields to dst, which has at least kTokenTextMinimum bytes. Returns 0, or ZEB_BUFFER_NULL.
+ZEB_INTERNAL int formatGatewayToken(const GatewayToken* token, char* dst) ZEB_NOEXCEPT;
+// Writes the list to the trace destination; takes gtlLock and traceLock. Returns 0, kNothingToWalk, or
+// kListRunaway if kRunawayLimit tokens were written.
+ZEB_INTERNAL int dumpGatewayTokens(void) ZEB_NOEXCEPT;
+// Opens a connection; the calling thread owns it. Stores the token in *gwTokPtr on success only. Returns 0,
+// ZEB_TOKEN_POINTER_NULL, ZEB_NO_MEMORY, ZEB_TOKEN_LIST_CORRUPT (also if the list is full), ZEB_HOST_UNKNOWN,
+// ZEB_CONNECT_FAILED, ZEB_CONNECT_REFUSED, ZEB_CONNECT_TIMED_OUT, ZEB_NETWORK_UNREACHABLE, ZEB_CONNECTION_LOST,
+// ZEB_COMMUNICATION_FAILED, or ZEB_TOKEN_UNKNOWN (another thread has closed it).
+ZEB_INTERNAL int createGatewayToken(GatewayToken** gwTokPtr, const char* hostname, int port) ZEB_NOEXCEPT;
+// Whether a token is listed and the calling thread owns it. Returns 0, ZEB_TOKEN_UNKNOWN, ZEB_OTHER_PROCESS, or
+// ZEB_OTHER_THREAD.
+ZEB_INTERNAL int verifyGatewayToken(const GatewayToken* gwTokPtr) ZEB_NOEXCEPT;
+// Closes a connection and sets *gwTokPtr to null. With lockRequired 1 it takes gtlLock and searches the token;
+// otherwise the caller holds the lock, and the token is the head. Returns 0, ZEB_TOKEN_POINTER_NULL,
+// ZEB_TOKEN_NULL, or ZEB_TOKEN_UNKNOWN.
+ZEB_INTERNAL int deleteGatewayToken(GatewayToken** gwTokPtr, int lockRequired) ZEB_NOEXCEPT;
+// Closes all connections, up to kRunawayLimit. Returns 0, kNothingToWalk, or kListRunaway if it was that many.
+ZEB_INTERNAL int deleteGatewayTokens(void) ZEB_NOEXCEPT;
 
 namespace zeb {
 

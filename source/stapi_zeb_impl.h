@@ -5,6 +5,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "zebstats_private.h"
+
+// dup2ASCIIString for a text that the host gets; it frees the copy. The same codes.
+ZEB_INTERNAL int dup2NativeString(const char* dataPtr, char** outputPtr) ZEB_NOEXCEPT;
+
 namespace zeb {
 
 extern std::atomic<std::int32_t> stapiState;  // 1: initialised

@@ -5,6 +5,19 @@
 
 #include "zebstats_private.h"
 
+// The operations trace their entry and exit at level 5 and their failures at level 1.
+
+// Returns 0, 1 (initialised already), or -2 (pthread_mutex_init failed).
+ZEB_INTERNAL int initializeLock(LockRecord* lockPtr) ZEB_NOEXCEPT;
+// Waits for the lock. Returns 0, -1 (not initialised), or -4 (pthread_mutex_lock failed).
+ZEB_INTERNAL int requestLock(LockRecord* lockPtr) ZEB_NOEXCEPT;
+// Returns 0, -1 (not initialised), or -5 (pthread_mutex_unlock failed).
+ZEB_INTERNAL int releaseLock(LockRecord* lockPtr) ZEB_NOEXCEPT;
+// Returns 0, -1 (not initialised), or -4 (pthread_mutex_destroy failed).
+ZEB_INTERNAL int destroyLock(LockRecord* lockPtr) ZEB_NOEXCEPT;
+// Returns the lock's state word, 0xFFEEDDCC if it is initialised.
+ZEB_INTERNAL std::uint32_t isLockInitialized(const LockRecord* lockPtr) ZEB_NOEXCEPT;
+
 namespace zeb {
 
 constexpr int kLockRequestFailed = -4;

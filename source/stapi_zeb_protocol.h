@@ -1,4 +1,4 @@
-// What every request of the gateway protocol begins with, and the kinds of message and call.
+// The header that every request begins with, and the types of messages and calls.
 #ifndef STAPI_ZEB_PROTOCOL_H
 #define STAPI_ZEB_PROTOCOL_H
 

@@ -9,6 +9,7 @@
 
 #include <utility>
 
+#include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_version.h"
@@ -71,7 +72,7 @@ int removeResultSet(ResultSetToken** rsPtr) noexcept {
                 string);
     const void* const freed = addressToShow(string);
     free(string);
-    // quirk: says token, though it is the string
+    // quirk: says token for the string
     TRACE_DEBUG(5013, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n", freed);
     token->verifiedQueryString = nullptr;
   }
@@ -107,14 +108,69 @@ bool isNullCursor(char** bufWPtr) noexcept {
   return bufWPtr == nullptr || *bufWPtr == nullptr;
 }
 
-bool isNullWrite(char** bufWPtr, const char* text, int count) noexcept {
-  return isNullCursor(bufWPtr) || (text == nullptr && count > 0);
-}
-
 void append(char*& cursor, const void* bytes, int count) noexcept {
   if (count <= 0) return;
   memcpy(cursor, bytes, static_cast<std::size_t>(count));
   cursor += count;
+}
+
+// The two operations that copy characters, and their trace points.
+struct TextCall {
+  const char* name;
+  bool isPlatform;
+  int entryPoint;
+  int refusedPoint;
+  int exitPoint;
+};
+constexpr TextCall kAddPlatformChars = {"addPlatformChars", true, 5053, 5054, 5056};
+constexpr TextCall kAddChars = {"addChars", false, 5057, 5058, 5060};
+
+int appendText(const TextCall& call, char** bufWPtr, const char* textPtr, int charCount) noexcept {
+  if (isNullCursor(bufWPtr) || (textPtr == nullptr && charCount > 0)) {
+    TRACE_EXC(call.refusedPoint,
+              "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) function received a null "
+              "parameter\n",
+              call.name, bufWPtr, textPtr, charCount);
+    return ZEB_BUFFER_NULL;
+  }
+  if (call.isPlatform) {
+    TRACE_DEBUG(5055, "stapi_zeb_resultsetbuffer.addPlatformChars() writeCursor(%p) charCount(%d) \n",
+                *bufWPtr, charCount);
+  } else {
+    TRACE_DEBUG(5059,
+                "stapi_zeb_resultsetbuffer.addChars() using memcpy() on writeCursor(%p) charCount(%d)\n",
+                *bufWPtr, charCount);
+  }
+  append(*bufWPtr, textPtr, charCount);
+  return 0;
+}
+
+int addText(const TextCall& call, char** bufWPtr, const char* textPtr, int charCount) noexcept {
+  TRACE_ENTRY(call.entryPoint, "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d)\n",
+              call.name, bufWPtr, textPtr, charCount);
+  const int rc = appendText(call, bufWPtr, textPtr, charCount);
+  TRACE_EXIT(call.exitPoint, "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) rc=%d\n",
+             call.name, bufWPtr, textPtr, charCount, rc);
+  return rc;
+}
+
+// A length, the text, and a NUL that the next write overwrites.
+void appendIdStr(char*& cursor, const char* idString) noexcept {
+  const int length = static_cast<int>(strlen(idString));
+  char* const lengthAt = cursor;
+  append(cursor, &length, sizeof length);
+  char* const textAt = cursor;
+  append(cursor, idString, length);
+  *cursor = '\0';
+  TRACE_DEBUG(
+      5063,
+      "stapi_zeb_resultsetbuffer.addIdStr Wrote length value %u to address %p, which reads back as %u\n",
+      static_cast<unsigned>(length), lengthAt, static_cast<unsigned char>(*lengthAt));
+  TRACE_DEBUG(
+      5064,
+      "stapi_zeb_resultsetbuffer.addIdStr Wrote string %s len %u to address %p, first char reads back as "
+      "%c\n",
+      idString, static_cast<unsigned>(length), textAt, *textAt);
 }
 
 }  // namespace
@@ -228,46 +284,11 @@ int addInteger(char** bufWPtr, int rsInt) noexcept {
 }
 
 int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) noexcept {
-  int rc = 0;
-  TRACE_ENTRY(5053, "stapi_zeb_resultsetbuffer.addPlatformChars(&bufWPtr=%p, textPtr=%p, charCount=%d)\n",
-              bufWPtr, textPtr, charCount);
-  if (isNullWrite(bufWPtr, textPtr, charCount)) {
-    rc = ZEB_BUFFER_NULL;
-    TRACE_EXC(5054,
-              "stapi_zeb_resultsetbuffer.addPlatformChars(&bufWPtr=%p, textPtr=%p, charCount=%d) function "
-              "received a null parameter\n",
-              bufWPtr, textPtr, charCount);
-  } else {
-    TRACE_DEBUG(5055, "stapi_zeb_resultsetbuffer.addPlatformChars() writeCursor(%p) charCount(%d) \n",
-                *bufWPtr, charCount);
-    append(*bufWPtr, textPtr, charCount);
-  }
-  TRACE_EXIT(5056,
-             "stapi_zeb_resultsetbuffer.addPlatformChars(&bufWPtr=%p, textPtr=%p, charCount=%d) rc=%d\n",
-             bufWPtr, textPtr, charCount, rc);
-  return rc;
+  return addText(kAddPlatformChars, bufWPtr, textPtr, charCount);
 }
 
 int addChars(char** bufWPtr, const char* textPtr, int charCount) noexcept {
-  int rc = 0;
-  TRACE_ENTRY(5057, "stapi_zeb_resultsetbuffer.addChars(&bufWPtr=%p, textPtr=%p, charCount=%d)\n", bufWPtr,
-              textPtr, charCount);
-  if (isNullWrite(bufWPtr, textPtr, charCount)) {
-    rc = ZEB_BUFFER_NULL;
-    TRACE_EXC(
-        5058,
-        "stapi_zeb_resultsetbuffer.addChars(&bufWPtr=%p, textPtr=%p, charCount=%d) function received a null "
-        "parameter\n",
-        bufWPtr, textPtr, charCount);
-  } else {
-    TRACE_DEBUG(5059,
-                "stapi_zeb_resultsetbuffer.addChars() using memcpy() on writeCursor(%p) charCount(%d)\n",
-                *bufWPtr, charCount);
-    append(*bufWPtr, textPtr, charCount);
-  }
-  TRACE_EXIT(5060, "stapi_zeb_resultsetbuffer.addChars(&bufWPtr=%p, textPtr=%p, charCount=%d) rc=%d\n",
-             bufWPtr, textPtr, charCount, rc);
-  return rc;
+  return addText(kAddChars, bufWPtr, textPtr, charCount);
 }
 
 int addIdStr(char** bufWPtr, const char* idString) noexcept {
@@ -280,21 +301,7 @@ int addIdStr(char** bufWPtr, const char* idString) noexcept {
         "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p) function received a null parameter\n",
         bufWPtr, idString);
   } else {
-    const int length = static_cast<int>(strlen(idString));
-    char* const lengthAt = *bufWPtr;
-    append(*bufWPtr, &length, sizeof length);
-    char* const textAt = *bufWPtr;
-    append(*bufWPtr, idString, length);
-    **bufWPtr = '\0';
-    TRACE_DEBUG(
-        5063,
-        "stapi_zeb_resultsetbuffer.addIdStr Wrote length value %u to address %p, which reads back as %u\n",
-        static_cast<unsigned>(length), lengthAt, static_cast<unsigned char>(*lengthAt));
-    TRACE_DEBUG(
-        5064,
-        "stapi_zeb_resultsetbuffer.addIdStr Wrote string %s len %u to address %p, first char reads back as "
-        "%c\n",
-        idString, static_cast<unsigned>(length), textAt, *textAt);
+    appendIdStr(*bufWPtr, idString);
   }
   TRACE_EXIT(5065, "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p) rc=%d\n", bufWPtr, idString,
              rc);

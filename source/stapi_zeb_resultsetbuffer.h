@@ -2,11 +2,11 @@
 //
 //   0   8  content marker, "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
 //   8   4  number of query headers
-//   12     the query headers: element length, element, return code; unless that is negative a count and that
-//          many entries: id length, id, and for statistics value length, value
-//          terminator, also where the content would otherwise begin in a buffer that holds none
+//   12     then per element: length, element, return code; if not negative, count and entries, each of an id
+//          length and an id, and for statistics a value length and a value
+//          terminator; an empty buffer has it at offset 0
 //
-// Integers are in host order and stand at any address. The last word of a buffer always is a terminator.
+// Integers are in host order, at any address. The last word of a buffer is always a terminator.
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
@@ -18,13 +18,36 @@
 #include "stapi_zeb_diag.h"
 #include "zebstats_private.h"
 
+// Allocates a result set without a buffer and stores it in *newRsTokPtr; the caller frees it with
+// deleteResultSet. A kOwnerGateway one belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a null
+// argument), ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
+ZEB_INTERNAL int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
+                                 std::uint32_t owner) ZEB_NOEXCEPT;
+// Frees a result set, but not the buffer at its head, and sets *rsPtr to null. Returns 0,
+// ZEB_RESULT_SET_POINTER_NULL, or ZEB_RESULT_SET_NULL.
+ZEB_INTERNAL int deleteResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
+// Whether the calling thread owns the result set of a connection. Returns 0, ZEB_OTHER_PROCESS, or
+// ZEB_OTHER_THREAD.
+ZEB_INTERNAL int verifyAPIResultSetTokenOwner(const ResultSetToken* rsPtr) ZEB_NOEXCEPT;
+// Writes a result set to the trace destination; takes traceLock. Returns 0, or ZEB_BUFFER_NULL.
+ZEB_INTERNAL int dumpResultSetInternal(const ResultSetToken* rsPtr) ZEB_NOEXCEPT;
+
+// The write operations make no bounds check: the caller ensures that there is room. They advance the cursor, but
+// for the terminator. Each returns 0, or ZEB_BUFFER_NULL for a null argument.
+ZEB_INTERNAL int addTerminator(char* writeCursor) ZEB_NOEXCEPT;
+ZEB_INTERNAL int checkTerminator(const char* dataCursor, int* isRSTermPtr) ZEB_NOEXCEPT;
+ZEB_INTERNAL int addInteger(char** bufWPtr, int rsInt) ZEB_NOEXCEPT;
+ZEB_INTERNAL int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
+ZEB_INTERNAL int addChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
+ZEB_INTERNAL int addIdStr(char** bufWPtr, const char* idString) ZEB_NOEXCEPT;
+
 namespace zeb {
 
 constexpr std::size_t kMarkerLength = 8;
 constexpr char kStatsMarker[] = "ZEBSTSET";
 constexpr char kIdsMarker[] = "ZEBIDSET";
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
-// A dump reads so much where content ends: a line of 16 bytes, and a word at the last of them.
+// A dump reads up to 19 bytes past the content: a line of 16 bytes, and a word at the last of them.
 constexpr std::size_t kDumpReach = 19;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
@@ -42,16 +65,15 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
-// Makes a new buffer read as empty, and stamps the last word, which no content ever reaches.
+// Makes a new buffer empty and writes its final terminator, which no content reaches.
 void sealBuffer(char* buffer) noexcept;
 
 // Texts of up to so many characters are copied as so many where source and target have them, because a fixed
 // width costs less than a call of memcpy.
 constexpr std::size_t kShortText = 32;
 
-// The one bounded writer: what does not fit is not written, and once that happened nothing more is. While it
-// writes, other threads may dump the buffer: it reads as empty until it is finished, so that they do not run on
-// into what the host's memory held before.
+// The only writer. A write that does not fit is dropped, as are all later ones. Other threads may dump the buffer
+// meanwhile, so it reads as empty until finish(): a dump must not run on into what the host's memory held before.
 class ResultSetWriter {
  public:
   explicit ResultSetWriter(char* buffer) noexcept
@@ -61,7 +83,7 @@ class ResultSetWriter {
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] bool isNull() const noexcept { return start_ == nullptr; }
 
-  // The first to be written; finish() writes it over the terminator again.
+  // Must come first; hidden under the terminator until finish().
   void marker(const char* text) noexcept {
     if (!fits(kMarkerLength)) return;
     addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
@@ -102,7 +124,7 @@ class ResultSetWriter {
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
-  // Content that ends within a word of the last one is ended by that.
+  // With 1 to 3 bytes left the terminator is cut off; the last word ends the content.
   void finish() noexcept {
     memset(cursor_, 0, std::min(room(), kDumpReach));
     if (room() == 0 || room() >= sizeof kTerminator) {
@@ -110,7 +132,9 @@ class ResultSetWriter {
     } else {
       memcpy(cursor_, &kTerminator, room());
     }
-    std::atomic_signal_fence(std::memory_order_release);  // the marker comes last
+    // The marker comes last. A fence for the compiler is enough: a thread that dumps the buffer does so without
+    // a lock whatever the order, and a host only walks it on the thread that filled it.
+    std::atomic_signal_fence(std::memory_order_release);
     if (marker_ != nullptr) memcpy(start_, marker_, kMarkerLength);
   }
   void discard() noexcept { addTerminator(start_); }
@@ -136,7 +160,7 @@ class ResultSetReader {
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] char* position() const noexcept { return cursor_; }
   [[nodiscard]] std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - cursor_); }
-  // The end of the results, also where content ended too near to the last word for a terminator of its own.
+  // At the terminator, or too near the end for one.
   [[nodiscard]] bool atEnd() const noexcept { return left() < sizeof kTerminator || isTerminator(cursor_); }
 
   std::int32_t integer() noexcept {

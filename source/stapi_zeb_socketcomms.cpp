@@ -10,7 +10,9 @@
 //   4   4  header word 1                  20  4  n
 //   8   4  message type                   24  n  request name
 //   12  4  request: header word 4;        24+n 1 flag
-//          reply: loaded as word 3        25+n 4 data length, and the data behind it
+//          reply: loaded as word 3        25+n 4 data length, followed by the data
+
+#include "stapi_zeb_socketcomms.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -24,7 +26,6 @@
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
 #include "stapi_zeb_signal.h"
-#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
 #include "stapi_zeb_version.h"
 #include "stapi_zeb_wire.h"
@@ -42,29 +43,29 @@ constexpr std::size_t kFixedHeaderSize = 29;  // a header without its request na
 
 constexpr char HANDSHAKE_REQUEST_NAME[] = "BASE";
 constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
-// Ahead of a String argument: the head of a serialisation stream, and the tag of a string.
+// Before a String argument: the head of a serialisation stream, and the tag of a string.
 constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 
 constexpr std::size_t kOpeningReplySize = 12;  // two words and the admin id
 constexpr std::size_t kAdminReplyHead = 9;     // two words and the exception flag, before the call data
 constexpr std::int32_t kMaxReplySize = 16 * 1024 * 1024;
 
-// 0 where no request is that long.
+// 0 if over INT_MAX.
 int requestSize(const RequestHeader& header) noexcept {
   const std::uint64_t size = std::uint64_t{kFixedHeaderSize} + header.requestNameLength + header.dataLength;
   return size <= INT_MAX ? static_cast<int>(size) : 0;
 }
 
-unsigned char* allocateRequest(int size) noexcept {
-  return size > 0 ? allocate(static_cast<std::size_t>(size)).release() : nullptr;
+Block<unsigned char> allocateRequest(int size) noexcept {
+  return size > 0 ? allocate(static_cast<std::size_t>(size)) : nullptr;
 }
 
-// The place of the data in a request of requestSize(header) bytes.
+// A writer for the request's data.
 ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexcept {
   return ByteWriter({request + kFixedHeaderSize + header.requestNameLength, header.dataLength});
 }
 
-// What flow left: the reply's data, or the request's own bytes where the reply had none.
+// Reads what flow left in data: the reply's data, or the request's own bytes if the reply had none.
 ByteReader replyReader(const RequestHeader& header, const unsigned char* data, int requestLength) noexcept {
   const auto replied = static_cast<std::int32_t>(header.dataLength);
   return ByteReader({data, static_cast<std::size_t>(replied > 0 ? replied : requestLength)});
@@ -132,7 +133,7 @@ int waitForReply(int socketDesc) noexcept {
 }
 
 int readReplyPart(int socketDesc, int size, unsigned char* buffer, reasons& failure) noexcept {
-  errno = ECONNRESET;  // a reply that ends early is reported with whatever stands here
+  errno = ECONNRESET;  // recv sets no errno at end of stream; this is reported
   const int rc = readFromSocket(socketDesc, size, buffer);
   if (rc == 0) return 0;
   failure.sockErrno = rc;
@@ -258,10 +259,16 @@ int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   return rc;
 }
 
-// Data longer than the record's data length is not sent.
-int refuseOverlongRequest(const char* function, int point, int size) noexcept {
-  TRACE_EXC(point, "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n", function, size);
-  return ZEB_NO_MEMORY;
+// For replies whose content nobody looks at.
+int acceptReply(ByteReader) noexcept {
+  return 0;
+}
+
+void writeAuthData(const AuthRequestRecord& request, ByteWriter& out) noexcept {
+  out.i32(request.authStep);
+  if (request.authStep != 1) return;
+  for (const std::int32_t word : {request.authWord1, request.authWord2, request.authWord3, request.authWord4})
+    out.i32(word);
 }
 
 int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure) noexcept {
@@ -273,7 +280,7 @@ int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure)
     failure.authRc = request.replyCode;
     return kAuthRefused;
   }
-  if (request.authStep != 0) {  // kept: the answer to the second step is accepted whatever its reply code
+  if (request.authStep != 0) {  // quirk: the answer to the second step is accepted whatever its reply code
     request.resultWord1 = in.i32();
     request.resultWord2 = in.i32();
   } else {
@@ -305,7 +312,6 @@ void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
   } else if (request.callKind == kGetAttribute) {
     out.text16(request.attributeName);
   }
-  out.zeroRest();
 }
 
 int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
@@ -314,7 +320,7 @@ int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
   TRACE_DEBUG(3203, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n",
               static_cast<int>(size), callData.get());
   if (callData == nullptr) {
-    // kept: the length of the whole reply
+    // quirk: the length of the whole reply
     TRACE_EXC(3204, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n",
               static_cast<int>(size + kAdminReplyHead));
     return ZEB_NO_MEMORY;
@@ -325,7 +331,7 @@ int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
   return 0;
 }
 
-// A reply that is too short for what is read from it counts as one that could not be stored.
+// Reported as ZEB_NO_MEMORY, which callers map to -122.
 int refuseShortReply(std::size_t length) noexcept {
   TRACE_EXC(3253, "stapi_zeb_socketcomms.flowAdminRequest Reply of %d bytes is too short\n",
             static_cast<int>(length));
@@ -353,7 +359,7 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, r
     TRACE_EXC(3205, "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
     return kAdminFailed;
   }
-  // Where the reply had no data the bytes at hand are the request's own, which are no answer.
+  // Without reply data, data still holds the request.
   if (static_cast<std::int32_t>(request.header.dataLength) <= 0) return refuseShortReply(0);
   return takeCallData(request, in);
 }
@@ -361,6 +367,70 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, r
 // After such a failure nothing that the gateway still sends can be understood, and nothing is to be sent.
 bool isOutOfStep(int rc, const reasons& failure) noexcept {
   return isConnectionLost(rc, failure) || rc == ZEB_NO_MEMORY;
+}
+
+// What the four requests differ in: names, numbers, and a blank.
+struct Request {
+  const char* function;
+  const char* gap;  // between the function's name and the next word
+  const char* dataName;
+  int allocatedPoint;
+  int failedPoint;
+  int overlongPoint;
+  int freedPoint;
+};
+constexpr Request kHandshake = {"flowHandshakeRequest", "", "handshake", 3216, 3217, 3259, 3218};
+constexpr Request kClose = {"flowCloseRequest", " ", "close request", 3221, 3222, 3260, 3223};
+constexpr Request kAuth = {"flowAuthRequest", "", "request", 3210, 3211, 3254, 3213};
+constexpr Request kAdmin = {"flowAdminRequest", "", "request", 3201, 3202, 3255, 3207};
+
+// Data longer than the record's data length is not sent.
+int refuseOverlongRequest(const Request& request, int size) noexcept {
+  TRACE_EXC(request.overlongPoint, "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n",
+            request.function, size);
+  return ZEB_NO_MEMORY;
+}
+
+// flow, for a block that frees itself.
+int flowBlock(int socketDesc, int size, Block<unsigned char>& data, RequestHeader& header,
+              reasons* reasons) noexcept {
+  unsigned char* block = data.release();
+  const int rc = flow(socketDesc, size, &block, header.requestName, &header, reasons);
+  data.reset(block);
+  return rc;
+}
+
+// What the four requests share: writes the header and the data, exchanges them for a reply, and decodes that.
+// write gets a ByteWriter of header.dataLength bytes; decode gets a ByteReader and returns a code.
+template <typename Write, typename Decode>
+int exchangeRequest(const Request& request, int socketDesc, RequestHeader& header, reasons* reasons,
+                    Write write, Decode decode) noexcept {
+  const int size = requestSize(header);
+  Block<unsigned char> data = allocateRequest(size);
+  TRACE_DEBUG(request.allocatedPoint, "stapi_zeb_socketcomms.%s Called malloc for %d bytes. rc=%p\n",
+              request.function, size, data.get());
+  if (data == nullptr) {
+    TRACE_EXC(request.failedPoint, "stapi_zeb_socketcomms.%s%sFailed to allocate %d bytes.\n",
+              request.function, request.gap, size);
+    return ZEB_NO_MEMORY;
+  }
+  writeHeader(&header, data.get());
+  ByteWriter out = dataWriter(header, data.get());
+  write(out);
+  out.zeroRest();
+  int rc =
+      out.ok() ? flowBlock(socketDesc, size, data, header, reasons) : refuseOverlongRequest(request, size);
+  bool isBroken = isOutOfStep(rc, *reasons);
+  if (rc == 0) {
+    rc = decode(replyReader(header, data.get(), size));
+    isBroken = rc == kFlowFailed;
+  }
+  if (isBroken) shutdown(socketDesc, SHUT_RDWR);
+  if (data != nullptr) {
+    TRACE_DEBUG(request.freedPoint, "stapi_zeb_socketcomms.%s Free %s data %p\n", request.function,
+                request.dataName, data.get());
+  }
+  return rc;
 }
 
 }  // namespace
@@ -390,7 +460,7 @@ void writeHeader(const RequestHeader* req, unsigned char* data) noexcept {
   out.bytes(req->eyecatcher, sizeof req->eyecatcher);
   out.u32(req->headerWord1);
   out.u32(req->messageType);
-  out.i32(req->headerWord4);  // words 4 and 3 change places between writing and loading
+  out.i32(req->headerWord4);  // quirk: 4 goes to offset 12 but is loaded from 16
   out.i32(req->headerWord3);
   out.u32(req->requestNameLength);
   out.bytes(req->requestName, req->requestNameLength);
@@ -409,9 +479,9 @@ void populateHeader(const unsigned char* data, RequestHeader* req) noexcept {
   req->headerWord4 = in.i32();
   req->requestNameLength = static_cast<std::uint32_t>(in.i32());
 
-  ByteReader behindName({data + kNameOffset + req->requestNameLength, kFixedHeaderSize - kNameOffset});
-  req->flag = behindName.u8();
-  req->dataLength = static_cast<std::uint32_t>(behindName.i32());
+  ByteReader afterName({data + kNameOffset + req->requestNameLength, kFixedHeaderSize - kNameOffset});
+  req->flag = afterName.u8();
+  req->dataLength = static_cast<std::uint32_t>(afterName.i32());
   TRACE_EXIT(3247, "stapi_zeb_socketcomms.populateHeader(data=%p, req=%p)\n", data, req);
 }
 
@@ -434,12 +504,11 @@ int flow(int socketDesc, int datalen, unsigned char** data, const char* requestN
               socketDesc, datalen, data, shownName, header, reasons);
   if (datalen <= 0 || data == nullptr) {
     TRACE_EXC(3227, "stapi_zeb_socketcomms.flow No data to flow!!\n");
-    return kFlowFailed;  // kept: this way out writes no EXIT line
+    return kFlowFailed;  // quirk: no EXIT line here
   }
   TRACE_DATA(3226, "stapi_zeb_socketcomms.flow",
              (TracedStorage{*data, datalen, 0, static_cast<std::size_t>(datalen)}), 0);
   const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *reasons);
-  if (isOutOfStep(rc, *reasons)) shutdown(socketDesc, SHUT_RDWR);
   TRACE_EXIT(3238,
              "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
              "reasons=%p) rc=%d\n",
@@ -451,23 +520,9 @@ int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
   TRACE_ENTRY(3215, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
               reasons);
   RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
-  const int size = requestSize(header);
-  int rc;
-  unsigned char* data = allocateRequest(size);
-  TRACE_DEBUG(3216, "stapi_zeb_socketcomms.flowHandshakeRequest Called malloc for %d bytes. rc=%p\n", size,
-              data);
-  if (data == nullptr) {
-    TRACE_EXC(3217, "stapi_zeb_socketcomms.flowHandshakeRequestFailed to allocate %d bytes.\n", size);
-    rc = ZEB_NO_MEMORY;
-  } else {
-    writeHeader(&header, data);
-    dataWriter(header, data).bytes(kHandshakeData, sizeof kHandshakeData);
-    rc = flow(socketDesc, size, &data, HANDSHAKE_REQUEST_NAME, &header, reasons);
-  }
-  if (data != nullptr) {
-    TRACE_DEBUG(3218, "stapi_zeb_socketcomms.flowHandshakeRequest Free handshake data %p\n", data);
-    free(data);
-  }
+  const int rc = exchangeRequest(
+      kHandshake, socketDesc, header, reasons,
+      [](ByteWriter& out) { out.bytes(kHandshakeData, sizeof kHandshakeData); }, acceptReply);
   TRACE_EXIT(3219, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p) rc=%d\n",
              socketDesc, reasons, rc);
   return rc;
@@ -478,21 +533,8 @@ int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
               reasons);
   RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kCloseMessage, 0);
   header.headerWord3 = -1;
-  const int size = requestSize(header);
-  int rc;
-  unsigned char* data = allocateRequest(size);
-  TRACE_DEBUG(3221, "stapi_zeb_socketcomms.flowCloseRequest Called malloc for %d bytes. rc=%p\n", size, data);
-  if (data == nullptr) {
-    TRACE_EXC(3222, "stapi_zeb_socketcomms.flowCloseRequest Failed to allocate %d bytes.\n", size);
-    rc = ZEB_NO_MEMORY;
-  } else {
-    writeHeader(&header, data);
-    rc = flow(socketDesc, size, &data, HANDSHAKE_REQUEST_NAME, &header, reasons);
-  }
-  if (data != nullptr) {
-    TRACE_DEBUG(3223, "stapi_zeb_socketcomms.flowCloseRequest Free close request data %p\n", data);
-    free(data);
-  }
+  const int rc = exchangeRequest(
+      kClose, socketDesc, header, reasons, [](ByteWriter&) {}, acceptReply);
   TRACE_EXIT(3224, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p) rc=%d\n", socketDesc,
              reasons, rc);
   return rc;
@@ -501,34 +543,9 @@ int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
 int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons) noexcept {
   TRACE_ENTRY(3209, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
               socketDesc, request, reasons);
-  const int size = requestSize(request->header);
-  int rc;
-  unsigned char* data = allocateRequest(size);
-  TRACE_DEBUG(3210, "stapi_zeb_socketcomms.flowAuthRequest Called malloc for %d bytes. rc=%p\n", size, data);
-  if (data == nullptr) {
-    TRACE_EXC(3211, "stapi_zeb_socketcomms.flowAuthRequestFailed to allocate %d bytes.\n", size);
-    rc = ZEB_NO_MEMORY;
-  } else {
-    writeHeader(&request->header, data);
-    ByteWriter out = dataWriter(request->header, data);
-    out.i32(request->authStep);
-    if (request->authStep == 1) {
-      for (const std::int32_t word :
-           {request->authWord1, request->authWord2, request->authWord3, request->authWord4})
-        out.i32(word);
-    }
-    out.zeroRest();
-    rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
-                  : refuseOverlongRequest("flowAuthRequest", 3254, size);
-    if (rc == 0) {
-      rc = decodeAuthReply(*request, replyReader(request->header, data, size), *reasons);
-      if (rc == kFlowFailed) shutdown(socketDesc, SHUT_RDWR);
-    }
-  }
-  if (data != nullptr) {
-    TRACE_DEBUG(3213, "stapi_zeb_socketcomms.flowAuthRequest Free request data %p\n", data);
-    free(data);
-  }
+  const int rc = exchangeRequest(
+      kAuth, socketDesc, request->header, reasons, [&](ByteWriter& out) { writeAuthData(*request, out); },
+      [&](ByteReader in) { return decodeAuthReply(*request, in, *reasons); });
   TRACE_EXIT(3214, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
              socketDesc, request, reasons, rc);
   return rc;
@@ -537,26 +554,10 @@ int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons
 int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons) noexcept {
   TRACE_ENTRY(3200, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
               socketDesc, request, reasons);
-  const int size = requestSize(request->header);
   const int kind = request->callKind;
-  int rc;
-  unsigned char* data = allocateRequest(size);
-  TRACE_DEBUG(3201, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n", size, data);
-  if (data == nullptr) {
-    TRACE_EXC(3202, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n", size);
-    rc = ZEB_NO_MEMORY;
-  } else {
-    writeHeader(&request->header, data);
-    ByteWriter out = dataWriter(request->header, data);
-    writeAdminData(*request, out);
-    rc = out.ok() ? flow(socketDesc, size, &data, request->header.requestName, &request->header, reasons)
-                  : refuseOverlongRequest("flowAdminRequest", 3255, size);
-    if (rc == 0) rc = decodeAdminReply(*request, replyReader(request->header, data, size), kind, *reasons);
-  }
-  if (data != nullptr) {
-    TRACE_DEBUG(3207, "stapi_zeb_socketcomms.flowAdminRequest Free request data %p\n", data);
-    free(data);
-  }
+  const int rc = exchangeRequest(
+      kAdmin, socketDesc, request->header, reasons, [&](ByteWriter& out) { writeAdminData(*request, out); },
+      [&](ByteReader in) { return decodeAdminReply(*request, in, kind, *reasons); });
   TRACE_EXIT(3208, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
              socketDesc, request, reasons, rc);
   return rc;

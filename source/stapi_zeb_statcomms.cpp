@@ -17,6 +17,7 @@
 #include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
 #include "stapi_zeb_resultsetbuffer.h"
+#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_version.h"
 #include "stapi_zeb_wire.h"
 

@@ -1,10 +1,11 @@
-// One function per kind of question: it names the operation, runs the exchange and turns its code into a code
-// of the library.
+// The six queries: each names its operation, runs the exchange, maps its code.
+
+#include "stapi_zeb_statquery.h"
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_socketcomms.h"
+#include "stapi_zeb_statcomms.h"
 #include "stapi_zeb_version.h"
-
 extern "C" {
 extern const char stapi_zeb_statquery_notice[] ZEB_INTERNAL_DATA;
 const char stapi_zeb_statquery_notice[] = ZEB_NOTICE("stapi_zeb_statquery");
@@ -75,7 +76,7 @@ int commsResourceGroupsIds(int socketDesc, char* buffer) noexcept {
   return rc;
 }
 
-// quirk: the three with ids spell zebStatRc, the three without zebstatRc
+// quirk: the three with ids print zebStatRc, the three without print zebstatRc
 
 int commsStatsByStatGroupId(int socketDesc, char* buffer, const char* ids) noexcept {
   TRACE_ENTRY(4106, "stapi_zeb_statquery.commsStatsByStatGroupId(socketDesc=%d, buffer=%p, ids=%p)\n",

@@ -31,8 +31,8 @@ bool hasTimedOut() noexcept;
 // The limit that the call started with, for messages.
 int callTimeout() noexcept;
 
-// Makes *flag tell isCancelled() for as long as the object lives, on the thread that made it. Another thread sets
-// the flag before it looks for the call's socket, to shut it down.
+// For as long as the object lives, isCancelled() on the thread that made it returns whether *flag is set. Another
+// thread sets the flag before it looks for the call's socket, to shut it down.
 class CancellableCall {
  public:
   explicit CancellableCall(std::uint32_t* flag) noexcept;

@@ -6,7 +6,7 @@ constexpr char kApiVersion[] = "1_1_0_1";
 constexpr char kProductVersion[] = "8.0.0.1";
 constexpr char kBuildLevel[] = "b800-20101014";
 
-// The notice that each module exports, so that its origin can be read off a binary.
+// The notice that each module exports, so that `strings` shows the version.
 #define ZEB_NOTICE(module) module " - zebstats, statistics API of the transaction gateway, version 1.2.0"
 
 #endif

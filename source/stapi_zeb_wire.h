@@ -11,7 +11,7 @@
 
 namespace zeb {
 
-// A 16-bit length that is known to be there.
+// 16-bit length; the caller has checked two bytes.
 inline std::uint16_t loadLength(const std::uint8_t* at) noexcept {
   return static_cast<std::uint16_t>(at[0] << 8 | at[1]);
 }
@@ -21,7 +21,7 @@ class ByteReader {
  public:
   explicit ByteReader(std::span<const std::uint8_t> bytes) noexcept : rest_(bytes) {}
   [[nodiscard]] bool ok() const noexcept { return ok_; }
-  // For a value that is whole but makes no sense.
+  // Marks complete input as malformed.
   void fail() noexcept { ok_ = false; }
   [[nodiscard]] std::size_t left() const noexcept { return rest_.size(); }
   [[nodiscard]] const std::uint8_t* position() const noexcept { return rest_.data(); }
@@ -38,7 +38,7 @@ class ByteReader {
   }
   std::string_view text16() noexcept { return text(i16()); }
   void skip(std::size_t count) noexcept { take(count); }
-  // Steps over bytes that close an item and may be the last of all, so that none of them need be there.
+  // Skips closing bytes that may be missing at the end of the input.
   void skipClosing(std::size_t count) noexcept { take(std::min(count, rest_.size())); }
   // The next byte, which stays there; 0 at the end.
   [[nodiscard]] std::uint8_t peek() const noexcept { return rest_.empty() ? std::uint8_t{0} : rest_[0]; }
@@ -85,7 +85,7 @@ class ByteWriter {
     u16(static_cast<std::uint16_t>(text.size()));
     bytes(text.data(), text.size());
   }
-  // What has not been written is sent as zeros rather than as whatever the memory held.
+  // Zero-fills the rest, so no old heap contents are sent.
   void zeroRest() noexcept { std::fill(rest_.begin(), rest_.end(), std::uint8_t{0}); }
 
  private:

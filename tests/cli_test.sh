@@ -74,6 +74,17 @@ waits_for() {
   done
 }
 
+# ends SIGNAL INDEX: the signal ends this one of the started processes with 0, and at once.
+ends() {
+  local pid=${started[$2]} code=0 begin=$SECONDS
+  unset "started[$2]"
+  started=("${started[@]}")
+  kill -"$1" "$pid"
+  wait "$pid" || code=$?
+  [ "$code" = 0 ] || complain "SIG$1 ended it with $code"
+  [ $((SECONDS - begin)) -lt 5 ] || complain "SIG$1 ended it after $((SECONDS - begin)) s"
+}
+
 start plain --seed 1 --segment 7
 at=(--host 127.0.0.1 --port "$port")
 here="zebstat: 127\.0\.0\.1:$port"
@@ -140,8 +151,8 @@ ask_on_terminal 'stty cols 60 rows 10' "${at[@]}" stats --watch=0.1 --count 1
 shows $'\\.\\.\\. 54 more\e.*'
 
 start first --seed 1
-asked="zebstat --watch while the gateway is started again"
-"$zebstat" --port "$port" stats VM_UPTIME --watch=0.2 --format table >"$scratch/watched" 2>"$scratch/words" &
+asked="zebstat --watch while the gateway is started again and then silent"
+"$zebstat" --port "$port" --timeout 1 stats VM_UPTIME --watch=0.2 --format table >"$scratch/watched" 2>"$scratch/words" &
 started=($! "${started[@]}")
 waits_for "$scratch/watched" 'VM_UPTIME +2 '
 kill "${started[-1]}"
@@ -153,10 +164,12 @@ waits_for "$scratch/words" 'it answers again'
 : >"$scratch/watched"
 waits_for "$scratch/watched" 'VM_UPTIME +[1-9] +1 +[0-9]'
 ! grep -aE -e ' -[0-9.]+$' "$scratch/watched" || complain "a negative rate"
-kill -INT "${started[0]}"
-code=0 && wait "${started[0]}" || code=$?
-[ "$code" = 0 ] || complain "Ctrl-C ended it with $code"
-started=("${started[@]:1}")
+: >"$scratch/words"
+kill -STOP "${started[-1]}"
+waits_for "$scratch/words" 'no answer within 1 s; trying again in 1 s'
+kill -CONT "${started[-1]}"
+waits_for "$scratch/words" 'it answers again'
+ends INT 0
 
 # ---- check ----
 check() { # CODE PATTERN ARGUMENT...
@@ -201,6 +214,16 @@ ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 && says '.*
 kill -STOP "${started[0]}"
 ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s"
 check 3 'UNKNOWN: .*: no answer within 0\.3 s' --timeout 0.3 HOST_CPUS
+"$zebstat" exporter --listen 127.0.0.1:0 --timeout 20 --gateway "127.0.0.1:$port" --trace 3 \
+  --trace-file "$scratch/exported" >"$scratch/served" &
+started+=($!)
+waits_for "$scratch/served" listening
+asked="zebstat exporter that is ended while it waits for a gateway"
+IFS=: read -r _ scraped <"$scratch/served"
+exec {scrape}<>"/dev/tcp/127.0.0.1/$scraped"
+printf 'GET /metrics HTTP/1.0\r\n\r\n' >&"$scrape"
+waits_for "$scratch/exported" 'flowHandshakeRequest\('
+ends TERM -1
 kill -CONT "${started[0]}"
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
 [ -s "$scratch/trace" ] || complain "no trace"
@@ -216,10 +239,7 @@ timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/
 for signal in INT TERM; do
   start "big$signal" --scale 40
   ask 3 --port "$port" stats && lines 0 1 && says '.*: cannot read the answer \(-119\): .*'
-  kill -"$signal" "${started[-1]}"
-  code=0 && wait "${started[-1]}" || code=$?
-  unset 'started[-1]'
-  [ "$code" = 0 ] || complain "SIG$signal ended the simulator with $code"
+  ends "$signal" -1
   ask 3 --port "$port" groups && lines 0 1 && says "zebstat: 127\.0\.0\.1:$port: cannot connect \(-135\): .*"
 done
 

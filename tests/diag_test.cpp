@@ -1,6 +1,8 @@
 // The trace: lines, levels, banner, destination, storage dump; and the first call.
 
 #include "stapi_zeb_diag.h"
+#include "stapi_zeb_gwytok.h"
+#include "stapi_zeb_lock.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "trace_capture.h"
+#include "stapi_zeb_lock.h"
 #include "zebstats_private.h"
 
 namespace {

@@ -16,6 +16,7 @@
 #include "gateway_server.h"
 #include "scripted_gateway.h"
 #include "trace_capture.h"
+#include "stapi_zeb_gwytok.h"
 #include "zebstats_private.h"
 
 namespace {

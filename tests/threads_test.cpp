@@ -23,6 +23,8 @@
 #include "gateway_server.h"
 #include "scripted_gateway.h"
 #include "trace_capture.h"
+#include "stapi_zeb_diag.h"
+#include "stapi_zeb_lock.h"
 #include "zebstats_private.h"
 
 namespace {

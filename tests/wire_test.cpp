@@ -8,6 +8,9 @@
 #include "scripted_gateway.h"
 #include "stapi_zeb_protocol.h"
 #include "trace_capture.h"
+#include "stapi_zeb_gwycon.h"
+#include "stapi_zeb_gwytok.h"
+#include "stapi_zeb_socketcomms.h"
 #include "zebstats_private.h"
 
 namespace zebtest {

@@ -13,6 +13,7 @@
 
 #include "client_session.h"
 #include "fault_injector.h"
+#include "stapi_zeb_diag.h"
 #include "zebstats_private.h"
 
 namespace {

@@ -26,15 +26,15 @@ std::string cutWords(const std::string& words, std::size_t columns) {
   return columns < 3 ? "" : cutToColumns(words, columns - 3) + "...";
 }
 
-// Words give way to the performance data, which is left out where it would not fit whole.
+// Shortens the words first, then leaves out the performance data if it still does not fit.
 std::string renderLine(const Finding& finding) {
   std::string start = std::string(kStateNames[finding.state]) + ": ";
   std::string words = toShown(finding.words);
-  std::replace(words.begin(), words.end(), '|', '/');  // the bar has its meaning
-  std::string behind = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
+  std::replace(words.begin(), words.end(), '|', '/');  // '|' starts performance data
+  std::string performance = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
   constexpr std::size_t kLeastWords = 20;
-  if (start.size() + kLeastWords + columnsOf(behind) > kMaxColumns) behind.clear();
-  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(behind)) + behind + "\n";
+  if (start.size() + kLeastWords + columnsOf(performance) > kMaxColumns) performance.clear();
+  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(performance)) + performance + "\n";
 }
 
 std::string writePerformance(const Options& options, long double value) {
@@ -72,18 +72,15 @@ Finding judge(const Options& options, const Answer& answer) {
 
 }  // namespace
 
-int runCheck(const Options& options) {
+int runCheck(const Options& options, Gateway& gateway) {
   Finding finding;
-  GatewayOnce gateway(options.host, options.port);
-  finding.words = describeSilence(nameGateway(options.host, options.port), options.timeoutSeconds);
-  Ending late{STDOUT_FILENO, renderLine(finding), finding.state};
   try {
-    finding = judge(options, gateway.ask(options.question(), options.timeoutSeconds, late));
+    finding = judge(options, gateway.ask(options.question()));
   } catch (const Fault& fault) {
     finding.words = fault.what();
   }
   writeOutput(renderLine(finding));
-  gateway.close(finding.state);
+  return finding.state;
 }
 
 }  // namespace zebtool

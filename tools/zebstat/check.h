@@ -9,7 +9,7 @@
 namespace zebtool {
 
 // Prints one line of less than 80 characters and returns 0 OK, 1 WARNING, 2 CRITICAL or 3 UNKNOWN.
-int runCheck(const Options& options);
+int runCheck(const Options& options, Gateway& gateway);
 
 }  // namespace zebtool
 

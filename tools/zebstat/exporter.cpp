@@ -1,28 +1,25 @@
-// One thread and one connection for each gateway, since a connection belongs to its thread; a scrape asks
-// them all at once and waits for those that answer in time.
+// One thread and one connection for each gateway, since a connection belongs to its thread. A scrape asks
+// all gateways at once and waits for those that answer in time.
 //
-// The library has no time-out, and while it closes a connection, which waits for the gateway's answer, those
-// of all other threads stand still. So no call may be left hanging: one that takes too long gets a signal,
-// which the library takes for the end of the connection, and further ones until it has returned. That frees
-// the thread for a new attempt, whatever became of the gateway: no thread is given up, none piles up.
+// The library's timeout bounds every call, so that each thread is free again before long, whatever its
+// gateway does. To stop, the connections are closed from outside, which ends calls that wait.
 #include "exporter.h"
 
-#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <shared_mutex>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -32,6 +29,9 @@
 #include <prometheus/exposer.h>
 #include <prometheus/metric_family.h>
 
+#include "fault.h"
+#include "gateway.h"
+#include "output.h"
 #include "prometheus_names.h"
 #include "zebstats.hpp"
 
@@ -39,20 +39,16 @@ namespace zebtool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
-constexpr int kExitUsage = 2;
-constexpr int kExitCannotListen = 3;
-constexpr std::size_t kMostGateways = 250;  // the library holds 256 connections
-constexpr Clock::duration kShortWait = milliseconds(1000);
-constexpr Clock::duration kStopWait = milliseconds(2000);
-constexpr milliseconds kLookPause(100);  // between two looks for late calls
-constexpr milliseconds kWakePause(10);   // between two signals to a late call
+constexpr std::size_t kMaxGateways = 250;  // the library holds 256 connections
+// How much of the timeout a scrape waits: a server gives up after a time of its own, often the same, and
+// the answer should be complete by then.
+constexpr double kScrapeShare = 0.9;
+constexpr char kSilent[] = "does not answer in time";
 
-// Nobody sends this one from outside.
-int wakeSignal() {
-  return SIGRTMIN;
-}
+// A close from another thread ends a call that waits, but frees an answer that is being read. So it is held
+// shared while an answer is read, and exclusively while all connections are closed.
+std::shared_mutex answersMutex;
 
 // ---- Asking a gateway -------------------------------------------------------------------------------------
 
@@ -90,12 +86,12 @@ struct Report {
   std::vector<PrometheusStat> stats;
 };
 
-// Asks for all statistics by group: an answer tells a statistic's group only where it was asked for.
-class Question {
+// Asks for all statistics by group: an answer holds a statistic's group only if it was asked for.
+class StatsReader {
  public:
-  Question(zebstats::Connection& gateway, Report& report) : gateway_(gateway), report_(report) {}
+  StatsReader(zebstats::Connection& gateway, Report& report) : gateway_(gateway), report_(report) {}
 
-  zebstats::Error ask() {
+  zebstats::Error read() {
     std::vector<std::string> groups;
     if (zebstats::Error failed = readIds(gateway_.groups(), groups)) return failed;
     return askFor(groups.data(), groups.size(), std::string());
@@ -105,6 +101,7 @@ class Question {
   using Error = zebstats::Error;
 
   Error readIds(zebstats::IdSet answer, std::vector<std::string>& ids) {
+    std::shared_lock lock(answersMutex);
     for (const zebstats::Id& id : answer) {
       if (id.ok()) ids.emplace_back(id.id);
       if (!id.ok()) noteRefusal(id);
@@ -138,6 +135,7 @@ class Question {
   }
 
   Error take(zebstats::StatSet answer, const std::string& group) {
+    std::shared_lock lock(answersMutex);
     for (const zebstats::Stat& stat : answer) {
       if (!stat.ok()) {
         noteRefusal(stat);
@@ -155,58 +153,48 @@ class Question {
 
 // ---- Gateways and their threads ---------------------------------------------------------------------------
 
-// A gateway, for the scrapes that ask and for its own thread that answers. The thread keeps it alive.
-class Station {
+// One gateway: scrapes ask, its thread answers.
+class GatewayWorker {
  public:
-  Station(std::string name, Endpoint endpoint, Clock::duration patience)
-      : name_(std::move(name)), endpoint_(std::move(endpoint)), patience_(patience) {}
+  GatewayWorker(std::string name, Endpoint endpoint)
+      : name_(std::move(name)), endpoint_(std::move(endpoint)) {}
+  ~GatewayWorker() {
+    stop();
+    if (thread_.joinable()) thread_.join();
+  }
+  GatewayWorker(const GatewayWorker&) = delete;
+  GatewayWorker& operator=(const GatewayWorker&) = delete;
 
-  static void start(const std::shared_ptr<Station>& station) {
-    std::thread([station] { station->serve(); }).detach();
+  void start() {
+    thread_ = std::thread([this] { serve(); });
   }
 
   const std::string& name() const { return name_; }
 
-  // The number of the question, for awaitReport().
+  // Returns the number of the question, for awaitReport().
   std::uint64_t ask() {
     std::lock_guard lock(mutex_);
     changed_.notify_all();
     return ++asked_;
   }
 
-  // A gateway that did not answer the last time is waited for only shortly, so that it does not hold up the
-  // others' answers scrape by scrape. Its call goes on; once it has answered it gets the whole time again.
-  Report awaitReport(std::uint64_t question, Clock::time_point start) {
+  // Returns the report on the question, or one without an answer if there is none at the deadline.
+  Report awaitReport(std::uint64_t question, Clock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    Clock::duration wait = late_ ? std::min(patience_ / 4, kShortWait) : patience_;
-    bool isAnswered = changed_.wait_until(lock, start + wait, [&] {
-      return answered_ >= question || stopping_;
-    }) && !stopping_;
-    Report report;
-    if (isAnswered) report = report_;
-    if (!isAnswered) report.finished = Clock::now();
-    late_ = late_ || !isAnswered;
-    if (late_ && !report.up) report.note = "does not answer in time";
-    if (!stopping_ && report.note != told_) {
-      told_ = report.note;
-      std::fprintf(stderr, "zebstat: %s: %s\n", name_.c_str(), told_.empty() ? "answers" : told_.c_str());
+    changed_.wait_until(lock, deadline, [&] { return answered_ >= question || stopping_; });
+    bool isAnswered = answered_ >= question;
+    Report report = isAnswered ? report_ : Report{false, Clock::now(), kSilent, {}};
+    if (!stopping_ && report.note != printedNote_) {
+      printedNote_ = report.note;
+      printMessage(name_ + ": " + (printedNote_.empty() ? "answers" : printedNote_));
     }
     return report;
   }
 
-  // Wakes the thread where its call takes too long. Returns whether it had to.
-  bool wakeLateCall(Clock::time_point now) {
-    std::lock_guard lock(mutex_);
-    if (!serving_ || now < deadline_) return false;
-    woken_ = true;
-    pthread_kill(thread_, wakeSignal());
-    return true;
-  }
-
+  // Lets the thread end after its current call, and ends the scrapes that wait for it.
   void stop() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
-    deadline_ = std::min(deadline_, Clock::now() + milliseconds(200));
     changed_.notify_all();
   }
 
@@ -219,93 +207,84 @@ class Station {
   void serve() {
     zebstats::Connection gateway;
     std::unique_lock lock(mutex_);
-    thread_ = pthread_self();
-    serving_ = true;
     for (;;) {
       changed_.wait(lock, [this] { return stopping_ || asked_ > answered_; });
       if (stopping_) break;
       const std::uint64_t question = asked_;
-      woken_ = false;
-      deadline_ = Clock::now() + (failures_ % 4 == 0 ? patience_ : patience_ / 2);
       lock.unlock();
       Report report = answer(gateway);
       report.finished = Clock::now();
       lock.lock();
-      deadline_ = Clock::time_point::max();
       report_ = std::move(report);
-      late_ = woken_ && !report_.up;
-      failures_ = report_.up ? 0 : failures_ + 1;
       answered_ = question;
       changed_.notify_all();
     }
-    deadline_ = Clock::now() + milliseconds(200);
     lock.unlock();
     gateway.close();
     lock.lock();
-    serving_ = false;
     ended_ = true;
   }
 
   // A connection that was good at the last scrape may have ended with the gateway it led to: one new attempt.
   Report answer(zebstats::Connection& gateway) {
     const bool wasOpen = gateway.isOpen();
-    Report report = attempt(gateway);
-    if (!report.up && wasOpen && !gateway.isOpen() && !woken_) report = attempt(gateway);
-    return report;
+    Report report;
+    zebstats::Error failed = attempt(gateway, report);
+    if (failed && wasOpen && !gateway.isOpen() && !isTimeout(failed.code()) && !stopping_) {
+      failed = attempt(gateway, report);
+    }
+    if (!failed) return report;
+    std::string code = " (" + std::to_string(failed.code()) + ")";
+    return {false, {}, isTimeout(failed.code()) ? kSilent : failed.text() + code, {}};
   }
 
-  Report attempt(zebstats::Connection& gateway) {
-    Report report;
+  zebstats::Error attempt(zebstats::Connection& gateway, Report& report) {
+    report = Report();
     zebstats::Error failed;
     if (!gateway.isOpen()) failed = gateway.open(endpoint_.host.c_str(), endpoint_.port);
-    if (!failed) failed = Question(gateway, report).ask();
-    if (!failed) {
-      report.up = true;
-      return report;
-    }
-    Report fault;
-    fault.note = std::string(failed.text()) + " (" + std::to_string(failed.code()) + ")";
-    return fault;
+    if (!failed) failed = StatsReader(gateway, report).read();
+    report.up = !failed;
+    return failed;
   }
 
   const std::string name_;
   const Endpoint endpoint_;
-  const Clock::duration patience_;
+  std::thread thread_;
   std::mutex mutex_;  // guards all below; never held during a call of the library
   std::condition_variable changed_;
   std::uint64_t asked_ = 0;
   std::uint64_t answered_ = 0;
-  Report report_;     // to the question answered_
-  std::string told_;  // the last note on standard error
-  bool late_ = false;
-  // In a row. Most calls that follow one get half the time only: where it is the closing that hangs, the
-  // others' calls wait for it, and have the other half left.
-  unsigned failures_ = 0;
-  bool stopping_ = false;
-  bool serving_ = false;  // thread_ may be signalled
+  Report report_;            // to the question answered_
+  std::string printedNote_;  // the last one on standard error
+  std::atomic<bool> stopping_ = false;
   bool ended_ = false;
-  std::atomic<bool> woken_ = false;  // during the latest call
-  pthread_t thread_{};
-  Clock::time_point deadline_ = Clock::time_point::max();  // of the call that runs
 };
 
-using Stations = std::vector<std::shared_ptr<Station>>;
+using Workers = std::vector<std::unique_ptr<GatewayWorker>>;
 
-bool wakeLateCalls(const Stations& stations) {
-  bool woke = false;
-  for (const auto& station : stations) woke = station->wakeLateCall(Clock::now()) || woke;
-  return woke;
+// Ends the threads. Closing the connections ends the calls that wait for a gateway; a call that starts
+// just after one closing is ended by the next.
+void stopWorkers(const Workers& workers) {
+  for (const auto& worker : workers) worker->stop();
+  auto hasEnded = [](const auto& worker) { return worker->hasEnded(); };
+  while (!std::all_of(workers.begin(), workers.end(), hasEnded)) {
+    {
+      std::unique_lock lock(answersMutex);
+      closeAllGatewayConnections();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 // Asks all gateways when scraped.
 class GatewayCollector : public prometheus::Collectable {
  public:
-  explicit GatewayCollector(const Stations& stations) : stations_(stations) {}
+  GatewayCollector(const Workers& workers, Clock::duration wait) : workers_(workers), wait_(wait) {}
 
   std::vector<prometheus::MetricFamily> Collect() const override {
     const Clock::time_point start = Clock::now();
     std::vector<std::uint64_t> questions;
-    for (const auto& station : stations_) questions.push_back(station->ask());
+    for (const auto& worker : workers_) questions.push_back(worker->ask());
     prometheus::MetricFamily up{
         "zebstats_up", "Whether the gateway has answered.", prometheus::MetricType::Gauge, {}};
     prometheus::MetricFamily duration{"zebstats_scrape_duration_seconds",
@@ -313,12 +292,11 @@ class GatewayCollector : public prometheus::Collectable {
                                       prometheus::MetricType::Gauge,
                                       {}};
     std::vector<PrometheusAnswer> answers;
-    for (std::size_t i = 0; i < stations_.size(); ++i) {
-      Report report = stations_[i]->awaitReport(questions[i], start);
-      addGauge(up, stations_[i]->name(), report.up ? 1 : 0);
-      addGauge(duration, stations_[i]->name(),
-               std::chrono::duration<double>(report.finished - start).count());
-      answers.push_back({stations_[i]->name(), std::move(report.stats)});
+    for (std::size_t i = 0; i < workers_.size(); ++i) {
+      Report report = workers_[i]->awaitReport(questions[i], start + wait_);
+      addGauge(up, workers_[i]->name(), report.up ? 1 : 0);
+      addGauge(duration, workers_[i]->name(), std::chrono::duration<double>(report.finished - start).count());
+      answers.push_back({workers_[i]->name(), std::move(report.stats)});
     }
     std::vector<prometheus::MetricFamily> families = makeMetricFamilies(answers);
     families.push_back(std::move(up));
@@ -334,104 +312,73 @@ class GatewayCollector : public prometheus::Collectable {
     family.metric.push_back(std::move(metric));
   }
 
-  const Stations& stations_;
+  const Workers& workers_;
+  const Clock::duration wait_;
 };
 
 // ---- The exporter -----------------------------------------------------------------------------------------
 
-int fail(int exitCode, const std::string& fault) {
-  std::fprintf(stderr, "zebstat: %s\n", fault.c_str());
-  return exitCode;
-}
-
-// Empty where the options are good, and the stations then made.
-std::string readOptions(const ExporterOptions& options, Stations& stations) {
+Workers makeWorkers(const ExporterOptions& options) {
   if (!parseEndpoint(options.listen, 0)) {
-    return "--listen '" + options.listen +
-           "' is no ADDRESS:PORT; write it like 127.0.0.1:9100 or 0.0.0.0:9100";
+    throw Fault(kUsage, "--listen '" + options.listen +
+                            "' is no ADDRESS:PORT; write it like 127.0.0.1:9100 or 0.0.0.0:9100");
   }
-  if (!(options.timeoutSeconds > 0 && options.timeoutSeconds <= 86400)) {
-    return "--timeout is no number of seconds above 0 and up to 86400";
+  if (options.gateways.size() > kMaxGateways) {
+    throw Fault(kUsage, "--gateway is given more than " + std::to_string(kMaxGateways) +
+                            " times; start a second exporter");
   }
-  if (options.gateways.empty()) return "--gateway is missing; name one HOST:PORT or more";
-  if (options.gateways.size() > kMostGateways) {
-    return "--gateway is given more than " + std::to_string(kMostGateways) +
-           " times; start a second exporter";
-  }
-  // A server gives up after a time of its own, often the same: its answer should be complete by then.
-  const auto patience = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(options.timeoutSeconds * 0.9));
+  Workers workers;
   std::set<std::string> known;
   for (const std::string& name : options.gateways) {
     std::optional<Endpoint> endpoint = parseEndpoint(name, 1);
-    if (!endpoint)
-      return "--gateway '" + name + "' is no HOST:PORT; write it like gateway-1:2980 or [::1]:2980";
-    if (!known.insert(name).second) return "--gateway '" + name + "' is given twice; name it once";
-    stations.push_back(std::make_shared<Station>(name, std::move(*endpoint), patience));
+    if (!endpoint) {
+      throw Fault(kUsage,
+                  "--gateway '" + name + "' is no HOST:PORT; write it like gateway-1:2980 or [::1]:2980");
+    }
+    if (!known.insert(name).second) {
+      throw Fault(kUsage, "--gateway '" + name + "' is given twice; name it once");
+    }
+    workers.push_back(std::make_unique<GatewayWorker>(name, std::move(*endpoint)));
   }
-  return {};
+  return workers;
 }
 
-// The signals that end the exporter stay blocked in every thread and are fetched here.
-void waitForEnd(const sigset_t& signals, const Stations& stations) {
-  for (;;) {
-    milliseconds pause = wakeLateCalls(stations) ? kWakePause : kLookPause;
-    const timespec time{0, static_cast<long>(std::chrono::nanoseconds(pause).count())};
-    if (sigtimedwait(&signals, nullptr, &time) > 0) return;
-  }
-}
-
-// Closes the connections. A thread that no signal frees ends with the process.
-void endStations(const Stations& stations) {
-  const Clock::time_point end = Clock::now() + kStopWait;
-  auto hasEnded = [](const auto& station) { return station->hasEnded(); };
-  while (Clock::now() < end && !std::all_of(stations.begin(), stations.end(), hasEnded)) {
-    wakeLateCalls(stations);
-    std::this_thread::sleep_for(kWakePause);
-  }
-}
-
-void serve(const ExporterOptions& options, const Stations& stations, const sigset_t& signals) {
-  auto collector = std::make_shared<GatewayCollector>(stations);
+// The signals that end the exporter are blocked in every thread and fetched here.
+void serve(const ExporterOptions& options, const Workers& workers, const sigset_t& signals) {
+  const std::chrono::duration<double> wait(options.timeoutSeconds * kScrapeShare);
+  auto collector =
+      std::make_shared<GatewayCollector>(workers, std::chrono::duration_cast<Clock::duration>(wait));
   prometheus::Exposer exposer(options.listen);
   exposer.RegisterCollectable(collector);
-  for (const auto& station : stations) Station::start(station);
+  for (const auto& worker : workers) worker->start();
   const std::string address = options.listen.substr(0, options.listen.rfind(':'));
   std::printf("listening on %s:%d\n", address.c_str(), exposer.GetListeningPorts().at(0));
   std::fflush(stdout);
-  waitForEnd(signals, stations);
-  for (const auto& station : stations) station->stop();  // which ends the scrapes that the exposer waits for
+  int received = 0;
+  sigwait(&signals, &received);
+  stopWorkers(workers);
 }
 
 }  // namespace
 
-int runExporter(const ExporterOptions& options) {
-  Stations stations;
-  std::string fault = readOptions(options, stations);
-  if (!fault.empty()) return fail(kExitUsage, fault);
-
-  struct sigaction wake {};
-  wake.sa_handler = [](int) {};  // and no SA_RESTART: the call has to end
-  sigaction(wakeSignal(), &wake, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+void runExporter(const ExporterOptions& options) {
+  Workers workers = makeWorkers(options);
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   try {
-    serve(options, stations, signals);
+    serve(options, workers, signals);
   } catch (const std::system_error& error) {
-    return fail(kExitCannotListen, std::string("cannot start a thread for each gateway: ") + error.what());
+    throw Fault(kNotConnected, std::string("cannot start a thread for each gateway: ") + error.what());
   } catch (const std::exception&) {
     const char* cause = options.listen.front() == '['
                             ? "not of this machine or not permitted, or the HTTP library has no IPv6"
                             : "not of this machine or not permitted";
-    return fail(kExitCannotListen, "cannot listen on " + options.listen + ": the address is in use, " +
-                                       cause + "; choose another with --listen ADDRESS:PORT");
+    throw Fault(kNotConnected, "cannot listen on " + options.listen + ": the address is in use, " + cause +
+                                   "; choose another with --listen ADDRESS:PORT");
   }
-  endStations(stations);
-  return 0;
 }
 
 }  // namespace zebtool

@@ -13,12 +13,11 @@ struct ExporterOptions {
   double timeoutSeconds = 10;         // how long a scrape waits for a gateway
 };
 
-// Serves /metrics until SIGINT or SIGTERM, and tells on the first line of standard output where. Takes over
-// the signals of the process: call it from the main thread, before any other thread is started.
+// Serves /metrics until SIGINT or SIGTERM; the first line on standard output is the address. Call it from
+// the main thread, before any other thread is started: it blocks these two signals.
 //
-// Returns the exit code: 0 ended by a signal, 2 an option can not be used, 3 can not listen. Faults get one
-// line on standard error.
-int runExporter(const ExporterOptions& options);
+// Throws a Fault: kUsage for an option that cannot be used, kNotConnected if it cannot listen.
+void runExporter(const ExporterOptions& options);
 
 }  // namespace zebtool
 

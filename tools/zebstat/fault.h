@@ -1,4 +1,4 @@
-// The exit codes, and the one way by which a command fails: a Fault that main tells and exits with.
+// Exit codes, and the exception that main prints before it exits with one of them.
 #ifndef ZEBSTAT_FAULT_H
 #define ZEBSTAT_FAULT_H
 

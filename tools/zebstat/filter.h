@@ -1,4 +1,4 @@
-// Leaves out of an answer what --include and --exclude say.
+// Applies --include and --exclude to an answer.
 #ifndef ZEBSTAT_FILTER_H
 #define ZEBSTAT_FILTER_H
 

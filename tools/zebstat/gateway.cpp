@@ -1,14 +1,6 @@
 #include "gateway.h"
 
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <optional>
-#include <thread>
+#include <string_view>
 #include <utility>
 
 #include "text.h"
@@ -17,11 +9,7 @@ namespace zebtool {
 
 namespace {
 
-// The library has room for 256 connections.
-constexpr std::size_t kMaxHung = 100;
-constexpr double kCloseSeconds = 1;
-
-// The library's code and words, and what to try.
+// The library's code, its meaning, and what to try.
 std::string explain(int code) {
   const char* meaning = zebstats::describe(code);
   const char* advice = "";
@@ -105,115 +93,20 @@ Outcome askNow(zebstats::Connection& connection, const std::string& host, int po
   return {};
 }
 
-Answer takeAnswer(Outcome outcome, const std::string& gateway) {
-  if (outcome.code == ZEB_OK) return std::move(outcome.answer);
-  throw Fault(kNotConnected, gateway + ": cannot " + outcome.step + " " + explain(outcome.code));
-}
-
 }  // namespace
 
-std::string nameGateway(const std::string& host, int port) {
-  bool isIpv6 = host.find(':') != std::string::npos;
-  return (isIpv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
-
-std::string describeSilence(const std::string& gateway, double seconds) {
-  return gateway + ": no answer within " + showNumber(seconds, 3) + " s";
-}
-
-Answer GatewayOnce::ask(const Question& question, double timeoutSeconds, const Ending& whenLate) {
-  limitTime(timeoutSeconds, whenLate);
-  Outcome outcome = askNow(connection_, host_, port_, question);
-  liftTimeLimit();
-  return takeAnswer(std::move(outcome), nameGateway(host_, port_));
-}
-
-void GatewayOnce::close(int exitCode) {
-  limitTime(kCloseSeconds, {STDERR_FILENO, "", exitCode});
-  connection_.close();
-  endNow(exitCode);
-}
-
-// Shared by the thread and by whoever asks, so that either may outlive the other.
-struct Gateway::Thread {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::optional<Question> question;
-  std::optional<Outcome> outcome;
-  bool isAskedToEnd = false;
-  bool hasEnded = false;
-
-  void run(const std::string& host, int port) {
-    zebstats::Connection connection;
-    std::unique_lock lock(mutex);
-    for (;;) {
-      changed.wait(lock, [&] { return question.has_value() || isAskedToEnd; });
-      if (isAskedToEnd) break;
-      Question asked = *std::exchange(question, std::nullopt);
-      lock.unlock();
-      Outcome found = askNow(connection, host, port, asked);
-      lock.lock();
-      outcome = std::move(found);
-      changed.notify_all();
-    }
-    lock.unlock();
-    connection.close();
-    lock.lock();
-    hasEnded = true;
-    changed.notify_all();
-  }
-
-  void askToEnd() {
-    std::lock_guard lock(mutex);
-    isAskedToEnd = true;
-    changed.notify_all();
-  }
-};
-
-Gateway::Gateway(std::string host, int port, double timeoutSeconds)
-    : host_(std::move(host)), port_(port), timeoutSeconds_(timeoutSeconds) {}
-
-Gateway::~Gateway() {
-  if (thread_) thread_->askToEnd();
-}
-
-void Gateway::startThread() {
-  thread_ = std::make_shared<Thread>();
-  // A signal handled in the middle of a query would end it.
-  sigset_t all, before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread([thread = thread_, host = host_, port = port_] { thread->run(host, port); }).detach();
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+std::string Gateway::name() const {
+  bool isIpv6 = host_.find(':') != std::string::npos;
+  return (isIpv6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(port_);
 }
 
 Answer Gateway::ask(const Question& question) {
-  if (!thread_) startThread();
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds_);
-  std::unique_lock lock(thread_->mutex);
-  thread_->question = question;
-  thread_->changed.notify_all();
-  if (!thread_->changed.wait_until(lock, deadline, [&] { return thread_->outcome.has_value(); })) {
-    lock.unlock();
-    std::shared_ptr<Thread> hung = std::exchange(thread_, nullptr);
-    hung->askToEnd();
-    hung_.push_back(hung);
-    throw Fault(kTimedOut, describeSilence(name(), timeoutSeconds_));
+  Outcome outcome = askNow(connection_, host_, port_, question);
+  if (outcome.code == ZEB_OK) return std::move(outcome.answer);
+  if (isTimeout(outcome.code)) {
+    throw Fault(kTimedOut, name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s");
   }
-  return takeAnswer(*std::exchange(thread_->outcome, std::nullopt), name());
-}
-
-bool Gateway::mayAskAgain() {
-  std::erase_if(hung_, [](const std::weak_ptr<Thread>& thread) { return thread.expired(); });
-  return hung_.size() < kMaxHung;
-}
-
-void Gateway::close() {
-  if (!thread_) return;
-  thread_->askToEnd();
-  std::unique_lock lock(thread_->mutex);
-  thread_->changed.wait_for(lock, std::chrono::duration<double>(kCloseSeconds),
-                            [&] { return thread_->hasEnded; });
+  throw Fault(kNotConnected, name() + ": cannot " + outcome.step + " " + explain(outcome.code));
 }
 
 }  // namespace zebtool

@@ -14,7 +14,7 @@ constexpr char kShowOptions[] =
   --exclude GLOB      leave out ids that match
   --host HOST         the gateway's name or address (127.0.0.1)
   --port PORT         the gateway's statistics port (2980)
-  --timeout SECONDS   how long to wait for the gateway (10)
+  --timeout SECONDS   time for connecting, and for each answer (10)
   --trace LEVEL       the library's trace: 0 nothing to 5 everything
   --trace-file FILE   append the trace to FILE, not to standard error
 )";
@@ -22,7 +22,7 @@ constexpr char kShowOptions[] =
 constexpr char kConnectOptions[] =
     R"(  --host HOST         the gateway's name or address (127.0.0.1)
   --port PORT         the gateway's statistics port (2980)
-  --timeout SECONDS   how long to wait for the gateway (10)
+  --timeout SECONDS   time for connecting, and for each answer (10)
   --trace LEVEL       the library's trace: 0 nothing to 5 everything
   --trace-file FILE   append the trace to FILE, not to standard error
 )";

@@ -7,7 +7,7 @@
 
 namespace zebtool {
 
-// Of a command, or of the program where the name is none.
+// Returns the help of a command, or of the program if the name is empty.
 std::string helpFor(std::string_view command);
 
 }  // namespace zebtool

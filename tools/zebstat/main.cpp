@@ -1,13 +1,13 @@
 // zebstat: asks a gateway for its statistics, and shows, checks or exports the answer.
 //
-// Data go to standard output, words to standard error, one line a fault.
+// Results go to standard output, messages to standard error, one line a fault.
 #include <signal.h>
 
-#include <cstdio>
 #include <exception>
 
 #include "check.h"
 #include "fault.h"
+#include "gateway.h"
 #include "options.h"
 #include "output.h"
 #include "prometheus.h"
@@ -18,26 +18,36 @@ namespace zebtool {
 
 namespace {
 
-void startTrace(const Options& options) {
+void setUpLibrary(const Options& options) {
   if (!options.traceFile.empty() && zebstats::setTraceFile(options.traceFile.c_str())) {
     throw Fault(kUsage, "--trace-file: cannot append to '" + options.traceFile +
                             "'; name a file that can be written");
   }
   if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
+  // lround would need another shared library, which a short run has no time to load.
+  int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
+  if (code != ZEB_OK) throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+}
+
+// Prints a fault before the gateway is closed, which may take until the timeout.
+int askGateway(const Options& options) {
+  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  try {
+    if (options.command == Command::kCheck) return runCheck(options, gateway);
+    return options.watchSeconds > 0 ? showWatched(options, gateway) : showOnce(options, gateway);
+  } catch (const Fault& fault) {
+    printMessage(fault.what());
+    return fault.exitCode;
+  }
 }
 
 int run(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
-  if (!options) {
-    std::fflush(stdout);
-    return kDone;
-  }
+  if (!options) return kDone;
   bool isExporter = options->command == Command::kExporter;
   if (isExporter || options->format == Format::kPrometheus) switchToPrometheus(argv);
-  startTrace(*options);
-  if (isExporter) return serveMetrics(*options);
-  if (options->command == Command::kCheck) return runCheck(*options);
-  return options->watchSeconds > 0 ? showWatched(*options) : showOnce(*options);
+  setUpLibrary(*options);
+  return isExporter ? serveMetrics(*options) : askGateway(*options);
 }
 
 }  // namespace
@@ -45,15 +55,14 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  // A reader that goes away is met where something is written to it.
-  signal(SIGPIPE, SIG_IGN);
+  signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
   try {
-    zebtool::endNow(zebtool::run(argc, argv));
+    return zebtool::run(argc, argv);
   } catch (const zebtool::Fault& fault) {
-    zebtool::tell(fault.what());
-    zebtool::endNow(fault.exitCode);
+    zebtool::printMessage(fault.what());
+    return fault.exitCode;
   } catch (const std::exception& fault) {
-    zebtool::tell(fault.what());
-    zebtool::endNow(zebtool::kNotConnected);
+    zebtool::printMessage(fault.what());
+    return zebtool::kNotConnected;
   }
 }

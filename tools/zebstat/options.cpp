@@ -24,7 +24,7 @@ constexpr std::array<std::pair<const char*, Format>, 5> kFormats{{{"table", Form
                                                                   {"csv", Format::kCsv},
                                                                   {"prometheus", Format::kPrometheus}}};
 
-// Validators: an empty text is consent, another one is shown behind the option's name.
+// Validators return an empty text if the value is valid, otherwise the message about it.
 using Validator = std::function<std::string(const std::string&)>;
 
 Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
@@ -56,7 +56,7 @@ std::string wantPath(const std::string& text) {
   return text.empty() ? "an empty text is no file name" : std::string();
 }
 
-// The options of one command line, where they are written before they mean something together.
+// Holds the raw options of a command line and combines them.
 class Parser {
  public:
   Parser() {
@@ -89,7 +89,7 @@ class Parser {
   }
 
  private:
-  // A command gets its options when it is met: those of all commands would be half the time of a short run.
+  // Options are added only for the command given: adding all of them would double the start-up time.
   void addCommand(Command command, const char* name, void (Parser::*addOptions)(CLI::App*)) {
     CLI::App* added = app_.add_subcommand(name);
     added->preparse_callback([this, command, added, addOptions](std::size_t) {
@@ -154,7 +154,7 @@ class Parser {
     exporter->add_option("--gateway", options_.gateways)->type_name("HOST:PORT")->required();
   }
 
-  // What no option can tell alone.
+  // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
       throw CLI::ValidationError("say what to do; there are " + std::string(kCommands));
@@ -194,7 +194,7 @@ class Parser {
   Options options_;
   CLI::Option* host_ = nullptr;
   CLI::Option* port_ = nullptr;
-  std::string watch_;  // text: a flag's number would become a whole one
+  std::string watch_;  // a string: CLI11 would truncate a number
   std::string format_;
   std::string warning_;
   std::string critical_;

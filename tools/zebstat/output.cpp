@@ -4,16 +4,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <utility>
 
 #include "fault.h"
 #include "text.h"
@@ -22,7 +19,7 @@ namespace zebtool {
 
 namespace {
 
-// Until it goes out of scope: no half line, and no file left behind, by a Ctrl-C.
+// Blocks ending signals for a scope: Ctrl-C leaves no half line and no temporary file.
 class SignalsHeld {
  public:
   SignalsHeld() {
@@ -44,7 +41,7 @@ int writeAll(int file, std::string_view text) {
   while (!text.empty()) {
     ssize_t written = write(file, text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0 && errno == EAGAIN) {  // a pipe that somebody else has set so
+    if (written < 0 && errno == EAGAIN) {  // somebody made the pipe non-blocking
       pollfd room{file, POLLOUT, 0};
       poll(&room, 1, -1);
       continue;
@@ -60,21 +57,6 @@ Fault makeFileFault(const std::string& path, const std::string& what) {
                       "; name a file in a folder that can be written to"};
 }
 
-Ending ending;
-
-void endInTime(int) {
-  writeAll(ending.file, ending.words);
-  endNow(ending.exitCode);
-}
-
-// 0 takes it back.
-void setAlarm(double seconds) {
-  itimerval timer{};
-  timer.it_value.tv_sec = static_cast<time_t>(seconds);
-  timer.it_value.tv_usec = static_cast<suseconds_t>((seconds - std::floor(seconds)) * 1e6);
-  setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
 std::string folderOf(const std::string& path) {
   std::size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
@@ -82,33 +64,12 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-std::string toMessage(const std::string& words) {
-  return "zebstat: " + toShown(words) + "\n";
-}
-
-void tell(const std::string& words) {
-  writeAll(STDERR_FILENO, toMessage(words));
+void printMessage(const std::string& words) {
+  writeAll(STDERR_FILENO, "zebstat: " + toShown(words) + "\n");
 }
 
 void endNow(int exitCode) {
   _exit(exitCode);
-}
-
-void liftTimeLimit() {
-  setAlarm(0);
-}
-
-void limitTime(double seconds, Ending whenLate) {
-  liftTimeLimit();
-  ending = std::move(whenLate);
-  struct sigaction action {};
-  action.sa_handler = endInTime;
-  sigaction(SIGALRM, &action, nullptr);
-  sigset_t alarm;  // whoever started the process may have blocked it
-  sigemptyset(&alarm);
-  sigaddset(&alarm, SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-  setAlarm(seconds);
 }
 
 void writeOutput(const std::string& text) {

@@ -73,7 +73,7 @@ std::string Presenter::renderTables(const Report& report) {
     lines.resize(room - 1);
     lines.push_back("... " + std::to_string(left) + " more");
   }
-  // A narrower window has broken the old lines, so that nobody knows how many they are.
+  // A narrower window has wrapped the old lines again, so that their number is not known.
   bool isResized = drawnLines_ > 0 && screen.columns != drawnColumns_;
   std::string start = isResized         ? "\x1B[H\x1B[2J"
                       : drawnLines_ > 0 ? "\r\x1B[" + std::to_string(drawnLines_) + "A"
@@ -84,13 +84,13 @@ std::string Presenter::renderTables(const Report& report) {
 }
 
 void Presenter::interrupt(const std::string& words) {
-  tell(words);
+  printMessage(words);
   drawnLines_ = 0;
 }
 
 void Presenter::tellRefusals(const Answer& answer) {
   for (const Refusal& refusal : answer.refusals) {
-    if (!told_.insert(refusal.element).second) continue;
+    if (!reported_.insert(refusal.element).second) continue;
     std::string what = refusal.element.empty() ? "the query" : "'" + refusal.element + "'";
     interrupt(gateway_ + ": cannot get " + what + ": the gateway refused it (its code " +
               std::to_string(refusal.code) + "); is it known there?");

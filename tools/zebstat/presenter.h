@@ -1,4 +1,4 @@
-// Brings answer after answer before the user: filtered, in the wanted format, to the wanted place.
+// Shows each answer: filtered, formatted, and written to standard output or a file.
 #ifndef ZEBSTAT_PRESENTER_H
 #define ZEBSTAT_PRESENTER_H
 
@@ -15,14 +15,14 @@ namespace zebtool {
 
 class Presenter {
  public:
-  // Throws a Fault where the output file can not be written.
+  // Throws a Fault if the output file cannot be written.
   Presenter(const Options& options, std::string gateway);
 
-  // Returns the exit code that tells of this answer.
+  // Returns the exit code for this answer.
   ExitCode present(Answer answer);
-  // Tells words between two answers, below what is drawn.
+  // Prints a message between two answers, below the table.
   void interrupt(const std::string& words);
-  // What is known of the gateway's numbers does not hold any more.
+  // Forgets the earlier values: the gateway may have been restarted.
   void forget() { live_.forget(); }
 
  private:
@@ -38,8 +38,8 @@ class Presenter {
   LiveTable live_;
   bool isWatch_;
   bool isFirst_ = true;
-  std::set<std::string> told_;  // refused elements
-  std::size_t drawnLines_ = 0;  // that the next frame replaces
+  std::set<std::string> reported_;  // refused elements
+  std::size_t drawnLines_ = 0;      // that the next frame replaces
   std::size_t drawnColumns_ = 0;
 };
 

@@ -16,7 +16,8 @@ std::string renderPrometheus(const Report& report) {
 }
 
 int serveMetrics(const Options& options) {
-  return runExporter({options.listen, options.gateways, options.timeoutSeconds});
+  runExporter({options.listen, options.gateways, options.timeoutSeconds});
+  return kDone;
 }
 
 }  // namespace zebtool

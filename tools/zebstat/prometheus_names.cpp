@@ -21,7 +21,7 @@ using Label = prometheus::ClientMetric::Label;
 using Labels = std::vector<Label>;
 
 constexpr char kInfoName[] = "zebstats_info";
-// Those that the exporter adds, and the one above: no id may take them.
+// Reserved names: the ones that the exporter adds, and the one above.
 constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up", "zebstats_scrape_duration_seconds"};
 
 template <typename Texts>
@@ -60,7 +60,7 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// The id in lower case, with '_' for what a name can not have. A refused word joins the one ahead of it.
+// The id in lower case, with '_' for what a name can not have. A refused word joins the one before it.
 std::string makeName(const std::string& id) {
   std::vector<std::string> words(1);
   auto endWord = [&words] {
@@ -96,8 +96,8 @@ std::string makeSuffix(const std::string& id) {
   return text;
 }
 
-// The name of each id. Where several ids would get the same, one written as gateways do, in capitals and '_',
-// goes first, and the others get a suffix.
+// Returns the name of each id. If several ids would get the same name, the one in upper case, as gateways
+// write ids, keeps it, and the others get a suffix.
 std::map<std::string, std::string> nameIds(const std::set<std::string>& ids) {
   auto isUsual = [](const std::string& id) {
     return std::all_of(id.begin(), id.end(),
@@ -126,7 +126,7 @@ std::optional<double> parseNumber(const std::string& text) {
   return number;
 }
 
-// How many bytes the character at the start of the text has; 0 where there is no valid one.
+// Returns the length in bytes of the character at the start of the text, or 0 if it is not valid.
 std::size_t measureCharacter(std::string_view text) {
   auto byteAt = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
   unsigned first = byteAt(0);
@@ -149,7 +149,7 @@ Labels makeLabels(const PrometheusAnswer& answer, const PrometheusStat& stat) {
   return labels;
 }
 
-// The text behind # HELP, which has to fit on its line. The serialiser writes it as it is.
+// The text after # HELP, which has to fit on its line. The serialiser writes it as it is.
 std::string makeHelp(const std::string& id) {
   std::string help = "Statistic ";
   for (char c : makeLabelValue(id)) help += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);

@@ -25,8 +25,8 @@ struct PrometheusAnswer {
 
 // One untyped metric for each id with numeric values, labelled with gateway and group, and zebstats_info for
 // the texts. Any bytes may stand in ids, groups and values: names are made of what names may have and differ
-// where the ids differ, labels become valid UTF-8, and texts of more than 256 bytes are cut. Where a gateway
-// tells the same number twice for one group, the first one counts.
+// where the ids differ, labels become valid UTF-8, and texts of more than 256 bytes are cut. If an answer
+// holds the same statistic twice in a group, the first one counts.
 std::vector<prometheus::MetricFamily> makeMetricFamilies(const std::vector<PrometheusAnswer>& answers);
 
 // The same as text.

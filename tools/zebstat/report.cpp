@@ -12,7 +12,7 @@ namespace zebtool {
 
 namespace {
 
-// Bumped when a reader of the document would have to change.
+// Increment it on an incompatible change.
 constexpr int kDocumentVersion = 1;
 
 std::string quote(std::string_view bytes) {
@@ -79,7 +79,7 @@ std::string quoteCsv(std::string_view bytes) {
 
 }  // namespace
 
-// gmtime would read the time zone's file, for which a short run has no time.
+// gmtime would read the time zone file, which costs a short run too much.
 std::string makeTimestamp() {
   using namespace std::chrono;
   auto now = floor<milliseconds>(system_clock::now());

@@ -20,7 +20,7 @@ struct Report {
 // The time now, for a report.
 std::string makeTimestamp();
 
-// The group that the question named, else what stands in front of the id's first '_'.
+// Returns the group that the question named, otherwise the part of the id before its first '_'.
 std::string groupOf(const Entry& entry, bool isByGroup);
 
 std::string renderJson(const Report& report);

@@ -46,15 +46,14 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Asks until there is an answer, with growing pauses. Before the first answer a failure is the user's to mend.
-Answer askPatiently(Gateway& gateway, const Question& question, Presenter& presenter) {
+// Asks until there is an answer, with growing pauses, so that a gateway that starts again is left in peace.
+Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& presenter) {
   for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
     try {
       Answer answer = gateway.ask(question);
       if (pause > kFirstPause) presenter.interrupt(gateway.name() + ": it answers again");
       return answer;
     } catch (const Fault& fault) {
-      if (!gateway.mayAskAgain()) throw;
       presenter.forget();
       presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) + " s");
     }
@@ -64,17 +63,13 @@ Answer askPatiently(Gateway& gateway, const Question& question, Presenter& prese
 
 }  // namespace
 
-int showOnce(const Options& options) {
-  std::string name = nameGateway(options.host, options.port);
-  Presenter presenter(options, name);
-  GatewayOnce gateway(options.host, options.port);
-  std::string late = toMessage(describeSilence(name, options.timeoutSeconds));
-  Answer answer = gateway.ask(options.question(), options.timeoutSeconds, {STDERR_FILENO, late, kTimedOut});
-  gateway.close(presenter.present(answer));
+int showOnce(const Options& options, Gateway& gateway) {
+  Presenter presenter(options, gateway.name());
+  return presenter.present(gateway.ask(options.question()));
 }
 
-int showWatched(const Options& options) {
-  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+// The first failure ends the watch: it is probably the user's mistake.
+int showWatched(const Options& options, Gateway& gateway) {
   Presenter presenter(options, gateway.name());
   Question question = options.question();
   endOnSignals();
@@ -82,9 +77,8 @@ int showWatched(const Options& options) {
   ExitCode code = presenter.present(gateway.ask(question));
   for (long round = 1; options.rounds == 0 || round < options.rounds; ++round) {
     schedule.waitForNext();
-    code = presenter.present(askPatiently(gateway, question, presenter));
+    code = presenter.present(askUntilAnswered(gateway, question, presenter));
   }
-  gateway.close();
   return code;
 }
 

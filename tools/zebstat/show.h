@@ -7,8 +7,8 @@
 namespace zebtool {
 
 // Each returns the exit code, and throws a Fault.
-int showOnce(const Options& options);
-int showWatched(const Options& options);
+int showOnce(const Options& options, Gateway& gateway);
+int showWatched(const Options& options, Gateway& gateway);
 
 }  // namespace zebtool
 

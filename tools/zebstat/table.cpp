@@ -24,7 +24,7 @@ struct Row {
   const char* colour = nullptr;
 };
 
-// Rows under a heading. A row may end early: its last cell then runs on over the columns that it has not.
+// Rows under a heading. The last cell of a short row spans the remaining columns.
 class Table {
  public:
   Table(std::vector<std::string> heading, std::size_t firstNumber)
@@ -65,7 +65,7 @@ class Table {
     return isColoured ? row.colour + line + kPlain : line;
   }
 
-  std::size_t firstNumber_;  // this column and those behind it stand to the right
+  std::size_t firstNumber_;  // right-aligned from this column on
   std::vector<std::size_t> widths_;
   std::vector<Row> rows_;
 };
@@ -137,7 +137,7 @@ Lines LiveTable::render(const Report& report, const Screen& screen) {
     if (value && before) {
       int decimals = std::max(countDecimals(entry.value), countDecimals(found->second));
       row.cells.push_back(showNumber(*value - *before, decimals));
-      // A counter that was restarted has fallen, and has no rate; nor has a gauge that fell.
+      // A value that fell has no rate: the counter was probably restarted.
       bool hasRate = *value >= *before && seconds > 0;
       row.cells.push_back(hasRate ? showNumber((*value - *before) / seconds, 2) : "-");
       if (*value != *before) row.colour = kGreen;

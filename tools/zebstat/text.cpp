@@ -156,7 +156,7 @@ bool isJsonNumber(std::string_view text) {
 }
 
 std::optional<long double> parseNumber(std::string_view text) {
-  // strtold would also take blanks ahead, a plus, hexadecimal digits and words.
+  // strtold would also take leading blanks, a plus, hexadecimal digits and words.
   if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos || text.starts_with('+'))
     return std::nullopt;
   const std::string number(text);
