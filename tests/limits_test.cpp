@@ -16,8 +16,8 @@
 #include <set>
 
 #include "scripted_gateway.h"
+#include "stapi_zeb_gwytok.h"
 #include "trace_capture.h"
-#include "zebstats_private.h"
 
 namespace zebtest {
 namespace {
