@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -82,6 +83,39 @@ inline sockaddr_in loopback(int port) {
   return address;
 }
 
+// A socket that listens on a port of its own and accepts nobody.
+struct Listener {
+  explicit Listener(int backlog = 8) {
+    sockaddr_in address = loopback(0);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (bind(socket.get(), generic, size) != 0 || listen(socket.get(), backlog) != 0 ||
+        getsockname(socket.get(), generic, &size) != 0)
+      throw std::runtime_error(std::string("cannot listen: ") + strerror(errno));
+    port = ntohs(address.sin_port);
+  }
+  [[nodiscard]] bool hasClient() const { return isReady(socket, POLLIN, 0); }
+  static bool isReady(const Descriptor& waited, short event, int milliseconds) {
+    pollfd entry = {waited.get(), event, 0};
+    return poll(&entry, 1, milliseconds) == 1;
+  }
+
+  Descriptor socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  int port = 0;
+};
+
+// A listener whose queue is full, so that every further connect hangs.
+struct FullListener : Listener {
+  FullListener() : Listener(0) {
+    const sockaddr_in address = loopback(port);
+    do {
+      waiting.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+      connect(waiting.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } while (isReady(waiting.back(), POLLOUT, 50));
+  }
+  std::vector<Descriptor> waiting;
+};
+
 // A client that is only a socket.
 inline Descriptor connectTo(int port) {
   Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
@@ -116,6 +150,22 @@ class Script {
   Script& hangUp() { return add({.action = Action::kHangUp}); }
   Script& reset() { return add({.action = Action::kReset}); }
   Script& halfClose() { return add({.action = Action::kHalfClose}); }
+  // Sends nothing until the client has ended the connection. A client that sends something fails the test, unless it
+  // is ignored; so does one that is still connected when the gateway ends.
+  Script& silence() { return add({.action = Action::kSilence}); }
+  Script& ignoreAll() { return add({.action = Action::kIgnore}); }
+  // The same script with each reply sent one byte at a time, until the client ends the connection and the script.
+  [[nodiscard]] Script dripped() const {
+    Script slow = *this;
+    for (Step& step : slow.steps_) {
+      if (step.action == Action::kReply) step.action = Action::kDrip;
+    }
+    return slow;
+  }
+  Script& then(const Script& next) {
+    steps_.insert(steps_.end(), next.steps_.begin(), next.steps_.end());
+    return *this;
+  }
 
   Script& answer(Bytes bytes) { return expect().reply(std::move(bytes)); }
   // All that an open call asks, and its part before the protocol version.
@@ -144,7 +194,7 @@ class Script {
 
  private:
   friend class ScriptedGateway;
-  enum class Action { kExpect, kReply, kHangUp, kReset, kHalfClose };
+  enum class Action { kExpect, kReply, kDrip, kHangUp, kReset, kHalfClose, kSilence, kIgnore };
   struct Step {
     Action action;
     Bytes bytes = {};
@@ -160,16 +210,8 @@ class Script {
 
 class ScriptedGateway {
  public:
-  explicit ScriptedGateway(Script script) : script_(std::move(script)) {
-    sockaddr_in address = loopback(0);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
-        getsockname(listener_.get(), generic, &size) != 0)
-      throw std::runtime_error(std::string("cannot listen: ") + strerror(errno));
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { play(); });
-  }
+  explicit ScriptedGateway(Script script)
+      : script_(std::move(script)), port_(listener_.port), thread_([this] { play(); }) {}
   ~ScriptedGateway() {
     const std::uint64_t one = 1;
     EXPECT_EQ(write(wake_.get(), &one, sizeof one), sizeof one);
@@ -180,24 +222,30 @@ class ScriptedGateway {
   ScriptedGateway& operator=(const ScriptedGateway&) = delete;
 
   [[nodiscard]] int port() const { return port_; }
+  // Returns when the script has come to its silence.
+  void awaitSilence() const { isSilent_.wait(false); }
 
  private:
   using Action = Script::Action;
 
   void play() {
-    for (std::size_t i = 0; i < script_.steps_.size(); ++i) {
+    for (std::size_t i = 0; i < script_.steps_.size() && !hasLeft_; ++i) {
       if (playStep(script_.steps_[i])) continue;
       problem_ = "step " + std::to_string(i) + ": " + problem_;
       break;
     }
-    if (problem_.empty()) playEnd();
+    if (problem_.empty() && !hasLeft_) playEnd();
     connection_ = {};
-    listener_ = {};
+    listener_.socket = {};
+    startSilence();  // nobody waits for a script that went wrong
   }
 
   bool playStep(const Script::Step& step) {
     if (step.action == Action::kExpect) return expectRequest(step);
     if (step.action == Action::kReply) return sendReply(step);
+    if (step.action == Action::kDrip) return dripReply(step);
+    if (step.action == Action::kSilence || step.action == Action::kIgnore)
+      return waitForEnd(step.action == Action::kIgnore);
     if (step.action == Action::kHalfClose)
       return shutdown(connection_.get(), SHUT_WR) == 0 || fail("no half-close");
     const linger atOnce = {1, 0};  // makes a reset of the close
@@ -234,9 +282,40 @@ class ScriptedGateway {
     return true;
   }
 
+  bool dripReply(const Script::Step& step) {
+    constexpr int kPause = 3;
+    for (const char byte : step.bytes) {
+      if (Listener::isReady(connection_, POLLIN, kPause)) {
+        char early;
+        hasLeft_ = recv(connection_.get(), &early, 1, 0) <= 0;
+        return hasLeft_ || fail("it sent something during the reply");
+      }
+      send(connection_.get(), &byte, 1, MSG_NOSIGNAL);
+    }
+    return true;
+  }
+
+  void startSilence() {
+    isSilent_ = true;
+    isSilent_.notify_all();
+  }
+
+  bool waitForEnd(bool mayAsk) {
+    char buffer[4096];
+    startSilence();
+    for (;;) {
+      if (!waitFor(connection_.get(), POLLIN)) return mayAsk || fail("the client did not end the connection");
+      const ssize_t got = recv(connection_.get(), buffer, sizeof buffer, 0);
+      if (got <= 0) break;
+      if (!mayAsk) return fail("it sent " + hexOf({buffer, static_cast<std::size_t>(got)}));
+    }
+    connection_ = Descriptor();
+    return true;
+  }
+
   bool acceptClient() {
-    if (!waitFor(listener_.get(), POLLIN)) return false;
-    connection_ = Descriptor(accept(listener_.get(), nullptr, nullptr));
+    if (!waitFor(listener_.socket.get(), POLLIN)) return false;
+    connection_ = Descriptor(accept(listener_.socket.get(), nullptr, nullptr));
     const int on = 1;
     setsockopt(connection_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return connection_.get() >= 0;
@@ -276,11 +355,13 @@ class ScriptedGateway {
   }
 
   Script script_;
-  Descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  Listener listener_;
   Descriptor wake_{eventfd(0, EFD_CLOEXEC)};
   Descriptor connection_;
-  int port_ = 0;
-  std::string problem_;  // the thread's own until it has ended
+  int port_;
+  std::atomic<bool> isSilent_ = false;
+  bool hasLeft_ = false;  // the client, during a dripped reply; the thread's own until it has ended, as is
+  std::string problem_;
   std::thread thread_;
 };
 

@@ -225,6 +225,9 @@ TEST(AdminReply, isTakenByItsFirstWordsAndItsLength) {
   }
   EXPECT_EQ(adminCallWith(5, words({5, 6, 0}), record), Codes(-3, 6));
   EXPECT_EQ(adminCallWith(5, words({0, 5, 0}), record), Codes(-3, 5));
+  // A code in an answer that is too short counts for nothing.
+  EXPECT_EQ(adminCallWith(0, words({0, 5}), record), Codes(-111, 0));
+  EXPECT_EQ(adminCallWith(5, words({5, 6}), record), Codes(-111, 0));
   EXPECT_EQ(adminCallWith(5, callExceptionData(zebsim::kInvoke), record), Codes(-3, 0));
   EXPECT_EQ(record.callData, nullptr);
   EXPECT_EQ(adminCallWith(5, "", record), Codes(-3, 0x00700000));  // the request's own bytes are read

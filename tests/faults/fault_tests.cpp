@@ -379,6 +379,23 @@ TEST_F(Faults, ASystemCallThatFailsGivesItsMappedCode) {
   }
 }
 
+// As it does on a host that has only addresses of the other family.
+TEST(Resolver, ThatRefusesANumericAddressIsNotNeededForIt) {
+  const GatewayProcess gateway;
+  Session s = {.port = gateway.port()};
+  int rc;
+  {
+    const Injection refusal({{kGetaddrinfo, 1, false, EAI_ADDRFAMILY}});
+    rc = s.open();
+    EXPECT_TRUE(refusal.hasStruck());
+  }
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(getStats(s.token, &s.answer), rc == 0 ? 0 : ZEB_TOKEN_NULL);
+  EXPECT_EQ(s.release(), 0);
+  const Injection refusals({{kGetaddrinfo, 1, true, EAI_ADDRFAMILY}});
+  EXPECT_EQ(openRemoteGatewayConnection("localhost", gateway.port(), &s.token, &s.version), ZEB_HOST_UNKNOWN);
+}
+
 TEST_F(Faults, AFlushOfTheTraceThatFailsChangesNoCode) {
   sweepTrace({kFflush});
 }
