@@ -184,7 +184,8 @@ typedef struct IdData {
  * authorise), ZEB_CONNECTION_LOST (lost while asking for the protocol version),
  * ZEB_COMMUNICATION_FAILED (no usable protocol version), ZEB_TOKEN_UNKNOWN (closed meanwhile by
  * closeAllGatewayConnections()), ZEB_NO_MEMORY. Nothing stays open after a failure. */
-ZEB_API int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVersion) ZEB_NOEXCEPT;
+ZEB_API int openGatewayConnection(int port, GatewayToken** gwTokPtr,
+                                  char** protoColVersion) ZEB_NOEXCEPT;
 
 /* Opens a connection to a gateway on any host.
  *

@@ -177,7 +177,9 @@ class Walk {
 
   // Why there is no answer, or why the walk ended early. None during the walk and after its normal
   // end.
-  [[nodiscard]] Error error() const noexcept { return Error(code_ == ZEB_END_OF_RESULTS ? ZEB_OK : code_); }
+  [[nodiscard]] Error error() const noexcept {
+    return Error(code_ == ZEB_END_OF_RESULTS ? ZEB_OK : code_);
+  }
   // Whether the walk has reached its normal end.
   [[nodiscard]] bool ended() const noexcept { return code_ == ZEB_END_OF_RESULTS; }
 
@@ -195,20 +197,27 @@ class Walk {
   }
 
   // For calls of zebstats.h; null if the answer no longer exists.
-  [[nodiscard]] ResultSetToken* handle() const noexcept { return check() == ZEB_OK ? token_ : nullptr; }
+  [[nodiscard]] ResultSetToken* handle() const noexcept {
+    return check() == ZEB_OK ? token_ : nullptr;
+  }
 
  protected:
   Walk() noexcept = default;
   Walk(ResultSetToken* token, int code, detail::SessionRef session = {}) noexcept
-      : token_(token), code_(code), session_(std::move(session)), query_(session_ ? session_->query : 0) {}
+      : token_(token),
+        code_(code),
+        session_(std::move(session)),
+        query_(session_ ? session_->query : 0) {}
 
   // ZEB_OK if the answer still exists.
   [[nodiscard]] int check() const noexcept {
     if (token_ == nullptr) return code_ != ZEB_OK ? code_ : ZEB_RESULT_SET_NULL;
     if (!session_) return ZEB_OK;
-    assert(session_->gateway != nullptr && "a result set is used after its connection was closed or lost");
+    assert(session_->gateway != nullptr &&
+           "a result set is used after its connection was closed or lost");
     if (session_->gateway == nullptr) return ZEB_TOKEN_UNKNOWN;
-    assert(session_->query == query_ && "a result set is used after another query on its connection");
+    assert(session_->query == query_ &&
+           "a result set is used after another query on its connection");
     return session_->query == query_ ? ZEB_OK : ZEB_WRONG_CONTENT;
   }
 
@@ -242,7 +251,8 @@ class ResultSetCopy : public Walk<Entry> {
  public:
   ResultSetCopy() noexcept = default;
   ResultSetCopy(ResultSetCopy&& other) noexcept
-      : Walk<Entry>(std::exchange(other.token_, nullptr), std::exchange(other.code_, ZEB_RESULT_SET_NULL)) {}
+      : Walk<Entry>(std::exchange(other.token_, nullptr),
+                    std::exchange(other.code_, ZEB_RESULT_SET_NULL)) {}
   ResultSetCopy& operator=(ResultSetCopy&& other) noexcept {
     std::swap(this->token_, other.token_);
     std::swap(this->code_, other.code_);
@@ -318,15 +328,21 @@ class Connection {
 
   [[nodiscard]] bool isOpen() const noexcept { return handle() != nullptr; }
   // For calls of zebstats.h. Views do not notice queries made with it.
-  [[nodiscard]] GatewayToken* handle() const noexcept { return session_ ? session_->gateway : nullptr; }
+  [[nodiscard]] GatewayToken* handle() const noexcept {
+    return session_ ? session_->gateway : nullptr;
+  }
   // Empty if none is known.
-  [[nodiscard]] const char* protocolVersion() const& noexcept { return version_ != nullptr ? version_ : ""; }
+  [[nodiscard]] const char* protocolVersion() const& noexcept {
+    return version_ != nullptr ? version_ : "";
+  }
   const char* protocolVersion() const&& = delete;
 
   // Each asks the gateway, waits for the answer, at most for the timeout, and ends the life of the
   // previous answer. Not for temporary connections (the &): their answers would dangle.
   [[nodiscard]] StatSet stats() & noexcept { return ask<Stat>(getStats); }
-  [[nodiscard]] StatSet statsByIds(const char* ids) & noexcept { return ask<Stat>(getStatsByStatId, ids); }
+  [[nodiscard]] StatSet statsByIds(const char* ids) & noexcept {
+    return ask<Stat>(getStatsByStatId, ids);
+  }
   [[nodiscard]] StatSet statsByGroups(const char* ids) & noexcept {
     return ask<Stat>(getStatsByStatGroupId, ids);
   }

@@ -1,6 +1,6 @@
-// The records, sizes and codes that the library's modules share. What a module does for the others is declared in
-// its own header in source/; what is exported from there, under C linkage, serves diagnosis and is no part of the
-// public interface.
+// The records, sizes and codes that the library's modules share. What a module does for the others
+// is declared in its own header in source/; what is exported from there, under C linkage, serves
+// diagnosis and is no part of the public interface.
 #ifndef ZEBSTATS_PRIVATE_H
 #define ZEBSTATS_PRIVATE_H
 
@@ -16,7 +16,7 @@
 #define ZEB_INTERNAL ZEB_API
 #define ZEB_INTERNAL_DATA __attribute__((visibility("default")))
 
-// ---- Sizes and marks ---------------------------------------------------------------------------------------
+// ---- Sizes and marks ----------------------------------------------------------------------------
 
 constexpr std::size_t kResultSetBufferSize = 153600;
 constexpr std::size_t kQueryStringSize = 32000;  // verifiedQueryString, its NUL included
@@ -40,9 +40,10 @@ constexpr int kTokenFound = 1004;
 constexpr int kListRunaway = 1005;
 constexpr int kNothingToWalk = 1006;
 
-constexpr int kFlowFailed = -1;      // failed half-way; the connection is unusable
-constexpr int kAuthRefused = -2;     // the first authorisation step was refused
-constexpr int kAdminFailed = -3;     // the gateway or its bean refused the call, or the answer is malformed
+constexpr int kFlowFailed = -1;   // failed half-way; the connection is unusable
+constexpr int kAuthRefused = -2;  // the first authorisation step was refused
+constexpr int kAdminFailed =
+    -3;  // the gateway or its bean refused the call, or the answer is malformed
 constexpr int kGatewayRefused = -4;  // the reply's header carries a gateway return code
 
 constexpr int kConnectFailed = -100;
@@ -54,7 +55,7 @@ constexpr int kConnectUnreachable = -105;
 
 constexpr std::int32_t kGatewayConnectionGone = 0xF004;  // the gwyRc of a lost connection
 
-// ---- Records -----------------------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 using ThreadId = pthread_t;
 
@@ -75,7 +76,8 @@ struct GatewayToken {
   char* protocolVersion;
   GatewayToken* nextGwyTokPtr;
   // What follows is never shown. Other threads read and write holds and cancelled without a lock.
-  std::uint32_t holds;      // the calls that are using the token; kRemoved is added when it leaves the list
+  std::uint32_t
+      holds;  // the calls that are using the token; kRemoved is added when it leaves the list
   std::uint32_t cancelled;  // 1: another thread has closed the connection while a call was using it
   bool handedOut;           // the host has had the handle, which stays recognisable after the close
 };
@@ -150,8 +152,9 @@ struct reasons {
   std::int32_t adminRc;
 };
 
-// What a storage dump still has to write. In length mode remaining is positive, in stop-word mode 0; no byte at
-// or after limit is touched (null: no limit). A line is collected in text and written at once.
+// What a storage dump still has to write. In length mode remaining is positive, in stop-word mode
+// 0; no byte at or after limit is touched (null: no limit). A line is collected in text and written
+// at once.
 struct StorageDump {
   const unsigned char* address;
   const unsigned char* limit;

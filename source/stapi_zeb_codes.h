@@ -48,7 +48,8 @@ constexpr CodeText kCodeTexts[] = {
     {ZEB_NETWORK_UNREACHABLE, "the network is unreachable"},
     {ZEB_TIMEOUT_INVALID, "the timeout is negative"},
     {ZEB_TIMED_OUT, "the gateway did not answer in time"},
-    {ZEB_QUERY_TOO_LONG, "the query has 32,766 characters or more, or a lock could not be initialised"},
+    {ZEB_QUERY_TOO_LONG,
+     "the query has 32,766 characters or more, or a lock could not be initialised"},
 };
 
 constexpr const char* codeText(int code) noexcept {

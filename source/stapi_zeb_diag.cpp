@@ -1,12 +1,12 @@
 // The trace: one destination, one line format, the storage dump.
 //
-// Every line, the banner and the switch of destination are written under traceLock, because the format buffer
-// and the time stamp are shared. The lines of the lock operations, which cannot take it, and the state line of
-// dumpState use buffers of their own. streamMutex keeps the destination from being closed while they write; it
-// is the innermost lock.
+// Every line, the banner and the switch of destination are written under traceLock, because the
+// format buffer and the time stamp are shared. The lines of the lock operations, which cannot take
+// it, and the state line of dumpState use buffers of their own. streamMutex keeps the destination
+// from being closed while they write; it is the innermost lock.
 //
-// The trace must not harm the host: what the destination does not take at once is lost, and the signals of a
-// failed write are held off and taken away.
+// The trace must not harm the host: what the destination does not take at once is lost, and the
+// signals of a failed write are held off and taken away.
 
 #include "stapi_zeb_diag.h"
 
@@ -58,10 +58,10 @@ std::uint32_t noPid = 0;
 int traceHeaderWrite = 0;  // 1: the destination already has the banner
 pthread_mutex_t streamMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t zoneMutex = PTHREAD_MUTEX_INITIALIZER;  // for a fork: see toLocalTime
-char lastTimeStamp[sizeof timeStamp];                   // of the last line written; guarded by streamMutex
+char lastTimeStamp[sizeof timeStamp];  // of the last line written; guarded by streamMutex
 
-// A line that is longer than this is cut: it shows a query string, which has a limit of its own, or a name that
-// the host gave.
+// A line that is longer than this is cut: it shows a query string, which has a limit of its own, or
+// a name that the host gave.
 char lineBuffer[kQueryStringSize + 2048];  // guarded by traceLock
 bool isTraceLockedForFork = false;         // set between a fork's two halves
 
@@ -88,8 +88,9 @@ void putMilliseconds(char* dst, const timeval& now) noexcept {
   putDigits(dst + kMillisecondsAt, static_cast<int>(now.tv_usec / 1000), 3, '\0');
 }
 
-// The host may have changed TZ, which localtime_r alone would not notice. The C library has a lock of its own
-// here that it does not release in a forked child, so that no thread may be in it while another one forks.
+// The host may have changed TZ, which localtime_r alone would not notice. The C library has a lock
+// of its own here that it does not release in a forked child, so that no thread may be in it while
+// another one forks.
 tm toLocalTime(time_t second) noexcept {
   const MutexGuard guard(zoneMutex);
   tm local = {};
@@ -138,7 +139,8 @@ bool takesOutput(FILE* stream) noexcept {
   return poll(&waited, 1, 0) != 0;
 }
 
-// The caller holds streamMutex. Writes in pieces that a pipe takes as a whole; once a piece is lost, the rest is.
+// The caller holds streamMutex. Writes in pieces that a pipe takes as a whole; once a piece is
+// lost, the rest is.
 void writeToStream(const char* text, std::size_t length) noexcept {
   FILE* const stream = destination();
   HeldWriteSignals signals;
@@ -167,7 +169,8 @@ void writeStampedLine(const char* text, std::size_t length, const char* stamp) n
   memmove(lastTimeStamp, stamp, sizeof lastTimeStamp);
 }
 
-// What is in a buffer of that size after vsnprintf has returned written; a line that was cut still ends.
+// What is in a buffer of that size after vsnprintf has returned written; a line that was cut still
+// ends.
 std::size_t endLine(char* buffer, std::size_t size, int written) noexcept {
   if (written < 0) return 0;
   if (static_cast<std::size_t>(written) < size) return static_cast<std::size_t>(written);
@@ -186,8 +189,8 @@ void setTimeStamp(Time time) noexcept {
   }
 }
 
-// The caller holds traceLock. format is prefix and message as one literal, so the compiler can check it; the
-// first argument is timeStamp.
+// The caller holds traceLock. format is prefix and message as one literal, so the compiler can
+// check it; the first argument is timeStamp.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
@@ -205,12 +208,12 @@ void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
 
 void writeBannerOnce() noexcept {
   if (traceHeaderWrite != 0) return;
-  writeRaw("*** %s KRO Velora ZEBSTATS DLL trace V%s API V%s Build Level %s ***\n", getTraceDate(dateBuf),
-           kProductVersion, kApiVersion, kBuildLevel);
+  writeRaw("*** %s KRO Velora ZEBSTATS DLL trace V%s API V%s Build Level %s ***\n",
+           getTraceDate(dateBuf), kProductVersion, kApiVersion, kBuildLevel);
 }
 
-// Opens a file for append. It never blocks: not the opening of a FIFO that nobody reads, nor a write to one whose
-// reader sleeps.
+// Opens a file for append. It never blocks: not the opening of a FIFO that nobody reads, nor a
+// write to one whose reader sleeps.
 FILE* openTraceFile(const char* name, int& error) noexcept {
   if (strlen(name) >= kTraceFilenameSize) {
     error = ENAMETOOLONG;
@@ -281,8 +284,8 @@ int dumpLines(StorageDump dump) noexcept {
 
 constinit std::atomic<std::uint32_t*> rememberedPid = &noPid;
 
-// A whole page of the library's own data, whatever the size of a page up to 64 kB: it goes when the library is
-// unloaded, and its memory is not touched but for that page.
+// A whole page of the library's own data, whatever the size of a page up to 64 kB: it goes when the
+// library is unloaded, and its memory is not touched but for that page.
 void startRememberingPid() noexcept {
   constexpr std::size_t kMaxPageSize = 65536;
   static char area[2 * kMaxPageSize];
@@ -293,7 +296,8 @@ void startRememberingPid() noexcept {
   void* page = area;
   std::size_t space = sizeof area;
   std::align(size, size, page, space);
-  // Some emulators accept any advice and ignore it; if an invalid one is accepted, WIPEONFORK cannot be trusted.
+  // Some emulators accept any advice and ignore it; if an invalid one is accepted, WIPEONFORK
+  // cannot be trusted.
   constexpr int kNoAdvice = -1;
   if (madvise(page, size, kNoAdvice) == 0 || madvise(page, size, MADV_WIPEONFORK) != 0) return;
   rememberedPid = static_cast<std::uint32_t*>(page);
@@ -395,7 +399,8 @@ void writeStateLine() noexcept {
 
 void changeTraceLevel(int level) noexcept {
   const LockGuard guard(traceLock);
-  // quirk: only a switch of file marks the banner as written, so each rise from 0 on standard error repeats it.
+  // quirk: only a switch of file marks the banner as written, so each rise from 0 on standard error
+  // repeats it.
   if (traceLevel() == 0 && level > 0) writeBannerOnce();
   setTraceLevel(level);
 }
@@ -436,7 +441,8 @@ void unlockTraceAfterFork() noexcept {
 
 namespace {
 
-// The destructor also runs at the end of the process, when other threads may still write: then nothing is freed.
+// The destructor also runs at the end of the process, when other threads may still write: then
+// nothing is freed.
 [[gnu::destructor]] void releaseTrace() noexcept {
   if (traceLock.state == 0 || pthread_mutex_trylock(&traceLock.mutex) != 0) return;
   if (pthread_mutex_trylock(&streamMutex) == 0) {
@@ -495,7 +501,8 @@ void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) noexcept {
 int traceOutStorage(const void* address, int length, std::uint32_t stopWord, int lineWidth,
                     int /*spare*/) noexcept {
   if (address == nullptr || lineWidth < 1 || length < 0 || (length == 0 && stopWord == 0)) return 0;
-  return dumpLines({static_cast<const unsigned char*>(address), nullptr, length, stopWord, lineWidth, 0, {}});
+  return dumpLines(
+      {static_cast<const unsigned char*>(address), nullptr, length, stopWord, lineWidth, 0, {}});
 }
 
 int writeStorageLineDual(StorageDump* dump) noexcept {
@@ -517,7 +524,8 @@ int writeStorageLineHex(StorageDump* dump) noexcept {
       ended = true;
       end = i;
     }
-    if (readable && (!ended || end == 0)) {  // quirk: a line that ends on its first byte is shown whole
+    if (readable &&
+        (!ended || end == 0)) {  // quirk: a line that ends on its first byte is shown whole
       appendHex(*dump, dump->address[i], 2);
     } else {
       appendText(*dump, ' ');

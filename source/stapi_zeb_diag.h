@@ -23,7 +23,8 @@ extern ZEB_INTERNAL_DATA std::uint32_t iTid;
 extern ZEB_INTERNAL_DATA LockRecord traceLock;
 }
 
-// Makes standard error the destination. Returns 0, -121 (no trace lock), or -111 (no memory for the file name).
+// Makes standard error the destination. Returns 0, -121 (no trace lock), or -111 (no memory for the
+// file name).
 ZEB_INTERNAL int initTrace(void) ZEB_NOEXCEPT;
 // Write the local date (9 characters with the NUL) or the local time (22), and return dst.
 ZEB_INTERNAL char* getTraceDate(char* dst) ZEB_NOEXCEPT;
@@ -33,13 +34,13 @@ ZEB_INTERNAL int compareTids(ThreadId tid1, ThreadId tid2) ZEB_NOEXCEPT;
 // Stores the ids of the calling process and thread; a null pointer skips its half.
 ZEB_INTERNAL void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) ZEB_NOEXCEPT;
 
-// Writes the bytes at address to the trace destination; the caller holds traceLock. If length is positive, it
-// writes that many bytes; if it is 0, the bytes before the first place where stopWord starts. Returns the number
-// of bytes. spare is ignored.
-ZEB_INTERNAL int traceOutStorage(const void* address, int length, std::uint32_t stopWord, int lineWidth,
-                                 int spare) ZEB_NOEXCEPT;
-// The line after its address: the hexadecimal column returns how many bytes belong to the dump, the character
-// column prints them.
+// Writes the bytes at address to the trace destination; the caller holds traceLock. If length is
+// positive, it writes that many bytes; if it is 0, the bytes before the first place where stopWord
+// starts. Returns the number of bytes. spare is ignored.
+ZEB_INTERNAL int traceOutStorage(const void* address, int length, std::uint32_t stopWord,
+                                 int lineWidth, int spare) ZEB_NOEXCEPT;
+// The line after its address: the hexadecimal column returns how many bytes belong to the dump, the
+// character column prints them.
 ZEB_INTERNAL int writeStorageLineDual(StorageDump* dump) ZEB_NOEXCEPT;
 ZEB_INTERNAL int writeStorageLineHex(StorageDump* dump) ZEB_NOEXCEPT;
 ZEB_INTERNAL void writeStorageLineChar(StorageDump* dump, int count) ZEB_NOEXCEPT;
@@ -68,13 +69,14 @@ inline void setTraceLevel(int level) noexcept {
   std::atomic_ref<int>(statAPITrace).store(level, std::memory_order_relaxed);
 }
 
-// Cache of getpid(), on a page that the kernel zeroes in a forked child (MADV_WIPEONFORK). 0: not known; then
-// getpid() is called each time.
+// Cache of getpid(), on a page that the kernel zeroes in a forked child (MADV_WIPEONFORK). 0: not
+// known; then getpid() is called each time.
 extern std::atomic<std::uint32_t*> rememberedPid;
 [[gnu::cold]] void startRememberingPid() noexcept;
 [[gnu::cold]] std::uint32_t askPid() noexcept;
 inline std::uint32_t knownPid() noexcept {
-  return std::atomic_ref(*rememberedPid.load(std::memory_order_relaxed)).load(std::memory_order_relaxed);
+  return std::atomic_ref(*rememberedPid.load(std::memory_order_relaxed))
+      .load(std::memory_order_relaxed);
 }
 inline std::uint32_t currentPid() noexcept {
   const std::uint32_t pid = knownPid();
@@ -95,12 +97,14 @@ inline std::uint32_t shownTid(ThreadId tid) noexcept {
   return static_cast<std::uint32_t>(tid);
 }
 
-// True if pid and tid are the caller's according to the caches; false may only mean "not cached yet".
+// True if pid and tid are the caller's according to the caches; false may only mean "not cached
+// yet".
 inline bool isKnownCaller(std::uint32_t pid, ThreadId tid) noexcept {
   return pid != 0 && tid != 0 && pid == knownPid() && pthread_equal(rememberedTid, tid) != 0;
 }
 
-// Returns its argument; out of line, so that the compiler does not warn about printing a freed address.
+// Returns its argument; out of line, so that the compiler does not warn about printing a freed
+// address.
 const void* addressToShow(const void* block) noexcept;
 
 // A text for %s: "NULL" for a null pointer.
@@ -108,26 +112,30 @@ inline const char* textToShow(const char* text) noexcept {
   return text != nullptr ? text : "NULL";
 }
 
-// The name of the trace destination. Read it only while traceLock is held, as every trace line does.
+// The name of the trace destination. Read it only while traceLock is held, as every trace line
+// does.
 const char* traceFilename() noexcept;
 
-// Each writes one whole line and preserves errno. SameTime repeats the time stamp of the last line. The lock
-// functions cannot take traceLock, so theirs uses no shared buffer.
+// Each writes one whole line and preserves errno. SameTime repeats the time stamp of the last line.
+// The lock functions cannot take traceLock, so theirs uses no shared buffer.
 [[gnu::format(printf, 1, 2), gnu::cold]] void writeTraceLine(const char* format, ...) noexcept;
-[[gnu::format(printf, 1, 2), gnu::cold]] void writeTraceLineSameTime(const char* format, ...) noexcept;
+[[gnu::format(printf, 1, 2), gnu::cold]] void writeTraceLineSameTime(const char* format,
+                                                                     ...) noexcept;
 [[gnu::format(printf, 1, 2), gnu::cold]] void writeLockTraceLine(const char* format, ...) noexcept;
 
-// A trace line, then a dump of length bytes, or up to stopWord if length is 0; never more than size bytes.
+// A trace line, then a dump of length bytes, or up to stopWord if length is 0; never more than size
+// bytes.
 struct TracedStorage {
   const void* address;
   int length;
   std::uint32_t stopWord;
   std::size_t size;
 };
-[[gnu::format(printf, 2, 3), gnu::cold]] void writeTraceData(const TracedStorage& storage, const char* format,
-                                                             ...) noexcept;
+[[gnu::format(printf, 2, 3), gnu::cold]] void writeTraceData(const TracedStorage& storage,
+                                                             const char* format, ...) noexcept;
 
-// Writes a line without a prefix. The caller holds traceLock if the line belongs to others around it.
+// Writes a line without a prefix. The caller holds traceLock if the line belongs to others around
+// it.
 [[gnu::format(printf, 1, 2)]] void writeRaw(const char* format, ...) noexcept;
 // A line of 80 dashes.
 void writeRule() noexcept;
@@ -136,7 +144,8 @@ int dumpStorage(const TracedStorage& storage) noexcept;
 // The state line of dumpState, which takes no traceLock.
 void writeStateLine() noexcept;
 
-// Sets the level; when the trace is switched on, writes the banner first unless the destination has it.
+// Sets the level; when the trace is switched on, writes the banner first unless the destination has
+// it.
 void changeTraceLevel(int level) noexcept;
 
 struct TraceSwitch {
@@ -160,11 +169,9 @@ void unlockTraceAfterFork() noexcept;
                   word __VA_OPT__(, ) __VA_ARGS__);                                        \
   } while (0)
 
-// For loops: the caller has tested the level.
-#define ZEB_TRACE_IF(allowed, word, point, text, ...) \
-  ZEB_TRACE_WITH(writeTraceLine, allowed, timeStamp, word, point, text __VA_OPT__(, ) __VA_ARGS__)
-#define ZEB_TRACE(level, word, point, text, ...) \
-  ZEB_TRACE_IF(zeb::traceLevel() >= (level), word, point, text __VA_OPT__(, ) __VA_ARGS__)
+#define ZEB_TRACE(level, word, point, text, ...)                                       \
+  ZEB_TRACE_WITH(writeTraceLine, zeb::traceLevel() >= (level), timeStamp, word, point, \
+                 text __VA_OPT__(, ) __VA_ARGS__)
 
 #define TRACE_EXC(point, text, ...) \
   ZEB_TRACE(zeb::kLevelException, "*EXC*", point, text __VA_OPT__(, ) __VA_ARGS__)
@@ -178,14 +185,15 @@ void unlockTraceAfterFork() noexcept;
   ZEB_TRACE(zeb::kLevelDetail, "DEBUG", point, text __VA_OPT__(, ) __VA_ARGS__)
 
 // function is a literal, "module.function", or holds a %s for which a name follows shownStopWord.
-#define TRACE_DATA(point, function, storage, shownStopWord, ...)                                           \
-  do {                                                                                                     \
-    if (zeb::traceLevel() >= zeb::kLevelDetail) [[unlikely]] {                                             \
-      const zeb::TracedStorage traced = storage;                                                           \
-      zeb::writeTraceData(traced, ZEB_TRACE_PREFIX function " data=%p len=%d stopword=%8.8X\n", timeStamp, \
-                          zeb::currentPid(), zeb::shownTid(), point, "DATA" __VA_OPT__(, ) __VA_ARGS__,    \
-                          traced.address, traced.length, static_cast<std::uint32_t>(shownStopWord));       \
-    }                                                                                                      \
+#define TRACE_DATA(point, function, storage, shownStopWord, ...)                                \
+  do {                                                                                          \
+    if (zeb::traceLevel() >= zeb::kLevelDetail) [[unlikely]] {                                  \
+      const zeb::TracedStorage traced = storage;                                                \
+      zeb::writeTraceData(traced, ZEB_TRACE_PREFIX function " data=%p len=%d stopword=%8.8X\n", \
+                          timeStamp, zeb::currentPid(), zeb::shownTid(), point,                 \
+                          "DATA" __VA_OPT__(, ) __VA_ARGS__, traced.address, traced.length,     \
+                          static_cast<std::uint32_t>(shownStopWord));                           \
+    }                                                                                           \
   } while (0)
 
 #endif

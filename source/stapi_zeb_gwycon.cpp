@@ -1,7 +1,9 @@
-// The TCP connection to a gateway: resolved, connected, handshaken and authorised, and closed again.
+// The TCP connection to a gateway: resolved, connected, handshaken and authorised, and closed
+// again.
 //
-// A socket belongs to the thread that works on its gateway token; no lock is taken here. Another thread may shut
-// it down to cancel the call, which is why its descriptor is stored as soon as there is one.
+// A socket belongs to the thread that works on its gateway token; no lock is taken here. Another
+// thread may shut it down to cancel the call, which is why its descriptor is stored as soon as
+// there is one.
 
 #include "stapi_zeb_gwycon.h"
 
@@ -55,17 +57,17 @@ bool isNumeric(const char* host) noexcept {
   return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
 }
 
-// The C library has a lock in the resolver that it does not release in a forked child. No thread is in it while
-// another one forks, if the address is numeric, which takes microseconds; a name may take seconds, and does not
-// hold up a fork.
+// The C library has a lock in the resolver that it does not release in a forked child. No thread is
+// in it while another one forks, if the address is numeric, which takes microseconds; a name may
+// take seconds, and does not hold up a fork.
 int resolve(const char* host, const char* port, const addrinfo& hints, addrinfo** found) noexcept {
   if (host == nullptr || !isNumeric(host)) return getaddrinfo(host, port, &hints, found);
   const MutexGuard guard(resolverMutex);
   return getaddrinfo(host, port, &hints, found);
 }
 
-// The hints refuse a numeric address on a host that has no other address of that family, such as 127.0.0.1 where
-// there is only IPv6; such an address is then taken as it is.
+// The hints refuse a numeric address on a host that has no other address of that family, such as
+// 127.0.0.1 where there is only IPv6; such an address is then taken as it is.
 int findAddresses(const char* host, const char* port, addrinfo** found) noexcept {
   addrinfo hints = {};
   hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
@@ -83,18 +85,19 @@ int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
   addrinfo* found = nullptr;
   const int code = findAddresses(host, portText, &found);
   if (code != 0) {
-    TRACE_EXC(3012, "stapi_zeb_gwycon.getHostInfoUnable to resolve host (%s:%s): %s(%d)\n", textToShow(host),
-              portText, gai_strerror(code), code);
+    TRACE_EXC(3012, "stapi_zeb_gwycon.getHostInfoUnable to resolve host (%s:%s): %s(%d)\n",
+              textToShow(host), portText, gai_strerror(code), code);
     return kHostNotResolved;
   }
   addresses.reset(found);
   return 0;
 }
 
-// If the host closed descriptors 0 to 2, socket() may return one of them, and what the process prints would go to
-// the gateway; so it is moved above 2.
+// If the host closed descriptors 0 to 2, socket() may return one of them, and what the process
+// prints would go to the gateway; so it is moved above 2.
 int openSocketOffStandardStreams(const addrinfo& address) noexcept {
-  const int opened = socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol);
+  const int opened =
+      socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol);
   if (opened < 0 || opened > STDERR_FILENO) return opened;
   const int moved = fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int error = errno;
@@ -104,20 +107,23 @@ int openSocketOffStandardStreams(const addrinfo& address) noexcept {
 }
 
 int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
-  TRACE_DEBUG(3013, "stapi_zeb_gwycon.connectToGateway Creating socket for family %d, type %d, protocol %d\n",
-              address.ai_family, address.ai_socktype, address.ai_protocol);
+  TRACE_DEBUG(
+      3013,
+      "stapi_zeb_gwycon.connectToGateway Creating socket for family %d, type %d, protocol %d\n",
+      address.ai_family, address.ai_socktype, address.ai_protocol);
   const int opened = openSocketOffStandardStreams(address);
   const int error = errno;
   std::atomic_ref(socketDescriptor).store(opened, std::memory_order_seq_cst);
   if (opened < 0) {
-    TRACE_EXC(3001, "stapi_zeb_gwycon.connectToGatewayUnable to create a socket: %s(%d)\n", strerror(error),
-              error);
+    TRACE_EXC(3001, "stapi_zeb_gwycon.connectToGatewayUnable to create a socket: %s(%d)\n",
+              strerror(error), error);
     return kSocketFailed;
   }
   const int on = 1;
   if (setsockopt(socketDescriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0 ||
       setsockopt(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
-    TRACE_DEBUG(3002, "stapi_zeb_gwycon.connectToGateway Set socket to KeepAlive or NoDelay failed: %d\n",
+    TRACE_DEBUG(3002,
+                "stapi_zeb_gwycon.connectToGateway Set socket to KeepAlive or NoDelay failed: %d\n",
                 socketDescriptor);
     return kSocketFailed;
   }
@@ -125,8 +131,8 @@ int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   return 0;
 }
 
-// quirk: passes a value where FIONBIO wants a pointer; the kernel refuses, the socket stays blocking and the
-// system's own limit bounds the connect.
+// quirk: passes a value where FIONBIO wants a pointer; the kernel refuses, the socket stays
+// blocking and the system's own limit bounds the connect.
 void requestBlocking(int socketDescriptor, int option) noexcept {
   ioctl(socketDescriptor, FIONBIO, reinterpret_cast<void*>(static_cast<std::intptr_t>(option)));
 }
@@ -141,7 +147,8 @@ void switchNonBlocking(int socketDescriptor, int option) noexcept {
 }
 
 int mapConnectFailure(int result, int error) noexcept {
-  TRACE_EXC(3006, "stapi_zeb_gwycon.connectToGatewayUnable to connect to Gateway: %s\n", strerror(error));
+  TRACE_EXC(3006, "stapi_zeb_gwycon.connectToGatewayUnable to connect to Gateway: %s\n",
+            strerror(error));
   if (result == kConnectTimedOut && hasDeadline()) return kConnectTimedOut;
   // quirk: a timed-out wait is reported as success, without handshake
   if (result != -1 && result != kConnectFailed) return 0;
@@ -151,26 +158,29 @@ int mapConnectFailure(int result, int error) noexcept {
 }
 
 int startSession(int port, const char* host, int socketDescriptor) noexcept {
-  TRACE_DEBUG(3003, "stapi_zeb_gwycon.connectToGatewayConnected to Gateway %s:%u\n", textToShow(host),
-              static_cast<unsigned>(port));
+  TRACE_DEBUG(3003, "stapi_zeb_gwycon.connectToGatewayConnected to Gateway %s:%u\n",
+              textToShow(host), static_cast<unsigned>(port));
   switchNonBlocking(socketDescriptor, sockOptOff);
   reasons failure = {};
   const int rc = flowHandshakeRequest(socketDescriptor, &failure);
   if (rc != 0) {
-    TRACE_EXC(3005,
-              "stapi_zeb_gwycon.connectToGatewayHandshake flows failed rc=%d errno=%s gwyRc=%d authRc=%d\n",
-              rc, strerror(failure.sockErrno), failure.gwyRc, failure.authRc);
+    TRACE_EXC(
+        3005,
+        "stapi_zeb_gwycon.connectToGatewayHandshake flows failed rc=%d errno=%s gwyRc=%d authRc=%d\n",
+        rc, strerror(failure.sockErrno), failure.gwyRc, failure.authRc);
     return kConnectFailed;
   }
   TRACE_DEBUG(3004, "stapi_zeb_gwycon.connectToGatewayFlowed Handshake to the Gateway\n");
   return authorizeConnection(socketDescriptor, &failure);
 }
 
-// A thread that cancels the call sets the flag before it shuts the socket down, which has no effect before the
-// connect has begun. It also gives the socket a send timeout, so that a blocking connect ends at once.
+// A thread that cancels the call sets the flag before it shuts the socket down, which has no effect
+// before the connect has begun. It also gives the socket a send timeout, so that a blocking connect
+// ends at once.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
-  int result = isCancelled() ? -1 : connect(*socketDescriptorPtr, address.ai_addr, address.ai_addrlen);
+  int result =
+      isCancelled() ? -1 : connect(*socketDescriptorPtr, address.ai_addr, address.ai_addrlen);
   error = errno;
   if (result == -1 && isCancelled()) {
     error = ECANCELED;
@@ -221,15 +231,17 @@ int giveUpWait(int socketDescriptor) noexcept {
     TRACE_EXC(3018, "stapi_zeb_gwycon.waitForConnection Timeout of %d ms has passed on socket %d\n",
               callTimeout(), socketDescriptor);
   } else {
-    TRACE_EXC(3016, "stapi_zeb_gwycon.waitForConnection socket %d connect timed out\n", socketDescriptor);
+    TRACE_EXC(3016, "stapi_zeb_gwycon.waitForConnection socket %d connect timed out\n",
+              socketDescriptor);
   }
   return kConnectTimedOut;
 }
 
-// poll of one descriptor, until the deadline or for that many seconds. events are those that are waited for, and
-// then those that have come.
+// poll of one descriptor, until the deadline or for that many seconds. events are those that are
+// waited for, and then those that have come.
 int waitForConnect(int socketDescriptor, int seconds, short& events) noexcept {
-  if (hasDeadline() || socketDescriptor < 0) return waitForEvents(socketDescriptor, events, &events);
+  if (hasDeadline() || socketDescriptor < 0)
+    return waitForEvents(socketDescriptor, events, &events);
   pollfd waited = {socketDescriptor, events, 0};
   const int ready = poll(&waited, 1, seconds * 1000);
   events = waited.revents;
@@ -257,22 +269,26 @@ void unlockResolverAfterFork() noexcept {
 using namespace zeb;
 
 int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) noexcept {
-  TRACE_ENTRY(3000, "stapi_zeb_gwycon.connectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p)\n", port,
-              ipAddr, socketDescriptorPtr);
+  TRACE_ENTRY(3000,
+              "stapi_zeb_gwycon.connectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p)\n",
+              port, ipAddr, socketDescriptorPtr);
   const int connectRc = openConnection(port, ipAddr, socketDescriptorPtr);
-  TRACE_EXIT(3007,
-             "stapi_zeb_gwycon.connectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p) connectRc=%d\n",
-             port, ipAddr, socketDescriptorPtr, connectRc);
+  TRACE_EXIT(
+      3007,
+      "stapi_zeb_gwycon.connectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p) connectRc=%d\n",
+      port, ipAddr, socketDescriptorPtr, connectRc);
   return connectRc;
 }
 
-// With a deadline the wait lasts until that. poll, because select cannot take descriptors above 1023.
+// With a deadline the wait lasts until that. poll, because select cannot take descriptors above
+// 1023.
 int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   const int socketDescriptor = *socketDescriptorPtr;
   const time_t start = time(nullptr);
   int seconds = kConnectWaitSeconds;
   for (;;) {
-    TRACE_DEBUG(3014, "stapi_zeb_gwycon.waitForConnection Calling select() on socketdescriptor %d\n",
+    TRACE_DEBUG(3014,
+                "stapi_zeb_gwycon.waitForConnection Calling select() on socketdescriptor %d\n",
                 socketDescriptor);
     short events = POLLOUT | POLLPRI;
     const int ready = waitForConnect(socketDescriptor, seconds, events);
@@ -310,11 +326,13 @@ int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
 }
 
 int closeConnection(const int* socketDescriptorPtr) noexcept {
-  TRACE_ENTRY(3008, "stapi_zeb_gwycon.closeConnection(socketDescriptorPtr=%p)\n", socketDescriptorPtr);
+  TRACE_ENTRY(3008, "stapi_zeb_gwycon.closeConnection(socketDescriptorPtr=%p)\n",
+              socketDescriptorPtr);
   reasons failure = {};
   flowCloseRequest(*socketDescriptorPtr, &failure);
   const int closeConnectionRc = close(*socketDescriptorPtr);
-  TRACE_EXIT(3009, "stapi_zeb_gwycon.closeConnection(socketDescriptorPtr=%p) closeConnectionRc=%d\n",
+  TRACE_EXIT(3009,
+             "stapi_zeb_gwycon.closeConnection(socketDescriptorPtr=%p) closeConnectionRc=%d\n",
              socketDescriptorPtr, closeConnectionRc);
   return closeConnectionRc;
 }

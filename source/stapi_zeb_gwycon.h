@@ -9,13 +9,14 @@ extern ZEB_INTERNAL_DATA int sockOptOn;
 extern ZEB_INTERNAL_DATA int sockOptOff;
 }
 
-// Resolves, connects and authorises. The socket is stored in *socketDescriptorPtr as soon as it exists, with one
-// atomic write; the caller closes it, also after a failure. Returns 0, kConnectFailed, kHostNotResolved,
-// kSocketFailed, kConnectTimedOut (only with a deadline), kConnectRefused, kConnectUnreachable, or
-// authorizeConnection's codes.
-ZEB_INTERNAL int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) ZEB_NOEXCEPT;
-// Waits until a connect in progress has ended. Returns 0, kConnectFailed (*errorPtr has the reason), or
-// kConnectTimedOut.
+// Resolves, connects and authorises. The socket is stored in *socketDescriptorPtr as soon as it
+// exists, with one atomic write; the caller closes it, also after a failure. Returns 0,
+// kConnectFailed, kHostNotResolved, kSocketFailed, kConnectTimedOut (only with a deadline),
+// kConnectRefused, kConnectUnreachable, or authorizeConnection's codes.
+ZEB_INTERNAL int connectToGateway(int port, const char* ipAddr,
+                                  int* socketDescriptorPtr) ZEB_NOEXCEPT;
+// Waits until a connect in progress has ended. Returns 0, kConnectFailed (*errorPtr has the
+// reason), or kConnectTimedOut.
 ZEB_INTERNAL int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) ZEB_NOEXCEPT;
 // The two steps of the authorisation. Returns flowAuthRequest's codes.
 ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* reasons) ZEB_NOEXCEPT;

@@ -1,12 +1,13 @@
 // Gateway tokens, one for each open connection, and the Gateway Token List that holds them all.
 //
-// gtlLock guards the head, the tail, the length and every next pointer; it is taken before traceLock, and no
-// socket work is done under it but the shutdown of a cancelled call. A token is listed while it is created, long
-// before it is connected.
+// gtlLock guards the head, the tail, the length and every next pointer; it is taken before
+// traceLock, and no socket work is done under it but the shutdown of a cancelled call. A token is
+// listed while it is created, long before it is connected.
 //
-// A call that uses a token counts in its holds. Whoever takes the token out of the list adds kRemoved, and gives
-// a hold of its own back when it has finished; the last one to leave closes the socket and frees the memory. If a
-// call was using the token, it is cancelled: its socket is shut down, which ends every wait.
+// A call that uses a token counts in its holds. Whoever takes the token out of the list adds
+// kRemoved, and gives a hold of its own back when it has finished; the last one to leave closes the
+// socket and frees the memory. If a call was using the token, it is cancelled: its socket is shut
+// down, which ends every wait.
 
 #include "stapi_zeb_gwytok.h"
 
@@ -67,7 +68,8 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
   }
   if (gtListHeadPtr == nullptr) {
     // quirk: an empty list is reported this way
-    TRACE_EXC(2006, "stapi_zeb_gwytok.findGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
+    TRACE_EXC(2006,
+              "stapi_zeb_gwytok.findGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
               gtListHeadPtr, gtListTailPtr);
     return kListEmpty;
   }
@@ -87,14 +89,17 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
     if (rc != kTokenFound && stepped == kRunawayLimit) rc = kListRunaway;
   }
   if (rc == kListRunaway) {
-    TRACE_EXC(2007, "stapi_zeb_gwytok.findGatewayTokenGTL iteration has hit RUNAWAY limit %d.....\n",
+    TRACE_EXC(2007,
+              "stapi_zeb_gwytok.findGatewayTokenGTL iteration has hit RUNAWAY limit %d.....\n",
               kRunawayLimit);
   } else if (rc == kTokenFound) {
-    TRACE_DEBUG(2008, "stapi_zeb_gwytok.findGatewayTokenTarget token found at GTL Entry(%d)\n", stepped);
+    TRACE_DEBUG(2008, "stapi_zeb_gwytok.findGatewayTokenTarget token found at GTL Entry(%d)\n",
+                stepped);
     if (parent != nullptr) *parent = before;
   } else {
     TRACE_DEBUG(
-        2009, "stapi_zeb_gwytok.findGatewayTokenTarget token not found. GTL entries(%d) head(%p) last(%p)\n",
+        2009,
+        "stapi_zeb_gwytok.findGatewayTokenTarget token not found. GTL entries(%d) head(%p) last(%p)\n",
         stepped + 1, gtListHeadPtr, before);
   }
   return rc;
@@ -105,12 +110,14 @@ int checkOwner(std::uint32_t owningPid, ThreadId owningTid) noexcept {
   ThreadId tid;
   getPidTid(&pid, &tid);
   if (pid != owningPid) {
-    TRACE_EXC(2013, "stapi_zeb_gwytok.verifyGatewayToken PID mismatch: currentPid=%d, owningPid=%d\n",
+    TRACE_EXC(2013,
+              "stapi_zeb_gwytok.verifyGatewayToken PID mismatch: currentPid=%d, owningPid=%d\n",
               static_cast<int>(pid), static_cast<int>(owningPid));
     return ZEB_OTHER_PROCESS;
   }
   if (compareTids(tid, owningTid) == 0) {
-    TRACE_EXC(2014, "stapi_zeb_gwytok.verifyGatewayToken TID mismatch: currentTid=%d, owningTid=%d\n",
+    TRACE_EXC(2014,
+              "stapi_zeb_gwytok.verifyGatewayToken TID mismatch: currentTid=%d, owningTid=%d\n",
               static_cast<int>(shownTid(tid)), static_cast<int>(shownTid(owningTid)));
     return ZEB_OTHER_THREAD;
   }
@@ -121,7 +128,8 @@ bool isOwnedByCaller(const GatewayToken& token) noexcept {
   return token.owningPid == currentPid() && compareTids(token.owningTid, currentTid()) != 0;
 }
 
-// Finds a token and its owner. held is null or the token itself, which then gets a hold if the caller owns it.
+// Finds a token and its owner. held is null or the token itself, which then gets a hold if the
+// caller owns it.
 int verifyToken(const GatewayToken* token, GatewayToken* held) noexcept {
   TRACE_ENTRY(2010, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p)\n", token);
   std::uint32_t owningPid = 0;
@@ -140,8 +148,10 @@ int verifyToken(const GatewayToken* token, GatewayToken* held) noexcept {
   if (findRc == kTokenFound) {
     rc = checkOwner(owningPid, owningTid);
   } else {
-    TRACE_EXC(2012, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
-              token, findRc);
+    TRACE_EXC(
+        2012,
+        "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
+        token, findRc);
   }
   TRACE_EXIT(2011, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p) rc=%d\n", token, rc);
   return rc;
@@ -149,7 +159,8 @@ int verifyToken(const GatewayToken* token, GatewayToken* held) noexcept {
 
 void deleteTokenResultSet(GatewayToken& token) noexcept {
   const int rc = deleteResultSet(&token.connRSToken);
-  if (rc != 0) TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
+  if (rc != 0)
+    TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
 }
 
 // Frees all that the token owns, not the token.
@@ -162,7 +173,8 @@ void releaseToken(GatewayToken& token) noexcept {
     token.resultSetBuf = nullptr;
   }
   if (token.protocolVersion != nullptr) {
-    TRACE_DEBUG(2019, "stapi_zeb_gwytok.deleteGatewayToken About to free protocolVersion String (%p)\n",
+    TRACE_DEBUG(2019,
+                "stapi_zeb_gwytok.deleteGatewayToken About to free protocolVersion String (%p)\n",
                 token.protocolVersion);
     free(token.protocolVersion);
     token.protocolVersion = nullptr;
@@ -187,16 +199,16 @@ void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
 }
 
 void freeToken(GatewayToken** gwTokPtr) noexcept {
-  TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n", gwTokPtr,
-              *gwTokPtr);
+  TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n",
+              gwTokPtr, *gwTokPtr);
   if ((*gwTokPtr)->handedOut) {
     retire(*gwTokPtr);
   } else {
     free(*gwTokPtr);
   }
   *gwTokPtr = nullptr;
-  TRACE_DEBUG(2021, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Freed gateway token(%p) \n", gwTokPtr,
-              *gwTokPtr);
+  TRACE_DEBUG(2021, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Freed gateway token(%p) \n",
+              gwTokPtr, *gwTokPtr);
 }
 
 void destroyToken(GatewayToken** gwTokPtr) noexcept {
@@ -205,8 +217,9 @@ void destroyToken(GatewayToken** gwTokPtr) noexcept {
   freeToken(gwTokPtr);
 }
 
-// Wakes the call that uses the token. A socket that has not begun to connect cannot be shut down yet: the call
-// looks at cancelled before it connects, and the send timeout ends a blocking connect that begins right now.
+// Wakes the call that uses the token. A socket that has not begun to connect cannot be shut down
+// yet: the call looks at cancelled before it connects, and the send timeout ends a blocking connect
+// that begins right now.
 void cancelCall(GatewayToken& token) noexcept {
   std::atomic_ref(token.cancelled).store(1, std::memory_order_seq_cst);
   const int socket = std::atomic_ref(token.socket).load(std::memory_order_seq_cst);
@@ -216,8 +229,9 @@ void cancelCall(GatewayToken& token) noexcept {
   shutdown(socket, SHUT_RDWR);
 }
 
-// Takes a token out of the list, and a hold that endRemoval gives back; the caller holds gtlLock, and parent is
-// the token before it. If the calling thread is the one that uses the token, its own hold serves for that.
+// Takes a token out of the list, and a hold that endRemoval gives back; the caller holds gtlLock,
+// and parent is the token before it. If the calling thread is the one that uses the token, its own
+// hold serves for that.
 void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
   unlinkToken(token, parent);
   const bool isInUse = holdsOf(token).load() != 0;
@@ -228,7 +242,8 @@ void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
   }
 }
 
-// Does what is left of a deletion. A forked child knows no other thread that could still use its copy.
+// Does what is left of a deletion. A forked child knows no other thread that could still use its
+// copy.
 void endRemoval(GatewayToken** gwTokPtr) noexcept {
   GatewayToken& token = **gwTokPtr;
   const bool isParents = token.owningPid != currentPid();
@@ -266,10 +281,11 @@ int destroyLeftToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
-int deleteToken(GatewayToken** gwTokPtr, int lockRequired, int (*remove)(GatewayToken**) noexcept) noexcept {
+int deleteToken(GatewayToken** gwTokPtr, int lockRequired,
+                int (*remove)(GatewayToken**) noexcept) noexcept {
   int rc;
-  TRACE_ENTRY(2015, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n", gwTokPtr,
-              lockRequired);
+  TRACE_ENTRY(2015, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n",
+              gwTokPtr, lockRequired);
   if (gwTokPtr == nullptr) {
     rc = ZEB_TOKEN_POINTER_NULL;
   } else if (*gwTokPtr == nullptr) {
@@ -277,8 +293,8 @@ int deleteToken(GatewayToken** gwTokPtr, int lockRequired, int (*remove)(Gateway
   } else {
     rc = remove(gwTokPtr);
   }
-  TRACE_EXIT(2016, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d) rc=%d\n", gwTokPtr,
-             lockRequired, rc);
+  TRACE_EXIT(2016, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p, lockRequired=%d) rc=%d\n",
+             gwTokPtr, lockRequired, rc);
   return rc;
 }
 
@@ -292,7 +308,8 @@ int appendToList(GatewayToken* token) noexcept {
   if (gtListHeadPtr == nullptr) {
     gtListHeadPtr = gtListTailPtr = token;
   } else if (gtListTailPtr == nullptr) {
-    TRACE_EXC(2033, "stapi_zeb_gwytok.chainGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
+    TRACE_EXC(2033,
+              "stapi_zeb_gwytok.chainGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
               gtListHeadPtr, gtListTailPtr);
     return ZEB_TOKEN_LIST_CORRUPT;
   } else {
@@ -333,21 +350,24 @@ int mapConnectCode(int connectRc) noexcept {
 }
 
 int openStatsSocket(GatewayToken& token, const char* hostname) noexcept {
-  TRACE_ENTRY(2035, "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p) Attempting to connect to %s:%d\n", &token,
-              textToShow(hostname), token.port);
+  TRACE_ENTRY(2035,
+              "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p) Attempting to connect to %s:%d\n",
+              &token, textToShow(hostname), token.port);
   const int connectRc = connectToGateway(token.port, hostname, &token.socket);
-  writeShared(token.connStatus, static_cast<std::int32_t>(connectRc == 0 ? kConnected : kNotConnected));
+  writeShared(token.connStatus,
+              static_cast<std::int32_t>(connectRc == 0 ? kConnected : kNotConnected));
   if (connectRc == 0) {
-    TRACE_EVENT(2036,
-                "stapi_zeb_gwytok.openStatsSocket() Connected to Gateway %s:%u - socketDescriptor(%d)\n",
-                textToShow(hostname), static_cast<unsigned>(token.port), token.socket);
+    TRACE_EVENT(
+        2036,
+        "stapi_zeb_gwytok.openStatsSocket() Connected to Gateway %s:%u - socketDescriptor(%d)\n",
+        textToShow(hostname), static_cast<unsigned>(token.port), token.socket);
   } else {
     TRACE_EXC(2037, "stapi_zeb_gwytok.openStatsSocket() Failed to connect to Gateway %s:%u\n",
               textToShow(hostname), static_cast<unsigned>(token.port));
   }
   const int rc = mapConnectCode(connectRc);
-  TRACE_EXIT(2038, "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p, hostname=%s, port=%d) rc=%d\n", &token,
-             textToShow(hostname), token.port, rc);
+  TRACE_EXIT(2038, "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p, hostname=%s, port=%d) rc=%d\n",
+             &token, textToShow(hostname), token.port, rc);
   return rc;
 }
 
@@ -355,8 +375,10 @@ int askProtocolVersion(GatewayToken& token) noexcept {
   reasons status = {};
   const int rc = statProtocolVer(&token, &status);
   if (rc == 0) return 0;
-  TRACE_EVENT(2029, "stapi_zeb_gwytok.createGatewayToken Removing GatewayToken %p due to comms failure %d\n",
-              &token, rc);
+  TRACE_EVENT(
+      2029,
+      "stapi_zeb_gwytok.createGatewayToken Removing GatewayToken %p due to comms failure %d\n",
+      &token, rc);
   if (hasTimedOut()) return ZEB_CONNECT_TIMED_OUT;
   return isConnectionLost(rc, status) ? ZEB_CONNECTION_LOST : ZEB_COMMUNICATION_FAILED;
 }
@@ -374,7 +396,8 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   constexpr int recordSize = sizeof(GatewayToken);
   token = allocateTraced<GatewayToken>(sizeof(GatewayToken));
   if (token == nullptr) {
-    TRACE_EXC(2026, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes\n", recordSize);
+    TRACE_EXC(2026, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes\n",
+              recordSize);
     return ZEB_NO_MEMORY;
   }
   *token = {};
@@ -392,7 +415,8 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   constexpr int bufferSize = kResultSetBufferSize;
   token->resultSetBuf = allocateTraced<char>(kResultSetBufferSize).release();
   if (token->resultSetBuf == nullptr) {
-    TRACE_EXC(2028, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes.\n", bufferSize);
+    TRACE_EXC(2028, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes.\n",
+              bufferSize);
     releaseToken(*token);
     return ZEB_NO_MEMORY;
   }
@@ -437,8 +461,8 @@ int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept
   return 0;
 }
 
-// Takes up to kRunawayLimit tokens out of the list and cancels the calls that use them. Returns the first one;
-// they stay chained.
+// Takes up to kRunawayLimit tokens out of the list and cancels the calls that use them. Returns the
+// first one; they stay chained.
 GatewayToken* takeAll(int& count) noexcept {
   GatewayToken* const first = gtListHeadPtr;
   for (count = 0; gtListHeadPtr != nullptr && count < kRunawayLimit; ++count)
@@ -452,21 +476,23 @@ int deleteAll(int& count) noexcept {
   {
     const LockGuard guard(gtlLock);
     token = takeAll(taken);
-    if (token == nullptr) TRACE_EVENT(2041, "stapi_zeb_gwytok.deleteGatewayTokens() GTL is EMPTY\n");
+    if (token == nullptr)
+      TRACE_EVENT(2041, "stapi_zeb_gwytok.deleteGatewayTokens() GTL is EMPTY\n");
   }
   if (token == nullptr) return kNothingToWalk;
   for (count = 1;; ++count) {
     GatewayToken* const next = token->nextGwyTokPtr;
     char text[kTokenTextSize];
     formatGatewayToken(token, text);
-    TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n", token,
-                count, text);
+    TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
+                token, count, text);
     deleteToken(&token, 0, removeUnlistedToken);
     if (count == taken) break;
     token = next;
   }
   if (count < kRunawayLimit) return 0;
-  TRACE_EXC(2043, "stapi_zeb_gwytok.deleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
+  TRACE_EXC(2043,
+            "stapi_zeb_gwytok.deleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
             kRunawayLimit);
   return kListRunaway;
 }
@@ -497,14 +523,16 @@ int dumpList(int& count) noexcept {
 int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept {
   TRACE_ENTRY(2003, "stapi_zeb_gwytok.findGatewayToken(target=%p,&parent=%p)\n", target, parent);
   const int rc = searchList(target, parent);
-  TRACE_EXIT(2004, "stapi_zeb_gwytok.findGatewayToken(target=%p,&parent=%p) rc=%d\n", target, parent, rc);
+  TRACE_EXIT(2004, "stapi_zeb_gwytok.findGatewayToken(target=%p,&parent=%p) rc=%d\n", target,
+             parent, rc);
   return rc;
 }
 
 int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
   TRACE_ENTRY(2023, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d)\n", gwTokPtr, port);
   const int rc = buildToken(gwTokPtr, hostname, port);
-  TRACE_EXIT(2024, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", gwTokPtr, port, rc);
+  TRACE_EXIT(2024, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", gwTokPtr,
+             port, rc);
   return rc;
 }
 
@@ -521,7 +549,8 @@ bool leaveToken(GatewayToken* token) noexcept {
 
 void removeHeldToken(GatewayToken* token) noexcept {
   GatewayToken* removed = token;
-  if (deleteGatewayToken(&removed, 1) != 0) leaveToken(token);  // another thread has removed it already
+  if (deleteGatewayToken(&removed, 1) != 0)
+    leaveToken(token);  // another thread has removed it already
 }
 
 void lockListForFork() noexcept {
@@ -557,10 +586,10 @@ int formatGatewayToken(const GatewayToken* token, char* dst) noexcept {
       dst, kTokenTextMinimum,
       "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) connRSToken(%p) resultSetBuf(%p) "
       "owningPid(%8.8X) owningTid(%8.8X) nextGwyTokPtr(%p)",
-      static_cast<const void*>(token), token->eyecatcher, token->port, readShared(token->connStatus),
-      readShared(token->socket), static_cast<const void*>(token->connRSToken), token->resultSetBuf,
-      token->owningPid, shownTid(token->owningTid),
-      static_cast<const void*>(readShared(token->nextGwyTokPtr)));
+      static_cast<const void*>(token), token->eyecatcher, token->port,
+      readShared(token->connStatus), readShared(token->socket),
+      static_cast<const void*>(token->connRSToken), token->resultSetBuf, token->owningPid,
+      shownTid(token->owningTid), static_cast<const void*>(readShared(token->nextGwyTokPtr)));
   return 0;
 }
 
@@ -594,7 +623,8 @@ int verifyGatewayToken(const GatewayToken* gwTokPtr) noexcept {
 }
 
 int deleteGatewayToken(GatewayToken** gwTokPtr, int lockRequired) noexcept {
-  return deleteToken(gwTokPtr, lockRequired, lockRequired == 1 ? removeListedToken : removeHeadToken);
+  return deleteToken(gwTokPtr, lockRequired,
+                     lockRequired == 1 ? removeListedToken : removeHeadToken);
 }
 
 int deleteGatewayTokens(void) noexcept {

@@ -9,7 +9,8 @@
 
 namespace zeb {
 
-// A string that grows to kQueryStringSize, its NUL included. What does not fit as a whole is not appended.
+// A string that grows to kQueryStringSize, its NUL included. What does not fit as a whole is not
+// appended.
 class QueryString {
  public:
   explicit QueryString(char* room) noexcept : text_(room) {}
@@ -35,9 +36,9 @@ class QueryString {
   std::size_t length_ = 0;
 };
 
-// Appends the rest of the element that is being walked in one loop, which takes a third of the time of as many
-// walk steps; stops before an id that does not fit or is damaged, and leaves it to the walk. Does nothing if the
-// steps are to be traced. Returns the number of ids.
+// Appends the rest of the element that is being walked in one loop, which takes a third of the time
+// of as many walk steps; stops before an id that does not fit or is damaged, and leaves it to the
+// walk. Does nothing if the steps are to be traced. Returns the number of ids.
 template <typename Walk>
 int joinElement(ResultSetToken& resultSet, QueryString& joined) noexcept {
   if (traceLevel() >= kLevelEvent || resultSet.elementResultIndex == 0) return 0;
@@ -62,8 +63,8 @@ int joinElement(ResultSetToken& resultSet, QueryString& joined) noexcept {
   return count;
 }
 
-// Walks a result set to its end, and appends the ids of the elements whose return code is 0. Returns the number
-// of ids.
+// Walks a result set to its end, and appends the ids of the elements whose return code is 0.
+// Returns the number of ids.
 template <typename Walk>
 int joinIds(ResultSetToken* rsPtr, QueryString& joined) noexcept {
   int goodIdCount = 0;

@@ -1,5 +1,5 @@
-// The public calls, by family. Each is a frame: start the library, trace the entry, check the arguments in order,
-// work, trace the exit. The calls of a family share the helpers above them.
+// The public calls, by family. Each is a frame: start the library, trace the entry, check the
+// arguments in order, work, trace the exit. The calls of a family share the helpers above them.
 
 #include "stapi_zeb_impl.h"
 
@@ -32,7 +32,7 @@ std::atomic<std::int32_t> stapiState{0};
 
 namespace {
 
-// ---- Start -------------------------------------------------------------------------------------------------
+// ---- Start --------------------------------------------------------------------------------------
 
 constexpr std::size_t kVersionAreaSize = 32000;
 
@@ -49,8 +49,10 @@ int initialize() noexcept {
   }
   rc = initGTL();
   if (rc != 0 && rc != 1) {  // 1: initialised already by a direct call of initGTL
-    TRACE_EXC(1000, "API.stapiInit() Initialization of zebstats API Gateway Token List has failed. rc=%d\n",
-              rc);
+    TRACE_EXC(
+        1000,
+        "API.stapiInit() Initialization of zebstats API Gateway Token List has failed. rc=%d\n",
+        rc);
     return rc;
   }
   memcpy(stapiVersion, kApiVersion, sizeof kApiVersion);
@@ -64,8 +66,9 @@ int initialize() noexcept {
   return isStarted() ? 0 : initialize();
 }
 
-// A forked child has none of the other threads, so a lock that one of them held would never be released there.
-// The forking thread therefore takes all locks, in their order, and both sides release them.
+// A forked child has none of the other threads, so a lock that one of them held would never be
+// released there. The forking thread therefore takes all locks, in their order, and both sides
+// release them.
 void prepareFork() noexcept {
   lockResolverForFork();
   pthread_mutex_lock(&initMutex);
@@ -96,7 +99,8 @@ void continueChild() noexcept {
   pthread_atfork(prepareFork, continueParent, continueChild);
 }
 
-// What every public call leaves as it was: errno, and a thread that is cancelled only after the call.
+// What every public call leaves as it was: errno, and a thread that is cancelled only after the
+// call.
 class PublicCall {
  public:
   PublicCall() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
@@ -124,7 +128,7 @@ int stapiInit() noexcept {
 
 using namespace zeb;
 
-// ---- Library and trace -------------------------------------------------------------------------------------
+// ---- Library and trace --------------------------------------------------------------------------
 
 int getStatsAPIVersion(char** apiVersPtr) noexcept {
   const PublicCall call;
@@ -168,10 +172,11 @@ int applyTraceLevel(int level) noexcept {
 int setAPITraceLevel(int traceState) noexcept {
   const PublicCall call;
   int rc = stapiInit();
-  TRACE_ENTRY(1007, "API.setAPITraceLevel(traceState=%d) current trace level=%d\n", traceState, traceLevel());
+  TRACE_ENTRY(1007, "API.setAPITraceLevel(traceState=%d) current trace level=%d\n", traceState,
+              traceLevel());
   if (rc == 0) rc = applyTraceLevel(traceState);
-  TRACE_EXIT(1009, "API.setAPITraceLevel(traceState=%d) new trace level=%d rc=%d\n", traceState, traceLevel(),
-             rc);
+  TRACE_EXIT(1009, "API.setAPITraceLevel(traceState=%d) new trace level=%d rc=%d\n", traceState,
+             traceLevel(), rc);
   return rc;
 }
 
@@ -211,15 +216,16 @@ int setAPITraceFile(const char* traceFile) noexcept {
 int setAPITimeout(int milliseconds) noexcept {
   const PublicCall call;
   int rc = stapiInit();
-  TRACE_ENTRY(1017, "API.setAPITimeout(milliseconds=%d) current timeout=%d\n", milliseconds, getTimeout());
+  TRACE_ENTRY(1017, "API.setAPITimeout(milliseconds=%d) current timeout=%d\n", milliseconds,
+              getTimeout());
   if (rc == 0 && milliseconds < 0) {
     rc = ZEB_TIMEOUT_INVALID;
     TRACE_EXC(1018, "API.setAPITimeout() Supplied timeout value %d was invalid\n", milliseconds);
   } else if (rc == 0) {
     setTimeout(milliseconds);
   }
-  TRACE_EXIT(1019, "API.setAPITimeout(milliseconds=%d) new timeout=%d rc=%d\n", milliseconds, getTimeout(),
-             rc);
+  TRACE_EXIT(1019, "API.setAPITimeout(milliseconds=%d) new timeout=%d rc=%d\n", milliseconds,
+             getTimeout(), rc);
   return rc;
 }
 
@@ -260,7 +266,7 @@ int dumpState(void) noexcept {
   return rc;
 }
 
-// ---- Copies of strings -------------------------------------------------------------------------------------
+// ---- Copies of strings --------------------------------------------------------------------------
 
 namespace zeb {
 namespace {
@@ -279,23 +285,28 @@ struct Duplicator {
 constexpr Duplicator kNative = {"dup2NativeString", true, 1024, 1026, 1028};
 constexpr Duplicator kAscii = {"dup2ASCIIString", false, 1046, 1047, 1048};
 
-int copyString(const Duplicator& call, const char* dataPtr, std::size_t size, char** outputPtr) noexcept {
+int copyString(const Duplicator& call, const char* dataPtr, std::size_t size,
+               char** outputPtr) noexcept {
   const int shownSize = static_cast<int>(size);
   if (size == 0 || outputPtr == nullptr || size >= kMaxDuplicate) {
-    TRACE_EXC(call.refusedPoint, "API.%s() supplied input data pointer was NULL or overlength\n", call.name);
+    TRACE_EXC(call.refusedPoint, "API.%s() supplied input data pointer was NULL or overlength\n",
+              call.name);
     return kDuplicateRefused;
   }
   *outputPtr = allocate<char>(size).release();
   if (call.isNative) {
-    TRACE_DEBUG(1025, "API.dup2NativeString() called strdup for %d bytes. rc=0x%p\n", shownSize, *outputPtr);
+    TRACE_DEBUG(1025, "API.dup2NativeString() called strdup for %d bytes. rc=0x%p\n", shownSize,
+                *outputPtr);
   } else {
-    TRACE_DEBUG(1042, "API.dup2ASCIIString() called malloc for %d bytes. rc=%p\n", shownSize, *outputPtr);
+    TRACE_DEBUG(1042, "API.dup2ASCIIString() called malloc for %d bytes. rc=%p\n", shownSize,
+                *outputPtr);
   }
   if (*outputPtr == nullptr) {
     TRACE_EXC(call.failedPoint, "API.%s() malloc failed for %d bytes\n", call.name, shownSize);
     return kDuplicateFailed;
   }
-  if (call.isNative) TRACE_DEBUG(1027, "API.dup2NativeString() about to memcpy for %d bytes. \n", shownSize);
+  if (call.isNative)
+    TRACE_DEBUG(1027, "API.dup2NativeString() about to memcpy for %d bytes. \n", shownSize);
   memcpy(*outputPtr, dataPtr, size);
   return 0;
 }
@@ -304,7 +315,8 @@ int copyString(const Duplicator& call, const char* dataPtr, std::size_t size, ch
 int duplicateString(const Duplicator& call, const char* dataPtr, char** outputPtr) noexcept {
   const std::size_t size = dataPtr != nullptr ? strlen(dataPtr) + 1 : 0;
   const int rc = copyString(call, dataPtr, size, outputPtr);
-  TRACE_EXIT(call.exitPoint, "API.%s() readByteCount=%d rc=%d\n", call.name, static_cast<int>(size), rc);
+  TRACE_EXIT(call.exitPoint, "API.%s() readByteCount=%d rc=%d\n", call.name, static_cast<int>(size),
+             rc);
   return rc;
 }
 
@@ -318,11 +330,12 @@ int dup2ASCIIString(const char* dataPtr, char** outputPtr) noexcept {
 }  // namespace zeb
 
 int dup2NativeString(const char* dataPtr, char** outputPtr) noexcept {
-  TRACE_ENTRY(1023, "API.dup2NativeString(source dataPtr=%p, &outputPtr=%p) \n", dataPtr, outputPtr);
+  TRACE_ENTRY(1023, "API.dup2NativeString(source dataPtr=%p, &outputPtr=%p) \n", dataPtr,
+              outputPtr);
   return duplicateString(kNative, dataPtr, outputPtr);
 }
 
-// ---- Connections -------------------------------------------------------------------------------------------
+// ---- Connections --------------------------------------------------------------------------------
 
 namespace zeb {
 namespace {
@@ -349,11 +362,14 @@ void handOutProtocolVersion(const GatewayToken& token, char** protoColVersion) n
     return;
   }
   dup2NativeString(token.protocolVersion, protoColVersion);
-  TRACE_EVENT(1022, "API.openRemoteGatewayConnection(&protoColVersion=0x%p) created String for proto@0x%p\n",
-              protoColVersion, *protoColVersion);
+  TRACE_EVENT(
+      1022,
+      "API.openRemoteGatewayConnection(&protoColVersion=0x%p) created String for proto@0x%p\n",
+      protoColVersion, *protoColVersion);
 }
 
-int openToken(const char* hostname, int port, GatewayToken** gwTokPtr, char** protoColVersion) noexcept {
+int openToken(const char* hostname, int port, GatewayToken** gwTokPtr,
+              char** protoColVersion) noexcept {
   int rc = checkOpenArguments(hostname, port, gwTokPtr, protoColVersion);
   if (rc == 0) rc = createHeldToken(gwTokPtr, hostname, port);
   if (rc == ZEB_TOKEN_LIST_CORRUPT) {
@@ -374,9 +390,10 @@ int openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** g
                                 char** protoColVersion) noexcept {
   const WaitingCall call;
   int rc = stapiInit();
-  TRACE_ENTRY(1020,
-              "API.openRemoteGatewayConnection(hostname=%s, port=%d, &gwTokPtr=0x%p, &protoColVersion=0x%p\n",
-              textToShow(hostname), port, gwTokPtr, protoColVersion);
+  TRACE_ENTRY(
+      1020,
+      "API.openRemoteGatewayConnection(hostname=%s, port=%d, &gwTokPtr=0x%p, &protoColVersion=0x%p\n",
+      textToShow(hostname), port, gwTokPtr, protoColVersion);
   if (rc == 0) rc = openToken(hostname, port, gwTokPtr, protoColVersion);
   TRACE_EXIT(1029, "API.openRemoteGatewayConnection(port=%d) rc=%d\n", port, rc);
   return rc;
@@ -385,8 +402,8 @@ int openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** g
 int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVersion) noexcept {
   const WaitingCall call;
   stapiInit();
-  TRACE_ENTRY(1030, "API.openGatewayConnection(port=%d, &gwTokPtr=0x%p, &protoColVersion=0x%p\n", port,
-              gwTokPtr, protoColVersion);
+  TRACE_ENTRY(1030, "API.openGatewayConnection(port=%d, &gwTokPtr=0x%p, &protoColVersion=0x%p\n",
+              port, gwTokPtr, protoColVersion);
   const int rc = openRemoteGatewayConnection("127.0.0.1", port, gwTokPtr, protoColVersion);
   // quirk: the number of the remote call
   TRACE_EXIT(1029, "API.openGatewayConnection(port=%d) rc=%d\n", port, rc);
@@ -396,7 +413,8 @@ int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVers
 namespace {
 int closeToken(GatewayToken** gwTokPtr, int initRc) noexcept {
   if (gwTokPtr == nullptr) {
-    TRACE_EXC(1034, "API.closeGatewayConnection(&gwTokPtr=%p) Null gateway token Pointer\n", gwTokPtr);
+    TRACE_EXC(1034, "API.closeGatewayConnection(&gwTokPtr=%p) Null gateway token Pointer\n",
+              gwTokPtr);
     return ZEB_TOKEN_POINTER_NULL;
   }
   if (*gwTokPtr == nullptr) {
@@ -405,7 +423,8 @@ int closeToken(GatewayToken** gwTokPtr, int initRc) noexcept {
   }
   if (initRc != 0) return initRc;
   const int rc = deleteGatewayToken(gwTokPtr, 1);
-  TRACE_EVENT(1035, "API.closeGatewayConnection Closed Gateway connection for token %p\n", gwTokPtr);
+  TRACE_EVENT(1035, "API.closeGatewayConnection Closed Gateway connection for token %p\n",
+              gwTokPtr);
   return rc;
 }
 }  // namespace
@@ -433,7 +452,7 @@ int closeAllGatewayConnections(void) noexcept {
   return rc;
 }
 
-// ---- Queries -----------------------------------------------------------------------------------------------
+// ---- Queries ------------------------------------------------------------------------------------
 
 namespace zeb {
 namespace {
@@ -462,8 +481,9 @@ int takeToken(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr
   const int rc = enterToken(gwTok);
   if (rc != 0) return rc;
   if (gwTok->resultSetBuf == nullptr) {
-    TRACE_EXC(call.refusedPoint, "API.%s(gwTok=%p) resultSetBuf is NULL. Connection may have gone.\n",
-              call.name, gwTok);
+    TRACE_EXC(call.refusedPoint,
+              "API.%s(gwTok=%p) resultSetBuf is NULL. Connection may have gone.\n", call.name,
+              gwTok);
     leaveToken(gwTok);
     return ZEB_NO_RESULT_SET_BUFFER;
   }
@@ -518,8 +538,8 @@ int endQuery(const QueryCall& call, GatewayToken* gwTok, int rc, ResultSetToken*
     *rsPtr = answer;
     return 0;
   }
-  TRACE_EVENT(call.removalPoint, "API.%s Removing GatewayToken %p due to comms failure %d\n", call.name,
-              gwTok, rc);
+  TRACE_EVENT(call.removalPoint, "API.%s Removing GatewayToken %p due to comms failure %d\n",
+              call.name, gwTok, rc);
   removeHeldToken(gwTok);
   return hasTimedOut() ? ZEB_TIMED_OUT : rc;
 }
@@ -579,22 +599,24 @@ int getResourceGroupIds(GatewayToken* gwTok, ResultSetToken** resGrpIdRSPtr) noe
   return rc;
 }
 
-int getStatsByStatId(GatewayToken* gwTok, const char* statIdsPtr, ResultSetToken** statRSPtr) noexcept {
+int getStatsByStatId(GatewayToken* gwTok, const char* statIdsPtr,
+                     ResultSetToken** statRSPtr) noexcept {
   const WaitingCall call;
   int rc = stapiInit();
-  TRACE_ENTRY(1070, "API.getStatsByStatId(gwTok=%p,statIdsPtr=%p,statRSPtr=%p)\n", gwTok, statIdsPtr,
-              statRSPtr);
+  TRACE_ENTRY(1070, "API.getStatsByStatId(gwTok=%p,statIdsPtr=%p,statRSPtr=%p)\n", gwTok,
+              statIdsPtr, statRSPtr);
   if (rc == 0) rc = beginTextQuery(kGetStatsByStatId, gwTok, statIdsPtr, statRSPtr);
   if (rc == 0) {
     resetResultSet(*gwTok);
     TRACE_EVENT(1071, "API.getStatsByStatId Getting Stats for Stat Ids %s\n", statIdsPtr);
     rc = checkInStep(gwTok->socket);
-    if (rc == 0) rc = commsStatsByStatId(gwTok->socket, gwTok->resultSetBuf, gwTok->connRSToken->queryCopy);
+    if (rc == 0)
+      rc = commsStatsByStatId(gwTok->socket, gwTok->resultSetBuf, gwTok->connRSToken->queryCopy);
     showResultSet(kGetStatsByStatId, *gwTok);
     rc = endQuery(kGetStatsByStatId, gwTok, rc, statRSPtr);
   }
-  TRACE_EXIT(1072, "API.getStatsByStatId(gwTok=%p,statIdsPtr=%p,statRSPtr=%p) rc=%d\n", gwTok, statIdsPtr,
-             statRSPtr, rc);
+  TRACE_EXIT(1072, "API.getStatsByStatId(gwTok=%p,statIdsPtr=%p,statRSPtr=%p) rc=%d\n", gwTok,
+             statIdsPtr, statRSPtr, rc);
   return rc;
 }
 
@@ -607,15 +629,17 @@ int getStatsByStatGroupId(GatewayToken* gwTok, const char* providerIdPtr,
   if (rc == 0) rc = beginTextQuery(kGetStatsByStatGroupId, gwTok, providerIdPtr, statRSPtr);
   if (rc == 0) {
     resetResultSet(*gwTok);
-    TRACE_EVENT(1074, "API.getStatsByStatGroupId Getting Stats for Stat Group Ids %s\n", providerIdPtr);
+    TRACE_EVENT(1074, "API.getStatsByStatGroupId Getting Stats for Stat Group Ids %s\n",
+                providerIdPtr);
     rc = checkInStep(gwTok->socket);
     if (rc == 0)
-      rc = commsStatsByStatGroupId(gwTok->socket, gwTok->resultSetBuf, gwTok->connRSToken->queryCopy);
+      rc = commsStatsByStatGroupId(gwTok->socket, gwTok->resultSetBuf,
+                                   gwTok->connRSToken->queryCopy);
     showResultSet(kGetStatsByStatGroupId, *gwTok);
     rc = endQuery(kGetStatsByStatGroupId, gwTok, rc, statRSPtr);
   }
-  TRACE_EXIT(1075, "API.getStatsByStatGroupId(gwTok=%p,providerIdPtr=%p,statRSPtr=%p) rc=%d\n", gwTok,
-             providerIdPtr, statRSPtr, rc);
+  TRACE_EXIT(1075, "API.getStatsByStatGroupId(gwTok=%p,providerIdPtr=%p,statRSPtr=%p) rc=%d\n",
+             gwTok, providerIdPtr, statRSPtr, rc);
   return rc;
 }
 
@@ -623,15 +647,17 @@ int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
                             ResultSetToken** statIdRsPtr) noexcept {
   const WaitingCall call;
   int rc = stapiInit();
-  TRACE_ENTRY(1076, "API.getStatIdsByStatGroupId(gwTok=%p,providerIdsPtr=%p,statIdRsPtr=%p)\n", gwTok,
-              providerIdsPtr, statIdRsPtr);
+  TRACE_ENTRY(1076, "API.getStatIdsByStatGroupId(gwTok=%p,providerIdsPtr=%p,statIdRsPtr=%p)\n",
+              gwTok, providerIdsPtr, statIdRsPtr);
   if (rc == 0) rc = beginTextQuery(kGetStatIdsByStatGroupId, gwTok, providerIdsPtr, statIdRsPtr);
   if (rc == 0) {
     resetResultSet(*gwTok);
-    TRACE_EVENT(1077, "API.getStatIdsByStatGroupId Getting Stat Ids for Stat Group Ids %s\n", providerIdsPtr);
+    TRACE_EVENT(1077, "API.getStatIdsByStatGroupId Getting Stat Ids for Stat Group Ids %s\n",
+                providerIdsPtr);
     rc = checkInStep(gwTok->socket);
     if (rc == 0)
-      rc = commsStatIdsByStatGroupId(gwTok->socket, gwTok->resultSetBuf, gwTok->connRSToken->queryCopy);
+      rc = commsStatIdsByStatGroupId(gwTok->socket, gwTok->resultSetBuf,
+                                     gwTok->connRSToken->queryCopy);
     showResultSet(kGetStatIdsByStatGroupId, *gwTok);
     rc = endQuery(kGetStatIdsByStatGroupId, gwTok, rc, statIdRsPtr);
   }
@@ -640,7 +666,7 @@ int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
   return rc;
 }
 
-// ---- Walking an answer -------------------------------------------------------------------------------------
+// ---- Walking an answer --------------------------------------------------------------------------
 
 int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
   const PublicCall call;
@@ -663,7 +689,8 @@ namespace {
 }  // namespace
 
 int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
-  return stepWithinElement<StatWalk>(rsPtr, statDataPtr) ? ZEB_OK : goToNextStat(rsPtr, statDataPtr);
+  return stepWithinElement<StatWalk>(rsPtr, statDataPtr) ? ZEB_OK
+                                                         : goToNextStat(rsPtr, statDataPtr);
 }
 
 int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
@@ -690,7 +717,7 @@ int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   return stepWithinElement<IdWalk>(rsPtr, idDataPtr) ? ZEB_OK : goToNextId(rsPtr, idDataPtr);
 }
 
-// ---- Result sets as a whole --------------------------------------------------------------------------------
+// ---- Result sets as a whole ---------------------------------------------------------------------
 
 namespace zeb {
 namespace {
@@ -717,7 +744,8 @@ int checkContent(const ContentCall& call, const ResultSetToken& resultSet) noexc
     return ZEB_NO_RESULT_SET_BUFFER;
   }
   if (!hasKnownContent(resultSet.head)) {
-    TRACE_EXC(call.refusedPoint, "API.%s Resultset does not contain recognised content\n", call.name);
+    TRACE_EXC(call.refusedPoint, "API.%s Resultset does not contain recognised content\n",
+              call.name);
     return ZEB_WRONG_CONTENT;
   }
   return checkResultSetOwner(resultSet);
@@ -725,12 +753,13 @@ int checkContent(const ContentCall& call, const ResultSetToken& resultSet) noexc
 
 int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept {
   if (srcRsPtr == nullptr) {
-    TRACE_EXC(kCopyRefusedPoint, "API.copyResultSet(srcRs=%p) Supplied result set token is NULL\n", srcRsPtr);
+    TRACE_EXC(kCopyRefusedPoint, "API.copyResultSet(srcRs=%p) Supplied result set token is NULL\n",
+              srcRsPtr);
     return ZEB_RESULT_SET_NULL;
   }
   if (tarRsPtr == nullptr) {
-    TRACE_EXC(kCopyRefusedPoint, "API.copyResultSet(&tarRsPtr=%p) Supplied result set pointer is NULL\n",
-              tarRsPtr);
+    TRACE_EXC(kCopyRefusedPoint,
+              "API.copyResultSet(&tarRsPtr=%p) Supplied result set pointer is NULL\n", tarRsPtr);
     return ZEB_RESULT_SET_POINTER_NULL;
   }
   int rc = checkContent(kCopyResultSet, *srcRsPtr);
@@ -742,8 +771,8 @@ int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr
     return rc;
   }
   ResultSetToken& copy = **tarRsPtr;
-  TRACE_EVENT(1124, "API.copyResultSet(srcRs=%p,&tarRsPtr=%p) Created result set token(%p)\n", srcRsPtr,
-              tarRsPtr, &copy);
+  TRACE_EVENT(1124, "API.copyResultSet(srcRs=%p,&tarRsPtr=%p) Created result set token(%p)\n",
+              srcRsPtr, tarRsPtr, &copy);
   constexpr int size = kResultSetBufferSize;
   copy.head = allocate<char>(kResultSetBufferSize).release();
   TRACE_DEBUG(1125, "API.copyResultSet Called malloc for %d bytes. rc=%p\n", size, copy.head);
@@ -799,7 +828,8 @@ int freeCopy(ResultSetToken** rsPtr) noexcept {
     free(resultSet->head);
     resultSet->head = nullptr;
   } else {
-    TRACE_EXC(1132, "API.freeResultSet(rsPtr=%p) Result set buffer pointer was already null\n", resultSet);
+    TRACE_EXC(1132, "API.freeResultSet(rsPtr=%p) Result set buffer pointer was already null\n",
+              resultSet);
   }
   const void* const freed = addressToShow(resultSet);
   deleteResultSet(rsPtr);
@@ -821,7 +851,8 @@ int freeResultSet(ResultSetToken** rsPtr) noexcept {
 namespace {
 int dumpContent(const ResultSetToken* rsPtr) noexcept {
   if (rsPtr == nullptr) {
-    TRACE_EXC(kDumpRefusedPoint, "API.dumpResultSet(rsPtr=%p) Supplied result set token is NULL\n", rsPtr);
+    TRACE_EXC(kDumpRefusedPoint, "API.dumpResultSet(rsPtr=%p) Supplied result set token is NULL\n",
+              rsPtr);
     return ZEB_RESULT_SET_NULL;
   }
   const int rc = checkContent(kDumpResultSet, *rsPtr);
@@ -847,7 +878,8 @@ int refuseIdQuery(const char* what, int rc) noexcept {
   return rc;
 }
 
-int checkIdQuery(const ResultSetToken& resultSet, const char* working, char** idQueryStringPtr) noexcept {
+int checkIdQuery(const ResultSetToken& resultSet, const char* working,
+                 char** idQueryStringPtr) noexcept {
   int rc = 0;
   if (working == nullptr) {
     TRACE_EXC(kIdQueryRefusedPoint, "API.getIdQuery() Malloc failed for %d bytes\n",
@@ -863,7 +895,8 @@ int checkIdQuery(const ResultSetToken& resultSet, const char* working, char** id
     return ZEB_NO_RESULT_SET_BUFFER;
   }
   if (!hasKnownContent(resultSet.head)) {  // quirk: replaces the code found above
-    TRACE_EXC(kIdQueryRefusedPoint, "API.getIdQuery Resultset does not contain recognised content\n");
+    TRACE_EXC(kIdQueryRefusedPoint,
+              "API.getIdQuery Resultset does not contain recognised content\n");
     return ZEB_WRONG_CONTENT;
   }
   return rc;
@@ -875,8 +908,8 @@ int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCoun
   const int rc = checkIdQuery(*rsPtr, working.get(), idQueryStringPtr);
   if (rc != 0) return rc;
   QueryString joined(working.get());
-  goodIdCount =
-      hasContent(rsPtr->head, kIdsMarker) ? joinIds<IdWalk>(rsPtr, joined) : joinIds<StatWalk>(rsPtr, joined);
+  goodIdCount = hasContent(rsPtr->head, kIdsMarker) ? joinIds<IdWalk>(rsPtr, joined)
+                                                    : joinIds<StatWalk>(rsPtr, joined);
   joined.end();
   if (joined.length() == 0) return ZEB_NO_GOOD_ID;
   memcpy(rsPtr->verifiedQueryString, working.get(), joined.length() + 1);

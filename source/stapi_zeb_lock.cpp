@@ -1,7 +1,8 @@
-// Mutexes that know whether they have been initialised, so that a lock used too early or too late is reported
-// instead of touching an invalid mutex.
+// Mutexes that know whether they have been initialised, so that a lock used too early or too late
+// is reported instead of touching an invalid mutex.
 //
-// The operations trace themselves without traceLock, since traceLock may be the lock they are about to take.
+// The operations trace themselves without traceLock, since traceLock may be the lock they are about
+// to take.
 
 #include "stapi_zeb_lock.h"
 
@@ -66,10 +67,12 @@ int initializeLock(LockRecord* lockPtr) noexcept {
     lockPtr->state = kInitialized;
   } else {
     rc = kInitFailed;
-    TRACE_LOCK_EXC(3101, "stapi_zeb_lock.initializeLock(lockPtr=%p) Lock initialization failed errno=%d\n",
-                   lockPtr, errno);
+    TRACE_LOCK_EXC(
+        3101, "stapi_zeb_lock.initializeLock(lockPtr=%p) Lock initialization failed errno=%d\n",
+        lockPtr, errno);
   }
-  TRACE_LOCK_EXIT(3102, "stapi_zeb_lock.initializeLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  TRACE_LOCK_EXIT(3102, "stapi_zeb_lock.initializeLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr,
+                  mutexRc, rc);
   return rc;
 }
 
@@ -82,10 +85,11 @@ int requestLock(LockRecord* lockPtr) noexcept {
     TRACE_LOCK_EXC(3104, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_lock(&lockPtr->mutex)) != 0) {
     rc = zeb::kLockRequestFailed;
-    TRACE_LOCK_EXC(3105, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock request failed errno=%d\n", lockPtr,
-                   errno);
+    TRACE_LOCK_EXC(3105, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock request failed errno=%d\n",
+                   lockPtr, errno);
   }
-  TRACE_LOCK_EXIT(3106, "stapi_zeb_lock.requestLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  TRACE_LOCK_EXIT(3106, "stapi_zeb_lock.requestLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr,
+                  mutexRc, rc);
   return rc;
 }
 
@@ -98,10 +102,11 @@ int releaseLock(LockRecord* lockPtr) noexcept {
     TRACE_LOCK_EXC(3108, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_unlock(&lockPtr->mutex)) != 0) {
     rc = kReleaseFailed;
-    TRACE_LOCK_EXC(3109, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock release failed errno=%d\n", lockPtr,
-                   errno);
+    TRACE_LOCK_EXC(3109, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock release failed errno=%d\n",
+                   lockPtr, errno);
   }
-  TRACE_LOCK_EXIT(3110, "stapi_zeb_lock.releaseLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  TRACE_LOCK_EXIT(3110, "stapi_zeb_lock.releaseLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr,
+                  mutexRc, rc);
   return rc;
 }
 
@@ -116,10 +121,11 @@ int destroyLock(LockRecord* lockPtr) noexcept {
     lockPtr->state = kDestroyed;
   } else {
     rc = kDestroyFailed;
-    TRACE_LOCK_EXC(3113, "stapi_zeb_lock.destroyLock(lockPtr=%p) Lock destroy failed errno=%d\n", lockPtr,
-                   errno);
+    TRACE_LOCK_EXC(3113, "stapi_zeb_lock.destroyLock(lockPtr=%p) Lock destroy failed errno=%d\n",
+                   lockPtr, errno);
   }
-  TRACE_LOCK_EXIT(3114, "stapi_zeb_lock.destroyLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr, mutexRc, rc);
+  TRACE_LOCK_EXIT(3114, "stapi_zeb_lock.destroyLock(lockPtr=%p) mutexRc=%d rc=%d\n", lockPtr,
+                  mutexRc, rc);
   return rc;
 }
 

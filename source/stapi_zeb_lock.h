@@ -1,5 +1,5 @@
-// Holds a lock for a scope. Order: gtlLock before traceLock. If locking fails, the work runs unlocked and nothing
-// is released.
+// Holds a lock for a scope. Order: gtlLock before traceLock. If locking fails, the work runs
+// unlocked and nothing is released.
 #ifndef STAPI_ZEB_LOCK_H
 #define STAPI_ZEB_LOCK_H
 
@@ -37,8 +37,8 @@ class LockGuard {
   bool isRefused_;
 };
 
-// For a fork: takes a lock without a trace line, and releases it in the parent and in the child. Returns false,
-// having taken nothing, if the lock is not initialised.
+// For a fork: takes a lock without a trace line, and releases it in the parent and in the child.
+// Returns false, having taken nothing, if the lock is not initialised.
 bool lockForFork(LockRecord& lock) noexcept;
 void unlockAfterFork(LockRecord& lock) noexcept;
 

@@ -26,15 +26,17 @@ Block<T> allocate(std::size_t size = sizeof(T)) noexcept {
 // How many further connections can be closed before the memory of a closed one is used again.
 constexpr std::size_t kRetiredConnections = 1024;
 
-// Takes over a malloc'ed record of a connection that has been closed, the token or its result set. Its memory
-// stays readable until the records of kRetiredConnections further connections have been retired, so that an old
-// handle is neither a crash nor the handle of another connection. Two records are retired for each connection.
+// Takes over a malloc'ed record of a connection that has been closed, the token or its result set.
+// Its memory stays readable until the records of kRetiredConnections further connections have been
+// retired, so that an old handle is neither a crash nor the handle of another connection. Two
+// records are retired for each connection.
 void retire(void* record) noexcept;
 
 // Frees all retired records, as the unloading of the library does: nobody has a handle any more.
 void freeRetired() noexcept;
 
-// Holds a mutex for a scope. If it cannot be locked, the work is done without it and nothing is released.
+// Holds a mutex for a scope. If it cannot be locked, the work is done without it and nothing is
+// released.
 class MutexGuard {
  public:
   explicit MutexGuard(pthread_mutex_t& mutex) noexcept

@@ -1,7 +1,7 @@
 // Result set tokens and the write operations of result set buffers.
 //
-// A token has no lock: the owner check confines the result set of a connection to the thread that opened it,
-// and the caller serialises the use of a copy.
+// A token has no lock: the owner check confines the result set of a connection to the thread that
+// opened it, and the caller serialises the use of a copy.
 
 #include "stapi_zeb_resultsetbuffer.h"
 
@@ -22,7 +22,8 @@ const char stapi_zeb_resultsetbuffer_notice[] = ZEB_NOTICE("stapi_zeb_resultsetb
 namespace zeb {
 namespace {
 
-int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uint32_t owner) noexcept {
+int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
+                  std::uint32_t owner) noexcept {
   if (newRsTokPtr == nullptr || eyecatcher == nullptr) return ZEB_BUFFER_NULL;
   if (owner != kOwnerGateway && owner != kOwnerUser) return ZEB_OWNER_INVALID;
   constexpr int recordSize = sizeof(ResultSetToken);
@@ -31,7 +32,8 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uin
   TRACE_DEBUG(5002, "stapi_zeb_resultsetbuffer.createResultSet Called malloc for %d bytes. rc=%p\n",
               recordSize, token.get());
   if (token == nullptr) {
-    TRACE_EXC(5003, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n", recordSize);
+    TRACE_EXC(5003, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n",
+              recordSize);
     *newRsTokPtr = nullptr;
     return ZEB_NO_MEMORY;
   }
@@ -40,7 +42,8 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uin
               static_cast<int>(kQueryStringSize), queryString.get());
   if (queryString == nullptr) {
     // quirk: prints the record's size though the string failed
-    TRACE_EXC(5005, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n", recordSize);
+    TRACE_EXC(5005, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n",
+              recordSize);
     return ZEB_NO_MEMORY;
   }
 
@@ -68,19 +71,22 @@ int removeResultSet(ResultSetToken** rsPtr) noexcept {
   ResultSetToken* token = *rsPtr;
   if (token == nullptr) return ZEB_RESULT_SET_NULL;
   if (char* string = token->verifiedQueryString; string != nullptr) {
-    TRACE_DEBUG(5012, "stapi_zeb_resultsetbuffer.deleteResultSet Free result set verifiedQueryString(%p)\n",
-                string);
+    TRACE_DEBUG(
+        5012, "stapi_zeb_resultsetbuffer.deleteResultSet Free result set verifiedQueryString(%p)\n",
+        string);
     const void* const freed = addressToShow(string);
     free(string);
     // quirk: says token for the string
-    TRACE_DEBUG(5013, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n", freed);
+    TRACE_DEBUG(5013, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n",
+                freed);
     token->verifiedQueryString = nullptr;
   }
   free(std::exchange(token->queryCopy, nullptr));
   TRACE_DEBUG(5014, "stapi_zeb_resultsetbuffer.deleteResultSet Free result set token(%p)\n", token);
   const void* const freed = addressToShow(token);
   releaseRecord(token);
-  TRACE_DEBUG(5015, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n", freed);
+  TRACE_DEBUG(5015, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n",
+              freed);
   *rsPtr = nullptr;
   return 0;
 }
@@ -90,15 +96,17 @@ int compareOwner(const ResultSetToken& resultSet) noexcept {
   ThreadId tid;
   getPidTid(&pid, &tid);
   if (pid != resultSet.owningPid) {
-    TRACE_EXC(5022,
-              "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken PID mismatch: currentPid=%x, owningPid=%x\n",
-              pid, resultSet.owningPid);
+    TRACE_EXC(
+        5022,
+        "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken PID mismatch: currentPid=%x, owningPid=%x\n",
+        pid, resultSet.owningPid);
     return ZEB_OTHER_PROCESS;
   }
   if (compareTids(tid, resultSet.owningTid) == 0) {
-    TRACE_EXC(5023,
-              "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken TID mismatch: currentTid=%x, owningTid=%x\n",
-              shownTid(tid), shownTid(resultSet.owningTid));
+    TRACE_EXC(
+        5023,
+        "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken TID mismatch: currentTid=%x, owningTid=%x\n",
+        shownTid(tid), shownTid(resultSet.owningTid));
     return ZEB_OTHER_THREAD;
   }
   return 0;
@@ -127,29 +135,34 @@ constexpr TextCall kAddChars = {"addChars", false, 5057, 5058, 5060};
 
 int appendText(const TextCall& call, char** bufWPtr, const char* textPtr, int charCount) noexcept {
   if (isNullCursor(bufWPtr) || (textPtr == nullptr && charCount > 0)) {
-    TRACE_EXC(call.refusedPoint,
-              "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) function received a null "
-              "parameter\n",
-              call.name, bufWPtr, textPtr, charCount);
+    TRACE_EXC(
+        call.refusedPoint,
+        "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) function received a null "
+        "parameter\n",
+        call.name, bufWPtr, textPtr, charCount);
     return ZEB_BUFFER_NULL;
   }
   if (call.isPlatform) {
-    TRACE_DEBUG(5055, "stapi_zeb_resultsetbuffer.addPlatformChars() writeCursor(%p) charCount(%d) \n",
+    TRACE_DEBUG(5055,
+                "stapi_zeb_resultsetbuffer.addPlatformChars() writeCursor(%p) charCount(%d) \n",
                 *bufWPtr, charCount);
   } else {
-    TRACE_DEBUG(5059,
-                "stapi_zeb_resultsetbuffer.addChars() using memcpy() on writeCursor(%p) charCount(%d)\n",
-                *bufWPtr, charCount);
+    TRACE_DEBUG(
+        5059,
+        "stapi_zeb_resultsetbuffer.addChars() using memcpy() on writeCursor(%p) charCount(%d)\n",
+        *bufWPtr, charCount);
   }
   append(*bufWPtr, textPtr, charCount);
   return 0;
 }
 
 int addText(const TextCall& call, char** bufWPtr, const char* textPtr, int charCount) noexcept {
-  TRACE_ENTRY(call.entryPoint, "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d)\n",
-              call.name, bufWPtr, textPtr, charCount);
+  TRACE_ENTRY(call.entryPoint,
+              "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d)\n", call.name,
+              bufWPtr, textPtr, charCount);
   const int rc = appendText(call, bufWPtr, textPtr, charCount);
-  TRACE_EXIT(call.exitPoint, "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) rc=%d\n",
+  TRACE_EXIT(call.exitPoint,
+             "stapi_zeb_resultsetbuffer.%s(&bufWPtr=%p, textPtr=%p, charCount=%d) rc=%d\n",
              call.name, bufWPtr, textPtr, charCount, rc);
   return rc;
 }
@@ -182,8 +195,8 @@ void sealBuffer(char* buffer) noexcept {
 }
 
 int writeResultSet(const ResultSetToken& resultSet) noexcept {
-  writeRaw("Dump of ResultSet(%p) owner(%x) head(%p) next(%p)\n", static_cast<const void*>(&resultSet),
-           resultSet.owner, resultSet.head, resultSet.next);
+  writeRaw("Dump of ResultSet(%p) owner(%x) head(%p) next(%p)\n",
+           static_cast<const void*>(&resultSet), resultSet.owner, resultSet.head, resultSet.next);
   writeRule();
   const int dumped = dumpStorage({resultSet.head, 0, kTerminator, kResultSetBufferSize});
   writeRule();
@@ -194,13 +207,16 @@ int writeResultSet(const ResultSetToken& resultSet) noexcept {
 
 using namespace zeb;
 
-int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher, std::uint32_t owner) noexcept {
-  TRACE_ENTRY(5000, "stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=%p, eyecatcher=%p, owner=%x)\n",
-              newRsTokPtr, eyecatcher, owner);
+int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
+                    std::uint32_t owner) noexcept {
+  TRACE_ENTRY(
+      5000, "stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=%p, eyecatcher=%p, owner=%x)\n",
+      newRsTokPtr, eyecatcher, owner);
   const int rc = makeResultSet(newRsTokPtr, eyecatcher, owner);
-  TRACE_EXIT(5001,
-             "stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=%p, eyecatcher=%p, owner=%x) rc=%d\n",
-             newRsTokPtr, eyecatcher, owner, rc);
+  TRACE_EXIT(
+      5001,
+      "stapi_zeb_resultsetbuffer.createResultSet(&newRsTokPtr=%p, eyecatcher=%p, owner=%x) rc=%d\n",
+      newRsTokPtr, eyecatcher, owner, rc);
   return rc;
 }
 
@@ -214,7 +230,8 @@ int deleteResultSet(ResultSetToken** rsPtr) noexcept {
 int verifyAPIResultSetTokenOwner(const ResultSetToken* rsPtr) noexcept {
   TRACE_ENTRY(5020, "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=%p)\n", rsPtr);
   const int rc = compareOwner(*rsPtr);
-  TRACE_EXIT(5021, "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=%p) rc=%d\n", rsPtr, rc);
+  TRACE_EXIT(5021, "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=%p) rc=%d\n", rsPtr,
+             rc);
   return rc;
 }
 
@@ -228,8 +245,9 @@ int dumpResultSetInternal(const ResultSetToken* rsPtr) noexcept {
     const LockGuard guard(traceLock);
     dumped = writeResultSet(*rsPtr);
   }
-  TRACE_EXIT(5031, "stapi_zeb_resultsetbuffer.dumpResultSetInternal(rsPtr=%p) bytes dumped=%d rc=%d\n", rsPtr,
-             dumped, rc);
+  TRACE_EXIT(5031,
+             "stapi_zeb_resultsetbuffer.dumpResultSetInternal(rsPtr=%p) bytes dumped=%d rc=%d\n",
+             rsPtr, dumped, rc);
   return rc;
 }
 
@@ -238,20 +256,22 @@ int addTerminator(char* writeCursor) noexcept {
   TRACE_ENTRY(5040, "stapi_zeb_resultsetbuffer.addTerminator(writeCursor=%p)\n", writeCursor);
   if (writeCursor == nullptr) {
     rc = ZEB_BUFFER_NULL;
-    TRACE_EXC(5041,
-              "stapi_zeb_resultsetbuffer.addTerminator(writeCursor=%p) function received a null parameter\n",
-              writeCursor);
+    TRACE_EXC(
+        5041,
+        "stapi_zeb_resultsetbuffer.addTerminator(writeCursor=%p) function received a null parameter\n",
+        writeCursor);
   } else {
     memcpy(writeCursor, &kTerminator, sizeof kTerminator);
   }
-  TRACE_EXIT(5042, "stapi_zeb_resultsetbuffer.addTerminator(writeCursor=%p) rc=%d\n", writeCursor, rc);
+  TRACE_EXIT(5042, "stapi_zeb_resultsetbuffer.addTerminator(writeCursor=%p) rc=%d\n", writeCursor,
+             rc);
   return rc;
 }
 
 int checkTerminator(const char* dataCursor, int* isRSTermPtr) noexcept {
   int rc = 0;
-  TRACE_ENTRY(5043, "stapi_zeb_resultsetbuffer.checkTerminator(dataCursor=%p, isRSTermPtr=%p)\n", dataCursor,
-              isRSTermPtr);
+  TRACE_ENTRY(5043, "stapi_zeb_resultsetbuffer.checkTerminator(dataCursor=%p, isRSTermPtr=%p)\n",
+              dataCursor, isRSTermPtr);
   if (dataCursor == nullptr || isRSTermPtr == nullptr) {
     rc = ZEB_BUFFER_NULL;
     TRACE_EXC(
@@ -264,22 +284,27 @@ int checkTerminator(const char* dataCursor, int* isRSTermPtr) noexcept {
     TRACE_DEBUG(5045, "stapi_zeb_resultsetbuffer.checkTerminator(dataCursor=%p, *isRSTermPtr=%d)\n",
                 dataCursor, *isRSTermPtr);
   }
-  TRACE_EXIT(5046, "stapi_zeb_resultsetbuffer.checkTerminator(dataCursor=%p, isRSTermPtr=%p) rc=%d\n",
+  TRACE_EXIT(5046,
+             "stapi_zeb_resultsetbuffer.checkTerminator(dataCursor=%p, isRSTermPtr=%p) rc=%d\n",
              dataCursor, isRSTermPtr, rc);
   return rc;
 }
 
 int addInteger(char** bufWPtr, int rsInt) noexcept {
   int rc = 0;
-  TRACE_ENTRY(5050, "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p, rsInt=%d)\n", bufWPtr, rsInt);
+  TRACE_ENTRY(5050, "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p, rsInt=%d)\n", bufWPtr,
+              rsInt);
   if (isNullCursor(bufWPtr)) {
     rc = ZEB_BUFFER_NULL;
-    TRACE_EXC(5051, "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p) function received a null parameter\n",
-              bufWPtr);
+    TRACE_EXC(
+        5051,
+        "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p) function received a null parameter\n",
+        bufWPtr);
   } else {
     append(*bufWPtr, &rsInt, sizeof rsInt);
   }
-  TRACE_EXIT(5052, "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p, rsInt=%d) rc=%d\n", bufWPtr, rsInt, rc);
+  TRACE_EXIT(5052, "stapi_zeb_resultsetbuffer.addInteger(&bufWPtr=%p, rsInt=%d) rc=%d\n", bufWPtr,
+             rsInt, rc);
   return rc;
 }
 
@@ -293,7 +318,8 @@ int addChars(char** bufWPtr, const char* textPtr, int charCount) noexcept {
 
 int addIdStr(char** bufWPtr, const char* idString) noexcept {
   int rc = 0;
-  TRACE_ENTRY(5061, "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p)\n", bufWPtr, idString);
+  TRACE_ENTRY(5061, "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p)\n", bufWPtr,
+              idString);
   if (isNullCursor(bufWPtr) || idString == nullptr) {
     rc = ZEB_BUFFER_NULL;
     TRACE_EXC(
@@ -303,7 +329,7 @@ int addIdStr(char** bufWPtr, const char* idString) noexcept {
   } else {
     appendIdStr(*bufWPtr, idString);
   }
-  TRACE_EXIT(5065, "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p) rc=%d\n", bufWPtr, idString,
-             rc);
+  TRACE_EXIT(5065, "stapi_zeb_resultsetbuffer.addIdStr(&bufWPtr=%p, idString=%p) rc=%d\n", bufWPtr,
+             idString, rc);
   return rc;
 }

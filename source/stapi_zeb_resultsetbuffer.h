@@ -2,8 +2,8 @@
 //
 //   0   8  content marker, "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
 //   8   4  number of query headers
-//   12     then per element: length, element, return code; if not negative, count and entries, each of an id
-//          length and an id, and for statistics a value length and a value
+//   12     then per element: length, element, return code; if not negative, count and entries, each
+//          of an id length and an id, and for statistics a value length and a value
 //          terminator; an empty buffer has it at offset 0
 //
 // Integers are in host order, at any address. The last word of a buffer is always a terminator.
@@ -19,8 +19,8 @@
 #include "zebstats_private.h"
 
 // Allocates a result set without a buffer and stores it in *newRsTokPtr; the caller frees it with
-// deleteResultSet. A kOwnerGateway one belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a null
-// argument), ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
+// deleteResultSet. A kOwnerGateway one belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a
+// null argument), ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
 ZEB_INTERNAL int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
                                  std::uint32_t owner) ZEB_NOEXCEPT;
 // Frees a result set, but not the buffer at its head, and sets *rsPtr to null. Returns 0,
@@ -32,8 +32,8 @@ ZEB_INTERNAL int verifyAPIResultSetTokenOwner(const ResultSetToken* rsPtr) ZEB_N
 // Writes a result set to the trace destination; takes traceLock. Returns 0, or ZEB_BUFFER_NULL.
 ZEB_INTERNAL int dumpResultSetInternal(const ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
-// The write operations make no bounds check: the caller ensures that there is room. They advance the cursor, but
-// for the terminator. Each returns 0, or ZEB_BUFFER_NULL for a null argument.
+// The write operations make no bounds check: the caller ensures that there is room. They advance
+// the cursor, but for the terminator. Each returns 0, or ZEB_BUFFER_NULL for a null argument.
 ZEB_INTERNAL int addTerminator(char* writeCursor) ZEB_NOEXCEPT;
 ZEB_INTERNAL int checkTerminator(const char* dataCursor, int* isRSTermPtr) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addInteger(char** bufWPtr, int rsInt) ZEB_NOEXCEPT;
@@ -68,16 +68,16 @@ inline bool hasKnownContent(const char* buffer) noexcept {
 // Makes a new buffer empty and writes its final terminator, which no content reaches.
 void sealBuffer(char* buffer) noexcept;
 
-// Texts of up to so many characters are copied as so many where source and target have them, because a fixed
-// width costs less than a call of memcpy.
-constexpr std::size_t kShortText = 32;
-
-// The only writer. A write that does not fit is dropped, as are all later ones. Other threads may dump the buffer
-// meanwhile, so it reads as empty until finish(): a dump must not run on into what the host's memory held before.
+// The only writer. A write that does not fit is dropped, as are all later ones. Other threads may
+// dump the buffer meanwhile, so it reads as empty until finish(): a dump must not run on into what
+// the host's memory held before.
 class ResultSetWriter {
  public:
   explicit ResultSetWriter(char* buffer) noexcept
-      : start_(buffer), cursor_(buffer), traced_(traceLevel() >= kLevelFunction), ok_(buffer != nullptr) {
+      : start_(buffer),
+        cursor_(buffer),
+        traced_(traceLevel() >= kLevelFunction),
+        ok_(buffer != nullptr) {
     addTerminator(start_);
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
@@ -113,14 +113,6 @@ class ResultSetWriter {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
   }
-  // For a caller that asks room() itself and is not traced: writes kShortText characters, whatever the length.
-  void countedShort(const void* text, std::size_t length) noexcept {
-    const auto count = static_cast<std::int32_t>(length);
-    memcpy(cursor_, &count, sizeof count);
-    memcpy(cursor_ + sizeof count, text, kShortText);
-    cursor_ += sizeof count + length;
-  }
-  [[nodiscard]] bool isTraced() const noexcept { return traced_; }
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
@@ -132,8 +124,9 @@ class ResultSetWriter {
     } else {
       memcpy(cursor_, &kTerminator, room());
     }
-    // The marker comes last. A fence for the compiler is enough: a thread that dumps the buffer does so without
-    // a lock whatever the order, and a host only walks it on the thread that filled it.
+    // The marker comes last. A fence for the compiler is enough: a thread that dumps the buffer
+    // does so without a lock whatever the order, and a host only walks it on the thread that filled
+    // it.
     std::atomic_signal_fence(std::memory_order_release);
     if (marker_ != nullptr) memcpy(start_, marker_, kMarkerLength);
   }
@@ -159,9 +152,13 @@ class ResultSetReader {
       : cursor_(cursor), end_(bufferStart + kContentSize) {}
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] char* position() const noexcept { return cursor_; }
-  [[nodiscard]] std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - cursor_); }
+  [[nodiscard]] std::size_t left() const noexcept {
+    return static_cast<std::size_t>(end_ - cursor_);
+  }
   // At the terminator, or too near the end for one.
-  [[nodiscard]] bool atEnd() const noexcept { return left() < sizeof kTerminator || isTerminator(cursor_); }
+  [[nodiscard]] bool atEnd() const noexcept {
+    return left() < sizeof kTerminator || isTerminator(cursor_);
+  }
 
   std::int32_t integer() noexcept {
     if (left() < sizeof(std::int32_t)) ok_ = false;
@@ -185,8 +182,8 @@ class ResultSetReader {
   bool ok_ = true;
 };
 
-// The dump of a result set: its token line, a rule, its buffer, a rule. Returns the number of bytes dumped;
-// the caller holds traceLock.
+// The dump of a result set: its token line, a rule, its buffer, a rule. Returns the number of bytes
+// dumped; the caller holds traceLock.
 int writeResultSet(const ResultSetToken& resultSet) noexcept;
 
 }  // namespace zeb

@@ -1,7 +1,7 @@
 // SIGPIPE around sends to a gateway, and SIGPIPE and SIGXFSZ around writes of the trace.
 //
-// sigpipeMutex guards the count of senders and the disposition that they keep; nothing else is taken while it is
-// held.
+// sigpipeMutex guards the count of senders and the disposition that they keep; nothing else is
+// taken while it is held.
 
 #include "stapi_zeb_signal.h"
 
@@ -18,7 +18,8 @@ pthread_mutex_t sigpipeMutex = PTHREAD_MUTEX_INITIALIZER;
 int senders = 0;
 struct sigaction hostDisposition = {};
 
-// The host may ignore SIGPIPE too. Ours is recognised by flags that have no effect on an ignored signal.
+// The host may ignore SIGPIPE too. Ours is recognised by flags that have no effect on an ignored
+// signal.
 constexpr int kOwnFlags = SA_NODEFER | SA_ONSTACK | SA_RESTART;
 
 bool isOwn(const struct sigaction& disposition) noexcept {

@@ -1,8 +1,9 @@
-// Requests and replies on a connected socket: the message header, the exchange of one request and one reply,
-// and the requests built on it.
+// Requests and replies on a connected socket: the message header, the exchange of one request and
+// one reply, and the requests built on it.
 //
-// A socket is used by one thread at a time; another one may only shut it down. Waits keep the deadline of the
-// public call, if it has one; otherwise a gateway that never answers blocks the caller.
+// A socket is used by one thread at a time; another one may only shut it down. Waits keep the
+// deadline of the public call, if it has one; otherwise a gateway that never answers blocks the
+// caller.
 //
 // Message header, n = length of the request name:
 //
@@ -47,12 +48,14 @@ constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
 constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 
 constexpr std::size_t kOpeningReplySize = 12;  // two words and the admin id
-constexpr std::size_t kAdminReplyHead = 9;     // two words and the exception flag, before the call data
+constexpr std::size_t kAdminReplyHead =
+    9;  // two words and the exception flag, before the call data
 constexpr std::int32_t kMaxReplySize = 16 * 1024 * 1024;
 
 // 0 if over INT_MAX.
 int requestSize(const RequestHeader& header) noexcept {
-  const std::uint64_t size = std::uint64_t{kFixedHeaderSize} + header.requestNameLength + header.dataLength;
+  const std::uint64_t size =
+      std::uint64_t{kFixedHeaderSize} + header.requestNameLength + header.dataLength;
   return size <= INT_MAX ? static_cast<int>(size) : 0;
 }
 
@@ -66,13 +69,15 @@ ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexc
 }
 
 // Reads what flow left in data: the reply's data, or the request's own bytes if the reply had none.
-ByteReader replyReader(const RequestHeader& header, const unsigned char* data, int requestLength) noexcept {
+ByteReader replyReader(const RequestHeader& header, const unsigned char* data,
+                       int requestLength) noexcept {
   const auto replied = static_cast<std::int32_t>(header.dataLength);
   return ByteReader({data, static_cast<std::size_t>(replied > 0 ? replied : requestLength)});
 }
 
 // MSG_NOSIGNAL holds even if the disposition cannot be changed.
-ssize_t sendOnce(int socketDesc, const unsigned char* data, std::size_t length, int flags) noexcept {
+ssize_t sendOnce(int socketDesc, const unsigned char* data, std::size_t length,
+                 int flags) noexcept {
   const IgnoredSigpipe ignored;
   return send(socketDesc, data, length, flags | MSG_NOSIGNAL);
 }
@@ -100,8 +105,8 @@ int waitForFlow(int socketDesc, short events) noexcept {
   return waitForSocket("flow", 3256, socketDesc, events);
 }
 
-// A blocking send takes everything, one with a deadline perhaps not at once. Returns the bytes sent, or 0 or -1
-// as send does.
+// A blocking send takes everything, one with a deadline perhaps not at once. Returns the bytes
+// sent, or 0 or -1 as send does.
 ssize_t sendWhole(int socketDesc, const unsigned char* data, std::size_t length) noexcept {
   if (!hasDeadline()) return sendOnce(socketDesc, data, length, 0);
   std::size_t total = 0;
@@ -124,7 +129,8 @@ int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons&
   failure.sockErrno = errno;
   TRACE_EXC(3228, "stapi_zeb_socketcomms.flow Unable to write data to socket rc=%d\n",
             static_cast<int>(sent));
-  TRACE_EXC(3229, "stapi_zeb_socketcomms.flow Unable to send data to Gateway: errno=%d\n", failure.sockErrno);
+  TRACE_EXC(3229, "stapi_zeb_socketcomms.flow Unable to send data to Gateway: errno=%d\n",
+            failure.sockErrno);
   return kFlowFailed;
 }
 
@@ -144,7 +150,8 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
                     reasons& failure) noexcept {
   const int size = static_cast<int>(kFixedHeaderSize + nameLength);
   Block<unsigned char> buffer = allocate(static_cast<std::size_t>(size));
-  TRACE_DEBUG(3230, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, buffer.get());
+  TRACE_DEBUG(3230, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size,
+              buffer.get());
   if (buffer == nullptr) {
     TRACE_EXC(3231, "stapi_zeb_socketcomms.flowFailed to allocate %d bytes.\n", size);
     return ZEB_NO_MEMORY;
@@ -155,9 +162,10 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   ByteReader in({buffer.get(), kNameOffset});
   in.skip(kNameOffset - 4);
   if (static_cast<std::uint32_t>(in.i32()) != nameLength) {
-    TRACE_EXC(3251,
-              "stapi_zeb_socketcomms.flow Reply header does not carry a request name of %d characters\n",
-              static_cast<int>(nameLength));
+    TRACE_EXC(
+        3251,
+        "stapi_zeb_socketcomms.flow Reply header does not carry a request name of %d characters\n",
+        static_cast<int>(nameLength));
     failure.sockErrno = EPROTO;
     return kFlowFailed;
   }
@@ -166,10 +174,12 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   return 0;
 }
 
-int readReplyData(int socketDesc, std::int32_t size, unsigned char** data, reasons& failure) noexcept {
+int readReplyData(int socketDesc, std::int32_t size, unsigned char** data,
+                  reasons& failure) noexcept {
   if (size <= 0) {
-    TRACE_DEBUG(3237, "stapi_zeb_socketcomms.flow Managed to read in whole response in one go. data=0x%p\n",
-                *data);
+    TRACE_DEBUG(
+        3237, "stapi_zeb_socketcomms.flow Managed to read in whole response in one go. data=0x%p\n",
+        *data);
     return 0;
   }
   TRACE_DEBUG(3233, "stapi_zeb_socketcomms.flow Free call data %p\n", *data);
@@ -186,20 +196,22 @@ int readReplyData(int socketDesc, std::int32_t size, unsigned char** data, reaso
   return readReplyPart(socketDesc, size, *data, failure);
 }
 
-int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t nameLength, RequestHeader& header,
-             reasons& failure) noexcept {
+int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t nameLength,
+             RequestHeader& header, reasons& failure) noexcept {
   int rc = sendRequest(socketDesc, *data, datalen, failure);
   if (rc == 0) rc = waitForReply(socketDesc);
   if (rc == 0) rc = readReplyHeader(socketDesc, nameLength, header, failure);
-  if (rc == 0) rc = readReplyData(socketDesc, static_cast<std::int32_t>(header.dataLength), data, failure);
+  if (rc == 0)
+    rc = readReplyData(socketDesc, static_cast<std::int32_t>(header.dataLength), data, failure);
   if (rc != 0) return rc;
   if (header.headerWord4 != 0) {
     failure.gwyRc = header.headerWord4;
     return kGatewayRefused;
   }
-  TRACE_EVENT(3250,
-              "stapi_zeb_socketcomms.flow Successfully sent and received data with Gateway on socket %d\n",
-              socketDesc);
+  TRACE_EVENT(
+      3250,
+      "stapi_zeb_socketcomms.flow Successfully sent and received data with Gateway on socket %d\n",
+      socketDesc);
   return 0;
 }
 
@@ -218,7 +230,8 @@ int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   }
 }
 
-// Receives what is missing after the first part. Returns 0 when total has reached size, otherwise errno as it is.
+// Receives what is missing after the first part. Returns 0 when total has reached size, otherwise
+// errno as it is.
 int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noexcept {
   while (total < size) {
     // With a deadline the rest is most likely still to come: to wait first saves a recv.
@@ -232,7 +245,8 @@ int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noe
         socketDesc, size, buffer, received, total);
     if (received <= 0) {
       const int rc = errno;
-      TRACE_EXC(3242, "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n", rc);
+      TRACE_EXC(3242,
+                "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n", rc);
       return rc;
     }
     total += received;
@@ -250,7 +264,8 @@ int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   if (total == 0) return -1;
   if (total < 0) {
     const int rc = errno;
-    TRACE_EXC(3244, "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n", rc);
+    TRACE_EXC(3244, "stapi_zeb_socketcomms.readFromSocket read returned an error code: errno=%d\n",
+              rc);
     return rc;
   }
   const int rc = receiveRest(socketDesc, size, buffer, total);
@@ -267,7 +282,8 @@ int acceptReply(ByteReader) noexcept {
 void writeAuthData(const AuthRequestRecord& request, ByteWriter& out) noexcept {
   out.i32(request.authStep);
   if (request.authStep != 1) return;
-  for (const std::int32_t word : {request.authWord1, request.authWord2, request.authWord3, request.authWord4})
+  for (const std::int32_t word :
+       {request.authWord1, request.authWord2, request.authWord3, request.authWord4})
     out.i32(word);
 }
 
@@ -280,7 +296,8 @@ int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure)
     failure.authRc = request.replyCode;
     return kAuthRefused;
   }
-  if (request.authStep != 0) {  // quirk: the answer to the second step is accepted whatever its reply code
+  if (request.authStep !=
+      0) {  // quirk: the answer to the second step is accepted whatever its reply code
     request.resultWord1 = in.i32();
     request.resultWord2 = in.i32();
   } else {
@@ -299,7 +316,8 @@ void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
   if (request.callKind > kOpeningCall) {
     out.i32(request.adminId);
     out.i32(request.callLength);
-    for (const char* text : {request.country, request.language, request.qualifier, request.beanName})
+    for (const char* text :
+         {request.country, request.language, request.qualifier, request.beanName})
       out.text16(text);
   }
   if (request.callKind == kInvoke) {
@@ -338,14 +356,16 @@ int refuseShortReply(std::size_t length) noexcept {
   return ZEB_NO_MEMORY;
 }
 
-int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, reasons& failure) noexcept {
+int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind,
+                     reasons& failure) noexcept {
   const std::size_t length = in.left();
   if (length < (requestKind == kOpeningCall ? kOpeningReplySize : kAdminReplyHead))
     return refuseShortReply(length);
   request.callKind = in.i32();
   request.replyRc = in.i32();
   if (request.replyRc != 0) {
-    TRACE_EXC(3206, "stapi_zeb_socketcomms.flowAdminRequest Auth Request returned an error AuthRc=%d\n",
+    TRACE_EXC(3206,
+              "stapi_zeb_socketcomms.flowAdminRequest Auth Request returned an error AuthRc=%d\n",
               request.replyRc);
     failure.adminRc = request.replyRc;
     return kAdminFailed;
@@ -356,7 +376,9 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, r
   }
   request.exceptionFlag = in.u8();
   if (request.exceptionFlag != 0) {
-    TRACE_EXC(3205, "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
+    TRACE_EXC(
+        3205,
+        "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
     return kAdminFailed;
   }
   // Without reply data, data still holds the request.
@@ -364,7 +386,8 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind, r
   return takeCallData(request, in);
 }
 
-// After such a failure nothing that the gateway still sends can be understood, and nothing is to be sent.
+// After such a failure nothing that the gateway still sends can be understood, and nothing is to be
+// sent.
 bool isOutOfStep(int rc, const reasons& failure) noexcept {
   return isConnectionLost(rc, failure) || rc == ZEB_NO_MEMORY;
 }
@@ -386,8 +409,9 @@ constexpr Request kAdmin = {"flowAdminRequest", "", "request", 3201, 3202, 3255,
 
 // Data longer than the record's data length is not sent.
 int refuseOverlongRequest(const Request& request, int size) noexcept {
-  TRACE_EXC(request.overlongPoint, "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n",
-            request.function, size);
+  TRACE_EXC(request.overlongPoint,
+            "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n", request.function,
+            size);
   return ZEB_NO_MEMORY;
 }
 
@@ -400,15 +424,17 @@ int flowBlock(int socketDesc, int size, Block<unsigned char>& data, RequestHeade
   return rc;
 }
 
-// What the four requests share: writes the header and the data, exchanges them for a reply, and decodes that.
-// write gets a ByteWriter of header.dataLength bytes; decode gets a ByteReader and returns a code.
+// What the four requests share: writes the header and the data, exchanges them for a reply, and
+// decodes that. write gets a ByteWriter of header.dataLength bytes; decode gets a ByteReader and
+// returns a code.
 template <typename Write, typename Decode>
 int exchangeRequest(const Request& request, int socketDesc, RequestHeader& header, reasons* reasons,
                     Write write, Decode decode) noexcept {
   const int size = requestSize(header);
   Block<unsigned char> data = allocateRequest(size);
-  TRACE_DEBUG(request.allocatedPoint, "stapi_zeb_socketcomms.%s Called malloc for %d bytes. rc=%p\n",
-              request.function, size, data.get());
+  TRACE_DEBUG(request.allocatedPoint,
+              "stapi_zeb_socketcomms.%s Called malloc for %d bytes. rc=%p\n", request.function,
+              size, data.get());
   if (data == nullptr) {
     TRACE_EXC(request.failedPoint, "stapi_zeb_socketcomms.%s%sFailed to allocate %d bytes.\n",
               request.function, request.gap, size);
@@ -418,8 +444,8 @@ int exchangeRequest(const Request& request, int socketDesc, RequestHeader& heade
   ByteWriter out = dataWriter(header, data.get());
   write(out);
   out.zeroRest();
-  int rc =
-      out.ok() ? flowBlock(socketDesc, size, data, header, reasons) : refuseOverlongRequest(request, size);
+  int rc = out.ok() ? flowBlock(socketDesc, size, data, header, reasons)
+                    : refuseOverlongRequest(request, size);
   bool isBroken = isOutOfStep(rc, *reasons);
   if (rc == 0) {
     rc = decode(replyReader(header, data.get(), size));
@@ -443,9 +469,10 @@ int checkInStep(int socketDesc) noexcept {
   char byte;
   const ssize_t waiting = recv(socketDesc, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
   if (waiting < 0 && errno == EAGAIN) return 0;
-  TRACE_EXC(3258,
-            "stapi_zeb_socketcomms.checkInStep Unexpected data or end of connection on socket %d rc=%d\n",
-            socketDesc, static_cast<int>(waiting));
+  TRACE_EXC(
+      3258,
+      "stapi_zeb_socketcomms.checkInStep Unexpected data or end of connection on socket %d rc=%d\n",
+      socketDesc, static_cast<int>(waiting));
   shutdown(socketDesc, SHUT_RDWR);
   return ZEB_CONNECTION_LOST;
 }
@@ -479,29 +506,33 @@ void populateHeader(const unsigned char* data, RequestHeader* req) noexcept {
   req->headerWord4 = in.i32();
   req->requestNameLength = static_cast<std::uint32_t>(in.i32());
 
-  ByteReader afterName({data + kNameOffset + req->requestNameLength, kFixedHeaderSize - kNameOffset});
+  ByteReader afterName(
+      {data + kNameOffset + req->requestNameLength, kFixedHeaderSize - kNameOffset});
   req->flag = afterName.u8();
   req->dataLength = static_cast<std::uint32_t>(afterName.i32());
   TRACE_EXIT(3247, "stapi_zeb_socketcomms.populateHeader(data=%p, req=%p)\n", data, req);
 }
 
 int readFromSocket(int socketDesc, int dataSize, void* dataBuf) noexcept {
-  TRACE_ENTRY(3239, "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p)\n",
+  TRACE_ENTRY(3239,
+              "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p)\n",
               socketDesc, dataSize, dataBuf);
   const int rc = receiveAll(socketDesc, dataSize, static_cast<unsigned char*>(dataBuf));
-  TRACE_EXIT(3245, "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p) rc=%d\n",
+  TRACE_EXIT(3245,
+             "stapi_zeb_socketcomms.readFromSocket(socketDesc=%d, dataSize=%d, dataBuf=%p) rc=%d\n",
              socketDesc, dataSize, dataBuf, rc);
   return rc;
 }
 
-int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName, RequestHeader* header,
-         reasons* reasons) noexcept {
+int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName,
+         RequestHeader* header, reasons* reasons) noexcept {
   char shownName[25] = {};
   strncpy(shownName, requestName, sizeof shownName - 1);
-  TRACE_ENTRY(3225,
-              "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, &data=%p, requestName=%s, header=%p, "
-              "reasons=%p)\n",
-              socketDesc, datalen, data, shownName, header, reasons);
+  TRACE_ENTRY(
+      3225,
+      "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, &data=%p, requestName=%s, header=%p, "
+      "reasons=%p)\n",
+      socketDesc, datalen, data, shownName, header, reasons);
   if (datalen <= 0 || data == nullptr) {
     TRACE_EXC(3227, "stapi_zeb_socketcomms.flow No data to flow!!\n");
     return kFlowFailed;  // quirk: no EXIT line here
@@ -509,17 +540,19 @@ int flow(int socketDesc, int datalen, unsigned char** data, const char* requestN
   TRACE_DATA(3226, "stapi_zeb_socketcomms.flow",
              (TracedStorage{*data, datalen, 0, static_cast<std::size_t>(datalen)}), 0);
   const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *reasons);
-  TRACE_EXIT(3238,
-             "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
-             "reasons=%p) rc=%d\n",
-             socketDesc, datalen, data, shownName, header, reasons, rc);
+  TRACE_EXIT(
+      3238,
+      "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
+      "reasons=%p) rc=%d\n",
+      socketDesc, datalen, data, shownName, header, reasons, rc);
   return rc;
 }
 
 int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
-  TRACE_ENTRY(3215, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
-              reasons);
-  RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
+  TRACE_ENTRY(3215, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p)\n",
+              socketDesc, reasons);
+  RequestHeader header =
+      makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
   const int rc = exchangeRequest(
       kHandshake, socketDesc, header, reasons,
       [](ByteWriter& out) { out.bytes(kHandshakeData, sizeof kHandshakeData); }, acceptReply);
@@ -529,36 +562,44 @@ int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
 }
 
 int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
-  TRACE_ENTRY(3220, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
-              reasons);
+  TRACE_ENTRY(3220, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p)\n",
+              socketDesc, reasons);
   RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kCloseMessage, 0);
   header.headerWord3 = -1;
   const int rc = exchangeRequest(
       kClose, socketDesc, header, reasons, [](ByteWriter&) {}, acceptReply);
-  TRACE_EXIT(3224, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p) rc=%d\n", socketDesc,
-             reasons, rc);
+  TRACE_EXIT(3224, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p) rc=%d\n",
+             socketDesc, reasons, rc);
   return rc;
 }
 
 int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons) noexcept {
-  TRACE_ENTRY(3209, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
+  TRACE_ENTRY(3209,
+              "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
               socketDesc, request, reasons);
   const int rc = exchangeRequest(
-      kAuth, socketDesc, request->header, reasons, [&](ByteWriter& out) { writeAuthData(*request, out); },
+      kAuth, socketDesc, request->header, reasons,
+      [&](ByteWriter& out) { writeAuthData(*request, out); },
       [&](ByteReader in) { return decodeAuthReply(*request, in, *reasons); });
-  TRACE_EXIT(3214, "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
-             socketDesc, request, reasons, rc);
+  TRACE_EXIT(
+      3214,
+      "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
+      socketDesc, request, reasons, rc);
   return rc;
 }
 
 int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons) noexcept {
-  TRACE_ENTRY(3200, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
+  TRACE_ENTRY(3200,
+              "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
               socketDesc, request, reasons);
   const int kind = request->callKind;
   const int rc = exchangeRequest(
-      kAdmin, socketDesc, request->header, reasons, [&](ByteWriter& out) { writeAdminData(*request, out); },
+      kAdmin, socketDesc, request->header, reasons,
+      [&](ByteWriter& out) { writeAdminData(*request, out); },
       [&](ByteReader in) { return decodeAdminReply(*request, in, kind, *reasons); });
-  TRACE_EXIT(3208, "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
-             socketDesc, request, reasons, rc);
+  TRACE_EXIT(
+      3208,
+      "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
+      socketDesc, request, reasons, rc);
   return rc;
 }

@@ -1,10 +1,13 @@
 // Calls of the gateway's statistics bean, and the parsing of its answers into result set buffers.
 //
-// Every call is an exchange of two requests on one record: the opening call, whose reply gives an admin id,
-// and the attribute or invoke call that sends the id back. One thread works on a connection at a time.
+// Every call is an exchange of two requests on one record: the opening call, whose reply gives an
+// admin id, and the attribute or invoke call that sends the id back. One thread works on a
+// connection at a time.
 //
-// The answers are Java Object Serialization streams. They are not decoded but stepped over by their fixed
-// layout; the only tags looked at are those of block data, 'w' (1-byte length) and 'z' (4-byte length).
+// The answers are Java Object Serialization streams. They are not decoded but stepped over by their
+// fixed layout; the only tags that are looked at are those around block data: TC_BLOCKDATA ('w', a
+// 1-byte length follows), TC_BLOCKDATALONG ('z', a 4-byte length), TC_ENDBLOCKDATA, and TC_OBJECT
+// and the stream header after it.
 
 #include "stapi_zeb_statcomms.h"
 
@@ -40,12 +43,26 @@ constexpr char STATS_MBEAN_SIG[] = "java.lang.String";
 constexpr char STATS_MBEAN_PROTOCOL_VERSION[] = "protocol";
 constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
 
-constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, ahead of the strings
+constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, before the strings
 constexpr std::uint8_t kListForm = 1;     // an answer that begins with a number of responses
-constexpr std::uint8_t kObject = 0x73;
-constexpr std::uint8_t kEndBlockData = 0x78;
+constexpr std::uint8_t kObject = 0x73;    // TC_OBJECT
+constexpr std::uint8_t kEndBlockData = 0x78;  // TC_ENDBLOCKDATA
 constexpr std::uint8_t kStreamHeader[] = {0xAC, 0xED, 0x00, 0x05};
-constexpr std::int32_t kLongestUncutId = kFullBlock - 4;  // both lengths lie in the first block with it
+constexpr std::size_t kObjectHead = 6;  // stream header (4), TC_OBJECT, TC_CLASSDESC
+// After the name of a class: its version (8), flags (1), number of fields (2), TC_ENDBLOCKDATA, and
+// a tag: the TC_CLASSDESC of its superclass, or TC_NULL.
+constexpr std::size_t kClassVersion = 8;
+constexpr std::size_t kClassRest = 5;
+constexpr std::size_t kClassTail = kClassVersion + kClassRest;
+// A statistic begins after the version of its class, or after the TC_OBJECT of the ones that
+// follow, which have TC_REFERENCE and a handle (4) in place of the rest of the class.
+constexpr std::size_t kStatMarker = kClassRest;
+constexpr std::size_t kStatIdLength = kStatMarker + 2;  // in a short block
+constexpr std::size_t kStatEnd = 2;  // TC_ENDBLOCKDATA, and the TC_OBJECT of the next
+constexpr std::size_t kStatFrame =
+    kStatIdLength + 2 + 2 + kStatEnd;  // one in a short block, without its texts
+constexpr std::int32_t kLongestUncutId =
+    kFullBlock - 4;  // both lengths lie in the first block with it
 constexpr int kMalformed = -1;
 
 int stringLength(const char* text) noexcept {
@@ -53,7 +70,7 @@ int stringLength(const char* text) noexcept {
 }
 
 void prepareCall(AdminCallRecord& record, std::int32_t kind) noexcept {
-  free(record.callData);  // of an opening call that was answered like another
+  free(record.callData);  // left if the opening was answered like a call
   record.header.requestName = ADMIN_REQUEST_NAME;
   record.header.messageType = kCallMessage;
   record.header.headerWord4 = 0;
@@ -71,7 +88,7 @@ void setCallLength(AdminCallRecord& record, int length) noexcept {
   record.header.dataLength = static_cast<std::uint32_t>(length) + kCallWords;
 }
 
-// Empty where a call was answered like an opening call.
+// Empty if a call was answered like an opening call.
 std::span<const std::uint8_t> callDataOf(const AdminCallRecord& record) noexcept {
   return {record.callData, record.callData != nullptr ? record.header.dataLength : 0};
 }
@@ -86,10 +103,11 @@ int storeProtocolVersion(GatewayToken& token, std::span<const std::uint8_t> call
               static_cast<int>(callData.size()));
     return kAdminFailed;
   }
-  TRACE_DEBUG(4008, "stapi_zeb_statcomms.statProtocolVer Called malloc for %d bytes. rc=%p\n", length + 1,
-              token.protocolVersion);
+  TRACE_DEBUG(4008, "stapi_zeb_statcomms.statProtocolVer Called malloc for %d bytes. rc=%p\n",
+              length + 1, token.protocolVersion);
   if (token.protocolVersion == nullptr) {
-    TRACE_EXC(4009, "stapi_zeb_statcomms.statProtocolVerFailed to allocate %d bytes.\n", length + 1);
+    TRACE_EXC(4009, "stapi_zeb_statcomms.statProtocolVerFailed to allocate %d bytes.\n",
+              length + 1);
     return ZEB_NO_MEMORY;
   }
   const std::size_t kept = std::min(version.size(), kProtocolVersionSize - 1);
@@ -109,17 +127,20 @@ int askProtocolVersion(GatewayToken& token, reasons* reasons) noexcept {
   rc = flowAdminRequest(token.socket, &record, reasons);
   if (rc != 0) return rc;
   const Block<std::uint8_t> callData(record.callData);
-  TRACE_DEBUG(4006,
-              "stapi_zeb_statcomms.statProtocolVer Successfully got the protocol version from the Gateway\n");
+  TRACE_DEBUG(
+      4006,
+      "stapi_zeb_statcomms.statProtocolVer Successfully got the protocol version from the Gateway\n");
   return storeProtocolVersion(token, callDataOf(record));
 }
 
 void parseAnswer(const AdminCallRecord& record, char* buffer) noexcept {
   if (strcmp(record.action, STATS_MBEAN_ACTION_GET_STATS) == 0) {
-    TRACE_DEBUG(4024, "stapi_zeb_statcomms.statCommsString Successfully called the Gateway for Stats\n");
+    TRACE_DEBUG(4024,
+                "stapi_zeb_statcomms.statCommsString Successfully called the Gateway for Stats\n");
     parseStats(callDataOf(record), buffer);
   } else {
-    TRACE_DEBUG(4025, "stapi_zeb_statcomms.statCommsString Successfully called the Gateway for IDs\n");
+    TRACE_DEBUG(4025,
+                "stapi_zeb_statcomms.statCommsString Successfully called the Gateway for IDs\n");
     parseIds(callDataOf(record), buffer);
   }
 }
@@ -129,7 +150,8 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
   AdminCallRecord record = {};
   int rc = getInitAdminRequest(socketDesc, &record, reasons);
   if (rc == 0) {
-    TRACE_DEBUG(4022, "stapi_zeb_statcomms.statCommsString Successfully init'd the Admin Request\n");
+    TRACE_DEBUG(4022,
+                "stapi_zeb_statcomms.statCommsString Successfully init'd the Admin Request\n");
     prepareCall(record, kInvoke);
     record.action = operation;
     record.argument = argument;
@@ -145,19 +167,21 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
     parseAnswer(record, buffer);
   }
   if (record.callData != nullptr) {
-    TRACE_DEBUG(4026, "stapi_zeb_statcomms.statCommsString Free request callData %p\n", record.callData);
+    TRACE_DEBUG(4026, "stapi_zeb_statcomms.statCommsString Free request callData %p\n",
+                record.callData);
     free(record.callData);
   }
   return rc;
 }
 
-// ---- Parsing -------------------------------------------------------------------------------------------------
+// ---- Parsing ------------------------------------------------------------------------------------
 
 struct AnswerParse {
   ByteReader in;
   ResultSetWriter out;
-  bool detailed;
-  int total;  // of statistics only; counts lengths with their width on the wire; right only while traced
+  // The bytes of statistics, counting lengths with their width on the wire. Only traced; wrong
+  // while untraced.
+  int total;
   int headsLeft = kMostHeads;
 };
 
@@ -175,14 +199,14 @@ std::int32_t readResponseCount(ByteReader& in) noexcept {
 // the block data. Returns whether that is a long block of exactly the size at which the serialiser
 // cuts.
 bool skipToBlockData(ByteReader& in) noexcept {
-  in.skip(6);
-  in.text16();
-  in.skip(13);
-  in.text16();
-  in.skip(13);
+  in.skip(kObjectHead);
+  in.text16();  // class name
+  in.skip(kClassTail);
+  in.text16();  // name of the superclass
+  in.skip(kClassTail);
   const std::uint8_t marker = in.u8();
   if (marker == kShortBlock) {
-    in.skip(1);
+    in.skip(1);  // the block's length
     return false;
   }
   const std::int32_t size = in.i32();
@@ -249,16 +273,19 @@ int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& ou
   return kMalformed;
 }
 
-// The two-argument forms do not know how long an answer is: they end where memory does.
+// The exported parsers get no length and trust their input.
 std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexcept {
   const std::size_t toTheEnd = UINTPTR_MAX - reinterpret_cast<std::uintptr_t>(rawData);
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
-// Copy a text of that length on the wire. What is not there is not written.
+// Copies a text if all of it is there.
 void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
   const std::string_view text = in.text(length);
   if (in.ok()) out.counted(text);
+}
+std::string_view viewOf(const std::uint8_t* bytes, std::size_t size) noexcept {
+  return {reinterpret_cast<const char*>(bytes), size};
 }
 void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
   if (!in.holds(length)) return;
@@ -281,8 +308,8 @@ void writeText(ResultSetWriter& out, CutText text) noexcept {
 template <typename Reader>
 void copyIds(Reader& data, AnswerParse& parse, int response) noexcept {
   const std::int32_t count = data.i32();
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4044,
-               "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n", count, response);
+  TRACE_DEBUG(4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n", count,
+              response);
   Reader in = data;  // copies, which stay in registers
   ResultSetWriter out = parse.out;
   out.integer(count);
@@ -297,22 +324,23 @@ void copyIdsData(Reader& data, AnswerParse& parse, int response) noexcept {
   if (!data.ok()) return;
   writeText(parse.out, head.element);
   parse.out.integer(head.rc);
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n",
-               head.rc, static_cast<std::uint32_t>(head.rc));
+  TRACE_DEBUG(4042, "stapi_zeb_statcomms.parseIdsData Query rc=%d or (hex=%8.8X)\n", head.rc,
+              static_cast<std::uint32_t>(head.rc));
   if (head.rc >= 0) {
     copyIds(data, parse, response);
     return;
   }
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4043,
-               "stapi_zeb_statcomms.parseIdsData Bad query id element(%d), move on to next one\n", response);
+  TRACE_DEBUG(4043,
+              "stapi_zeb_statcomms.parseIdsData Bad query id element(%d), move on to next one\n",
+              response);
 }
 
 void copyIdsResponse(AnswerParse& parse, int response) noexcept {
   copyBlockData(parse, [&](auto& data) { copyIdsData(data, parse, response); });
-  parse.in.skipClosing(1);
+  parse.in.skipClosing(1);  // TC_ENDBLOCKDATA
 }
 
-// The blocks of a value that does not fit into the first one.
+// The rest of a value, in further blocks.
 void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   ByteReader& in = parse.in;
   const auto copyPiece = [&](std::int32_t length) {
@@ -320,40 +348,43 @@ void copyContinuation(AnswerParse& parse, int remaining) noexcept {
     remaining -= length;
     parse.out.chars(in.text(length));
     parse.total += length;
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4061,
-                 "stapi_zeb_statcomms.parseStatsData written %d bytes. Remaining data = %d bytes \n", length,
-                 remaining);
+    TRACE_DEBUG(4061,
+                "stapi_zeb_statcomms.parseStatsData written %d bytes. Remaining data = %d bytes \n",
+                length, remaining);
   };
   std::uint8_t marker = in.peek();
   while (marker == kLongBlock && remaining > 0 && in.ok() && parse.out.ok()) {
     in.skip(3);  // the marker and the high half of the block's length
     copyPiece(in.i16());
     marker = in.peek();
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4060, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n",
-                 marker);
+    TRACE_DEBUG(4060, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n", marker);
   }
-  // kept: behind the first short block every piece is taken as one, whatever its marker
+  // quirk: after a short block all count as short
   while (marker == kShortBlock && remaining > 0 && in.ok() && parse.out.ok()) {
-    in.skip(1);
+    in.skip(1);  // TC_BLOCKDATA
     copyPiece(in.u8());
   }
   if (remaining != 0) in.fail();
+}
+
+void showWholeValue(std::int32_t length) noexcept {
+  TRACE_DEBUG(4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n", length);
 }
 
 void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
   if (room < 0) parse.in.fail();
   if (length <= room) {
     copyText(parse.in, parse.out, length);
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n",
-                 length);
+    showWholeValue(length);
     parse.total += length + 2;
     return;
   }
   parse.out.integer(length);
   parse.out.chars(parse.in.text(room));
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4059,
-               "stapi_zeb_statcomms.parseStatsData written %d of %d bytes. Remaining data = %d bytes \n",
-               room, length, length - room);
+  TRACE_DEBUG(
+      4059,
+      "stapi_zeb_statcomms.parseStatsData written %d of %d bytes. Remaining data = %d bytes \n",
+      room, length, length - room);
   parse.total += room + 2;
   copyContinuation(parse, length - room);
 }
@@ -368,8 +399,7 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   copyText(blocks, parse.out, idLength);
   const std::int32_t length = blocks.i16();
   copyText(blocks, parse.out, length);
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n",
-               length);
+  showWholeValue(length);
   parse.total += idLength + 2 + length + 2;
   parse.in = ByteReader(stat.subspan(blocks.size()));
   if (!blocks.ok()) parse.in.fail();
@@ -378,25 +408,22 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
 
 void copyStat(AnswerParse& parse) noexcept {
   ByteReader& in = parse.in;
-  in.skip(5);
+  in.skip(kClassRest);
   const std::uint8_t marker = in.u8();
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4054, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n",
-               marker);
+  TRACE_DEBUG(4054, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n", marker);
   std::int32_t chunkLength = 0;
   if (marker == kLongBlock) {
-    in.skip(2);
+    in.skip(2);  // the high half of the block's length
     chunkLength = in.i16();
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4055, "stapi_zeb_statcomms.parseStatsData chunklength=%d \n",
-                 chunkLength);
+    TRACE_DEBUG(4055, "stapi_zeb_statcomms.parseStatsData chunklength=%d \n", chunkLength);
   } else {
-    in.skip(1);
+    in.skip(1);  // the block's length
   }
   const std::span<const std::uint8_t> stat = in.rest();
   const std::int32_t idLength = in.i16();
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4056, "stapi_zeb_statcomms.parseStatsData statistic ID length=%d \n",
-               idLength);
+  TRACE_DEBUG(4056, "stapi_zeb_statcomms.parseStatsData statistic ID length=%d \n", idLength);
   if (chunkLength == kFullBlock && idLength > kLongestUncutId && copyCutStat(parse, stat)) {
-    in.skipClosing(2);
+    in.skipClosing(kStatEnd);
     return;
   }
   copyText(in, parse.out, idLength);
@@ -405,48 +432,45 @@ void copyStat(AnswerParse& parse) noexcept {
   if (marker == kLongBlock) {
     copyLongValue(parse, length, static_cast<std::int16_t>(chunkLength - idLength - 4));
   } else {
-    ZEB_TRACE_IF(parse.detailed, "DEBUG", 4057,
-                 "stapi_zeb_statcomms.parseStatsData statistic data length=%d \n", length);
+    TRACE_DEBUG(4057, "stapi_zeb_statcomms.parseStatsData statistic data length=%d \n", length);
     copyText(in, parse.out, length);
     parse.total += length + 2;
   }
-  in.skipClosing(2);
+  in.skipClosing(kStatEnd);
 }
 
-// Copies statistics of the common kind, in a short block and with short texts, while one follows the other.
-// Returns how many. What is read and written beyond a text stays inside the answer and is written over: behind
-// the last of them are kFollowing others, longer than that even without a text.
+// Fast path for consecutive statistics in short blocks: one test of what is left of the answer and
+// of the buffer for each, and cursors that stay in registers. It takes a third of the time that
+// copyStat takes. Stops before a statistic of another kind, or one that does not fit, and leaves it
+// to copyStat; does nothing while anything is to be traced. Returns the number of statistics.
 std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
-  constexpr std::int32_t kFollowing = 4;
-  constexpr std::size_t kFrame = 13;  // a statistic on the wire without its texts
-  static_assert(kFollowing * (2 * sizeof(std::int32_t)) >= kShortText && kFollowing * kFrame >= kShortText);
-  constexpr std::size_t kMost = kFrame + 2 * kShortText;
-  if (parse.detailed || parse.out.isTraced()) return 0;
-  ByteReader in = parse.in;  // copies, which stay in registers
+  if (traceLevel() >= kLevelFunction) return 0;
+  ByteReader in = parse.in;
   ResultSetWriter out = parse.out;
   std::int32_t copied = 0;
-  while (copied < count - kFollowing && in.left() >= kMost && out.room() >= kMost) {
+  for (; copied < count && in.left() >= kStatFrame; ++copied) {
     const std::uint8_t* const at = in.position();
-    const std::size_t idLength = loadLength(at + 7);
-    if (at[5] != kShortBlock || idLength > kShortText) break;
-    const std::size_t valueLength = loadLength(at + 9 + idLength);
-    if (valueLength > kShortText) break;
-    out.countedShort(at + 9, idLength);
-    out.countedShort(at + 11 + idLength, valueLength);
-    in.skip(kFrame + idLength + valueLength);
-    ++copied;
+    const std::size_t idLength = loadLength(at + kStatIdLength);
+    if (at[kStatMarker] != kShortBlock || in.left() < kStatFrame + idLength) break;
+    const std::size_t valueLength = loadLength(at + kStatIdLength + 2 + idLength);
+    const std::size_t size = kStatFrame + idLength + valueLength;
+    if (idLength > INT16_MAX || valueLength > INT16_MAX || in.left() < size || out.room() < size)
+      break;
+    out.counted(viewOf(at + kStatIdLength + 2, idLength));
+    out.counted(viewOf(at + kStatIdLength + 4 + idLength, valueLength));
+    in.skip(size);
   }
   parse.in = in;
   parse.out = out;
   return copied;
 }
 
-// The serialiser writes no class description where there is nothing to describe: the object just ends.
+// A response without statistics has no class description.
 bool endsWithoutStats(const ByteReader& in) noexcept {
   const auto rest = in.rest();
   if (rest.empty() || rest[0] != kEndBlockData) return false;
-  return rest.size() == 1 ||
-         (rest.size() > sizeof kStreamHeader && memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
+  return rest.size() == 1 || (rest.size() > sizeof kStreamHeader &&
+                              memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
 }
 
 // Returns the number of statistics that follow the block data, or none if the code is negative.
@@ -459,8 +483,8 @@ std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int 
   parse.total += static_cast<int>(head.element.size()) + 6;
   if (head.rc < 0) return std::nullopt;
   const std::int32_t count = data.i32();
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4053,
-               "stapi_zeb_statcomms.parseStatsData reading %d stats for result %d\n", count, response);
+  TRACE_DEBUG(4053, "stapi_zeb_statcomms.parseStatsData reading %d stats for result %d\n", count,
+              response);
   parse.out.integer(count);
   parse.total += 4;
   return count;
@@ -469,18 +493,18 @@ std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int 
 void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
   ByteReader& in = parse.in;
   if (count == 0 && endsWithoutStats(in)) {
-    in.skip(1);
+    in.skip(1);  // TC_ENDBLOCKDATA
   } else {
-    in.skip(2);
-    in.text16();
-    in.skipClosing(8);
+    in.skip(2);   // TC_OBJECT, TC_CLASSDESC
+    in.text16();  // class name of a statistic
+    in.skipClosing(kClassVersion);
   }
   for (std::int32_t i = 0; i < count && in.ok() && parse.out.ok(); ++i) {
     i += copyShortStats(parse, count - i);
-    copyStat(parse);
+    if (i < count) copyStat(parse);
   }
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4062,
-               "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n", parse.total);
+  TRACE_DEBUG(4062, "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n",
+              parse.total);
 }
 
 void copyStatsResponse(AnswerParse& parse, int response) noexcept {
@@ -489,43 +513,44 @@ void copyStatsResponse(AnswerParse& parse, int response) noexcept {
   if (count.has_value()) {
     copyStats(parse, *count);
   } else {
-    parse.in.skipClosing(1);
+    parse.in.skipClosing(1);  // TC_ENDBLOCKDATA
   }
 }
 
 }  // namespace
 
 int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
-  TRACE_ENTRY(4040, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p)\n", callData.data(), buffer);
-  const bool detailed = traceLevel() >= kLevelDetail;
+  TRACE_ENTRY(4040, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p)\n", callData.data(),
+              buffer);
   ByteReader in(callData);
   const std::int32_t responses = readResponseCount(in);
-  ZEB_TRACE_IF(detailed, "DEBUG", 4041,
-               "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n", responses);
-  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 0};
+  TRACE_DEBUG(4041, "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n",
+              responses);
+  AnswerParse parse = {in, ResultSetWriter(buffer), 0};
   beginResultSet(parse.out, kIdsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyIdsResponse(parse, i);
   const int rc = endResultSet(kIdsParser, parse.in, parse.out);
-  TRACE_EXIT(4045, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(), buffer,
-             rc);
+  TRACE_EXIT(4045, "stapi_zeb_statcomms.parseIdsData(rawData=%p, buffer=%p) rc=%d\n",
+             callData.data(), buffer, rc);
   return rc;
 }
 
 int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
-  TRACE_ENTRY(4050, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p)\n", callData.data(), buffer);
-  const bool detailed = traceLevel() >= kLevelDetail;
+  TRACE_ENTRY(4050, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p)\n", callData.data(),
+              buffer);
   ByteReader in(callData);
   const std::int32_t responses = readResponseCount(in);
-  ZEB_TRACE_IF(detailed, "DEBUG", 4051,
-               "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n", responses);
-  AnswerParse parse = {in, ResultSetWriter(buffer), detailed, 12};
+  TRACE_DEBUG(4051, "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n",
+              responses);
+  AnswerParse parse = {in, ResultSetWriter(buffer), 12};
   beginResultSet(parse.out, kStatsMarker, responses);
-  for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyStatsResponse(parse, i);
+  for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i)
+    copyStatsResponse(parse, i);
   const int rc = endResultSet(kStatsParser, parse.in, parse.out);
-  ZEB_TRACE_IF(parse.detailed, "DEBUG", 4063,
-               "stapi_zeb_statcomms.parseStatsData parsed data total = %d bytes \n", parse.total);
-  TRACE_EXIT(4064, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p) rc=%d\n", callData.data(),
-             buffer, rc);
+  TRACE_DEBUG(4063, "stapi_zeb_statcomms.parseStatsData parsed data total = %d bytes \n",
+              parse.total);
+  TRACE_EXIT(4064, "stapi_zeb_statcomms.parseStatsData(rawData=%p, buffer=%p) rc=%d\n",
+             callData.data(), buffer, rc);
   return rc;
 }
 
@@ -536,8 +561,8 @@ using namespace zeb;
 int calculateGetAttrCallLength(const AdminCallRecord* record) noexcept {
   TRACE_ENTRY(4000, "stapi_zeb_statcomms.calculateGetAttrCallLength\n");
   int size = 0;
-  for (const char* text :
-       {record->country, record->language, record->qualifier, record->beanName, record->attributeName})
+  for (const char* text : {record->country, record->language, record->qualifier, record->beanName,
+                           record->attributeName})
     size += stringLength(text) + 2;
   TRACE_EXIT(4001, "stapi_zeb_statcomms.calculateGetAttrCallLengthsize=%d\n", size);
   return size;
@@ -555,13 +580,15 @@ int calculateCallLength(const AdminCallRecord* record) noexcept {
 }
 
 int getInitAdminRequest(int socketDesc, AdminCallRecord* record, reasons* reasons) noexcept {
-  TRACE_ENTRY(4015, "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p)\n",
+  TRACE_ENTRY(4015,
+              "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p)\n",
               socketDesc, record, reasons);
   record->header = makeHeader(ADMIN_REQUEST_NAME, kCallMessage, 4);
   record->callKind = kOpeningCall;
   record->callData = nullptr;
   const int rc = flowAdminRequest(socketDesc, record, reasons);
-  TRACE_EXIT(4016, "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p) rc=%d\n",
+  TRACE_EXIT(4016,
+             "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p) rc=%d\n",
              socketDesc, record, reasons, rc);
   return rc;
 }
@@ -577,25 +604,29 @@ int statCommsString(int socketDesc, const char* queryType, const char* queryStri
                     reasons* reasons) noexcept {
   char shownType[25] = {};
   strncpy(shownType, queryType, sizeof shownType - 1);
-  TRACE_ENTRY(4020,
-              "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
-              "reasons=%p)\n",
-              socketDesc, shownType, queryString, buffer, reasons);
+  TRACE_ENTRY(
+      4020,
+      "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
+      "reasons=%p)\n",
+      socketDesc, shownType, queryString, buffer, reasons);
   const int rc = invoke(socketDesc, queryType, queryString, buffer, reasons);
-  TRACE_EXIT(4027,
-             "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
-             "reasons=%p) rc=%d\n",
-             socketDesc, shownType, queryString, buffer, reasons, rc);
+  TRACE_EXIT(
+      4027,
+      "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
+      "reasons=%p) rc=%d\n",
+      socketDesc, shownType, queryString, buffer, reasons, rc);
   return rc;
 }
 
 int statComms(int socketDesc, const char* queryType, char* buffer, reasons* reasons) noexcept {
-  TRACE_ENTRY(4028, "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p)\n",
+  TRACE_ENTRY(4028,
+              "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p)\n",
               socketDesc, queryType, buffer, reasons);
   const int rc = statCommsString(socketDesc, queryType, "", buffer, reasons);
-  TRACE_EXIT(4029,
-             "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p) rc=%d\n",
-             socketDesc, queryType, buffer, reasons, rc);
+  TRACE_EXIT(
+      4029,
+      "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p) rc=%d\n",
+      socketDesc, queryType, buffer, reasons, rc);
   return rc;
 }
 

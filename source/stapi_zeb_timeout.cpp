@@ -1,5 +1,5 @@
-// The time limit of public calls. The deadline belongs to the calling thread, because the functions between the
-// public call and its waits have signatures that leave no room for it.
+// The time limit of public calls. The deadline belongs to the calling thread, because the functions
+// between the public call and its waits have signatures that leave no room for it.
 
 #include "stapi_zeb_timeout.h"
 
@@ -52,8 +52,8 @@ int getTimeout() noexcept {
 TimedCall::TimedCall() noexcept : isOutermost_(!deadline.isActive) {
   if (!isOutermost_) return;
   const int milliseconds = getTimeout();
-  deadline = {milliseconds > 0 ? now() + milliseconds * kNanosecondsPerMillisecond : 0, milliseconds, true,
-              false};
+  deadline = {milliseconds > 0 ? now() + milliseconds * kNanosecondsPerMillisecond : 0,
+              milliseconds, true, false};
 }
 
 TimedCall::~TimedCall() {

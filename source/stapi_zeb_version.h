@@ -7,6 +7,7 @@ constexpr char kProductVersion[] = "8.0.0.1";
 constexpr char kBuildLevel[] = "b800-20101014";
 
 // The notice that each module exports, so that `strings` shows the version.
-#define ZEB_NOTICE(module) module " - zebstats, statistics API of the transaction gateway, version 1.2.0"
+#define ZEB_NOTICE(module) \
+  module " - zebstats, statistics API of the transaction gateway, version 1.2.0"
 
 #endif

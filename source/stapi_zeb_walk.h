@@ -1,7 +1,7 @@
 // The walk of a result set, entry by entry, for statistics and for ids.
 //
-// The walk's state is in the result set token and changes only when a step succeeds. The caller serialises the
-// walks of one result set.
+// The walk's state is in the result set token and changes only when a step succeeds. The caller
+// serialises the walks of one result set.
 #ifndef STAPI_ZEB_WALK_H
 #define STAPI_ZEB_WALK_H
 
@@ -31,7 +31,8 @@ struct WalkCall {
 struct StatWalk {
   using Record = StatData;
   static constexpr WalkCall kFirst = {"getFirstStat", true, 1100, 0, 1112, 0, 0, 1101, 1102};
-  static constexpr WalkCall kNext = {"getNextStat", false, 1110, 1111, 1113, 1114, 1115, 1116, 1117};
+  static constexpr WalkCall kNext = {"getNextStat", false, 1110, 1111, 1113,
+                                     1114,          1115,  1116, 1117};
   static constexpr const char* kMarker = kStatsMarker;
   static constexpr int kNullRecord = ZEB_STAT_DATA_NULL;
   static constexpr const char* kContentName = "statistics";
@@ -118,7 +119,8 @@ int checkWalk(const WalkCall& call, const ResultSetToken* rsPtr,
     return ZEB_NO_RESULT_SET_BUFFER;
   }
   if (!hasContent(rsPtr->head, Walk::kMarker)) {
-    TRACE_EXC(call.refusedPoint, "API.%s Resultset does not contain %s\n", call.name, Walk::kContentName);
+    TRACE_EXC(call.refusedPoint, "API.%s Resultset does not contain %s\n", call.name,
+              Walk::kContentName);
     return ZEB_WRONG_CONTENT;
   }
   return checkResultSetOwner(*rsPtr);
@@ -129,7 +131,8 @@ inline int refuseDamaged(const WalkCall& call, const ResultSetToken& resultSet) 
   return ZEB_WRONG_CONTENT;
 }
 
-// A query header that has been read but not yet stored; the token changes only if the step succeeds.
+// A query header that has been read but not yet stored; the token changes only if the step
+// succeeds.
 struct QueryHeader {
   std::int32_t queryCount;
   std::int32_t queryIndex;
@@ -156,8 +159,8 @@ void fillQueryElement(Record& record, const ResultSetToken& resultSet) noexcept 
   record.queryElementRC = resultSet.queryElementRC;
 }
 
-inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSet, ResultSetReader& in,
-                            QueryHeader& header) noexcept {
+inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSet,
+                            ResultSetReader& in, QueryHeader& header) noexcept {
   const char* const cursor = in.position();
   header.elementLen = in.integer();
   header.elementPtr = in.chars(header.elementLen);
@@ -165,23 +168,25 @@ inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSe
   header.entryCount = in.ok() && header.elementRC >= 0 ? in.integer() : 0;
   if (!in.ok() || call.headerPoint == 0) return;
   if (call.first) {
-    TRACE_DEBUG(call.headerPoint,
-                "API.%s Caching new query element details. Resultset=%p, Datacursor=%p, queryElementLen=%d, "
-                "queryElementPtr=%p, queryElementRC=%d\n",
-                call.name, &resultSet, cursor, header.elementLen, header.elementPtr, header.elementRC);
+    TRACE_DEBUG(
+        call.headerPoint,
+        "API.%s Caching new query element details. Resultset=%p, Datacursor=%p, queryElementLen=%d, "
+        "queryElementPtr=%p, queryElementRC=%d\n",
+        call.name, &resultSet, cursor, header.elementLen, header.elementPtr, header.elementRC);
   } else {
-    TRACE_DEBUG(call.headerPoint,
-                "API.%s Processing query header %d of %d. Resultset=%p, Datacursor=%p, queryElementLen=%d, "
-                "queryElementPtr=%p, queryElementRC=%d\n",
-                call.name, header.queryIndex, header.queryCount, &resultSet, cursor, header.elementLen,
-                header.elementPtr, header.elementRC);
+    TRACE_DEBUG(
+        call.headerPoint,
+        "API.%s Processing query header %d of %d. Resultset=%p, Datacursor=%p, queryElementLen=%d, "
+        "queryElementPtr=%p, queryElementRC=%d\n",
+        call.name, header.queryIndex, header.queryCount, &resultSet, cursor, header.elementLen,
+        header.elementPtr, header.elementRC);
   }
 }
 
 inline void showEndOfElement(const WalkCall& call, std::int32_t queryIndex,
                              const ResultSetToken& resultSet) noexcept {
-  TRACE_DEBUG(call.endPoint, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name, queryIndex,
-              &resultSet);
+  TRACE_DEBUG(call.endPoint, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name,
+              queryIndex, &resultSet);
 }
 
 // Advances past an entry; true after the last one of its query element.
@@ -192,10 +197,11 @@ inline bool passEntry(ResultSetToken& resultSet) noexcept {
   return true;
 }
 
-// Reads one entry and advances; header is its query header, or null if it is not the first of its element.
+// Reads one entry and advances; header is its query header, or null if it is not the first of its
+// element.
 template <typename Walk>
-int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in, const QueryHeader* header,
-              typename Walk::Record& record) noexcept {
+int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
+              const QueryHeader* header, typename Walk::Record& record) noexcept {
   const char* const cursor = in.position();
   const auto entry = Walk::read(in);
   if (!in.ok()) return refuseDamaged(call, resultSet);
@@ -206,8 +212,8 @@ int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& 
     TRACE_DEBUG(
         call.entryPoint,
         "API.%s Processing queryIndex=%d, elementResultIndex=%d. Resultset=%p, dataCursor=%p, %s=%d\n",
-        call.name, resultSet.queryIndex, resultSet.elementResultIndex, &resultSet, cursor, Walk::kLengthName,
-        entry.idLen);
+        call.name, resultSet.queryIndex, resultSet.elementResultIndex, &resultSet, cursor,
+        Walk::kLengthName, entry.idLen);
   }
   if (passEntry(resultSet)) showEndOfElement(call, resultSet.queryIndex, resultSet);
   TRACE_EVENT(call.takenPoint, "API.%s Successfully retrieved %s %s from resultset %p\n", call.name,
@@ -221,8 +227,8 @@ template <typename Walk>
 int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSetReader& in,
                  QueryHeader& header, typename Walk::Record& record) noexcept {
   if (call.negativePoint != 0) {
-    TRACE_EVENT(call.negativePoint, "API.%s(rsPtr=%p,%s=%p) Found negative queryElementRC(%d)\n", call.name,
-                &resultSet, Walk::kRecordName, &record, header.elementRC);
+    TRACE_EVENT(call.negativePoint, "API.%s(rsPtr=%p,%s=%p) Found negative queryElementRC(%d)\n",
+                call.name, &resultSet, Walk::kRecordName, &record, header.elementRC);
   }
   ++header.queryIndex;
   header.store(resultSet, 0);
@@ -246,21 +252,23 @@ int takeFromNextElement(const WalkCall& call, ResultSetToken& resultSet, ResultS
 }
 
 template <typename Walk>
-int startWalk(const WalkCall& call, ResultSetToken& resultSet, typename Walk::Record& record) noexcept {
+int startWalk(const WalkCall& call, ResultSetToken& resultSet,
+              typename Walk::Record& record) noexcept {
   memcpy(record.contentMarker, resultSet.head, kMarkerLength);
   ResultSetReader in(resultSet.head + kMarkerLength, resultSet.head);
   if (call.first && in.atEnd()) return ZEB_END_OF_RESULTS;
   QueryHeader header = {in.integer(), 1, nullptr, 0, 0, 0};
   if (!call.first) {
-    TRACE_DEBUG(call.noFirstPoint, "API.%s No %s() called on Resultset=%p. Datacursor=%p\n", call.name,
-                Walk::kFirst.name, &resultSet, in.position());
+    TRACE_DEBUG(call.noFirstPoint, "API.%s No %s() called on Resultset=%p. Datacursor=%p\n",
+                call.name, Walk::kFirst.name, &resultSet, in.position());
   }
   return takeFromNextElement<Walk>(call, resultSet, in, header, record);
 }
 
 // A step that starts a walk or goes on to another element.
 template <typename Walk>
-int stepAcross(const WalkCall& call, ResultSetToken& resultSet, typename Walk::Record& record) noexcept {
+int stepAcross(const WalkCall& call, ResultSetToken& resultSet,
+               typename Walk::Record& record) noexcept {
   if (call.first || resultSet.queryIndex == 0) return startWalk<Walk>(call, resultSet, record);
   ResultSetReader in(resultSet.next, resultSet.head);
   QueryHeader header = {resultSet.queryCount, resultSet.queryIndex, nullptr, 0, 0, 0};
@@ -279,15 +287,16 @@ int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* rec
   return takeEntry<Walk>(call, *rsPtr, in, nullptr, *record);
 }
 
-// Fast path: the next entry of the same element, nothing to trace, nothing wrong. It makes no calls, so that it
-// saves no register of its caller's, which is half of the time that walk takes. In any other case it changes
-// nothing and returns false.
+// Fast path: the next entry of the same element, nothing to trace, nothing wrong. It makes no
+// calls, so that it saves no register of its caller's, which is half of the time that walk takes.
+// In any other case it changes nothing and returns false.
 template <typename Walk>
 inline bool stepWithinElement(ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
   if (!isStarted() || traceLevel() >= kLevelEvent) return false;
   if (rsPtr == nullptr || record == nullptr || rsPtr->head == nullptr) return false;
   if (!hasContent(rsPtr->head, Walk::kMarker)) return false;
-  if (rsPtr->owner == kOwnerGateway && !isKnownCaller(rsPtr->owningPid, rsPtr->owningTid)) return false;
+  if (rsPtr->owner == kOwnerGateway && !isKnownCaller(rsPtr->owningPid, rsPtr->owningTid))
+    return false;
   if (rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0) return false;
   ResultSetReader in(rsPtr->next, rsPtr->head);
   if (in.atEnd()) return false;

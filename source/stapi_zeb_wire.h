@@ -41,7 +41,9 @@ class ByteReader {
   // Skips closing bytes that may be missing at the end of the input.
   void skipClosing(std::size_t count) noexcept { take(std::min(count, rest_.size())); }
   // The next byte, which stays there; 0 at the end.
-  [[nodiscard]] std::uint8_t peek() const noexcept { return rest_.empty() ? std::uint8_t{0} : rest_[0]; }
+  [[nodiscard]] std::uint8_t peek() const noexcept {
+    return rest_.empty() ? std::uint8_t{0} : rest_[0];
+  }
   [[nodiscard]] std::span<const std::uint8_t> rest() const noexcept { return rest_; }
 
  private:

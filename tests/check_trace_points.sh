@@ -5,8 +5,8 @@ set -euo pipefail
 export LC_ALL=C
 cd "$1"
 shared=' 1029 1034 3002 ' # two messages each, which those who read traces know by these numbers
-constants='kRetiredConnections' # that count something else, as "a|b"
-blocks='1(0[0-9]{2}|1[0-3][0-9]|14[0-2])|20([0-3][0-9]|4[0-4])|30(0[0-9]|1[0-7])|31(0[0-9]|1[0-4])|32[0-9]{2}|4[01][0-9]{2}|50[0-9]{2}|9999'
+constants='kRetiredConnections|kFullBlock' # that count something else, as "a|b"
+blocks='1(0[0-9]{2}|1[0-3][0-9]|14[0-2])|20([0-3][0-9]|4[0-4])|30(0[0-9]|1[0-8])|31(0[0-9]|1[0-4])|32[0-9]{2}|4[01][0-9]{2}|50[0-9]{2}|9999'
 failures=0
 
 complain() {
@@ -30,7 +30,7 @@ done < <(cut -d: -f3 <<<"$points" | sort | uniq -c)
 
 # One literal number for whatever function the message names.
 named=$(cat *.cpp *.h | tr '\n' ' ' |
-  grep -oP '\b(TRACE_\w+\(|ZEB_TRACE_IF\([^"]*"[A-Z*]+", )\s*\d{4},\s*"(API|stapi_zeb_\w+)\.%s' || true)
+  grep -oP '\b(TRACE_\w+\(|ZEB_TRACE\([^"]*"[A-Z*]+", )\s*\d{4},\s*"(API|stapi_zeb_\w+)\.%s' || true)
 while read -r line; do
   [ -z "$line" ] || complain "one number for the messages of several functions: $line"
 done <<<"$named"
