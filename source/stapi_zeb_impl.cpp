@@ -540,8 +540,10 @@ int endQuery(const QueryCall& call, GatewayToken* gwTok, int rc, ResultSetToken*
   }
   TRACE_EVENT(call.removalPoint, "API.%s Removing GatewayToken %p due to comms failure %d\n",
               call.name, gwTok, rc);
+  // Known before the removal, whose own wait for the gateway may time out.
+  const int queryRc = hasTimedOut() ? ZEB_TIMED_OUT : rc;
   removeHeldToken(gwTok);
-  return hasTimedOut() ? ZEB_TIMED_OUT : rc;
+  return queryRc;
 }
 
 }  // namespace
