@@ -72,7 +72,8 @@ void heapOfTextQuery(State& state, Goal goal) {
   Connection library(peer.port());
   report(state, goal, countHeapCalls([&] {
            ResultSetToken* answer = nullptr;
-           require(getStatsByStatId(library.token(), "VM_UPTIME", &answer) == ZEB_OK, "the query failed");
+           require(getStatsByStatId(library.token(), "VM_UPTIME", &answer) == ZEB_OK,
+                   "the query failed");
          }));
 }
 
@@ -131,8 +132,9 @@ void callsOfQuery(State& state, Goal goal) {
 }
 
 void callsOfWalk(State& state, Goal goal) {
-  countSystemCalls(state, goal, statsAnswer(kMany),
-                   [](Connection& library) { return [answer = library.query()] { walk(answer); }; });
+  countSystemCalls(state, goal, statsAnswer(kMany), [](Connection& library) {
+    return [answer = library.query()] { walk(answer); };
+  });
 }
 
 void callsOfIdQuery(State& state, Goal goal) {

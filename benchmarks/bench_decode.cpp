@@ -42,13 +42,16 @@ void largeQuery(State& state, Goal goal) {
   const BareQuery bare(peer.port(), decode.answer().bytes);
   state.counters["answer bytes"] = static_cast<double>(peer.replySize());
   measure(state, goal, 5,
-          {{"bare", [&] { bare(); }}, {"decoding", [&] { decode(); }}, {"call", [&] { library.query(); }}},
+          {{"bare", [&] { bare(); }},
+           {"decoding", [&] { decode(); }},
+           {"call", [&] { library.query(); }}},
           [](auto times) { return (times[2] - times[1]) / times[0]; });
 }
 
 void decodeMany(State& state, Goal goal) {
   Decoder decode(kMany);
-  measure(state, goal, 10, {{"bare", [&] { decode.answer().step(); }}, {"call", [&] { decode(); }}});
+  measure(state, goal, 10,
+          {{"bare", [&] { decode.answer().step(); }}, {"call", [&] { decode(); }}});
 }
 
 void decodingGrowth(State& state, Goal goal) {
@@ -68,20 +71,24 @@ void compareHiredis(State& state, Goal goal) {
   reply.append(std::to_string(2 * kMany)).append("\r\n");
   for (const auto& stat : makeStats(kMany)) {
     for (const Bytes& text : {stat.id, stat.value})
-      reply.append("$").append(std::to_string(text.size())).append("\r\n").append(text).append("\r\n");
+      reply.append("$")
+          .append(std::to_string(text.size()))
+          .append("\r\n")
+          .append(text)
+          .append("\r\n");
   }
   redisReader* reader = redisReaderCreate();
   Decoder decode(kMany);
   measure(state, goal, 5,
-          {{"library", [&] { decode(); }}, {"hiredis", [&] {
-                                              void* decoded = nullptr;
-                                              redisReaderFeed(reader, reply.data(), reply.size());
-                                              require(redisReaderGetReply(reader, &decoded) == REDIS_OK &&
-                                                          static_cast<redisReply*>(decoded)->elements ==
-                                                              2 * kMany,
-                                                      "hiredis failed");
-                                              freeReplyObject(decoded);
-                                            }}});
+          {{"library", [&] { decode(); }},
+           {"hiredis", [&] {
+              void* decoded = nullptr;
+              redisReaderFeed(reader, reply.data(), reply.size());
+              require(redisReaderGetReply(reader, &decoded) == REDIS_OK &&
+                          static_cast<redisReply*>(decoded)->elements == 2 * kMany,
+                      "hiredis failed");
+              freeReplyObject(decoded);
+            }}});
   redisReaderFree(reader);
 }
 #else
@@ -98,7 +105,8 @@ double runJava() {
   for (const auto& stat : makeStats(kMany)) pairs << stat.id << '\t' << stat.value << '\n';
   pairs.close();
   double nanoseconds = 0;
-  const std::string command = std::string("java -Xshare:auto " JAVA_SOURCE " ") + path + " 2>/dev/null";
+  const std::string command =
+      std::string("java -Xshare:auto " JAVA_SOURCE " ") + path + " 2>/dev/null";
   if (FILE* output = popen(command.c_str(), "r")) {
     if (fscanf(output, "%lf", &nanoseconds) != 1) nanoseconds = 0;
     pclose(output);

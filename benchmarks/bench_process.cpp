@@ -42,7 +42,8 @@ std::size_t countLines(const std::string& command) {
 void compareProcesses(benchmark::State& state, Goal goal) {
   const Peer peer(statsAnswer(kStatistics));
   const std::string port = std::to_string(peer.port());
-  require(countLines(BARE_PROGRAM " " + port) == kStatistics, "the bare program does not print them all");
+  require(countLines(BARE_PROGRAM " " + port) == kStatistics,
+          "the bare program does not print them all");
   require(countLines(ZEBSTAT_PROGRAM " stats --port " + port) >= kStatistics,
           "zebstat does not print them all");
   measure(state, goal, 1,

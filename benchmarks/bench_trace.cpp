@@ -19,7 +19,8 @@ constexpr std::size_t kMany = 1000;
 // One of the two, its names bound within itself.
 class Library {
  public:
-  explicit Library(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND)) {
+  explicit Library(const char* path)
+      : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND)) {
     require(handle_ != nullptr, path);
     find(open_, "openGatewayConnection");
     find(close_, "closeGatewayConnection");

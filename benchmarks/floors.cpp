@@ -29,7 +29,8 @@ std::size_t wireLength(const char* at) {
 WireAnswer::WireAnswer(std::size_t statistics)
     : count(statistics),
       bytes(statsAnswer(statistics)),
-      first(bytes.find(makeStats(1)[0].id) - 2 - 7) {}  // ahead of its length, its class, its block's head
+      first(bytes.find(makeStats(1)[0].id) - 2 - 7) {
+}  // ahead of its length, its class, its block's head
 
 void WireAnswer::step() const {
   benchmark::DoNotOptimize(stepOverLengths(bytes.data() + first, count));
@@ -77,7 +78,8 @@ std::size_t joinIds(const char* at, char* joined) {
 }
 
 char* firstEntry(char* buffer) {
-  return buffer + 12 + 4 + load<std::int32_t>(buffer + 12) + 8;  // behind the element, its code and its count
+  return buffer + 12 + 4 + load<std::int32_t>(buffer + 12) +
+         8;  // behind the element, its code and its count
 }
 
 }  // namespace zebbench

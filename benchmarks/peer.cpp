@@ -59,7 +59,8 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 zebsim::Stats makeStats(std::size_t count) {
-  constexpr std::size_t kShortest = 26;  // of id and value together, which makes a thousand of them 43 kB
+  constexpr std::size_t kShortest =
+      26;  // of id and value together, which makes a thousand of them 43 kB
   constexpr std::size_t kLongest = 40;
   const zebsim::GatewayModel model({.seed = 1, .scale = 1000});
   zebsim::Stats stats;
@@ -80,7 +81,8 @@ Bytes statsAnswer(std::size_t count) {
 Bytes idsAnswer(std::size_t count) {
   zebsim::Ids ids;
   for (auto& stat : makeStats(count)) ids.push_back(stat.id);
-  return zebsim::encodeAnswer({.isList = false, .responses = {{.query = "", .rc = 0, .items = ids}}});
+  return zebsim::encodeAnswer(
+      {.isList = false, .responses = {{.query = "", .rc = 0, .items = ids}}});
 }
 
 Peer::Peer(const Bytes& answer, int workers) {
@@ -95,7 +97,8 @@ Peer::Peer(const Bytes& answer, int workers) {
   listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = loopback(0);
   socklen_t size = sizeof address;
-  require(bind(listener_, reinterpret_cast<sockaddr*>(&address), size) == 0 && listen(listener_, 512) == 0 &&
+  require(bind(listener_, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+              listen(listener_, 512) == 0 &&
               getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) == 0,
           "can not listen on 127.0.0.1");
   port_ = ntohs(address.sin_port);
@@ -135,7 +138,8 @@ void Peer::serve(int connection) {
 const Bytes& Peer::chooseReply(const char* request) const {
   if (word(request + 8) != zebsim::kCallType) return replies_.hello;
   const std::size_t name = word(request + 20);
-  const std::uint32_t first = word(request + kFixedHeaderSize + name);  // the step, or the kind of the call
+  const std::uint32_t first =
+      word(request + kFixedHeaderSize + name);  // the step, or the kind of the call
   if (std::memcmp(request + kNameOffset, zebsim::kAuthName.data(), name) == 0) {
     return first == 0 ? replies_.firstStep : replies_.secondStep;
   }
@@ -174,7 +178,8 @@ int connectBare(std::uint16_t port) {
 
 void exchangeBare(int connection, const Bytes& request, std::size_t replySize) {
   static char room[kRequestRoom * 4];
-  require(send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0, "a bare client can not send");
+  require(send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0,
+          "a bare client can not send");
   for (std::size_t got = 0; got < replySize;) {
     const ssize_t received = recv(connection, room + got, replySize - got, 0);
     require(received > 0, "a bare client can not receive");

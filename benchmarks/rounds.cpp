@@ -67,7 +67,8 @@ double Rounds::spread(const Value& value) const {
 
 Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
   for (const Step& step : steps) nanoseconds(step, batch);  // warms up
-  Rounds result = {std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds)))};
+  Rounds result = {
+      std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds)))};
   for (int round = 0; round < rounds; ++round) {
     for (std::size_t i = 0; i < steps.size(); ++i) {
       const std::size_t at = round % 2 == 0 ? i : steps.size() - 1 - i;
@@ -111,7 +112,8 @@ void require(bool holds, const char* what) {
 
 void pinToOneCore() {
   cpu_set_t cores;
-  require(sched_getaffinity(0, sizeof cores, &cores) == 0, "can not read the cores of this process");
+  require(sched_getaffinity(0, sizeof cores, &cores) == 0,
+          "can not read the cores of this process");
   int core = CPU_SETSIZE - 1;
   while (!CPU_ISSET(core, &cores)) --core;
   CPU_ZERO(&cores);

@@ -540,7 +540,8 @@ int enterToken(GatewayToken* token) noexcept {
   return verifyToken(token, token);
 }
 
-bool leaveToken(GatewayToken* token) noexcept {
+// Not inlined, or g++ 12 warns that the token might have been freed before.
+[[gnu::noinline]] bool leaveToken(GatewayToken* token) noexcept {
   const std::uint32_t before = holdsOf(*token).fetch_sub(1);
   if ((before & kRemoved) == 0) return true;
   if (before == kRemoved + 1) deleteToken(&token, 0, destroyLeftToken);
@@ -548,8 +549,7 @@ bool leaveToken(GatewayToken* token) noexcept {
 }
 
 void removeHeldToken(GatewayToken* token) noexcept {
-  GatewayToken* removed = token;
-  if (deleteGatewayToken(&removed, 1) != 0)
+  if (deleteGatewayToken(&token, 1) != 0)
     leaveToken(token);  // another thread has removed it already
 }
 

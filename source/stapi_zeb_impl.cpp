@@ -6,6 +6,7 @@
 #include <stdlib.h>
 
 #include <cstring>
+#include <optional>
 
 #include "stapi_zeb_codes.h"
 #include "stapi_zeb_diag.h"
@@ -100,17 +101,24 @@ void continueChild() noexcept {
 }
 
 // What every public call leaves as it was: errno, and a thread that is cancelled only after the
-// call.
+// call. If the call traces, it holds the signals of failing writes once for all its lines.
 class PublicCall {
  public:
-  PublicCall() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
-  ~PublicCall() { pthread_setcancelstate(cancelState_, nullptr); }
+  PublicCall() noexcept {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_);
+    if (traceLevel() > 0) signals_.emplace();
+  }
+  ~PublicCall() {
+    signals_.reset();
+    pthread_setcancelstate(cancelState_, nullptr);
+  }
   PublicCall(const PublicCall&) = delete;
   PublicCall& operator=(const PublicCall&) = delete;
 
  private:
   const ErrnoKeeper errnoKeeper_;
   int cancelState_ = PTHREAD_CANCEL_ENABLE;
+  std::optional<HeldWriteSignals> signals_;
 };
 
 // A public call that waits for a gateway.

@@ -39,6 +39,8 @@ void putBackHostDisposition() noexcept {
     sigaction(SIGPIPE, &found, nullptr);  // the host's newer one
 }
 
+constinit thread_local HeldWriteSignals* outermost = nullptr;
+
 }  // namespace
 
 IgnoredSigpipe::IgnoredSigpipe() noexcept {
@@ -55,7 +57,9 @@ IgnoredSigpipe::~IgnoredSigpipe() {
   errno = error;
 }
 
-HeldWriteSignals::HeldWriteSignals() noexcept : blockedBefore_{}, pendingBefore_{} {
+HeldWriteSignals::HeldWriteSignals() noexcept : isOutermost_(outermost == nullptr) {
+  if (!isOutermost_) return;
+  outermost = this;
   sigset_t held;
   sigemptyset(&held);
   sigaddset(&held, SIGPIPE);
@@ -67,12 +71,14 @@ HeldWriteSignals::HeldWriteSignals() noexcept : blockedBefore_{}, pendingBefore_
 }
 
 HeldWriteSignals::~HeldWriteSignals() {
+  if (!isOutermost_) return;
+  outermost = nullptr;
   pthread_sigmask(SIG_SETMASK, &blockedBefore_, nullptr);
 }
 
 void HeldWriteSignals::takeSignalOf(int error) noexcept {
   const int signal = error == EPIPE ? SIGPIPE : error == EFBIG ? SIGXFSZ : 0;
-  if (signal == 0 || sigismember(&pendingBefore_, signal) == 1) return;
+  if (signal == 0 || sigismember(&outermost->pendingBefore_, signal) == 1) return;
   sigset_t taken;
   sigemptyset(&taken);
   sigaddset(&taken, signal);

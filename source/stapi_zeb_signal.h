@@ -19,6 +19,7 @@ class IgnoredSigpipe {
 
 // Holds off the signals that a failing write sends to its thread, SIGPIPE and SIGXFSZ. The host's
 // dispositions stay as they are.
+// One object within another of the same thread costs nothing: the outermost holds the signals.
 class HeldWriteSignals {
  public:
   HeldWriteSignals() noexcept;
@@ -31,6 +32,7 @@ class HeldWriteSignals {
   void takeSignalOf(int error) noexcept;
 
  private:
+  bool isOutermost_;
   sigset_t blockedBefore_;
   sigset_t pendingBefore_;
 };
