@@ -170,8 +170,7 @@ typedef struct IdData {
  *   port              the gateway's statistics port, 1 to 65535
  *   gwTokPtr          receives the connection; release it with closeGatewayConnection()
  *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it
- *                     with free(). May be null on success: no memory for the copy, or the
- *                     connection was closed meanwhile.
+ *                     with free(). May be null on success, if there was no memory for the copy.
  *
  * The calling thread becomes the owner of the connection. The call connects, authorises and asks
  * for the protocol version, and waits for the gateway; see "Time".

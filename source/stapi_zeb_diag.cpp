@@ -133,11 +133,22 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
-// The trace's own files do not block, but standard error may be a pipe whose reader sleeps.
-bool takesOutput(FILE* stream) noexcept {
-  if (stream != stderr) return true;
-  pollfd waited = {fileno(stream), POLLOUT, 0};
-  return poll(&waited, 1, 0) != 0;
+// The trace's own files do not block, but standard error may be a pipe whose reader sleeps. It is
+// written without its stream, which may hold output of the host's, and whose lock a thread of the
+// host may hold while it is blocked.
+bool writeToStandardError(const char* text, std::size_t length) noexcept {
+  const int descriptor = fileno(stderr);
+  pollfd waited = {descriptor, POLLOUT, 0};
+  if (poll(&waited, 1, 0) <= 0) return false;
+  return write(descriptor, text, length) == static_cast<ssize_t>(length);
+}
+
+bool writeToFile(FILE* stream, const char* text, std::size_t length) noexcept {
+  if (fwrite(text, 1, length, stream) == length && fflush(stream) == 0) return true;
+  const ErrnoKeeper keeper;
+  __fpurge(stream);  // or it would be written at some later time
+  clearerr(stream);
+  return false;
 }
 
 // The caller holds streamMutex. Writes in pieces that a pipe takes as a whole; once a piece is
@@ -147,11 +158,11 @@ void writeToStream(const char* text, std::size_t length) noexcept {
   HeldWriteSignals signals;
   while (length > 0) {
     const std::size_t piece = std::min<std::size_t>(length, PIPE_BUF);
-    if (!takesOutput(stream)) return;
-    if (fwrite(text, 1, piece, stream) != piece || fflush(stream) != 0) {
+    errno = 0;
+    const bool isWritten =
+        stream == stderr ? writeToStandardError(text, piece) : writeToFile(stream, text, piece);
+    if (!isWritten) {
       signals.takeSignalOf(errno);
-      __fpurge(stream);  // or it would be written at some later time
-      clearerr(stream);
       return;
     }
     text += piece;
@@ -203,7 +214,7 @@ char* putPrefix(char* at, const Prefix& prefix) noexcept {
   at = putText(at, prefix.stamp);
   at = putHex(putText(at, " [0x"), prefix.pid);
   at = putHex(putText(at, ",0x"), prefix.tid);
-  at = putDigits(putText(at, "] ["), prefix.point, prefix.point > 9999 ? 5 : 4, ']');
+  at = putDigits(putText(at, "] ["), prefix.point, prefix.point < 10000 ? 4 : 5, ']');
   *at++ = ' ';
   const std::string_view word = prefix.word;
   at = putText(at, word);
@@ -441,8 +452,13 @@ int dumpStorage(const TracedStorage& storage) noexcept {
 
 void writeStateLine() noexcept {
   const ErrnoKeeper keeper;
+  char name[kTraceFilenameSize];
+  {
+    const MutexGuard guard(streamMutex);  // the name changes under it
+    strcpy(name, traceFilename());
+  }
   writeRaw("zebstats state dump: API Version=%s Trace Level=%d statAPITraceFile=%s\n", kApiVersion,
-           traceLevel(), traceFilename());
+           traceLevel(), name);
 }
 
 void changeTraceLevel(int level) noexcept {
@@ -456,6 +472,7 @@ void changeTraceLevel(int level) noexcept {
 TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const LockGuard guard(traceLock);
   TraceSwitch result = {false, 0};
+  if (statAPITraceFilename == nullptr) return {false, ENOMEM};  // the library has been unloaded
   FILE* opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
   const bool isThereAlready =
       traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
@@ -487,13 +504,11 @@ void unlockTraceAfterFork() noexcept {
   if (isTraceLockedForFork) unlockAfterFork(traceLock);
 }
 
-namespace {
-
-// The destructor also runs at the end of the process, when other threads may still write: then
-// nothing is freed.
-[[gnu::destructor]] void releaseTrace() noexcept {
-  if (traceLock.state == 0 || pthread_mutex_trylock(&traceLock.mutex) != 0) return;
-  if (pthread_mutex_trylock(&streamMutex) == 0) {
+bool releaseTrace() noexcept {
+  if (isLockInitialized(&traceLock) == 0 || pthread_mutex_trylock(&traceLock.mutex) != 0)
+    return false;
+  const bool isFree = pthread_mutex_trylock(&streamMutex) == 0;
+  if (isFree) {
     setTraceLevel(0);
     closeTraceFile();
     statAPITraceHandle = nullptr;
@@ -501,9 +516,9 @@ namespace {
     pthread_mutex_unlock(&streamMutex);
   }
   pthread_mutex_unlock(&traceLock.mutex);
+  return isFree;
 }
 
-}  // namespace
 }  // namespace zeb
 
 using namespace zeb;

@@ -155,6 +155,10 @@ struct TraceSwitch {
 // Makes a file the destination, or standard error if traceFile is null.
 TraceSwitch switchTraceFile(const char* traceFile) noexcept;
 
+// Ends the trace when the library is unloaded or the process ends. Returns false, having done
+// nothing, if a thread is writing.
+bool releaseTrace() noexcept;
+
 // For a fork: no other thread writes between the two.
 void lockTraceForFork() noexcept;
 void unlockTraceAfterFork() noexcept;

@@ -174,15 +174,15 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
   return authorizeConnection(socketDescriptor, &failure);
 }
 
-// A thread that cancels the call sets the flag before it shuts the socket down, which has no effect
-// before the connect has begun. It also gives the socket a send timeout, so that a blocking connect
-// ends at once.
+// A thread that cancels the call sets the flag before it shuts the socket down, which does not end
+// a connect that begins only then; so it also gives the socket a send timeout, which does.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
   int result =
       isCancelled() ? -1 : connect(*socketDescriptorPtr, address.ai_addr, address.ai_addrlen);
   error = errno;
-  if (result == -1 && isCancelled()) {
+  if (isCancelled()) {
+    result = -1;
     error = ECANCELED;
   } else if (result == -1 && error == EINPROGRESS) {
     TRACE_DEBUG(9999, "stapi_zeb_gwycon.connectToGateway Waiting for connect to complete\n");

@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_gwycon.h"
@@ -163,6 +164,14 @@ void deleteTokenResultSet(GatewayToken& token) noexcept {
     TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
 }
 
+// Frees what a token that was never listed owns. No deletion has been traced, so its lines are not
+// either.
+void discardBuffers(GatewayToken& token) noexcept {
+  deleteResultSet(&token.connRSToken);
+  free(token.resultSetBuf);
+  free(token.protocolVersion);
+}
+
 // Frees all that the token owns, not the token.
 void releaseToken(GatewayToken& token) noexcept {
   deleteTokenResultSet(token);
@@ -198,23 +207,23 @@ void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
   if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
 }
 
-void freeToken(GatewayToken** gwTokPtr) noexcept {
+// gwTokPtr is the caller's variable, which is only printed.
+void freeToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n",
-              gwTokPtr, *gwTokPtr);
-  if ((*gwTokPtr)->handedOut) {
-    retire(*gwTokPtr);
+              gwTokPtr, token);
+  if (token->handedOut) {
+    retire(token);
   } else {
-    free(*gwTokPtr);
+    free(token);
   }
-  *gwTokPtr = nullptr;
   TRACE_DEBUG(2021, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Freed gateway token(%p) \n",
-              gwTokPtr, *gwTokPtr);
+              gwTokPtr, static_cast<void*>(nullptr));
 }
 
-void destroyToken(GatewayToken** gwTokPtr) noexcept {
-  closeSocket(**gwTokPtr);
-  releaseToken(**gwTokPtr);
-  freeToken(gwTokPtr);
+void destroyToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
+  closeSocket(*token);
+  releaseToken(*token);
+  freeToken(gwTokPtr, token);
 }
 
 // Wakes the call that uses the token. A socket that has not begun to connect cannot be shut down
@@ -243,41 +252,41 @@ void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
 }
 
 // Does what is left of a deletion. A forked child knows no other thread that could still use its
-// copy.
-void endRemoval(GatewayToken** gwTokPtr) noexcept {
-  GatewayToken& token = **gwTokPtr;
-  const bool isParents = token.owningPid != currentPid();
-  if (holdsOf(token).fetch_sub(1) == kRemoved + 1 || isParents) {
-    destroyToken(gwTokPtr);
-  } else {
-    *gwTokPtr = nullptr;  // the call that uses it frees it
-  }
+// copy. If a call is using the token, that call frees it.
+void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
+  const bool isParents = token->owningPid != currentPid();
+  if (holdsOf(*token).fetch_sub(1) == kRemoved + 1 || isParents) destroyToken(gwTokPtr, token);
 }
 
+// The caller's variable is set to null while the token is still known to be what it holds: the
+// owner may open another connection into it during the close.
 int removeListedToken(GatewayToken** gwTokPtr) noexcept {
+  GatewayToken* const token = *gwTokPtr;
   {
     const LockGuard guard(gtlLock);
     GatewayToken* parent = nullptr;
-    if (findGatewayToken(*gwTokPtr, &parent) != kTokenFound) return ZEB_TOKEN_UNKNOWN;
-    beginRemoval(**gwTokPtr, parent);
+    if (findGatewayToken(token, &parent) != kTokenFound) return ZEB_TOKEN_UNKNOWN;
+    beginRemoval(*token, parent);
+    *gwTokPtr = nullptr;
   }
-  endRemoval(gwTokPtr);
+  endRemoval(gwTokPtr, token);
   return 0;
 }
 
 int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
-  beginRemoval(**gwTokPtr, nullptr);
-  endRemoval(gwTokPtr);
+  GatewayToken* const token = std::exchange(*gwTokPtr, nullptr);
+  beginRemoval(*token, nullptr);
+  endRemoval(gwTokPtr, token);
   return 0;
 }
 
 int removeUnlistedToken(GatewayToken** gwTokPtr) noexcept {
-  endRemoval(gwTokPtr);
+  endRemoval(gwTokPtr, *gwTokPtr);
   return 0;
 }
 
 int destroyLeftToken(GatewayToken** gwTokPtr) noexcept {
-  destroyToken(gwTokPtr);
+  destroyToken(gwTokPtr, *gwTokPtr);
   return 0;
 }
 
@@ -417,7 +426,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   if (token->resultSetBuf == nullptr) {
     TRACE_EXC(2028, "stapi_zeb_gwytok.createGatewayToken Failed to allocate %d bytes.\n",
               bufferSize);
-    releaseToken(*token);
+    discardBuffers(*token);
     return ZEB_NO_MEMORY;
   }
   sealBuffer(token->resultSetBuf);
@@ -439,14 +448,16 @@ void showNewToken(GatewayToken** gwTokPtr, const GatewayToken& token) noexcept {
   TRACE_EVENT(2030, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p) %s\n", gwTokPtr, text);
 }
 
-int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
+// gwTokPtr is only printed.
+int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port,
+               GatewayToken*& newToken) noexcept {
   if (gwTokPtr == nullptr) return ZEB_TOKEN_POINTER_NULL;
   Block<GatewayToken> made;
   int rc = allocateToken(made, port);
   if (rc != 0) return rc;
   rc = chainGatewayToken(made.get());
   if (rc != 0) {
-    releaseToken(*made);
+    discardBuffers(*made);
     return rc;
   }
   GatewayToken* const token = made.release();
@@ -457,7 +468,7 @@ int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept
   }
   token->handedOut = token->connRSToken->handedOut = true;
   showNewToken(gwTokPtr, *token);
-  *gwTokPtr = token;
+  newToken = token;
   return 0;
 }
 
@@ -528,9 +539,10 @@ int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept
   return rc;
 }
 
-int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
+int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port,
+                    GatewayToken*& newToken) noexcept {
   TRACE_ENTRY(2023, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d)\n", gwTokPtr, port);
-  const int rc = buildToken(gwTokPtr, hostname, port);
+  const int rc = buildToken(gwTokPtr, hostname, port, newToken);
   TRACE_EXIT(2024, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", gwTokPtr,
              port, rc);
   return rc;
@@ -613,9 +625,12 @@ int dumpGatewayTokens(void) noexcept {
 }
 
 int createGatewayToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept {
-  const int rc = createHeldToken(gwTokPtr, hostname, port);
-  if (rc == 0) leaveToken(*gwTokPtr);
-  return rc;
+  GatewayToken* token = nullptr;
+  const int rc = createHeldToken(gwTokPtr, hostname, port, token);
+  if (rc != 0) return rc;
+  if (!leaveToken(token)) return ZEB_TOKEN_UNKNOWN;
+  *gwTokPtr = token;
+  return 0;
 }
 
 int verifyGatewayToken(const GatewayToken* gwTokPtr) noexcept {

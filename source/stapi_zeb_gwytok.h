@@ -41,8 +41,10 @@ int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept
 // connection meanwhile. Only the thread that owns the connection gets one, and every hold ends with
 // leaveToken.
 
-// createGatewayToken, but the new token comes with a hold. Returns its codes.
-int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port) noexcept;
+// createGatewayToken, but the new token comes with a hold, and in newToken; gwTokPtr is only
+// traced. Returns the same codes.
+int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port,
+                    GatewayToken*& newToken) noexcept;
 
 // verifyGatewayToken, and a hold if that returns 0.
 int enterToken(GatewayToken* token) noexcept;

@@ -95,29 +95,39 @@ void continueChild() noexcept {
   releaseOtherLocks();
 }
 
+// The end of the process also runs this, when other threads may still be inside a call.
+[[gnu::destructor]] void unload() noexcept {
+  if (releaseTrace()) freeRetired();
+}
+
 // The C library forgets the handlers when the library is unloaded.
 [[gnu::constructor]] void registerForkHandlers() noexcept {
   pthread_atfork(prepareFork, continueParent, continueChild);
 }
 
 // What every public call leaves as it was: errno, and a thread that is cancelled only after the
-// call. If the call traces, it holds the signals of failing writes once for all its lines.
+// call.
 class PublicCall {
  public:
-  PublicCall() noexcept {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_);
-    if (traceLevel() > 0) signals_.emplace();
-  }
-  ~PublicCall() {
-    signals_.reset();
-    pthread_setcancelstate(cancelState_, nullptr);
-  }
+  PublicCall() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
+  ~PublicCall() { pthread_setcancelstate(cancelState_, nullptr); }
   PublicCall(const PublicCall&) = delete;
   PublicCall& operator=(const PublicCall&) = delete;
 
  private:
   const ErrnoKeeper errnoKeeper_;
   int cancelState_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// A public call that waits for nobody. If it traces, it holds the signals of failing writes once
+// for all its lines.
+class LocalCall : PublicCall {
+ public:
+  LocalCall() noexcept {
+    if (traceLevel() > 0) signals_.emplace();
+  }
+
+ private:
   std::optional<HeldWriteSignals> signals_;
 };
 
@@ -139,7 +149,7 @@ using namespace zeb;
 // ---- Library and trace --------------------------------------------------------------------------
 
 int getStatsAPIVersion(char** apiVersPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1001, "API.getStatsAPIVersion(&apiVersPtr=%p)\n", apiVersPtr);
   if (rc == 0 && apiVersPtr == nullptr) {
@@ -153,7 +163,7 @@ int getStatsAPIVersion(char** apiVersPtr) noexcept {
 }
 
 int getAPITraceLevel(int* traceStatePtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1004, "API.getAPITraceLevel(traceStatePtr=%p)\n", traceStatePtr);
   if (rc == 0 && traceStatePtr == nullptr) {
@@ -178,7 +188,7 @@ int applyTraceLevel(int level) noexcept {
 }  // namespace
 
 int setAPITraceLevel(int traceState) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1007, "API.setAPITraceLevel(traceState=%d) current trace level=%d\n", traceState,
               traceLevel());
@@ -211,7 +221,7 @@ int applyTraceFile(const char* traceFile) noexcept {
 }  // namespace
 
 int setAPITraceFile(const char* traceFile) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1010, "API.setAPITraceFile(traceFile=%p) current trace destination=%s\n", traceFile,
               traceFilename());
@@ -222,7 +232,7 @@ int setAPITraceFile(const char* traceFile) noexcept {
 }
 
 int setAPITimeout(int milliseconds) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1017, "API.setAPITimeout(milliseconds=%d) current timeout=%d\n", milliseconds,
               getTimeout());
@@ -238,7 +248,7 @@ int setAPITimeout(int milliseconds) noexcept {
 }
 
 int getAPITimeout(int* millisecondsPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1031, "API.getAPITimeout(millisecondsPtr=%p)\n", millisecondsPtr);
   if (rc == 0 && millisecondsPtr == nullptr) {
@@ -252,7 +262,7 @@ int getAPITimeout(int* millisecondsPtr) noexcept {
 }
 
 const char* getAPICodeText(int code) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   stapiInit();
   TRACE_ENTRY(1043, "API.getAPICodeText(code=%d)\n", code);
   const char* const text = codeText(code);
@@ -261,7 +271,7 @@ const char* getAPICodeText(int code) noexcept {
 }
 
 int dumpState(void) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   const int rc = stapiInit();
   TRACE_ENTRY(1015, "API.dumpState()\n");
   if (rc == 0) {
@@ -379,16 +389,22 @@ void handOutProtocolVersion(const GatewayToken& token, char** protoColVersion) n
 int openToken(const char* hostname, int port, GatewayToken** gwTokPtr,
               char** protoColVersion) noexcept {
   int rc = checkOpenArguments(hostname, port, gwTokPtr, protoColVersion);
-  if (rc == 0) rc = createHeldToken(gwTokPtr, hostname, port);
+  GatewayToken* token = nullptr;
+  if (rc == 0) rc = createHeldToken(gwTokPtr, hostname, port, token);
   if (rc == ZEB_TOKEN_LIST_CORRUPT) {
     TRACE_EXC(1045, "API.openRemoteGatewayConnection() No room in the list of %d connections\n",
               kRunawayLimit);
   }
   if (rc != 0) return rc;
-  GatewayToken* const token = *gwTokPtr;
+  char* const before = *protoColVersion;
   handOutProtocolVersion(*token, protoColVersion);
-  leaveToken(token);
-  return 0;
+  if (leaveToken(token)) {
+    *gwTokPtr = token;
+    return 0;
+  }
+  if (*protoColVersion != before) free(*protoColVersion);
+  *protoColVersion = before;
+  return ZEB_TOKEN_UNKNOWN;
 }
 
 }  // namespace
@@ -679,7 +695,7 @@ int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
 // ---- Walking an answer --------------------------------------------------------------------------
 
 int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1080, "API.getFirstStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr, statDataPtr);
   if (rc == 0) rc = walk<StatWalk>(StatWalk::kFirst, rsPtr, statDataPtr);
@@ -689,7 +705,7 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 
 namespace {
 [[gnu::noinline]] int goToNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1082, "API.getNextStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr, statDataPtr);
   if (rc == 0) rc = walk<StatWalk>(StatWalk::kNext, rsPtr, statDataPtr);
@@ -704,7 +720,7 @@ int getNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 }
 
 int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1084, "API.getFirstId(rsPtr=%p,idDataPtr=%p)\n", rsPtr, idDataPtr);
   if (rc == 0) rc = walk<IdWalk>(IdWalk::kFirst, rsPtr, idDataPtr);
@@ -714,7 +730,7 @@ int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
 
 namespace {
 [[gnu::noinline]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1086, "API.getNextId(rsPtr=%p,idDataPtr=%p)\n", rsPtr, idDataPtr);
   if (rc == 0) rc = walk<IdWalk>(IdWalk::kNext, rsPtr, idDataPtr);
@@ -801,7 +817,7 @@ int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr
 }  // namespace zeb
 
 int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1090, "API.copyResultSet(srcRs=%p,&tarRsPtr=%p)\n", srcRsPtr, tarRsPtr);
   if (rc == 0) rc = copyToNewResultSet(srcRsPtr, tarRsPtr);
@@ -850,7 +866,7 @@ int freeCopy(ResultSetToken** rsPtr) noexcept {
 }  // namespace
 
 int freeResultSet(ResultSetToken** rsPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1092, "API.freeResultSet(&rsPtr=%p)\n", rsPtr);
   if (rc == 0) rc = freeCopy(rsPtr);
@@ -873,7 +889,7 @@ int dumpContent(const ResultSetToken* rsPtr) noexcept {
 }  // namespace
 
 int dumpResultSet(ResultSetToken* rsPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1094, "API.dumpResultSet(rsPtr=%p)\n", rsPtr);
   if (rc == 0) rc = dumpContent(rsPtr);
@@ -932,7 +948,7 @@ int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCoun
 }  // namespace
 
 int getIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr) noexcept {
-  const PublicCall call;
+  const LocalCall call;
   int rc = stapiInit();
   int goodIdCount = 0;
   TRACE_ENTRY(1096, "API.getIdQuery(rsPtr=%p,&idQueryString=%p)\n", rsPtr, idQueryStringPtr);

@@ -16,7 +16,7 @@ std::atomic<std::uint32_t> retiredCount{0};
 
 }  // namespace
 
-[[gnu::destructor]] void freeRetired() noexcept {
+void freeRetired() noexcept {
   for (std::atomic<void*>& slot : retired) free(slot.exchange(nullptr));
 }
 

@@ -32,7 +32,7 @@ constexpr std::size_t kRetiredConnections = 1024;
 // records are retired for each connection.
 void retire(void* record) noexcept;
 
-// Frees all retired records, as the unloading of the library does: nobody has a handle any more.
+// Frees all retired records when the library is unloaded: nobody has a handle any more.
 void freeRetired() noexcept;
 
 // Holds a mutex for a scope. If it cannot be locked, the work is done without it and nothing is

@@ -30,7 +30,10 @@ void ignoreSigpipe() noexcept {
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
   ignore.sa_flags = kOwnFlags;
-  if (sigaction(SIGPIPE, &ignore, &hostDisposition) != 0) hostDisposition = ignore;
+  struct sigaction found = {};
+  // A host that puts back what it found during an earlier send puts back ours: it is not the
+  // host's.
+  if (sigaction(SIGPIPE, &ignore, &found) == 0 && !isOwn(found)) hostDisposition = found;
 }
 
 void putBackHostDisposition() noexcept {

@@ -444,8 +444,8 @@ int exchangeRequest(const Request& request, int socketDesc, RequestHeader& heade
   ByteWriter out = dataWriter(header, data.get());
   write(out);
   out.zeroRest();
-  int rc = out.ok() ? flowBlock(socketDesc, size, data, header, reasons)
-                    : refuseOverlongRequest(request, size);
+  if (!out.ok()) return refuseOverlongRequest(request, size);
+  int rc = flowBlock(socketDesc, size, data, header, reasons);
   bool isBroken = isOutOfStep(rc, *reasons);
   if (rc == 0) {
     rc = decode(replyReader(header, data.get(), size));

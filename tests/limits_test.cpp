@@ -450,6 +450,20 @@ void expectStale(GatewayToken* token, ResultSetToken* answer) {
   for (const int& code : codes) EXPECT_EQ(code, ZEB_NO_RESULT_SET_BUFFER) << &code - codes;
 }
 
+TEST_F(Handles, mayBeOpenedAnewInAVariableThatIsStillBeingClosed) {
+  const ScriptedGateway slow(Script(kOpened).expect().silence());
+  zebsim::GatewayServer server;
+  GatewayToken* token = nullptr;
+  EXPECT_EQ(setAPITimeout(kLimit), 0);
+  ASSERT_EQ(openOn(slow.port(), &token), 0);
+  std::thread closer([&] { EXPECT_EQ(closeGatewayConnection(&token), 0); });
+  slow.awaitSilence();
+  EXPECT_EQ(openOn(server.port(), &token), 0);
+  closer.join();
+  EXPECT_EQ(query(token), 0);
+  EXPECT_EQ(closeGatewayConnection(&token), 0);
+}
+
 TEST_F(Handles, ofEndedConnectionsAreRefusedThroughAThousandMore) {
   GatewayServer server;
   for (const bool lost : {false, true}) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <deque>
 #include <map>
 #include <regex>
 #include <set>
@@ -141,7 +142,11 @@ TEST(Deletion, tracesItsLinesBetweenItsEntryAndItsExit) {
   alarm(20);
   const ScriptedGateway slow(Script().expect().silence());
   zebsim::GatewayServer server;
+  std::deque<Connection> all;
+  while (all.size() < kRunawayLimit) all.emplace_back(server.port());
   const TraceCapture trace(4);
+  EXPECT_EQ(Connection(server.port()).rc, ZEB_TOKEN_LIST_CORRUPT);
+  all.clear();
   EXPECT_EQ(Connection(server.port()).rc, 0);
   Connection(ScriptedGateway(Script().answerConnect().answer(zebsim::reply("Admin", "", 5))).port());
   std::thread closer([&] {
