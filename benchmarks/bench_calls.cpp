@@ -31,6 +31,18 @@ void smallQuery(State& state, Goal goal) {
   measure(state, goal, 10, {{"bare", [&] { bare(); }}, {"call", [&] { library.query(); }}});
 }
 
+void limitedQuery(State& state, Goal goal) {
+  Peer peer(statsAnswer(kSmall));
+  Connection library(peer.port());
+  const auto query = [&](int milliseconds) {
+    setAPITimeout(milliseconds);
+    library.query();
+    setAPITimeout(0);
+  };
+  measure(state, goal, 10,
+          {{"without a limit", [&] { query(0); }}, {"with one", [&] { query(60000); }}});
+}
+
 // ---- Walks ---------------------------------------------------------------------------------------------------
 
 void requireEntries(ResultSetToken* answer, std::size_t count) {
@@ -229,6 +241,7 @@ int main(int argc, char** argv) {
   pinToOneCore();
   addRow("P1 getStats, small answer / the same four bare sends and receives", {1.18, 1.12},
          smallQuery);
+  addRow("P17 getStats with a time limit / without one", {1.05, 0}, limitedQuery);
   addRow("P4 walk of a connection's own 1,000 statistics / bare pointer loop", {1.9, 1.5}, walkOwn);
   addRow("P5 walk of a copy / bare pointer loop", {1.7, 1.4}, walkCopy);
   addRow("P6 query, decoding and walk of 1,000 / sum of the floors", {1.35, 1.20}, wholeCycle);

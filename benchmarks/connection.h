@@ -43,7 +43,8 @@ class Connection {
 inline int walk(ResultSetToken* answer) {
   StatData stat;
   int entries = 0;
-  for (int rc = getFirstStat(answer, &stat); rc == ZEB_OK; rc = getNextStat(answer, &stat)) ++entries;
+  for (int rc = getFirstStat(answer, &stat); rc == ZEB_OK; rc = getNextStat(answer, &stat))
+    ++entries;
   return entries;
 }
 

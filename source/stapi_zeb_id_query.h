@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "stapi_zeb_resultsetbuffer.h"
 #include "stapi_zeb_walk.h"
 
 namespace zeb {
@@ -17,7 +18,7 @@ class QueryString {
   [[nodiscard]] std::size_t length() const noexcept { return length_; }
   bool append(std::string_view text) noexcept {
     if (text.size() >= kQueryStringSize - length_) return false;
-    if (!text.empty()) memcpy(text_ + length_, text.data(), text.size());
+    copyBytes(text_ + length_, text.data(), text.size());
     length_ += text.size();
     return true;
   }
@@ -25,7 +26,7 @@ class QueryString {
   bool appendNext(std::string_view id) noexcept {
     if (id.size() + 1 >= kQueryStringSize - length_) return false;
     text_[length_] = ':';
-    if (!id.empty()) memcpy(text_ + length_ + 1, id.data(), id.size());
+    copyBytes(text_ + length_ + 1, id.data(), id.size());
     length_ += id.size() + 1;
     return true;
   }

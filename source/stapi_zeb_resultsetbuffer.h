@@ -65,6 +65,35 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
+// memcpy, inlined for the short texts that ids and values are: calling it takes twice the time of the
+// copy. Two pieces of a fixed size, which may overlap, cover any length between theirs and twice that.
+inline void copyBytes(char* to, const void* from, std::size_t length) noexcept {
+  const auto copyEnds = [&](auto piece) {
+    constexpr std::size_t kSize = sizeof piece;
+    const char* const text = static_cast<const char*>(from);
+    auto last = piece;
+    memcpy(&piece, text, kSize);
+    memcpy(&last, text + length - kSize, kSize);
+    memcpy(to, &piece, kSize);
+    memcpy(to + length - kSize, &last, kSize);
+  };
+  struct Sixteen {
+    std::uint64_t words[2];
+  };
+  if (length > 32) {
+    memcpy(to, from, length);
+  } else if (length >= 16) {
+    copyEnds(Sixteen{});
+  } else if (length >= 8) {
+    copyEnds(std::uint64_t{});
+  } else if (length >= 4) {
+    copyEnds(std::uint32_t{});
+  } else if (length > 0) {
+    to[0] = *static_cast<const char*>(from);
+    if (length > 1) memcpy(to + length - 2, static_cast<const char*>(from) + length - 2, 2);
+  }
+}
+
 // Makes a new buffer empty and writes its final terminator, which no content reaches.
 void sealBuffer(char* buffer) noexcept;
 
@@ -105,13 +134,21 @@ class ResultSetWriter {
       addChars(&cursor_, text.data(), static_cast<int>(text.size()));
       return;
     }
-    if (!text.empty()) memcpy(cursor_, text.data(), text.size());
+    copyBytes(cursor_, text.data(), text.size());
     cursor_ += text.size();
   }
   // A length and that many characters.
   void counted(std::string_view text) noexcept {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
+  }
+  // counted() for a caller that has asked room() and traces nothing: it calls nothing, so that a
+  // copy of the writer stays in registers.
+  void countedUnchecked(const void* text, std::size_t length) noexcept {
+    const auto count = static_cast<std::int32_t>(length);
+    memcpy(cursor_, &count, sizeof count);
+    copyBytes(cursor_ + sizeof count, text, length);
+    cursor_ += sizeof count + length;
   }
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);

@@ -284,9 +284,6 @@ void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcep
   const std::string_view text = in.text(length);
   if (in.ok()) out.counted(text);
 }
-std::string_view viewOf(const std::uint8_t* bytes, std::size_t size) noexcept {
-  return {reinterpret_cast<const char*>(bytes), size};
-}
 void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
   if (!in.holds(length)) return;
   out.integer(length);
@@ -456,8 +453,8 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
     const std::size_t size = kStatFrame + idLength + valueLength;
     if (idLength > INT16_MAX || valueLength > INT16_MAX || in.left() < size || out.room() < size)
       break;
-    out.counted(viewOf(at + kStatIdLength + 2, idLength));
-    out.counted(viewOf(at + kStatIdLength + 4 + idLength, valueLength));
+    out.countedUnchecked(at + kStatIdLength + 2, idLength);
+    out.countedUnchecked(at + kStatIdLength + 4 + idLength, valueLength);
     in.skip(size);
   }
   parse.in = in;
