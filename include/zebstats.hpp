@@ -27,8 +27,6 @@
 #ifndef ZEBSTATS_HPP
 #define ZEBSTATS_HPP
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cassert>
 #include <cstddef>
@@ -109,7 +107,6 @@ inline int step(ResultSetToken* token, bool first, Stat& stat) noexcept {
 struct Session {
   GatewayToken* gateway = nullptr;  // null once closed or lost
   std::uint64_t query = 0;          // the number of the latest query
-  pid_t process = getpid();
   std::atomic<unsigned> users{1};
 };
 
@@ -316,14 +313,13 @@ class Connection {
     return Error(gateway != nullptr ? closeGatewayConnection(&gateway) : ZEB_OK);
   }
 
-  // Gives up the connection without closing it. Null if none is open, and in a forked child.
+  // Gives up the connection without closing it. Null if none is open.
   GatewayToken* release() noexcept {
     GatewayToken* gateway = handle();
-    const bool own = gateway != nullptr && session_->process == getpid();
     if (session_) session_->gateway = nullptr;
     session_ = detail::SessionRef();
     std::free(std::exchange(version_, nullptr));
-    return own ? gateway : nullptr;
+    return gateway;
   }
 
   [[nodiscard]] bool isOpen() const noexcept { return handle() != nullptr; }
