@@ -200,9 +200,7 @@ int openConnection(int port, const char* host, int* socketDescriptorPtr) noexcep
   int error = 0;
   const int result = connectSocket(*addresses, socketDescriptorPtr, error);
   if (result == 0) return startSession(port, host, *socketDescriptorPtr);
-  rc = mapConnectFailure(result, error);
-  if (rc != 0) shutdown(*socketDescriptorPtr, SHUT_RDWR);  // or it might still connect
-  return rc;
+  return mapConnectFailure(result, error);
 }
 
 // The error of a finished connect.

@@ -561,8 +561,10 @@ int enterToken(GatewayToken* token) noexcept {
 }
 
 void removeHeldToken(GatewayToken* token) noexcept {
-  if (deleteGatewayToken(&token, 1) != 0)
-    leaveToken(token);  // another thread has removed it already
+  // So that the close flow of the removal sends nothing and waits for nothing.
+  shutdown(token->socket, SHUT_RDWR);
+  // If that fails, another thread has removed the token already.
+  if (deleteGatewayToken(&token, 1) != 0) leaveToken(token);
 }
 
 void lockListForFork() noexcept {

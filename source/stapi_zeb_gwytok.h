@@ -53,7 +53,7 @@ int enterToken(GatewayToken* token) noexcept;
 // it: then the token is gone, and if this was the last hold, it has been freed here.
 bool leaveToken(GatewayToken* token) noexcept;
 
-// Removes a held token whose connection has failed, and ends the hold.
+// Shuts down the connection of a held token that has failed, removes the token, and ends the hold.
 void removeHeldToken(GatewayToken* token) noexcept;
 
 // For a fork: no other thread changes the list between the two.

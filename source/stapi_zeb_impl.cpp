@@ -562,10 +562,9 @@ int endQuery(const QueryCall& call, GatewayToken* gwTok, int rc, ResultSetToken*
     *rsPtr = answer;
     return 0;
   }
-  TRACE_EVENT(call.removalPoint, "API.%s Removing GatewayToken %p due to comms failure %d\n",
-              call.name, gwTok, rc);
-  // Known before the removal, whose own wait for the gateway may time out.
   const int queryRc = hasTimedOut() ? ZEB_TIMED_OUT : rc;
+  TRACE_EVENT(call.removalPoint, "API.%s Removing GatewayToken %p due to comms failure %d\n",
+              call.name, gwTok, queryRc);
   removeHeldToken(gwTok);
   return queryRc;
 }
@@ -636,8 +635,9 @@ int getStatsByStatId(GatewayToken* gwTok, const char* statIdsPtr,
     resetResultSet(*gwTok);
     TRACE_EVENT(1071, "API.getStatsByStatId Getting Stats for Stat Ids %s\n", statIdsPtr);
     rc = checkInStep(gwTok->socket);
-    if (rc == 0)
+    if (rc == 0) {
       rc = commsStatsByStatId(gwTok->socket, gwTok->resultSetBuf, gwTok->connRSToken->queryCopy);
+    }
     showResultSet(kGetStatsByStatId, *gwTok);
     rc = endQuery(kGetStatsByStatId, gwTok, rc, statRSPtr);
   }
@@ -658,9 +658,10 @@ int getStatsByStatGroupId(GatewayToken* gwTok, const char* providerIdPtr,
     TRACE_EVENT(1074, "API.getStatsByStatGroupId Getting Stats for Stat Group Ids %s\n",
                 providerIdPtr);
     rc = checkInStep(gwTok->socket);
-    if (rc == 0)
+    if (rc == 0) {
       rc = commsStatsByStatGroupId(gwTok->socket, gwTok->resultSetBuf,
                                    gwTok->connRSToken->queryCopy);
+    }
     showResultSet(kGetStatsByStatGroupId, *gwTok);
     rc = endQuery(kGetStatsByStatGroupId, gwTok, rc, statRSPtr);
   }
@@ -681,9 +682,10 @@ int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
     TRACE_EVENT(1077, "API.getStatIdsByStatGroupId Getting Stat Ids for Stat Group Ids %s\n",
                 providerIdsPtr);
     rc = checkInStep(gwTok->socket);
-    if (rc == 0)
+    if (rc == 0) {
       rc = commsStatIdsByStatGroupId(gwTok->socket, gwTok->resultSetBuf,
                                      gwTok->connRSToken->queryCopy);
+    }
     showResultSet(kGetStatIdsByStatGroupId, *gwTok);
     rc = endQuery(kGetStatIdsByStatGroupId, gwTok, rc, statIdRsPtr);
   }
@@ -749,9 +751,9 @@ namespace zeb {
 namespace {
 
 // All *EXC* lines of one of these calls have its last number.
-constexpr int kCopyRefusedPoint = 1126;
+constexpr int kCopyRefusedPoint = 1137;
 constexpr int kDumpRefusedPoint = 1134;
-constexpr int kIdQueryRefusedPoint = 1138;
+constexpr int kIdQueryRefusedPoint = 1142;
 
 struct ContentCall {
   const char* name;

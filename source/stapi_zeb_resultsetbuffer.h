@@ -65,8 +65,9 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
-// memcpy, inlined for the short texts that ids and values are: calling it takes twice the time of the
-// copy. Two pieces of a fixed size, which may overlap, cover any length between theirs and twice that.
+// memcpy, inlined for the short texts that ids and values are: calling it takes twice the time of
+// the copy. Two pieces of a fixed size, which may overlap, cover any length between theirs and
+// twice that.
 inline void copyBytes(char* to, const void* from, std::size_t length) noexcept {
   const auto copyEnds = [&](auto piece) {
     constexpr std::size_t kSize = sizeof piece;

@@ -50,7 +50,7 @@ constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 constexpr std::size_t kOpeningReplySize = 12;  // two words and the admin id
 constexpr std::size_t kAdminReplyHead =
     9;  // two words and the exception flag, before the call data
-constexpr std::int32_t kMaxReplySize = 16 * 1024 * 1024;
+constexpr std::uint32_t kMaxReplySize = 16 * 1024 * 1024;
 
 // 0 if over INT_MAX.
 int requestSize(const RequestHeader& header) noexcept {
@@ -174,9 +174,10 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   return 0;
 }
 
-int readReplyData(int socketDesc, std::int32_t size, unsigned char** data,
+int readReplyData(int socketDesc, std::uint32_t announced, unsigned char** data,
                   reasons& failure) noexcept {
-  if (size <= 0) {
+  const int size = static_cast<int>(announced);
+  if (announced == 0) {
     TRACE_DEBUG(
         3237, "stapi_zeb_socketcomms.flow Managed to read in whole response in one go. data=0x%p\n",
         *data);
@@ -187,7 +188,7 @@ int readReplyData(int socketDesc, std::int32_t size, unsigned char** data,
   *data = nullptr;
   TRACE_DEBUG(3234, "stapi_zeb_socketcomms.flow (re-)malloc call &data %p\n", data);
   // A gateway that announces more than any answer holds does not get the memory for it.
-  *data = size <= kMaxReplySize ? allocate(static_cast<std::size_t>(size)).release() : nullptr;
+  *data = announced <= kMaxReplySize ? allocate(announced).release() : nullptr;
   TRACE_DEBUG(3235, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, *data);
   if (*data == nullptr) {
     TRACE_EXC(3236, "stapi_zeb_socketcomms.flow Failed to allocate %d bytes.\n", size);
@@ -201,8 +202,7 @@ int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t name
   int rc = sendRequest(socketDesc, *data, datalen, failure);
   if (rc == 0) rc = waitForReply(socketDesc);
   if (rc == 0) rc = readReplyHeader(socketDesc, nameLength, header, failure);
-  if (rc == 0)
-    rc = readReplyData(socketDesc, static_cast<std::int32_t>(header.dataLength), data, failure);
+  if (rc == 0) rc = readReplyData(socketDesc, header.dataLength, data, failure);
   if (rc != 0) return rc;
   if (header.headerWord4 != 0) {
     failure.gwyRc = header.headerWord4;
@@ -386,12 +386,6 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind,
   return takeCallData(request, in);
 }
 
-// After such a failure nothing that the gateway still sends can be understood, and nothing is to be
-// sent.
-bool isOutOfStep(int rc, const reasons& failure) noexcept {
-  return isConnectionLost(rc, failure) || rc == ZEB_NO_MEMORY;
-}
-
 // What the four requests differ in: names, numbers, and a blank.
 struct Request {
   const char* function;
@@ -446,12 +440,7 @@ int exchangeRequest(const Request& request, int socketDesc, RequestHeader& heade
   out.zeroRest();
   if (!out.ok()) return refuseOverlongRequest(request, size);
   int rc = flowBlock(socketDesc, size, data, header, reasons);
-  bool isBroken = isOutOfStep(rc, *reasons);
-  if (rc == 0) {
-    rc = decode(replyReader(header, data.get(), size));
-    isBroken = rc == kFlowFailed;
-  }
-  if (isBroken) shutdown(socketDesc, SHUT_RDWR);
+  if (rc == 0) rc = decode(replyReader(header, data.get(), size));
   if (data != nullptr) {
     TRACE_DEBUG(request.freedPoint, "stapi_zeb_socketcomms.%s Free %s data %p\n", request.function,
                 request.dataName, data.get());

@@ -35,8 +35,8 @@ namespace zeb {
 bool isConnectionLost(int rc, const reasons& failure) noexcept;
 
 // Looks, without waiting, whether the gateway has sent anything that nobody asked for, or has gone.
-// Returns 0 if it has not; otherwise the two sides are out of step: the socket is shut down, and
-// ZEB_CONNECTION_LOST is returned.
+// Returns 0 if it has not; otherwise the two sides are out of step, and it returns
+// ZEB_CONNECTION_LOST.
 int checkInStep(int socketDesc) noexcept;
 
 }  // namespace zeb

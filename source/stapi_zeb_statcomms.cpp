@@ -361,7 +361,7 @@ void copyContinuation(AnswerParse& parse, int remaining) noexcept {
     in.skip(1);  // TC_BLOCKDATA
     copyPiece(in.u8());
   }
-  if (remaining != 0) in.fail();
+  if (remaining != 0 && parse.out.ok()) in.fail();
 }
 
 void showWholeValue(std::int32_t length) noexcept {
@@ -394,6 +394,7 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   if (blocks.next() != kEndBlockData) return false;
   const std::int32_t idLength = blocks.i16();
   copyText(blocks, parse.out, idLength);
+  if (!parse.out.ok()) return true;
   const std::int32_t length = blocks.i16();
   copyText(blocks, parse.out, length);
   showWholeValue(length);

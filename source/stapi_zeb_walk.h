@@ -30,8 +30,8 @@ struct WalkCall {
 // How the two walks differ.
 struct StatWalk {
   using Record = StatData;
-  static constexpr WalkCall kFirst = {"getFirstStat", true, 1100, 0, 1112, 0, 0, 1101, 1102};
-  static constexpr WalkCall kNext = {"getNextStat", false, 1110, 1111, 1113,
+  static constexpr WalkCall kFirst = {"getFirstStat", true, 1135, 0, 1112, 0, 0, 1101, 1102};
+  static constexpr WalkCall kNext = {"getNextStat", false, 1136, 1111, 1113,
                                      1114,          1115,  1116, 1117};
   static constexpr const char* kMarker = kStatsMarker;
   static constexpr int kNullRecord = ZEB_STAT_DATA_NULL;
@@ -69,8 +69,8 @@ struct StatWalk {
 
 struct IdWalk {
   using Record = IdData;
-  static constexpr WalkCall kFirst = {"getFirstId", true, 1103, 0, 0, 1104, 0, 1108, 1109};
-  static constexpr WalkCall kNext = {"getNextId", false, 1118, 1119, 1120, 1121, 1122, 1123, 1140};
+  static constexpr WalkCall kFirst = {"getFirstId", true, 1110, 0, 0, 1104, 0, 1108, 1109};
+  static constexpr WalkCall kNext = {"getNextId", false, 1140, 1119, 1120, 1121, 1122, 1123, 1118};
   static constexpr const char* kMarker = kIdsMarker;
   static constexpr int kNullRecord = ZEB_ID_DATA_NULL;
   static constexpr const char* kContentName = "id data";
