@@ -39,7 +39,8 @@ done < <(awk -F@ '{ print $1, substr($0, length($1) + 1) }' <<<"$symbols")
 listed() {
   sed -n "s/.*($1).*\[\(.*\)\]/\1/p" <<<"$dynamic" | paste -sd' '
 }
-expect "NEEDED" "libc.so.6" "$(listed NEEDED)"
+# On some hosts the stack protector's guard is in the dynamic loader, which every process has.
+expect "NEEDED" "libc.so.6" "$(listed NEEDED | sed 's/ ld-linux-[a-z0-9-]*\.so\.1//')"
 expect "SONAME" "libzebstats.so.1" "$(listed SONAME)"
 expect "RPATH" "" "$(listed RPATH)$(listed RUNPATH)"
 grep -q 'GNU_RELRO' <<<"$segments" || complain "has no RELRO segment"
