@@ -25,7 +25,8 @@
  *              below; nothing is thrown, nothing ends the process. A call that fails leaves its
  *              output arguments as they were unless it says otherwise. Until initialisation has
  *              succeeded, every call returns ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED or, for the lock
- *              of the list of connections, ZEB_QUERY_TOO_LONG; the next call tries again.
+ *              of the list of connections, ZEB_QUERY_TOO_LONG (closeGatewayConnection() checks its
+ *              argument first); the next call tries again.
  *   Start      There is no start-up call: the first call initialises the library and sets the trace
  *              level to 0. Any number of threads may make it at once.
  *   Time       Call setAPITimeout() at the start: without a timeout, calls wait for a gateway for
@@ -225,10 +226,10 @@ ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
  *   gwTok             a connection opened by this thread
  *
  * Each returns ZEB_OK, or one of these, which leave an open connection open:
- *   ZEB_TOKEN_NULL, ZEB_QUERY_NULL (no query string), ZEB_RESULT_SET_POINTER_NULL (no address for
- *   the result set), ZEB_TOKEN_UNKNOWN (not, or no longer, an open connection), ZEB_OTHER_PROCESS
- *   or ZEB_OTHER_THREAD (not the owner), ZEB_NO_RESULT_SET_BUFFER, ZEB_QUERY_TOO_LONG (nothing was
- *   sent), ZEB_NO_MEMORY (no memory for a copy of the query string: nothing was sent);
+ *   ZEB_TOKEN_NULL, ZEB_RESULT_SET_POINTER_NULL (no address for the result set), ZEB_TOKEN_UNKNOWN
+ *   (not, or no longer, an open connection), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner),
+ *   ZEB_NO_RESULT_SET_BUFFER, and with a query string, of which nothing was sent then,
+ *   ZEB_QUERY_NULL, ZEB_QUERY_TOO_LONG, ZEB_NO_MEMORY (no memory for its copy);
  * or one of these, which have removed the connection:
  *   ZEB_CONNECTION_LOST (lost, closed by another thread, ended by a signal, or bytes from the
  *   gateway that answer no question), ZEB_TIMED_OUT (the timeout has passed),
@@ -302,8 +303,8 @@ ZEB_API int freeResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
 /* Joins the ids of a result set into one query string, separated by ':'. Ids of elements whose
- * queryElementRC is not 0 and ids beyond 31,999 characters are left out. Ends the walk of the
- * result set.
+ * queryElementRC is not 0 and ids beyond 31,999 characters are left out. Moves the walk of
+ * the result set: start a new one afterwards.
  *
  *   idQueryStringPtr  receives the string: it lies in the result set, is overwritten by the next
  *                     call with the same result set and freed with it
