@@ -1,5 +1,6 @@
-/* The least program that prints a gateway's statistics: connects to 127.0.0.1, asks, prints, closes. Knows
- * neither errors nor more than one response nor a value that needs a second block. */
+/* The smallest program that prints a gateway's statistics: connects to 127.0.0.1, asks, prints,
+ * closes. It knows neither errors nor more than one response nor a value that needs a second
+ * block. */
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -58,7 +59,8 @@ static unsigned char* flow(int connection, size_t header) {
 
 static void printStatistics(const unsigned char* at) {
   unsigned count;
-  at += 17 + 1 + 6; /* kind, return code, exception flag, form; the stream's header and the object's tags */
+  at += 17 + 1 +
+        6; /* kind, return code, exception flag, form; the stream's header and the object's tags */
   at -= 8;
   at += 2 + (at[0] << 8 | at[1]) + 13;
   at += 2 + (at[0] << 8 | at[1]) + 13;

@@ -21,7 +21,7 @@ using benchmark::State;
 constexpr std::size_t kSmall = 10;
 constexpr std::size_t kMany = 1000;
 
-// ---- Queries -------------------------------------------------------------------------------------------------
+// ---- Queries ------------------------------------------------------------------------------------
 
 void smallQuery(State& state, Goal goal) {
   const Bytes answer = statsAnswer(kSmall);
@@ -43,7 +43,7 @@ void limitedQuery(State& state, Goal goal) {
           {{"without a limit", [&] { query(0); }}, {"with one", [&] { query(60000); }}});
 }
 
-// ---- Walks ---------------------------------------------------------------------------------------------------
+// ---- Walks --------------------------------------------------------------------------------------
 
 void requireEntries(ResultSetToken* answer, std::size_t count) {
   require(walk(answer) == static_cast<int>(count), "a walk does not find every entry");
@@ -91,7 +91,7 @@ void wholeCycle(State& state, Goal goal) {
            {"call", [&] { walk(library.query()); }}});
 }
 
-// ---- Copies and query strings --------------------------------------------------------------------------------
+// ---- Copies and query strings -------------------------------------------------------------------
 
 void copyWarm(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
@@ -128,7 +128,7 @@ void joinMany(State& state, Goal goal) {
            {"call", [&] { getIdQuery(ids, &joined); }}});
 }
 
-// ---- Opening and tracing -------------------------------------------------------------------------------------
+// ---- Opening and tracing ------------------------------------------------------------------------
 
 void openAndClose(State& state, Goal goal) {
   Peer peer(statsAnswer(kSmall));
@@ -136,7 +136,8 @@ void openAndClose(State& state, Goal goal) {
   { const Connection recorded(peer.port()); }
   const std::vector<Bytes> requests = peer.stopRecording();
   require(requests.size() == 6, "opening and closing is not six exchanges");
-  // The replies: handshake, the two steps of the authorisation, opening call, protocol version, close.
+  // The replies: handshake, the two steps of the authorisation, opening call, protocol version,
+  // close.
   const std::size_t protocol = 29 + 5 + 9 + zebsim::encodeProtocol("2_0_0_1").size();
   const std::size_t sizes[] = {29 + 4, 29 + 4 + 20, 29 + 4 + 16, 29 + 5 + 12, protocol, 29 + 4};
   measure(state, goal, 3,
@@ -181,7 +182,7 @@ void traceLine(State& state, Goal goal) {
   unlink(path);
 }
 
-// ---- Growth --------------------------------------------------------------------------------------------------
+// ---- Growth -------------------------------------------------------------------------------------
 
 // Each step handles as many statistics, in answers of so many.
 struct SizedGateway {
@@ -206,8 +207,8 @@ void measureGrowth(State& state, Goal goal, void (*work)(SizedGateway&)) {
   measure(state, goal, 1, steps, growthFromSecond);
 }
 
-// A query of the first of many connections, which the search of the list finds at once, held against the bare
-// query; and of the last one, to show what the search costs.
+// A query of the first of many connections, which the search of the list finds at once, held
+// against the bare query; and of the last one, to show what the search costs.
 void manyConnections(State& state, Goal goal) {
   const Bytes answer = statsAnswer(kSmall);
   double flattest = 0;

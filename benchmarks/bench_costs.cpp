@@ -11,7 +11,7 @@
 
 #include "connection.h"
 
-// ---- Heap calls: malloc and its family go through here, the library's too ---------------------------------
+// ---- Heap calls: malloc and its family go through here, the library's too -----------------------
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -77,7 +77,7 @@ void heapOfTextQuery(State& state, Goal goal) {
          }));
 }
 
-// ---- System calls: a child runs between two getppid calls while its parent stops it at each ----------------
+// ---- System calls: a child runs between two getppid calls while its parent stops it at each -----
 
 template <typename Prepare>
 [[noreturn]] void runTraced(const Peer& peer, Prepare prepare) {
@@ -92,7 +92,8 @@ template <typename Prepare>
   _exit(0);
 }
 
-// Goes on to the child's next entry into the kernel. Returns the number of the call, -1 when the child ended.
+// Goes on to the child's next entry into the kernel. Returns the number of the call, -1 when the
+// child ended.
 long nextSystemCall(pid_t child) {
   for (;;) {
     int status;
@@ -152,7 +153,7 @@ void callsOfIdQuery(State& state, Goal goal) {
   });
 }
 
-// ---- Memory --------------------------------------------------------------------------------------------------
+// ---- Memory -------------------------------------------------------------------------------------
 
 double residentKilobytes() {
   std::ifstream file("/proc/self/smaps_rollup");
@@ -167,8 +168,9 @@ constexpr int kIdle = 200;
 
 void idleMemory(State& state, Goal goal) {
   const PeerProcess peer(1, kIdle + 2);  // whose memory is not counted
-  // One that was closed, as in any monitor that runs for a while: the allocator takes the buffers of the later ones
-  // from its heap, where their ends share pages. And one that brings what all of them share.
+  // One that was closed, as in any monitor that runs for a while: the allocator takes the buffers
+  // of the later ones from its heap, where their ends share pages. And one that brings what all of
+  // them share.
   { const Connection closed(peer.port()); }
   const Connection first(peer.port());
   std::vector<std::unique_ptr<Connection>> idle(kIdle);

@@ -1,5 +1,5 @@
-// Decoding by itself. Linked with the static library, because the shared one hides the parser that is told an
-// answer's length.
+// Decoding by itself. Linked with the static library, because the shared one hides the parser that
+// is told an answer's length.
 
 #include <stdio.h>
 

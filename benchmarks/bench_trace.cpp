@@ -1,5 +1,5 @@
-// What the trace points cost while the trace is off: the library beside a build without them, both loaded into
-// one process.
+// What the trace points cost while the trace is off: the library beside a build without them, both
+// loaded into one process.
 
 #include <dlfcn.h>
 #include <stdlib.h>

@@ -1,4 +1,5 @@
-// The bare loops that the library's work is held against: no check, no copy, no state but a pointer.
+// The bare loops that the library's work is held against: no check, no copy, no state but a
+// pointer.
 #ifndef ZEB_BENCH_FLOORS_H
 #define ZEB_BENCH_FLOORS_H
 

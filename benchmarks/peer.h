@@ -1,4 +1,5 @@
-// A gateway that answers from memory, so that it costs the library's calls and the bare floors the same.
+// A gateway that answers from memory, so that it costs the library's calls and the bare floors the
+// same.
 #ifndef ZEB_BENCH_PEER_H
 #define ZEB_BENCH_PEER_H
 

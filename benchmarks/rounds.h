@@ -1,8 +1,10 @@
-// What every benchmark of this folder is: a quantity measured beside its floor, in one process, in rounds.
+// What every benchmark of this folder is: a quantity measured beside its floor, in one process, in
+// rounds.
 //
-// A round runs each step as often as the batch says, one step after the other, the order turning with every
-// round, so that whatever disturbs the machine disturbs all of them. The times reported are medians over the
-// rounds, the spread is half the distance of the quartiles of the rounds' own ratios.
+// A round runs each step as often as the batch says, one step after the other, the order turning
+// with every round, so that whatever disturbs the machine disturbs all of them. The times reported
+// are medians over the rounds, the spread is half the distance of the quartiles of the rounds' own
+// ratios.
 #ifndef ZEB_BENCH_ROUNDS_H
 #define ZEB_BENCH_ROUNDS_H
 
@@ -22,7 +24,8 @@ constexpr int kRounds = 301;
 constexpr std::size_t kGrowthSizes[] = {10, 100, 1000, 3000};
 constexpr std::size_t kGrowthTotal = 3000;
 
-// What a value must not exceed, or with atLeast not fall below; aim is what would be better still, 0: none.
+// What a value must not exceed, or with atLeast not fall below; aim is what would be better still,
+// 0: none.
 struct Goal {
   double reach;
   double aim;
@@ -64,7 +67,8 @@ void report(benchmark::State& state, Goal goal, double value);
 // Ends the process with a message when a step of the benchmark itself fails.
 void require(bool holds, const char* what);
 
-// Pins the process to one core, ahead of other work where that is allowed, and runs what is registered.
+// Pins the process to one core, ahead of other work where that is allowed, and runs what is
+// registered.
 int runRows(int argc, char** argv);
 void pinToOneCore();
 

@@ -1,5 +1,5 @@
-/* Polls several gateways, each in a thread of its own with a connection of its own, three times a second apart:
- * poll_many HOST PORT [HOST PORT]... */
+/* Polls several gateways three times, at intervals of a second, each from a thread of its own over
+ * a connection of its own: poll_many HOST PORT [HOST PORT]... */
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -56,8 +56,8 @@ inline char* sealedBuffer() {
   return buffer;
 }
 
-// Walks a result set to its end. Every text must lie in the buffer, which bounds the number of entries too.
-// Returns the last code.
+// Walks a result set to its end. Every text must lie in the buffer, which bounds the number of
+// entries too. Returns the last code.
 template <typename Record, typename First, typename Next>
 int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
   const char* const start = resultSet->head;
@@ -70,7 +70,8 @@ int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
   std::size_t entries = 0;
   for (; rc == 0; rc = getNext(resultSet, &record)) {
     require(++entries <= kResultSetBufferSize / 4, "a walk comes to its end");
-    require(isInside(record.queryElementPtr, record.queryElementLen), "a query element lies in the buffer");
+    require(isInside(record.queryElementPtr, record.queryElementLen),
+            "a query element lies in the buffer");
     if (record.queryElementRC < 0) continue;
     if constexpr (requires { record.idPtr; }) {
       require(isInside(record.idPtr, record.idLen), "an id lies in the buffer");
@@ -87,8 +88,8 @@ inline int walkAsContent(ResultSetToken* resultSet) {
   const bool isStats = zeb::hasContent(resultSet->head, zeb::kStatsMarker);
   StatData stat;
   IdData id;
-  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat), {ZEB_WRONG_CONTENT},
-               "a walk of the wrong kind");
+  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat),
+               {ZEB_WRONG_CONTENT}, "a walk of the wrong kind");
   return isStats ? walkAll<StatData>(resultSet, getFirstStat, getNextStat)
                  : walkAll<IdData>(resultSet, getFirstId, getNextId);
 }
@@ -97,7 +98,8 @@ inline int walkAsContent(ResultSetToken* resultSet) {
 inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDamaged) {
   const int unknown = zeb::hasKnownContent(resultSet->head) ? 0 : ZEB_WRONG_CONTENT;
   const int walked = walkAsContent(resultSet);
-  requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS}, "walk");
+  requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS},
+               "walk");
   char* joined = nullptr;
   const int rc = getIdQuery(resultSet, &joined);
   requireOneOf(rc, {unknown, unknown == 0 ? ZEB_NO_GOOD_ID : unknown}, "getIdQuery");
@@ -106,7 +108,8 @@ inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDam
   ResultSetToken* copy = nullptr;
   require(copyResultSet(resultSet, &copy) == unknown, "known content is copied");
   if (unknown != 0) return;
-  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0, "a copy has every byte");
+  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0,
+          "a copy has every byte");
   require(walkAsContent(copy) == walked, "a copy is walked like its source");
   require(freeResultSet(&copy) == 0, "a copy can be freed");
 }

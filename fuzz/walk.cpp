@@ -1,5 +1,6 @@
-// The calls that read a result set, over buffers of any content: the first byte says what is done, the second
-// what fills the buffer, the third how many of the bytes behind it are its end; the rest is its beginning.
+// The calls that read a result set, over buffers of any content: the first byte says what is done,
+// the second what fills the buffer, the third how many of the bytes behind it are its end; the rest
+// is its beginning.
 #include <string_view>
 
 #include "harness.h"
@@ -18,8 +19,8 @@ enum What : std::uint8_t {
   kIds = 32
 };
 
-// The bits besides, with a filling of 0: what takes long, walks of tens of thousands of entries and dumps of the
-// whole buffer.
+// The bits besides, with a filling of 0: what takes long, walks of tens of thousands of entries and
+// dumps of the whole buffer.
 constexpr std::uint8_t kSlow = 0xC0;
 constexpr std::size_t kShortDump = 256;
 
@@ -41,7 +42,9 @@ class FilledBuffer {
   void put(std::size_t offset, const void* bytes, std::size_t size) {
     if (size > 0) std::memcpy(bytes_ + offset, bytes, size);
   }
-  void restore(std::size_t offset, std::size_t size) { std::memset(bytes_ + offset, filling_, size); }
+  void restore(std::size_t offset, std::size_t size) {
+    std::memset(bytes_ + offset, filling_, size);
+  }
 
  private:
   char* const bytes_ = sealedBuffer();
@@ -53,10 +56,13 @@ void useBuffer(ResultSetToken* resultSet, std::uint8_t what, bool isSlow) {
   if ((what & kWithoutFirst) != 0) {
     IdData id;
     StatData stat;
-    requireOneOf(getNextId(resultSet, &id), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextId");
-    requireOneOf(getNextStat(resultSet, &stat), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextStat");
+    requireOneOf(getNextId(resultSet, &id), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT},
+                 "getNextId");
+    requireOneOf(getNextStat(resultSet, &stat), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT},
+                 "getNextStat");
   }
-  const bool isShort = memmem(resultSet->head, kShortDump, &kTerminator, sizeof kTerminator) != nullptr;
+  const bool isShort =
+      memmem(resultSet->head, kShortDump, &kTerminator, sizeof kTerminator) != nullptr;
   if ((what & kDumped) != 0 && (isShort || isSlow))
     require(dumpResultSet(resultSet) == unknown, "known content is dumped");
   useResultSet(resultSet, (what & kCopied) != 0, true);

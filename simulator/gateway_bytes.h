@@ -13,8 +13,8 @@ namespace zebsim {
 // A run of bytes, text or not.
 using Bytes = std::string;
 
-// What a client sent cannot be right; its connection is closed. The text never quotes the client's own
-// bytes, so that it can be shown on a terminal.
+// What a client sent cannot be right; its connection is closed. The text never quotes the client's
+// own bytes, so that it can be shown on a terminal.
 class BadRequest : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -16,8 +16,8 @@ constexpr std::uint8_t kTcEndBlockData = 0x78;
 constexpr std::uint8_t kTcBlockDataLong = 0x7A;
 constexpr std::uint32_t kStreamHeader = 0xACED0005;
 
-// Handles count from 0x7E0000 in order of appearance: the response's class, its superclass, the response
-// itself, then the class of the statistics.
+// Handles count from 0x7E0000 in order of appearance: the response's class, its superclass, the
+// response itself, then the class of the statistics.
 constexpr std::uint32_t kStatClassHandle = 0x007E0003;
 
 constexpr std::size_t kMaxBlock = 1024;
@@ -80,7 +80,8 @@ void appendStat(Bytes& out, const Stat& stat, const ClassDesc& statClass, bool i
   appendU8(out, kTcEndBlockData);
 }
 
-// The block data right behind the response's class: what was asked, how it went, how many items, the ids.
+// The block data right behind the response's class: what was asked, how it went, how many items,
+// the ids.
 Bytes encodeHead(const Response& response) {
   Bytes head;
   appendText16(head, response.query);
@@ -98,7 +99,8 @@ Bytes encodeHead(const Response& response) {
 
 Bytes encodeResponse(const Response& response, HeadBlocks blocks) {
   const Stats* stats = std::get_if<Stats>(&response.items);
-  const ResponseClasses& classes = response.classes ? *response.classes : ownClasses(stats != nullptr);
+  const ResponseClasses& classes =
+      response.classes ? *response.classes : ownClasses(stats != nullptr);
   Bytes out;
   appendU32(out, kStreamHeader);
   appendU8(out, kTcObject);

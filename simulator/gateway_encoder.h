@@ -1,5 +1,5 @@
-// The answers of the statistics bean as call data: a form byte, then objects as the JDK's serialiser writes
-// them. The call data is what follows the exception flag of an admin reply.
+// The answers of the statistics bean as call data: a form byte, then objects as the JDK's
+// serialiser writes them. The call data is what follows the exception flag of an admin reply.
 #ifndef ZEBSIM_GATEWAY_ENCODER_H
 #define ZEBSIM_GATEWAY_ENCODER_H
 
@@ -14,15 +14,16 @@
 
 namespace zebsim {
 
-// One class as a stream describes it: its serialVersionUID and its flags (SC_...). Its objects have no
-// fields: whatever they hold is block data.
+// One class as a stream describes it: its serialVersionUID and its flags (SC_...). Its objects have
+// no fields: whatever they hold is block data.
 struct ClassDesc {
   std::string name;
   std::uint64_t version = 0;
   std::uint8_t flags = 0;
 };
 
-// The classes in the stream of one response: the response's own, its superclass, and that of each statistic.
+// The classes in the stream of one response: the response's own, its superclass, and that of each
+// statistic.
 struct ResponseClasses {
   ClassDesc reply;
   ClassDesc base;

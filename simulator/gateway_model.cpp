@@ -104,21 +104,27 @@ constexpr std::uint64_t mix(std::uint64_t value) {
 }
 
 // Between low and high, chosen by chance for this place of a run of noise.
-std::uint64_t pick(std::uint64_t noise, std::uint64_t place, std::uint64_t low, std::uint64_t high) {
+std::uint64_t pick(std::uint64_t noise, std::uint64_t place, std::uint64_t low,
+                   std::uint64_t high) {
   return low + mix(noise ^ mix(place)) % (high - low + 1);
 }
 
-// Walks in straight lines from one chance value to the next, each statistic with a step of its own. All in
-// whole numbers, so that it repeats on every host.
-std::uint64_t wander(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low, std::uint64_t high) {
+// Walks in straight lines from one chance value to the next, each statistic with a step of its own.
+// All in whole numbers, so that it repeats on every host.
+std::uint64_t wander(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low,
+                     std::uint64_t high) {
   std::uint64_t step = 15 + noise % 30;
   std::uint64_t place = seconds / step;
   std::uint64_t done = seconds % step;
-  return (pick(noise, place, low, high) * (step - done) + pick(noise, place + 1, low, high) * done) / step;
+  return (pick(noise, place, low, high) * (step - done) +
+          pick(noise, place + 1, low, high) * done) /
+         step;
 }
 
-std::uint64_t countUp(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low, std::uint64_t high) {
-  // The counter's own clock runs ahead by up to 9 s and falls back over at least 15: it never runs backward.
+std::uint64_t countUp(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low,
+                      std::uint64_t high) {
+  // The counter's own clock runs ahead by up to 9 s and falls back over at least 15: it never runs
+  // backward.
   std::uint64_t millis = seconds * 1000 + wander(noise, seconds, 0, 9000);
   return pick(noise, 0, low, high) * millis / 100000;
 }
@@ -131,7 +137,8 @@ std::string showHundredths(std::uint64_t value) {
 std::string writeJournal(const Definition& row, std::uint64_t noise, std::uint64_t seconds) {
   std::string text;
   for (std::uint64_t second = seconds < 100 ? 0 : seconds - 100; second <= seconds; ++second) {
-    text += "t=" + std::to_string(second) + " req=" + std::to_string(pick(noise, second, row.low, row.high)) +
+    text += "t=" + std::to_string(second) +
+            " req=" + std::to_string(pick(noise, second, row.low, row.high)) +
             " ms=" + std::to_string(pick(~noise, second, 1, 900)) + " ok\n";
   }
   return text + std::string(2400, '.') + " end";  // long from the start
@@ -174,7 +181,8 @@ std::vector<std::string_view> splitQuery(std::string_view query) {
 }  // namespace
 
 GatewayModel::GatewayModel(const ModelOptions& options) {
-  if (options.scale < 1 || options.scale > kMaxScale) throw std::invalid_argument("scale out of range");
+  if (options.scale < 1 || options.scale > kMaxScale)
+    throw std::invalid_argument("scale out of range");
   for (unsigned copy = 1; copy <= options.scale; ++copy) {
     for (const Definition& row : kDefinitions) {
       addItem(copy == 1 ? row.id : row.id + ("_" + std::to_string(copy)), row, options.seed);

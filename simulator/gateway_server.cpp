@@ -33,7 +33,8 @@ std::function<std::uint64_t()> realClock() {
   auto start = std::chrono::steady_clock::now();
   return [start] {
     auto passed = std::chrono::steady_clock::now() - start;
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(passed).count());
   };
 }
 
@@ -74,7 +75,8 @@ Descriptor openListener(const std::string& address, std::uint16_t port) {
     try {
       return listenOn(*info);
     } catch (const std::runtime_error&) {
-      if (info->ai_next == nullptr) throw;  // a name may stand for an address family this host lacks
+      // A name may also have addresses of a family that this host lacks.
+      if (info->ai_next == nullptr) throw;
     }
   }
 }
@@ -111,7 +113,8 @@ bool GatewayServer::Client::receive() {
   return got > 0;
 }
 
-// Sends what the socket takes, with a segment size one piece at a time. False: the connection broke.
+// Sends what the socket takes, with a segment size one piece at a time. False: the connection
+// broke.
 bool GatewayServer::Client::sendReply(std::size_t segment) {
   std::size_t size = out.size() - sent;
   if (segment > 0) size = std::min(size, segment);
@@ -125,7 +128,8 @@ bool GatewayServer::Client::sendReply(std::size_t segment) {
   return true;
 }
 
-GatewayServer::GatewayServer(ServerOptions options) : options_(std::move(options)), model_(options_.model) {
+GatewayServer::GatewayServer(ServerOptions options)
+    : options_(std::move(options)), model_(options_.model) {
   if (!options_.clock) options_.clock = realClock();
   if (!options_.log) options_.log = logToStandardError;
   listener_ = openListener(options_.address, options_.port);
@@ -183,7 +187,8 @@ void GatewayServer::serveOnce() {
   ready.push_back({wakeReader_.get(), POLLIN, 0});
   ready.push_back({listener_.get(), static_cast<short>(canAccept ? POLLIN : 0), 0});
   for (const auto& client : clients_) {
-    ready.push_back({client->socket.get(), static_cast<short>(client->isReplying() ? POLLOUT : POLLIN), 0});
+    ready.push_back(
+        {client->socket.get(), static_cast<short>(client->isReplying() ? POLLOUT : POLLIN), 0});
   }
   int rc = poll(ready.data(), ready.size(), isAcceptPaused_ ? kAcceptPauseMillis : -1);
   isAcceptPaused_ = false;
@@ -210,15 +215,16 @@ void GatewayServer::acceptClient() {
   int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   auto bean = [this](const AdminCall& call) { return answerCall(call); };
-  clients_.push_back(
-      std::make_unique<Client>(std::move(socket), showAddress(generic, size), ++lastTag_, std::move(bean)));
+  clients_.push_back(std::make_unique<Client>(std::move(socket), showAddress(generic, size),
+                                              ++lastTag_, std::move(bean)));
 }
 
 void GatewayServer::serveClient(Client& client, bool canRead) {
   try {
     if (canRead) {
       if (!client.receive()) {
-        return dropClient(client, client.in.empty() ? "" : "the client left in the middle of a request");
+        return dropClient(client,
+                          client.in.empty() ? "" : "the client left in the middle of a request");
       }
       answerRequests(client);
     }
@@ -254,7 +260,9 @@ Bytes GatewayServer::answerCall(const AdminCall& call) {
   }
   if (call.kind == kGetAttribute && call.target == "protocol") return encodeProtocol(kOwnProtocol);
   if (call.kind == kInvoke) {
-    const auto encode = [this](const Answer& answer) { return encodeAnswer(answer, options_.blocks); };
+    const auto encode = [this](const Answer& answer) {
+      return encodeAnswer(answer, options_.blocks);
+    };
     if (call.target == "GET_STATS") return encode(model_.stats(call.argument, options_.clock()));
     if (call.target == "STAT_IDS") return encode(model_.statIds(call.argument));
     if (call.target == "RESOURCE_GROUPS") return encode(model_.groups());

@@ -1,5 +1,5 @@
-// The simulated gateway on a socket: any number of clients, one thread of its own. A client that sends
-// nonsense loses its connection and leaves a line in the log; the others do not notice.
+// The simulated gateway on a socket: any number of clients, one thread of its own. A client that
+// sends nonsense loses its connection and leaves a line in the log; the others do not notice.
 #ifndef ZEBSIM_GATEWAY_SERVER_H
 #define ZEBSIM_GATEWAY_SERVER_H
 
@@ -43,10 +43,11 @@ struct ServerOptions {
   std::string address = "127.0.0.1";
   std::uint16_t port = 0;  // 0: any free one
   ModelOptions model = {};
-  HeadBlocks blocks = HeadBlocks::kCut;       // how answers of more than 1,024 bytes of ids are written
-  std::size_t segment = 0;                    // send replies in pieces of so many bytes; 0: in one
+  HeadBlocks blocks = HeadBlocks::kCut;  // how answers of more than 1,024 bytes of ids are written
+  std::size_t segment = 0;               // send replies in pieces of so many bytes; 0: in one
   std::function<std::uint64_t()> clock = {};  // seconds since the start; none: the real ones
-  std::function<void(const std::string&)> log = {};  // gets lines without a line end; none: standard error
+  // Gets lines without a line end; if none is given, they go to standard error.
+  std::function<void(const std::string&)> log = {};
 };
 
 class GatewayServer {
@@ -68,8 +69,8 @@ class GatewayServer {
   // Drops all clients and ends the thread. May be called again.
   void stop();
 
-  // From now on answers this operation ("GET_STATS", "STAT_IDS", "RESOURCE_GROUPS"), or the attribute
-  // "protocol", with this call data, whatever the argument.
+  // From now on answers this operation ("GET_STATS", "STAT_IDS", "RESOURCE_GROUPS"), or the
+  // attribute "protocol", with this call data, whatever the argument.
   void setAnswer(const std::string& target, Bytes answer);
   void clearAnswers();
 

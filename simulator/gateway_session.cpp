@@ -38,12 +38,14 @@ Bytes GatewaySession::answer(const Request& request) {
 
 Bytes GatewaySession::answerBase(const Request& request) {
   if (request.header.type == kCloseType) {
-    require(request.header.word16 == kCloseWord, "the word at offset 16 of a close request is not -1");
+    require(request.header.word16 == kCloseWord,
+            "the word at offset 16 of a close request is not -1");
     require(request.data.empty(), "a close request has data");
     state_ = State::kClosed;
     return {};
   }
-  require(request.header.type == kHandshakeType, "a BASE request is neither a handshake nor a close");
+  require(request.header.type == kHandshakeType,
+          "a BASE request is neither a handshake nor a close");
   require(request.header.word16 == 0, "the word at offset 16 of a handshake is not 0");
   require(state_ == State::kNew, "a second handshake");
   require(request.data == kHandshakeData, "the handshake's data are not the known 18 bytes");
@@ -59,13 +61,15 @@ Bytes GatewaySession::authFirstAnswer() const {
 Bytes GatewaySession::answerAuth(const Request& request) {
   require(request.header.type == kCallType, "an authorisation is not of message type 1");
   if (state_ == State::kGreeted) {
-    require(request.header.word16 == 0, "the word at offset 16 of a first authorisation step is not 0");
+    require(request.header.word16 == 0,
+            "the word at offset 16 of a first authorisation step is not 0");
     require(request.data == words({0}), "the first authorisation step is not a single word 0");
     state_ = State::kHalfAuthorised;
     return authFirstAnswer();
   }
   require(state_ == State::kHalfAuthorised, "an authorisation step at a wrong time");
-  require(request.header.word16 == tag_, "the second authorisation step does not return the reply's tag");
+  require(request.header.word16 == tag_,
+          "the second authorisation step does not return the reply's tag");
   require(request.data == words({1}) + authFirstAnswer().substr(8) + words({0}),
           "the second authorisation step does not return the words of the first");
   state_ = State::kAuthorised;
@@ -80,7 +84,8 @@ Bytes GatewaySession::answerAdmin(const Request& request) {
   require(request.header.word16 == (isOpening ? 0 : tag_),
           "the word at offset 16 of an admin request is wrong");
   if (!isOpening) return answerCall(call);
-  openAdminId_ = ++lastAdminId_ << 8 | (tag_ & 0xFF);  // differs from call to call and between clients
+  // It differs from call to call and between clients.
+  openAdminId_ = ++lastAdminId_ << 8 | (tag_ & 0xFF);
   return openingData(*openAdminId_);
 }
 

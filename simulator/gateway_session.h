@@ -19,7 +19,8 @@ class GatewaySession {
   // The tag (not 0) stands in every reply header; the client's follow-up requests carry it back.
   GatewaySession(std::uint32_t tag, Bean bean) : tag_(tag), bean_(std::move(bean)) {}
 
-  // The whole reply, header included. Throws BadRequest when the request is wrong or comes at a wrong time.
+  // The whole reply, header included. Throws BadRequest when the request is wrong or comes at a
+  // wrong time.
   Bytes answer(const Request& request);
 
   // The client has said goodbye: the connection ends once the last reply is out.

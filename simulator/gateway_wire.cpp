@@ -25,7 +25,8 @@ std::size_t readNameLength(std::string_view in) {
   require(fixed.u32() == kHeaderWord1, "header word 1 is not 0x00700000");
   fixed.take(12);
   std::uint32_t length = fixed.u32();
-  require(length >= kBaseName.size() && length <= kAdminName.size(), "no request has a name of that length");
+  require(length >= kBaseName.size() && length <= kAdminName.size(),
+          "no request has a name of that length");
   return length;
 }
 
@@ -47,7 +48,8 @@ Header readHeader(std::string_view in) {
 
 Bytes encodeHeader(const Header& header) {
   Bytes out(kEyecatcher);
-  for (std::uint32_t word : {kHeaderWord1, header.type, header.word12, header.word16}) appendU32(out, word);
+  for (std::uint32_t word : {kHeaderWord1, header.type, header.word12, header.word16})
+    appendU32(out, word);
   appendU32(out, static_cast<std::uint32_t>(header.name.size()));
   out += header.name;
   appendU8(out, header.flag);
@@ -57,7 +59,8 @@ Bytes encodeHeader(const Header& header) {
 
 bool takeRequest(Bytes& in, Request& request) {
   std::string_view start = std::string_view(in).substr(0, kEyecatcher.size());
-  require(start == kEyecatcher.substr(0, start.size()), "no eyecatcher \"Gate\" at the start of a request");
+  require(start == kEyecatcher.substr(0, start.size()),
+          "no eyecatcher \"Gate\" at the start of a request");
   if (in.size() < kNameOffset) return false;
   std::size_t headerSize = kFixedHeaderSize + readNameLength(in);
   if (in.size() < headerSize) return false;
@@ -77,7 +80,8 @@ AdminCall readAdminCall(std::string_view data) {
     call.adminId = reader.u32();
     std::uint32_t callLength = reader.u32();
     require(callLength == reader.left(), "the call length is not the length of the call");
-    for (int text = 0; text < 3; ++text) reader.text16();  // country, language, qualifier: any will do
+    // Country, language, qualifier: any will do.
+    for (int text = 0; text < 3; ++text) reader.text16();
     require(reader.text16() == kStatsBean, "the call is not for the statistics bean");
     call.target = reader.text16();
   }

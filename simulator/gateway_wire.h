@@ -1,5 +1,5 @@
-// The gateway's messages: headers both ways, requests taken apart, replies put together. Plain functions, so
-// that a scripted peer can use them without a server.
+// The gateway's messages: headers both ways, requests taken apart, replies put together. Plain
+// functions, so that a scripted peer can use them without a server.
 #ifndef ZEBSIM_GATEWAY_WIRE_H
 #define ZEBSIM_GATEWAY_WIRE_H
 
@@ -16,7 +16,8 @@ namespace zebsim {
 constexpr std::string_view kBaseName = "BASE";
 constexpr std::string_view kAuthName = "Auth";
 constexpr std::string_view kAdminName = "Admin";
-constexpr std::string_view kStatsBean = "DefaultDomain:ProdId=com.kro.zeb,Activity=Control,type=Stats";
+constexpr std::string_view kStatsBean =
+    "DefaultDomain:ProdId=com.kro.zeb,Activity=Control,type=Stats";
 constexpr std::string_view kOwnProtocol = "2_0_0_1";  // the simulated bean's "protocol" attribute
 
 enum MessageType : std::uint32_t { kCallType = 1, kHandshakeType = 5, kCloseType = 10 };
@@ -24,8 +25,10 @@ enum CallKind : std::uint32_t { kOpening = 0, kGetAttribute = 1, kInvoke = 5 };
 
 struct Header {
   std::uint32_t type = kCallType;
-  std::uint32_t word12 = 0;  // request: 0; reply: a tag, which the client's next step sends at offset 16
-  std::uint32_t word16 = 0;  // request: 0, the tag, or -1 in a close; reply: the gateway's return code
+  // At offset 12. Request: 0; reply: a tag, which the client's next step sends at offset 16.
+  std::uint32_t word12 = 0;
+  // At offset 16. Request: 0, the tag, or -1 in a close; reply: the gateway's return code.
+  std::uint32_t word16 = 0;
   std::string name;
   std::uint8_t flag = 0;
   std::uint32_t dataLength = 0;
@@ -46,11 +49,12 @@ struct AdminCall {
 
 Bytes encodeHeader(const Header& header);
 
-// Takes the next request from the front of `in`. False: not all of it is there yet. A BadRequest is thrown
-// as soon as the bytes at hand cannot become a request.
+// Takes the next request from the front of `in`. False: not all of it is there yet. A BadRequest is
+// thrown as soon as the bytes at hand cannot become a request.
 bool takeRequest(Bytes& in, Request& request);
 
-// Takes the data apart and checks what surrounds target and argument (lengths, counts, bean, signature).
+// Takes the data apart and checks what surrounds target and argument (lengths, counts, bean,
+// signature).
 AdminCall readAdminCall(std::string_view data);
 
 // 32-bit words in wire order.

@@ -32,8 +32,8 @@ std::optional<Listen> parseListen(const std::string& text) {
   } else if (address.find(':') != std::string::npos) {
     return std::nullopt;
   }
-  bool isNumber =
-      !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
+  bool isNumber = !port.empty() && port.size() <= 5 &&
+                  port.find_first_not_of("0123456789") == std::string::npos;
   if (address.empty() || !isNumber || std::stoul(port) > 0xFFFF) return std::nullopt;
   return Listen{address, static_cast<std::uint16_t>(std::stoul(port))};
 }
@@ -69,9 +69,10 @@ int run(zebsim::ServerOptions options, const std::string& listen) {
     waitForSignal(signals, server);
     return server.isRunning() ? 0 : kExitFailed;
   } catch (const std::exception& fault) {
-    std::fprintf(stderr,
-                 "zebgatewaysim: cannot listen on %s: %s; choose another with --listen ADDRESS:PORT\n",
-                 listen.c_str(), fault.what());
+    std::fprintf(
+        stderr,
+        "zebgatewaysim: cannot listen on %s: %s; choose another with --listen ADDRESS:PORT\n",
+        listen.c_str(), fault.what());
     return kExitFailed;
   }
 }
@@ -89,20 +90,24 @@ int main(int argc, char** argv) {
   app.add_option("--listen", listen, "where to listen; port 0 is any free port (127.0.0.1:0)")
       ->type_name("ADDRESS:PORT")
       ->check(checkListen);
-  app.add_option("--seed", options.model.seed, "the same seed gives the same values, second for second (1)")
+  app.add_option("--seed", options.model.seed,
+                 "the same seed gives the same values, second for second (1)")
       ->type_name("N")
       ->check(checkNumber);
-  app.add_option("--scale", options.model.scale, "N copies of each statistic, for big answers; 1 to 1000 (1)")
+  app.add_option("--scale", options.model.scale,
+                 "N copies of each statistic, for big answers; 1 to 1000 (1)")
       ->type_name("N")
       ->check(CLI::Range(1U, zebsim::kMaxScale).description(""));
-  app.add_option("--segment", options.segment, "send replies in pieces of N bytes; 0 sends them whole (0)")
+  app.add_option("--segment", options.segment,
+                 "send replies in pieces of N bytes; 0 sends them whole (0)")
       ->type_name("N")
       ->check(checkNumber);
   app.add_flag_callback(
       "--one-block", [&] { options.blocks = zebsim::HeadBlocks::kOne; },
       "write all ids of a response as one block; otherwise\n"
       "more than 1,024 bytes are cut as Java cuts them");
-  app.set_version_flag("--version", "zebgatewaysim " ZEBSTATS_VERSION, "print the version and exit");
+  app.set_version_flag("--version", "zebgatewaysim " ZEBSTATS_VERSION,
+                       "print the version and exit");
   app.set_help_flag("--help,-h", "print this help and exit");
   app.footer(
       "Examples:\n"

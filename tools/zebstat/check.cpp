@@ -34,7 +34,8 @@ std::string renderLine(const Finding& finding) {
   std::string performance = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
   constexpr std::size_t kLeastWords = 20;
   if (start.size() + kLeastWords + columnsOf(performance) > kMaxColumns) performance.clear();
-  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(performance)) + performance + "\n";
+  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(performance)) +
+         performance + "\n";
 }
 
 std::string writePerformance(const Options& options, long double value) {
@@ -43,7 +44,8 @@ std::string writePerformance(const Options& options, long double value) {
   if (label.find_first_of(" ='|") != std::string::npos) label = "'" + label + "'";
   if (label.find('|') != std::string::npos) return {};
   std::string text = label + "=" + showNumber(value, 6);
-  if (options.warning || options.critical) text += ";" + (options.warning ? options.warning->text : "");
+  if (options.warning || options.critical)
+    text += ";" + (options.warning ? options.warning->text : "");
   if (options.critical) text += ";" + options.critical->text;
   return text;
 }
@@ -53,8 +55,9 @@ Finding judge(const Options& options, const Answer& answer) {
   auto isIt = [&](const Entry& entry) { return entry.id == id; };
   auto found = std::find_if(answer.entries.begin(), answer.entries.end(), isIt);
   if (found == answer.entries.end()) {
-    std::string code =
-        answer.refusals.empty() ? "" : " (its code " + std::to_string(answer.refusals[0].code) + ")";
+    std::string code = answer.refusals.empty()
+                           ? ""
+                           : " (its code " + std::to_string(answer.refusals[0].code) + ")";
     return {kUnknown, "the gateway does not know " + id + code, {}};
   }
   std::optional<long double> value = parseNumber(found->value);

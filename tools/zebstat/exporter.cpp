@@ -1,8 +1,8 @@
-// One thread and one connection for each gateway, since a connection belongs to its thread. A scrape asks
-// all gateways at once and waits for those that answer in time.
+// One thread and one connection for each gateway, since a connection belongs to its thread. A
+// scrape asks all gateways at once and waits for those that answer in time.
 //
-// The library's timeout bounds every call, so that each thread is free again before long, whatever its
-// gateway does. To stop, the connections are closed from outside, which ends calls that wait.
+// The library's timeout bounds every call, so that each thread is free again before long, whatever
+// its gateway does. To stop, the connections are closed from outside, which ends calls that wait.
 #include "exporter.h"
 
 #include <signal.h>
@@ -41,16 +41,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kMaxGateways = 250;  // the library holds 256 connections
-// How much of the timeout a scrape waits: a server gives up after a time of its own, often the same, and
-// the answer should be complete by then.
+// How much of the timeout a scrape waits: a server gives up after a time of its own, often the
+// same, and the answer should be complete by then.
 constexpr double kScrapeShare = 0.9;
 constexpr char kSilent[] = "does not answer in time";
 
-// A close from another thread ends a call that waits, but frees an answer that is being read. So it is held
-// shared while an answer is read, and exclusively while all connections are closed.
+// A close from another thread ends a call that waits, but frees an answer that is being read. So it
+// is held shared while an answer is read, and exclusively while all connections are closed.
 std::shared_mutex answersMutex;
 
-// ---- Asking a gateway -------------------------------------------------------------------------------------
+// ---- Asking a gateway ---------------------------------------------------------------------------
 
 struct Endpoint {
   std::string host;
@@ -71,9 +71,10 @@ std::optional<Endpoint> parseEndpoint(const std::string& text, int lowestPort) {
   auto isBad = [](char c) {
     return c <= ' ' || c == 0x7F || std::string_view("[],/").find(c) != std::string_view::npos;
   };
-  bool isNumber =
-      !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
-  if (host.empty() || std::any_of(host.begin(), host.end(), isBad) || !isNumber) return std::nullopt;
+  bool isNumber = !port.empty() && port.size() <= 5 &&
+                  port.find_first_not_of("0123456789") == std::string::npos;
+  if (host.empty() || std::any_of(host.begin(), host.end(), isBad) || !isNumber)
+    return std::nullopt;
   int number = std::stoi(port);
   if (number < lowestPort || number > 65535) return std::nullopt;
   return Endpoint{std::move(host), number};
@@ -110,18 +111,20 @@ class StatsReader {
   }
 
   void noteRefusal(const zebstats::Id& refused) {
-    report_.note = "refuses a part of its statistics (its code " + std::to_string(refused.elementCode) + ")";
+    report_.note =
+        "refuses a part of its statistics (its code " + std::to_string(refused.elementCode) + ")";
   }
 
-  // Of groups, or of statistics where their group is given. An answer has a largest size: what does not fit
-  // into one is asked for in halves, and a single group by its statistics.
+  // Of groups, or of statistics where their group is given. An answer has a largest size: what does
+  // not fit into one is asked for in halves, and a single group by its statistics.
   Error askFor(const std::string* elements, std::size_t count, const std::string& group) {
     if (count == 0) return Error();
     std::string query = elements[0];
     for (std::size_t i = 1; i < count; ++i) query += ':' + elements[i];
     const std::size_t had = report_.stats.size();
     Error failed = take(
-        group.empty() ? gateway_.statsByGroups(query.c_str()) : gateway_.statsByIds(query.c_str()), group);
+        group.empty() ? gateway_.statsByGroups(query.c_str()) : gateway_.statsByIds(query.c_str()),
+        group);
     if (failed.code() != ZEB_WRONG_CONTENT && failed.code() != ZEB_QUERY_TOO_LONG) return failed;
     report_.stats.resize(had);
     if (count > 1) {
@@ -141,8 +144,9 @@ class StatsReader {
         noteRefusal(stat);
         continue;
       }
-      report_.stats.push_back(
-          {std::string(stat.id), group.empty() ? std::string(stat.element) : group, std::string(stat.value)});
+      report_.stats.push_back({std::string(stat.id),
+                               group.empty() ? std::string(stat.element) : group,
+                               std::string(stat.value)});
     }
     return answer.error();
   }
@@ -151,7 +155,7 @@ class StatsReader {
   Report& report_;
 };
 
-// ---- Gateways and their threads ---------------------------------------------------------------------------
+// ---- Gateways and their threads -----------------------------------------------------------------
 
 // One gateway: scrapes ask, its thread answers.
 class GatewayWorker {
@@ -225,7 +229,8 @@ class GatewayWorker {
     ended_ = true;
   }
 
-  // A connection that was good at the last scrape may have ended with the gateway it led to: one new attempt.
+  // A connection that was good at the last scrape may have ended with the gateway it led to: one
+  // new attempt.
   Report answer(zebstats::Connection& gateway) {
     const bool wasOpen = gateway.isOpen();
     Report report;
@@ -262,8 +267,8 @@ class GatewayWorker {
 
 using Workers = std::vector<std::unique_ptr<GatewayWorker>>;
 
-// Ends the threads. Closing the connections ends the calls that wait for a gateway; a call that starts
-// just after one closing is ended by the next.
+// Ends the threads. Closing the connections ends the calls that wait for a gateway; a call that
+// starts just after one closing is ended by the next.
 void stopWorkers(const Workers& workers) {
   for (const auto& worker : workers) worker->stop();
   auto hasEnded = [](const auto& worker) { return worker->hasEnded(); };
@@ -295,7 +300,8 @@ class GatewayCollector : public prometheus::Collectable {
     for (std::size_t i = 0; i < workers_.size(); ++i) {
       Report report = workers_[i]->awaitReport(questions[i], start + wait_);
       addGauge(up, workers_[i]->name(), report.up ? 1 : 0);
-      addGauge(duration, workers_[i]->name(), std::chrono::duration<double>(report.finished - start).count());
+      addGauge(duration, workers_[i]->name(),
+               std::chrono::duration<double>(report.finished - start).count());
       answers.push_back({workers_[i]->name(), std::move(report.stats)});
     }
     std::vector<prometheus::MetricFamily> families = makeMetricFamilies(answers);
@@ -316,7 +322,7 @@ class GatewayCollector : public prometheus::Collectable {
   const Clock::duration wait_;
 };
 
-// ---- The exporter -----------------------------------------------------------------------------------------
+// ---- The exporter -------------------------------------------------------------------------------
 
 Workers makeWorkers(const ExporterOptions& options) {
   if (!parseEndpoint(options.listen, 0)) {
@@ -332,8 +338,8 @@ Workers makeWorkers(const ExporterOptions& options) {
   for (const std::string& name : options.gateways) {
     std::optional<Endpoint> endpoint = parseEndpoint(name, 1);
     if (!endpoint) {
-      throw Fault(kUsage,
-                  "--gateway '" + name + "' is no HOST:PORT; write it like gateway-1:2980 or [::1]:2980");
+      throw Fault(kUsage, "--gateway '" + name +
+                              "' is no HOST:PORT; write it like gateway-1:2980 or [::1]:2980");
     }
     if (!known.insert(name).second) {
       throw Fault(kUsage, "--gateway '" + name + "' is given twice; name it once");
@@ -346,8 +352,8 @@ Workers makeWorkers(const ExporterOptions& options) {
 // The signals that end the exporter are blocked in every thread and fetched here.
 void serve(const ExporterOptions& options, const Workers& workers, const sigset_t& signals) {
   const std::chrono::duration<double> wait(options.timeoutSeconds * kScrapeShare);
-  auto collector =
-      std::make_shared<GatewayCollector>(workers, std::chrono::duration_cast<Clock::duration>(wait));
+  auto collector = std::make_shared<GatewayCollector>(
+      workers, std::chrono::duration_cast<Clock::duration>(wait));
   prometheus::Exposer exposer(options.listen);
   exposer.RegisterCollectable(collector);
   for (const auto& worker : workers) worker->start();
@@ -371,13 +377,15 @@ void runExporter(const ExporterOptions& options) {
   try {
     serve(options, workers, signals);
   } catch (const std::system_error& error) {
-    throw Fault(kNotConnected, std::string("cannot start a thread for each gateway: ") + error.what());
+    throw Fault(kNotConnected,
+                std::string("cannot start a thread for each gateway: ") + error.what());
   } catch (const std::exception&) {
-    const char* cause = options.listen.front() == '['
-                            ? "not of this machine or not permitted, or the HTTP library has no IPv6"
-                            : "not of this machine or not permitted";
-    throw Fault(kNotConnected, "cannot listen on " + options.listen + ": the address is in use, " + cause +
-                                   "; choose another with --listen ADDRESS:PORT");
+    const char* cause =
+        options.listen.front() == '['
+            ? "not of this machine or not permitted, or the HTTP library has no IPv6"
+            : "not of this machine or not permitted";
+    throw Fault(kNotConnected, "cannot listen on " + options.listen + ": the address is in use, " +
+                                   cause + "; choose another with --listen ADDRESS:PORT");
   }
 }
 

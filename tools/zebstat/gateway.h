@@ -50,8 +50,8 @@ class Gateway {
   // HOST:PORT, an IPv6 address in brackets.
   [[nodiscard]] std::string name() const;
 
-  // Connects unless a connection is open, and asks. Throws a Fault: kNotConnected or kTimedOut. After
-  // that the next question connects anew if the connection was lost.
+  // Connects unless a connection is open, and asks. Throws a Fault: kNotConnected or kTimedOut.
+  // After that the next question connects anew if the connection was lost.
   Answer ask(const Question& question);
 
  private:

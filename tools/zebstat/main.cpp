@@ -26,7 +26,8 @@ void setUpLibrary(const Options& options) {
   if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
   // lround would need another shared library, which a short run has no time to load.
   int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK) throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
 }
 
 // Prints a fault before the gateway is closed, which may take until the timeout.

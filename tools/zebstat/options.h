@@ -45,8 +45,8 @@ struct Options {
   [[nodiscard]] bool isByGroup() const { return !groups.empty(); }
 };
 
-// Returns nothing after it has printed --help or --version. Throws a Fault for bad arguments: its code is
-// kUsage, but 3 for `check`, because monitoring takes 2 for an alarm.
+// Returns nothing after it has printed --help or --version. Throws a Fault for bad arguments: its
+// code is kUsage, but 3 for `check`, because monitoring takes 2 for an alarm.
 std::optional<Options> parseOptions(int argc, char** argv);
 
 }  // namespace zebtool

@@ -77,7 +77,8 @@ void writeOutput(const std::string& text) {
   int fault = writeAll(STDOUT_FILENO, text);
   if (fault == EPIPE) endNow(kDone);
   if (fault != 0)
-    throw Fault(kNotConnected, std::string("cannot write to standard output: ") + std::strerror(fault));
+    throw Fault(kNotConnected,
+                std::string("cannot write to standard output: ") + std::strerror(fault));
 }
 
 void waitForReader(double seconds) {
@@ -99,7 +100,8 @@ OutputFile::OutputFile(const std::string& path) : path_(path) {
   std::free(target);
   bool isThere = stat(path_.c_str(), &found) == 0;
   if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is no plain file");
-  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0) throw makeFileFault(path, std::strerror(errno));
+  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
+    throw makeFileFault(path, std::strerror(errno));
 }
 
 void OutputFile::replace(const std::string& text) const {
@@ -112,7 +114,8 @@ void OutputFile::replace(const std::string& text) const {
   umask(mask);
   bool isThere = stat(path_.c_str(), &replaced) == 0;
   int fault = writeAll(file, text);
-  if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0) fault = errno;
+  if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0)
+    fault = errno;
   if (close(file) != 0 && fault == 0) fault = errno;
   if (fault == 0 && rename(beside.c_str(), path_.c_str()) != 0) fault = errno;
   if (fault == 0) return;

@@ -1,4 +1,5 @@
-// Writes results to standard output or to a file that is replaced atomically, and messages to standard error.
+// Writes results to standard output or to a file that is replaced atomically, and messages to
+// standard error.
 #ifndef ZEBSTAT_OUTPUT_H
 #define ZEBSTAT_OUTPUT_H
 
@@ -12,8 +13,8 @@ void printMessage(const std::string& words);
 // Ends the process at once; a signal handler may call it.
 [[noreturn]] void endNow(int exitCode);
 
-// Writes to standard output in one go, during which no signal ends the program. A pipe whose reader has gone ends
-// it silently. Throws a Fault.
+// Writes to standard output in one go, during which no signal ends the program. A pipe whose reader
+// has gone ends it silently. Throws a Fault.
 void writeOutput(const std::string& text);
 
 // Waits; if the reader of standard output goes away meanwhile, ends the program.

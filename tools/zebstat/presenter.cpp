@@ -28,7 +28,8 @@ Presenter::Presenter(const Options& options, std::string gateway)
 
 ExitCode Presenter::present(Answer answer) {
   filter_.apply(answer);
-  Report report{options_.command, options_.isByGroup(), gateway_, makeTimestamp(), std::move(answer)};
+  Report report{options_.command, options_.isByGroup(), gateway_, makeTimestamp(),
+                std::move(answer)};
   std::string text = render(report);
   if (file_) {
     file_->replace(text);
@@ -58,7 +59,8 @@ std::string Presenter::render(const Report& report) {
   return renderTables(report);
 }
 
-// A watched table has a title. On a terminal it is drawn over the one before, and has no more lines than fit.
+// A watched table has a title. On a terminal it is drawn over the one before, and has no more lines
+// than fit.
 std::string Presenter::renderTables(const Report& report) {
   Screen screen = file_ ? Screen() : lookAtScreen();
   if (!isWatch_) return joinLines(renderTable(report, screen), "\n");

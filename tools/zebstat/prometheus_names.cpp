@@ -22,23 +22,26 @@ using Labels = std::vector<Label>;
 
 constexpr char kInfoName[] = "zebstats_info";
 // Reserved names: the ones that the exporter adds, and the one above.
-constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up", "zebstats_scrape_duration_seconds"};
+constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up",
+                                          "zebstats_scrape_duration_seconds"};
 
 template <typename Texts>
 bool contains(const Texts& texts, std::string_view wanted) {
   return std::find(std::begin(texts), std::end(texts), wanted) != std::end(texts);
 }
 
-// Words that `promtool check metrics` does not accept in a name: kinds of metrics, and all but basic units.
+// Words that `promtool check metrics` does not accept in a name: kinds of metrics, and all but
+// basic units.
 bool isRefusedWord(std::string_view word) {
-  static constexpr std::string_view kWords[] = {"counter", "gauge", "histogram", "summary", "s",  "ms",
-                                                "us",      "ns",    "sec",       "b",       "kb", "mb",
-                                                "gb",      "tb",    "pb",        "m",       "h",  "d"};
-  static constexpr std::string_view kPrefixes[] = {"",     "pico",  "nano", "micro", "milli", "centi", "deci",
-                                                   "deca", "hecto", "kilo", "kibi",  "mega",  "mibi",  "mebi",
-                                                   "giga", "gibi",  "tera", "tebi",  "peta",  "pebi"};
-  static constexpr std::string_view kBasicUnits[] = {"amperes", "bytes",  "celsius", "grams",   "joules",
-                                                     "kelvin",  "meters", "metres",  "seconds", "volts"};
+  static constexpr std::string_view kWords[] = {
+      "counter", "gauge", "histogram", "summary", "s",  "ms", "us", "ns", "sec",
+      "b",       "kb",    "mb",        "gb",      "tb", "pb", "m",  "h",  "d"};
+  static constexpr std::string_view kPrefixes[] = {
+      "",     "pico", "nano", "micro", "milli", "centi", "deci", "deca", "hecto", "kilo",
+      "kibi", "mega", "mibi", "mebi",  "giga",  "gibi",  "tera", "tebi", "peta",  "pebi"};
+  static constexpr std::string_view kBasicUnits[] = {"amperes", "bytes",  "celsius", "grams",
+                                                     "joules",  "kelvin", "meters",  "metres",
+                                                     "seconds", "volts"};
   static constexpr std::string_view kOtherUnits[] = {"bits",    "calories", "days",    "fahrenheit",
                                                      "hours",   "inches",   "kelvins", "miles",
                                                      "minutes", "pounds",   "weeks",   "yards"};
@@ -60,7 +63,8 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// The id in lower case, with '_' for what a name can not have. A refused word joins the one before it.
+// The id in lower case, with '_' for what a name can not have. A refused word joins the one before
+// it.
 std::string makeName(const std::string& id) {
   std::vector<std::string> words(1);
   auto endWord = [&words] {
@@ -96,8 +100,8 @@ std::string makeSuffix(const std::string& id) {
   return text;
 }
 
-// Returns the name of each id. If several ids would get the same name, the one in upper case, as gateways
-// write ids, keeps it, and the others get a suffix.
+// Returns the name of each id. If several ids would get the same name, the one in upper case, as
+// gateways write ids, keeps it, and the others get a suffix.
 std::map<std::string, std::string> nameIds(const std::set<std::string>& ids) {
   auto isUsual = [](const std::string& id) {
     return std::all_of(id.begin(), id.end(),
@@ -152,7 +156,8 @@ Labels makeLabels(const PrometheusAnswer& answer, const PrometheusStat& stat) {
 // The text after # HELP, which has to fit on its line. The serialiser writes it as it is.
 std::string makeHelp(const std::string& id) {
   std::string help = "Statistic ";
-  for (char c : makeLabelValue(id)) help += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
+  for (char c : makeLabelValue(id))
+    help += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
   return help + " of the gateway.";
 }
 
@@ -175,7 +180,8 @@ class Family {
     if (!known_.insert(labels).second) return;
     prometheus::ClientMetric metric;
     metric.label = labels;
-    (family_.type == prometheus::MetricType::Gauge ? metric.gauge.value : metric.untyped.value) = value;
+    (family_.type == prometheus::MetricType::Gauge ? metric.gauge.value : metric.untyped.value) =
+        value;
     family_.metric.push_back(std::move(metric));
   }
   prometheus::MetricFamily& take() { return family_; }
@@ -204,7 +210,8 @@ std::string makeLabelValue(std::string_view text) {
   return value;
 }
 
-std::vector<prometheus::MetricFamily> makeMetricFamilies(const std::vector<PrometheusAnswer>& answers) {
+std::vector<prometheus::MetricFamily> makeMetricFamilies(
+    const std::vector<PrometheusAnswer>& answers) {
   std::set<std::string> ids;
   for (const PrometheusAnswer& answer : answers) {
     for (const PrometheusStat& stat : answer.stats) ids.insert(stat.id);

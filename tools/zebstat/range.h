@@ -1,5 +1,5 @@
-// Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and less). A value
-// outside raises the alarm; with @ in front, one inside does.
+// Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and
+// less). A value outside raises the alarm; with @ in front, one inside does.
 #ifndef ZEBSTAT_RANGE_H
 #define ZEBSTAT_RANGE_H
 

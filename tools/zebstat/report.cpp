@@ -64,7 +64,8 @@ std::string renderDocument(const Report& report, bool isPretty) {
                                                        : "groups";
   document.addArray(name, report.answer.entries, writeEntry);
   document.addArray("errors", report.answer.refusals, [](const Refusal& refusal) {
-    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" + std::to_string(refusal.code) + "}";
+    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" +
+           std::to_string(refusal.code) + "}";
   });
   return document.finish();
 }
@@ -87,10 +88,11 @@ std::string makeTimestamp() {
   year_month_day date(day);
   hh_mm_ss time(now - day);
   char text[40];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
+                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+                static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()),
+                static_cast<int>(time.subseconds().count()));
   return text;
 }
 
@@ -116,7 +118,8 @@ std::string renderCsv(const Report& report, bool withHeading) {
   }
   for (const Entry& entry : report.answer.entries) {
     text += report.timestamp;
-    if (report.command != Command::kGroups) text += "," + quoteCsv(groupOf(entry, report.isByGroup));
+    if (report.command != Command::kGroups)
+      text += "," + quoteCsv(groupOf(entry, report.isByGroup));
     text += "," + quoteCsv(entry.id);
     if (report.command == Command::kStats) text += "," + quoteCsv(entry.value);
     text += "\r\n";

@@ -1,4 +1,5 @@
-// One answer as it is shown: what the filters left of it, with its gateway and its time, in each format.
+// One answer as it is shown: what the filters left of it, with its gateway and its time, in each
+// format.
 #ifndef ZEBSTAT_REPORT_H
 #define ZEBSTAT_REPORT_H
 

@@ -22,7 +22,8 @@ constexpr double kLongestPause = 60;
 class Schedule {
  public:
   explicit Schedule(double seconds)
-      : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {}
+      : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
+  }
   void waitForNext() {
     Clock::time_point now = Clock::now();
     next_ += step_;
@@ -46,7 +47,8 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Asks until there is an answer, with growing pauses, so that a gateway that starts again is left in peace.
+// Asks until there is an answer, with growing pauses, so that a gateway that starts again is left
+// in peace.
 Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& presenter) {
   for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
     try {
@@ -55,7 +57,8 @@ Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& p
       return answer;
     } catch (const Fault& fault) {
       presenter.forget();
-      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) + " s");
+      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) +
+                          " s");
     }
     waitForReader(pause);
   }

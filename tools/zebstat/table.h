@@ -1,4 +1,5 @@
-// Aligned columns for people: of one answer, and of a watched one with what changed since the answer before.
+// Aligned columns for people: of one answer, and of a watched one with what changed since the
+// answer before.
 #ifndef ZEBSTAT_TABLE_H
 #define ZEBSTAT_TABLE_H
 

@@ -20,7 +20,9 @@ struct Character {
 
 // The character at `at`, surrogates as they are.
 Character readCharacter(std::string_view bytes, std::size_t at) {
-  auto byte = [&](std::size_t i) -> std::uint32_t { return static_cast<unsigned char>(bytes[at + i]); };
+  auto byte = [&](std::size_t i) -> std::uint32_t {
+    return static_cast<unsigned char>(bytes[at + i]);
+  };
   std::uint32_t first = byte(0);
   if (first < 0x80) return {first, 1};
   std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
@@ -61,9 +63,11 @@ std::size_t columnsOfCharacter(std::uint32_t code) {
   struct Span {
     std::uint32_t first, last;
   };
-  constexpr Span kNarrowest[] = {{0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
-  constexpr Span kWide[] = {{0x1100, 0x115F}, {0x2E80, 0xA4CF}, {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},
-                            {0xFE30, 0xFE6F}, {0xFF00, 0xFF60}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+  constexpr Span kNarrowest[] = {
+      {0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+  constexpr Span kWide[] = {{0x1100, 0x115F},   {0x2E80, 0xA4CF},  {0xAC00, 0xD7A3},
+                            {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},  {0xFF00, 0xFF60},
+                            {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
   auto holds = [&](const Span& span) { return code >= span.first && code <= span.last; };
   if (std::any_of(std::begin(kNarrowest), std::end(kNarrowest), holds)) return 0;
   return std::any_of(std::begin(kWide), std::end(kWide), holds) ? 2 : 1;

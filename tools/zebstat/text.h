@@ -9,8 +9,8 @@
 
 namespace zebtool {
 
-// The modified UTF-8 of the wire (NUL in two bytes, surrogates in three each) as valid UTF-8. Bytes that are
-// neither become U+FFFD.
+// The modified UTF-8 of the wire (NUL in two bytes, surrogates in three each) as valid UTF-8. Bytes
+// that are neither become U+FFFD.
 std::string toUtf8(std::string_view bytes);
 
 // Valid UTF-8 on one line with nothing that moves a cursor: control characters become \n or \x1B.
