@@ -50,12 +50,12 @@ std::string wantRange(const std::string& text) {
 }
 
 std::string wantText(const std::string& text) {
-  return text.empty() ? "an empty text is no name; the commands ids and groups list them"
+  return text.empty() ? "an empty text is not a name; the commands ids and groups list them"
                       : std::string();
 }
 
 std::string wantPath(const std::string& text) {
-  return text.empty() ? "an empty text is no file name" : std::string();
+  return text.empty() ? "an empty text is not a file name" : std::string();
 }
 
 // Holds the raw options of a command line and combines them.
@@ -84,7 +84,7 @@ class Parser {
       return std::nullopt;
     } catch (const CLI::ExtrasError& fault) {
       if (!app_.get_subcommands().empty()) throw usage(fault.what());
-      throw usage(app_.remaining().front() + " is no command; there are " + kCommands);
+      throw usage(app_.remaining().front() + " is not a command; the commands are " + kCommands);
     } catch (const CLI::ParseError& fault) {
       throw usage(fault.what());
     }
@@ -92,8 +92,8 @@ class Parser {
   }
 
  private:
-  // Options are added only for the command given: adding all of them would double the start-up
-  // time.
+  // Adds a command. Its options are added only when it is given: adding those of all commands would
+  // double the start-up time.
   void addCommand(Command command, const char* name, void (Parser::*addOptions)(CLI::App*)) {
     CLI::App* added = app_.add_subcommand(name);
     added->preparse_callback([this, command, added, addOptions](std::size_t) {
@@ -167,9 +167,9 @@ class Parser {
   // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
-      throw CLI::ValidationError("say what to do; there are " + std::string(kCommands));
+      throw CLI::ValidationError("give a command; the commands are " + std::string(kCommands));
     if (options_.command == Command::kExporter && (host_->count() > 0 || port_->count() > 0)) {
-      throw CLI::ValidationError("exporter", "--gateway HOST:PORT stands for --host and --port");
+      throw CLI::ValidationError("exporter", "--gateway HOST:PORT replaces --host and --port");
     }
     if (!warning_.empty()) options_.warning = parseRange(warning_);
     if (!critical_.empty()) options_.critical = parseRange(critical_);
@@ -191,15 +191,15 @@ class Parser {
     }
     if (isWatch && options_.outputFile.empty()) {
       throw CLI::ValidationError("--format",
-                                 "prometheus can not be appended to; give --output FILE too");
+                                 "prometheus cannot be appended to; give --output FILE too");
     }
   }
 
-  Fault usage(const std::string& words) {
+  Fault usage(const std::string& message) {
     std::vector<CLI::App*> commands = app_.get_subcommands();
     std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
     return {command == " check" ? kNotConnected : kUsage,
-            words + "; see zebstat" + command + " --help"};
+            message + "; see zebstat" + command + " --help"};
   }
 
   CLI::App app_{"", "zebstat"};

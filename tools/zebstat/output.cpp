@@ -36,7 +36,7 @@ class SignalsHeld {
   sigset_t before_{};
 };
 
-// 0, or the errno of the failure.
+// Returns 0, or the errno of the failure.
 int writeAll(int file, std::string_view text) {
   while (!text.empty()) {
     ssize_t written = write(file, text.data(), text.size());
@@ -64,8 +64,8 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-void printMessage(const std::string& words) {
-  writeAll(STDERR_FILENO, "zebstat: " + toShown(words) + "\n");
+void printMessage(const std::string& message) {
+  writeAll(STDERR_FILENO, "zebstat: " + toShown(message) + "\n");
 }
 
 void endNow(int exitCode) {
@@ -95,11 +95,11 @@ void waitForReader(double seconds) {
 
 OutputFile::OutputFile(const std::string& path) : path_(path) {
   struct stat found {};
-  char* target = realpath(path.c_str(), nullptr);  // null for a file that is to be made
+  char* target = realpath(path.c_str(), nullptr);  // null if the file does not exist yet
   if (target != nullptr) path_ = target;
   std::free(target);
   bool isThere = stat(path_.c_str(), &found) == 0;
-  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is no plain file");
+  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is not a regular file");
   if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
     throw makeFileFault(path, std::strerror(errno));
 }

@@ -21,7 +21,7 @@ using Label = prometheus::ClientMetric::Label;
 using Labels = std::vector<Label>;
 
 constexpr char kInfoName[] = "zebstats_info";
-// Reserved names: the ones that the exporter adds, and the one above.
+// Reserved names: zebstats_info and the names of the exporter's own metrics.
 constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up",
                                           "zebstats_scrape_duration_seconds"};
 
@@ -30,8 +30,8 @@ bool contains(const Texts& texts, std::string_view wanted) {
   return std::find(std::begin(texts), std::end(texts), wanted) != std::end(texts);
 }
 
-// Words that `promtool check metrics` does not accept in a name: kinds of metrics, and all but
-// basic units.
+// Returns whether `promtool check metrics` rejects the word in a name: it rejects kinds of metrics,
+// and units that are not basic units.
 bool isRefusedWord(std::string_view word) {
   static constexpr std::string_view kWords[] = {
       "counter", "gauge", "histogram", "summary", "s",  "ms", "us", "ns", "sec",
@@ -63,8 +63,8 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// The id in lower case, with '_' for what a name can not have. A refused word joins the one before
-// it.
+// Returns the id in lower case, with '_' for characters that a name cannot have. A refused word is
+// joined to the word before it.
 std::string makeName(const std::string& id) {
   std::vector<std::string> words(1);
   auto endWord = [&words] {
@@ -91,7 +91,7 @@ std::string makeName(const std::string& id) {
   return name;
 }
 
-// A few digits that tell ids with the same name apart, the same in every run (FNV-1a).
+// Returns a suffix that distinguishes ids with the same name and is the same in every run: FNV-1a.
 std::string makeSuffix(const std::string& id) {
   std::uint32_t hash = 2166136261U;
   for (char c : id) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
@@ -120,7 +120,8 @@ std::map<std::string, std::string> nameIds(const std::set<std::string>& ids) {
   return names;
 }
 
-// None for anything but decimal digits: "nan" and "0x10" are texts here.
+// Returns the number, or nothing for anything but a decimal number: "nan" and "0x10" are texts
+// here.
 std::optional<double> parseNumber(const std::string& text) {
   double number = 0;
   const char* end = text.data() + text.size();
@@ -153,7 +154,7 @@ Labels makeLabels(const PrometheusAnswer& answer, const PrometheusStat& stat) {
   return labels;
 }
 
-// The text after # HELP, which has to fit on its line. The serialiser writes it as it is.
+// Returns the text after # HELP, with line ends escaped: the serialiser writes it as it is.
 std::string makeHelp(const std::string& id) {
   std::string help = "Statistic ";
   for (char c : makeLabelValue(id))
@@ -161,16 +162,16 @@ std::string makeHelp(const std::string& id) {
   return help + " of the gateway.";
 }
 
-// A text as a label. Each of its values is a time series of its own, so a long one is cut.
+// Returns the text for a label, cut if it is long. A character at the cut is left out as a whole.
 std::string cutText(const std::string& text) {
-  constexpr std::size_t kLongest = 256;
-  std::size_t end = kLongest;
-  if (text.size() <= kLongest) return text;
-  while (end > kLongest - 4 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  constexpr std::size_t kMaxLabelBytes = 256;
+  std::size_t end = kMaxLabelBytes;
+  if (text.size() <= kMaxLabelBytes) return text;
+  while (end > kMaxLabelBytes - 4 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
   return text.substr(0, end) + "...";
 }
 
-// The metrics of one name, each set of labels once.
+// The metrics of one name. Of several with the same labels it keeps the first.
 class Family {
  public:
   Family(std::string name, std::string help, prometheus::MetricType type)

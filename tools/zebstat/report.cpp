@@ -12,19 +12,19 @@ namespace zebtool {
 
 namespace {
 
-// Increment it on an incompatible change.
+// The version of the JSON layout. Increment it on an incompatible change.
 constexpr int kDocumentVersion = 1;
 
 std::string quote(std::string_view bytes) {
   return nlohmann::json(toUtf8(bytes)).dump();
 }
 
-// A number is written as it came: a double would change its digits.
+// Writes a number with the gateway's own digits: a double would change them.
 std::string writeValue(std::string_view value) {
   return isJsonNumber(value) ? std::string(value) : quote(value);
 }
 
-// Builds the document member by member; pretty has one entry a line.
+// Builds a JSON document member by member; a pretty one has one entry per line.
 class Document {
  public:
   explicit Document(bool isPretty) : isPretty_(isPretty) {}
@@ -80,7 +80,7 @@ std::string quoteCsv(std::string_view bytes) {
 
 }  // namespace
 
-// gmtime would read the time zone file, which costs a short run too much.
+// No gmtime: it would read the time zone file, which takes too long for a short run.
 std::string makeTimestamp() {
   using namespace std::chrono;
   auto now = floor<milliseconds>(system_clock::now());
@@ -108,7 +108,7 @@ std::string renderJsonLine(const Report& report) {
   return renderDocument(report, false);
 }
 
-// Lines end as RFC 4180 has them.
+// Lines end with CR LF, as RFC 4180 wants.
 std::string renderCsv(const Report& report, bool withHeading) {
   std::string text;
   if (withHeading) {

@@ -16,9 +16,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kFirstPause = 1;
-constexpr double kLongestPause = 60;
+constexpr double kMaxPause = 60;
 
-// A steady schedule: rounds that were missed are left out, not made up for.
+// A steady schedule: rounds that were missed are skipped.
 class Schedule {
  public:
   explicit Schedule(double seconds)
@@ -36,7 +36,8 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the way to end a watch. Nothing has to be tidied up: writing is not interrupted.
+// Ctrl-C is the usual way to end a watch. There is nothing to clean up: the signal is blocked
+// during writing.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -47,10 +48,10 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Asks until there is an answer, with growing pauses, so that a gateway that starts again is left
-// in peace.
+// Asks until there is an answer. The pauses between attempts grow, so that the attempts do not
+// burden a gateway that is starting.
 Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& presenter) {
-  for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+  for (double pause = kFirstPause;; pause = std::min(pause * 2, kMaxPause)) {
     try {
       Answer answer = gateway.ask(question);
       if (pause > kFirstPause) presenter.interrupt(gateway.name() + ": it answers again");

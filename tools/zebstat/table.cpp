@@ -21,7 +21,7 @@ constexpr char kPlain[] = "\x1B[0m";
 
 struct Row {
   std::vector<std::string> cells;
-  const char* colour = nullptr;
+  const char* colour = nullptr;  // of the whole line; null: none
 };
 
 // Rows under a heading. The last cell of a short row spans the remaining columns.
