@@ -1,4 +1,6 @@
-// Lock rule: all but answers_ belongs to the server's thread once it runs.
+// Lock rule: after start-up only answers_ and isRunning_ change in more than one thread;
+// answersLock_ guards the former, the latter is atomic. clients_ and the model are used by the
+// server's thread.
 #include "gateway_server.h"
 
 #include <fcntl.h>
@@ -94,9 +96,9 @@ struct GatewayServer::Client {
   Descriptor socket;
   std::string peer;
   GatewaySession session;
-  Bytes in;              // at most one request and one read: no more is read while a reply waits
-  Bytes out;             // the rest of the reply under way
-  std::size_t sent = 0;  // how much of `out` is gone
+  Bytes in;              // received: nothing more is read while a reply is being sent
+  Bytes out;             // the reply that is being sent
+  std::size_t sent = 0;  // how much of `out` has been sent
   bool isDropped = false;
 
   [[nodiscard]] bool isReplying() const { return sent < out.size(); }
@@ -104,7 +106,7 @@ struct GatewayServer::Client {
   bool sendReply(std::size_t segment);
 };
 
-// False: the client has hung up or the connection broke.
+// Returns false if the client has closed the connection, or it failed.
 bool GatewayServer::Client::receive() {
   std::array<char, 16384> piece;
   ssize_t got = recv(socket.get(), piece.data(), piece.size(), 0);
@@ -113,8 +115,8 @@ bool GatewayServer::Client::receive() {
   return got > 0;
 }
 
-// Sends what the socket takes, with a segment size one piece at a time. False: the connection
-// broke.
+// Sends what the socket takes; with a segment size, one piece of at most that size. Returns false
+// if the connection failed.
 bool GatewayServer::Client::sendReply(std::size_t segment) {
   std::size_t size = out.size() - sent;
   if (segment > 0) size = std::min(size, segment);
@@ -157,7 +159,7 @@ std::string GatewayServer::listenAddress() const {
 void GatewayServer::stop() {
   isRunning_ = false;
   if (!thread_.joinable()) return;
-  wakeWriter_ = Descriptor();  // the reader's end becomes ready
+  wakeWriter_ = Descriptor();  // closes the pipe, which wakes the thread's poll
   thread_.join();
 }
 
@@ -209,7 +211,8 @@ void GatewayServer::acceptClient() {
   if (socket.get() < 0) {
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
     options_.log("cannot accept a client: " + std::generic_category().message(errno));
-    isAcceptPaused_ = true;  // out of descriptors, say: the client waits in the listener's queue
+    isAcceptPaused_ =
+        true;  // out of descriptors, perhaps: the client waits in the listener's queue
     return;
   }
   int on = 1;
@@ -232,7 +235,7 @@ void GatewayServer::serveClient(Client& client, bool canRead) {
       std::size_t before = client.sent;
       if (!client.sendReply(options_.segment))
         return dropClient(client, "the client does not take its reply");
-      if (client.isReplying() && client.sent == before) return;  // goes on when the socket is ready
+      if (client.isReplying() && client.sent == before) return;  // poll says when there is room
       if (!client.isReplying()) answerRequests(client);
     }
     if (client.session.isClosed()) dropClient(client, "");
@@ -241,7 +244,8 @@ void GatewayServer::serveClient(Client& client, bool canRead) {
   }
 }
 
-// One request at a time: while its reply waits, later requests stay where they are.
+// Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
+// until that reply has been sent.
 void GatewayServer::answerRequests(Client& client) {
   Request request;
   if (client.session.isClosed() || !takeRequest(client.in, request)) return;
