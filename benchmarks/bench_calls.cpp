@@ -1,4 +1,4 @@
-// The calls of the library against the bare floors of what they do.
+// The calls of the library, each against its floor: bare code that does the same work.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -151,7 +151,7 @@ void openAndClose(State& state, Goal goal) {
            {"call", [&] { const Connection opened(peer.port()); }}});
 }
 
-// The lines of one call, as the trace file holds them.
+// Returns the lines of the trace file, with their line ends.
 std::vector<Bytes> readLines(const char* path) {
   std::ifstream file(path);
   std::vector<Bytes> lines;
@@ -166,14 +166,14 @@ void traceLine(State& state, Goal goal) {
   int level = 0;
   setAPITraceFile(path);
   setAPITraceLevel(3);  // the calls themselves
-  require(truncate(path, 0) == 0 && getAPITraceLevel(&level) == ZEB_OK, "can not trace");
+  require(truncate(path, 0) == 0 && getAPITraceLevel(&level) == ZEB_OK, "cannot trace");
   const std::vector<Bytes> lines = readLines(path);
   require(lines.size() == 2, "getAPITraceLevel does not write two lines");
   measure(state, goal, 20,
           {{"bare",
             [&] {
               for (const Bytes& line : lines)
-                require(write(file, line.data(), line.size()) > 0, "can not write");
+                require(write(file, line.data(), line.size()) > 0, "cannot write");
             }},
            {"call", [&] { getAPITraceLevel(&level); }}});
   setAPITraceLevel(0);
@@ -184,7 +184,7 @@ void traceLine(State& state, Goal goal) {
 
 // ---- Growth -------------------------------------------------------------------------------------
 
-// Each step handles as many statistics, in answers of so many.
+// A connection whose answers have `count` statistics. Each step handles kGrowthTotal statistics.
 struct SizedGateway {
   explicit SizedGateway(std::size_t count) : peer(statsAnswer(count)), library(peer.port()) {
     answer = library.query();
@@ -207,15 +207,15 @@ void measureGrowth(State& state, Goal goal, void (*work)(SizedGateway&)) {
   measure(state, goal, 1, steps, growthFromSecond);
 }
 
-// A query of the first of many connections, which the search of the list finds at once, held
-// against the bare query; and of the last one, to show what the search costs.
+// Measures a query on the first of many connections, which the search of the list finds at once,
+// against the bare query, and one on the last connection, to show the cost of the search.
 void manyConnections(State& state, Goal goal) {
   const Bytes answer = statsAnswer(kSmall);
   double flattest = 0;
   double steepest = 0;
   for (const int count : {1, 16, 64, 250}) {
-    const PeerProcess peer(kSmall,
-                           count + 1);  // whose many threads do not slow down a change of a signal
+    // In a process of its own: many threads in this one would slow down sigaction.
+    const PeerProcess peer(kSmall, count + 1);
     std::vector<std::unique_ptr<Connection>> connections;
     for (int i = 0; i < count; ++i)
       connections.push_back(std::make_unique<Connection>(peer.port()));
