@@ -43,8 +43,8 @@ int main(int argc, char** argv) {
   if (rc == ZEB_OK) rc = copyResultSet(answer, &copy);
   if (rc == ZEB_OK) {
     sleep(2);
-    rc = getStatsByStatGroupId(gateway, "REQ:VM",
-                               &answer); /* overwrites the first answer, not the copy */
+    /* It overwrites the first answer, but not the copy. */
+    rc = getStatsByStatGroupId(gateway, "REQ:VM", &answer);
   }
   if (rc == ZEB_OK) rc = showChanges(copy, answer);
   freeResultSet(&copy);

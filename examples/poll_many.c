@@ -39,7 +39,7 @@ static void* poll(void* argument) {
     if (rc == ZEB_OK) rc = showAnswer(poller, answer);
   }
   free(version);
-  closeGatewayConnection(&gateway); /* a lost connection is gone already: -101, which is no news */
+  closeGatewayConnection(&gateway); /* returns -101 if the connection was lost: no harm */
   poller->rc = rc;
   return NULL;
 }

@@ -1,4 +1,5 @@
-// Any bytes as the reply to one request: the first byte says to which, the second how it arrives.
+// Feeds any bytes to the library as the reply to one request. The first byte of the input selects
+// the request, the second says how the reply arrives.
 #include <string>
 
 #include "harness.h"
@@ -21,7 +22,7 @@ void callAdmin(int kind, const MemoryGateway& gateway) {
   const int rc = flowAdminRequest(1, &call, &failure);
   requireOneOf(rc, {0, kFlowFailed, kAdminFailed, kGatewayRefused, ZEB_NO_MEMORY},
                "flowAdminRequest");
-  require(rc == 0 || call.callData == nullptr, "call data are handed over on success alone");
+  require(rc == 0 || call.callData == nullptr, "call data are handed over only on success");
   if (call.callData != nullptr) {
     const std::string all(reinterpret_cast<const char*>(call.callData), call.header.dataLength);
     require(all.size() <= gateway.received, "the call data came from the gateway");
@@ -37,7 +38,7 @@ void authorise(int step) {
   const int rc = flowAuthRequest(1, &request, &failure);
   requireOneOf(rc, {0, kFlowFailed, kAuthRefused, kGatewayRefused, ZEB_NO_MEMORY},
                "flowAuthRequest");
-  require(rc != kAuthRefused || failure.authRc != 0, "a refused authorisation tells its code");
+  require(rc != kAuthRefused || failure.authRc != 0, "a refused authorisation has its code");
 }
 
 }  // namespace

@@ -17,14 +17,14 @@
 namespace zebfuzz {
 namespace {
 
-constexpr int kSocket = 1 << 20;  // no descriptor of the system's
+constexpr int kSocket = 1 << 20;  // not a descriptor that the system uses
 constexpr std::size_t kLargestBlock = 256 * 1024;
 
 thread_local MemoryGateway* current = nullptr;
 
-// Blocks of the size of a result set buffer are handed out again and again: the address sanitiser
-// maps and unmaps each one, which takes longer than a session. Poisoned in between they are as
-// forbidden as freed ones.
+// Blocks of the size of a result set buffer are used again: the address sanitiser would map and
+// unmap each one, which takes longer than a session. While they are not in use they are poisoned,
+// so that an access is found as with freed blocks.
 class KeptBlocks {
  public:
   void* take() {
@@ -77,7 +77,7 @@ MemoryGatewayScope::~MemoryGatewayScope() {
 
 using namespace zebfuzz;
 
-// What the linker's --wrap makes of the calls; __real_... are the system's.
+// The linker's --wrap redirects each call to __wrap_...; __real_... is the original function.
 #define ZEBFUZZ_WRAP(type, name, arguments, passed, ...) \
   type __real_##name arguments;                          \
   type __wrap_##name arguments {                         \

@@ -1,5 +1,5 @@
-// Runs a harness over every file of the folders named on the command line, without a fuzzer: each
-// file is an input, in a block of its exact size.
+// Runs a harness without a fuzzer. Each file of the folders named on the command line is an input,
+// in a block of its exact size.
 #include <algorithm>
 #include <cstdio>
 #include <exception>

@@ -1,6 +1,6 @@
-// A whole session against any bytes: open, two queries with walk, copy and query string, close. The
-// first byte says what is asked, the second how the replies arrive; the rest are the replies, all
-// of them, or those behind a good open call.
+// Feeds any bytes to a whole session: open, two queries with walk, copy and query string, close.
+// The first byte of the input selects the queries, the second says how the replies arrive. The rest
+// are the replies: all of them, or those after a good open.
 #include <string>
 
 #include "gateway_encoder.h"
@@ -105,7 +105,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if ((what & kGoodAfter) != 0) {
     MemoryGateway good = {.replies = bytesOf(goodSession())};
     require(runSession(good, 0) == ZEB_CONNECTION_LOST && good.received == good.replies.size(),
-            "a good session works behind any other");
+            "a good session works after any other");
   }
   return 0;
 }

@@ -1,6 +1,6 @@
-// The calls that read a result set, over buffers of any content: the first byte says what is done,
-// the second what fills the buffer, the third how many of the bytes behind it are its end; the rest
-// is its beginning.
+// Makes the calls that read a result set, on buffers with any content. The first byte of the input
+// selects the calls, the second fills the buffer, the third is the number of the last input bytes
+// that become the end of the buffer; those between are its beginning.
 #include <string_view>
 
 #include "harness.h"
@@ -19,19 +19,19 @@ enum What : std::uint8_t {
   kIds = 32
 };
 
-// The bits besides, with a filling of 0: what takes long, walks of tens of thousands of entries and
-// dumps of the whole buffer.
+// With these bits and a filling of 0 a run is slow: it walks tens of thousands of entries and dumps
+// the whole buffer.
 constexpr std::uint8_t kSlow = 0xC0;
 constexpr std::size_t kShortDump = 256;
 
-// Throws away what is written to it.
+// Opens a stream that discards what is written to it.
 FILE* openSink() {
   cookie_io_functions_t functions = {};
   functions.write = [](void*, const char*, std::size_t size) { return static_cast<ssize_t>(size); };
   return fopencookie(nullptr, "w", functions);
 }
 
-// The buffer keeps its filling from run to run, because that takes longer than all the rest.
+// The buffer keeps its filling from run to run: filling it takes longer than all the rest of a run.
 class FilledBuffer {
  public:
   char* fill(std::uint8_t filling) {
@@ -76,7 +76,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   startLibrary();
   static FILE* const sink = statAPITraceHandle = openSink();
   require(sink != nullptr, "there is a sink");
-  MemoryGateway gateway;  // for the sake of its quick memory
+  MemoryGateway gateway;  // counts the blocks, and makes allocation fast
   const MemoryGatewayScope scope(gateway);
 
   Input input(data, size);
