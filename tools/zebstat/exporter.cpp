@@ -40,7 +40,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMaxGateways = 250;  // the library holds 256 connections
+constexpr std::size_t kMaxGateways = 250;  // the library permits 256 connections
 // The part of the timeout for which a scrape waits: the Prometheus server often has the same
 // timeout, and must receive the complete answer before that.
 constexpr double kScrapeShare = 0.9;

@@ -106,8 +106,8 @@ OutputFile::OutputFile(const std::string& path) : path_(path) {
 
 void OutputFile::replace(const std::string& text) const {
   SignalsHeld held;
-  std::string beside = path_ + ".XXXXXX";
-  int file = mkstemp(beside.data());
+  std::string temporary = path_ + ".XXXXXX";
+  int file = mkstemp(temporary.data());
   if (file < 0) throw makeFileFault(path_, std::strerror(errno));
   struct stat replaced {};
   mode_t mask = umask(0);
@@ -117,9 +117,9 @@ void OutputFile::replace(const std::string& text) const {
   if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0)
     fault = errno;
   if (close(file) != 0 && fault == 0) fault = errno;
-  if (fault == 0 && rename(beside.c_str(), path_.c_str()) != 0) fault = errno;
+  if (fault == 0 && rename(temporary.c_str(), path_.c_str()) != 0) fault = errno;
   if (fault == 0) return;
-  unlink(beside.c_str());
+  unlink(temporary.c_str());
   throw makeFileFault(path_, std::strerror(fault));
 }
 

@@ -16,7 +16,7 @@ namespace zebtool {
 // The abilities of the destination of a table.
 struct Screen {
   std::size_t columns = 0;  // 0: lines have no limit
-  std::size_t rows = 0;     // likewise
+  std::size_t rows = 0;     // 0: tables have no limit
   bool hasColour = false;
   bool canRedraw = false;
 };

@@ -14,7 +14,7 @@ constexpr std::uint32_t kReplacement = 0xFFFD;
 constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 struct Character {
-  std::uint32_t code = kNone;  // kNone: the bytes are no character
+  std::uint32_t code = kNone;  // kNone: the bytes are not a character
   std::size_t length = 1;
 };
 
