@@ -10,7 +10,10 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Arrays;
 
-/** Decodes the id-value pairs of a file, a pair a line, from a serialised stream in memory; prints the median. */
+/**
+ * Decodes the id-value pairs of a file, one pair per line, from a serialised stream in memory, and
+ * prints the median time in nanoseconds.
+ */
 public class DecodePairs {
     private static final int WARM_UP = 3000;
     private static final int ROUNDS = 301;

@@ -1,5 +1,6 @@
-/* The least program that prints a gateway's statistics: connects to 127.0.0.1, asks, prints, closes. Knows
- * neither errors nor more than one response nor a value that needs a second block. */
+/* The smallest program that prints a gateway's statistics: connects to 127.0.0.1, asks, prints,
+ * closes. It knows neither errors nor more than one response nor a value that needs a second
+ * block. */
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,7 +42,8 @@ static unsigned wire32(const unsigned char* at) {
   return (unsigned)at[0] << 24 | (unsigned)at[1] << 16 | (unsigned)at[2] << 8 | at[3];
 }
 
-/* Sends the request, whose header has so many bytes, and receives the reply. Returns its data. */
+/* Sends the request and receives the reply. Both headers have `header` bytes. Returns the reply's
+ * data. */
 static unsigned char* flow(int connection, size_t header) {
   const unsigned data = htonl((unsigned)(size - header));
   size_t got = 0;
@@ -58,8 +60,8 @@ static unsigned char* flow(int connection, size_t header) {
 
 static void printStatistics(const unsigned char* at) {
   unsigned count;
-  at += 17 + 1 + 6; /* kind, return code, exception flag, form; the stream's header and the object's tags */
-  at -= 8;
+  /* kind, return code, exception flag, form; stream header, TC_OBJECT, TC_CLASSDESC */
+  at += 4 + 4 + 1 + 1 + 4 + 2;
   at += 2 + (at[0] << 8 | at[1]) + 13;
   at += 2 + (at[0] << 8 | at[1]) + 13;
   at += *at == 'w' ? 2 : 5;

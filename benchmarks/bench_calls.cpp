@@ -1,4 +1,4 @@
-// The calls of the library against the bare floors of what they do.
+// The calls of the library, each against its floor: bare code that does the same work.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,7 +21,7 @@ using benchmark::State;
 constexpr std::size_t kSmall = 10;
 constexpr std::size_t kMany = 1000;
 
-// ---- Queries -------------------------------------------------------------------------------------------------
+// ---- Queries ------------------------------------------------------------------------------------
 
 void smallQuery(State& state, Goal goal) {
   const Bytes answer = statsAnswer(kSmall);
@@ -43,7 +43,7 @@ void limitedQuery(State& state, Goal goal) {
           {{"without a limit", [&] { query(0); }}, {"with one", [&] { query(60000); }}});
 }
 
-// ---- Walks ---------------------------------------------------------------------------------------------------
+// ---- Walks --------------------------------------------------------------------------------------
 
 void requireEntries(ResultSetToken* answer, std::size_t count) {
   require(walk(answer) == static_cast<int>(count), "a walk does not find every entry");
@@ -91,7 +91,7 @@ void wholeCycle(State& state, Goal goal) {
            {"call", [&] { walk(library.query()); }}});
 }
 
-// ---- Copies and query strings --------------------------------------------------------------------------------
+// ---- Copies and query strings -------------------------------------------------------------------
 
 void copyWarm(State& state, Goal goal) {
   Peer peer(statsAnswer(kMany));
@@ -128,7 +128,7 @@ void joinMany(State& state, Goal goal) {
            {"call", [&] { getIdQuery(ids, &joined); }}});
 }
 
-// ---- Opening and tracing -------------------------------------------------------------------------------------
+// ---- Opening and tracing ------------------------------------------------------------------------
 
 void openAndClose(State& state, Goal goal) {
   Peer peer(statsAnswer(kSmall));
@@ -136,7 +136,8 @@ void openAndClose(State& state, Goal goal) {
   { const Connection recorded(peer.port()); }
   const std::vector<Bytes> requests = peer.stopRecording();
   require(requests.size() == 6, "opening and closing is not six exchanges");
-  // The replies: handshake, the two steps of the authorisation, opening call, protocol version, close.
+  // The replies: handshake, the two steps of the authorisation, opening call, protocol version,
+  // close.
   const std::size_t protocol = 29 + 5 + 9 + zebsim::encodeProtocol("2_0_0_1").size();
   const std::size_t sizes[] = {29 + 4, 29 + 4 + 20, 29 + 4 + 16, 29 + 5 + 12, protocol, 29 + 4};
   measure(state, goal, 3,
@@ -150,7 +151,7 @@ void openAndClose(State& state, Goal goal) {
            {"call", [&] { const Connection opened(peer.port()); }}});
 }
 
-// The lines of one call, as the trace file holds them.
+// Returns the lines of the trace file, with their line ends.
 std::vector<Bytes> readLines(const char* path) {
   std::ifstream file(path);
   std::vector<Bytes> lines;
@@ -165,14 +166,14 @@ void traceLine(State& state, Goal goal) {
   int level = 0;
   setAPITraceFile(path);
   setAPITraceLevel(3);  // the calls themselves
-  require(truncate(path, 0) == 0 && getAPITraceLevel(&level) == ZEB_OK, "can not trace");
+  require(truncate(path, 0) == 0 && getAPITraceLevel(&level) == ZEB_OK, "cannot trace");
   const std::vector<Bytes> lines = readLines(path);
   require(lines.size() == 2, "getAPITraceLevel does not write two lines");
   measure(state, goal, 20,
           {{"bare",
             [&] {
               for (const Bytes& line : lines)
-                require(write(file, line.data(), line.size()) > 0, "can not write");
+                require(write(file, line.data(), line.size()) > 0, "cannot write");
             }},
            {"call", [&] { getAPITraceLevel(&level); }}});
   setAPITraceLevel(0);
@@ -181,9 +182,9 @@ void traceLine(State& state, Goal goal) {
   unlink(path);
 }
 
-// ---- Growth --------------------------------------------------------------------------------------------------
+// ---- Growth -------------------------------------------------------------------------------------
 
-// Each step handles as many statistics, in answers of so many.
+// A connection whose answers have `count` statistics. Each step handles kGrowthTotal statistics.
 struct SizedGateway {
   explicit SizedGateway(std::size_t count) : peer(statsAnswer(count)), library(peer.port()) {
     answer = library.query();
@@ -206,15 +207,15 @@ void measureGrowth(State& state, Goal goal, void (*work)(SizedGateway&)) {
   measure(state, goal, 1, steps, growthFromSecond);
 }
 
-// A query of the first of many connections, which the search of the list finds at once, held against the bare
-// query; and of the last one, to show what the search costs.
+// Measures a query on the first of many connections, which the search of the list finds at once,
+// against the bare query, and one on the last connection, to show the cost of the search.
 void manyConnections(State& state, Goal goal) {
   const Bytes answer = statsAnswer(kSmall);
   double flattest = 0;
   double steepest = 0;
   for (const int count : {1, 16, 64, 250}) {
-    const PeerProcess peer(kSmall,
-                           count + 1);  // whose many threads do not slow down a change of a signal
+    // In a process of its own: many threads in this one would slow down sigaction.
+    const PeerProcess peer(kSmall, count + 1);
     std::vector<std::unique_ptr<Connection>> connections;
     for (int i = 0; i < count; ++i)
       connections.push_back(std::make_unique<Connection>(peer.port()));

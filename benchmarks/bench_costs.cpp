@@ -1,4 +1,4 @@
-// What the calls cost besides time, counted: system calls, heap calls, resident memory.
+// The costs of the calls that are counted, not timed: system calls, heap calls, resident memory.
 
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -11,7 +11,7 @@
 
 #include "connection.h"
 
-// ---- Heap calls: malloc and its family go through here, the library's too ---------------------------------
+// ---- Heap calls: all calls of malloc, calloc and realloc come here, the library's too -----------
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -77,7 +77,7 @@ void heapOfTextQuery(State& state, Goal goal) {
          }));
 }
 
-// ---- System calls: a child runs between two getppid calls while its parent stops it at each ----------------
+// ---- System calls: the parent counts those that a child makes between two calls of getppid ------
 
 template <typename Prepare>
 [[noreturn]] void runTraced(const Peer& peer, Prepare prepare) {
@@ -92,7 +92,8 @@ template <typename Prepare>
   _exit(0);
 }
 
-// Goes on to the child's next entry into the kernel. Returns the number of the call, -1 when the child ended.
+// Lets the child run to its next system call. Returns the number of that call, or -1 if the child
+// has ended.
 long nextSystemCall(pid_t child) {
   for (;;) {
     int status;
@@ -152,23 +153,24 @@ void callsOfIdQuery(State& state, Goal goal) {
   });
 }
 
-// ---- Memory --------------------------------------------------------------------------------------------------
+// ---- Memory -------------------------------------------------------------------------------------
 
 double residentKilobytes() {
   std::ifstream file("/proc/self/smaps_rollup");
   for (std::string word; file >> word;) {
     if (double size; word == "Rss:" && file >> size) return size;
   }
-  require(false, "can not read /proc/self/smaps_rollup");
+  require(false, "cannot read /proc/self/smaps_rollup");
   return 0;
 }
 
 constexpr int kIdle = 200;
 
 void idleMemory(State& state, Goal goal) {
-  const PeerProcess peer(1, kIdle + 2);  // whose memory is not counted
-  // One that was closed, as in any monitor that runs for a while: the allocator takes the buffers of the later ones
-  // from its heap, where their ends share pages. And one that brings what all of them share.
+  const PeerProcess peer(1, kIdle + 2);  // in another process, whose memory is not counted
+  // One connection is closed first, as in any monitor that has run for a while: from then on the
+  // allocator takes the buffers of connections from its heap, where their ends share pages. A
+  // second one stays open, so that the memory that all connections share is not counted.
   { const Connection closed(peer.port()); }
   const Connection first(peer.port());
   std::vector<std::unique_ptr<Connection>> idle(kIdle);

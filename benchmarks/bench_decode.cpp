@@ -1,5 +1,5 @@
-// Decoding by itself. Linked with the static library, because the shared one hides the parser that is told an
-// answer's length.
+// Decoding without the query. The program is linked with the static library, because the shared one
+// does not export the parser that takes the answer's length.
 
 #include <stdio.h>
 
@@ -64,7 +64,7 @@ void decodingGrowth(State& state, Goal goal) {
   measure(state, goal, 1, steps, growthFromSecond);
 }
 
-// What a user would pick instead: the same pairs decoded from memory by a general-purpose reader.
+// The alternatives that a user has: a general-purpose reader decodes the same pairs from memory.
 #ifdef ZEB_HAVE_HIREDIS
 void compareHiredis(State& state, Goal goal) {
   Bytes reply("*");
@@ -97,7 +97,8 @@ void compareHiredis(State& state, Goal) {
 }
 #endif
 
-// The JDK measures itself, warmed up, and tells the median in nanoseconds.
+// Returns the median in nanoseconds that the Java program measures after warming up, or 0 if there
+// is no JDK.
 double runJava() {
   char path[] = "/tmp/zebbench.XXXXXX";
   close(mkstemp(path));

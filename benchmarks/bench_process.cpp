@@ -1,4 +1,4 @@
-// zebstat as a process beside the least C program that does the same.
+// zebstat as a process against the smallest C program that does the same.
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -32,7 +32,7 @@ void runProgram(std::vector<std::string> words) {
 
 std::size_t countLines(const std::string& command) {
   FILE* output = popen(command.c_str(), "r");
-  require(output != nullptr, "can not start a program");
+  require(output != nullptr, "cannot start a program");
   std::size_t lines = 0;
   for (int c; (c = fgetc(output)) != EOF;) lines += c == '\n' ? 1 : 0;
   pclose(output);

@@ -1,5 +1,5 @@
-// What the trace points cost while the trace is off: the library beside a build without them, both loaded into
-// one process.
+// The cost of the trace points while the trace is off: the library against a build without them,
+// both loaded into one process.
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -16,7 +16,7 @@ using benchmark::State;
 constexpr std::size_t kSmall = 10;
 constexpr std::size_t kMany = 1000;
 
-// One of the two, its names bound within itself.
+// One of the two builds. RTLD_DEEPBIND keeps it from calling functions of the other.
 class Library {
  public:
   explicit Library(const char* path)
@@ -36,7 +36,7 @@ class Library {
   }
   void open(const Peer& peer) {
     char* version = nullptr;
-    require(open_(peer.port(), &token_, &version) == ZEB_OK, "can not open a connection");
+    require(open_(peer.port(), &token_, &version) == ZEB_OK, "cannot open a connection");
     free(version);
   }
   void query() { require(getStats_(token_, &answer_) == ZEB_OK, "getStats failed"); }

@@ -1,4 +1,4 @@
-// A client of the library at a peer, with the bare client beside it.
+// A client of a peer that uses the library, and a bare client that sends the same.
 #ifndef ZEB_BENCH_CONNECTION_H
 #define ZEB_BENCH_CONNECTION_H
 
@@ -17,7 +17,7 @@ class Connection {
  public:
   explicit Connection(std::uint16_t port) {
     char* version = nullptr;
-    require(openGatewayConnection(port, &token_, &version) == ZEB_OK, "can not open a connection");
+    require(openGatewayConnection(port, &token_, &version) == ZEB_OK, "cannot open a connection");
     free(version);
   }
   Connection(const Connection&) = delete;

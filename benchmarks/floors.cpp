@@ -29,8 +29,8 @@ std::size_t wireLength(const char* at) {
 WireAnswer::WireAnswer(std::size_t statistics)
     : count(statistics),
       bytes(statsAnswer(statistics)),
-      first(bytes.find(makeStats(1)[0].id) - 2 - 7) {
-}  // ahead of its length, its class, its block's head
+      // An id follows its length; 7 bytes before that are the statistic's class and block head.
+      first(bytes.find(makeStats(1)[0].id) - 2 - 7) {}
 
 void WireAnswer::step() const {
   benchmark::DoNotOptimize(stepOverLengths(bytes.data() + first, count));
@@ -43,10 +43,10 @@ std::span<const std::uint8_t> WireAnswer::callData() const {
 const char* stepOverLengths(const char* at, std::size_t count) {
   static_assert(std::endian::native == std::endian::little);
   for (std::size_t i = 0; i < count; ++i) {
-    at += 7;  // the object's class, the tag and the length of its block
+    at += 7;  // the object's class, TC_BLOCKDATA and the block's length
     at += 2 + wireLength(at);
     at += 2 + wireLength(at);
-    at += 2;  // the end of the block, the tag of the next object
+    at += 2;  // TC_ENDBLOCKDATA, and TC_OBJECT of the next statistic
   }
   return at;
 }
@@ -78,8 +78,8 @@ std::size_t joinIds(const char* at, char* joined) {
 }
 
 char* firstEntry(char* buffer) {
-  return buffer + 12 + 4 + load<std::int32_t>(buffer + 12) +
-         8;  // behind the element, its code and its count
+  // The entries follow the marker, the query element, its return code and its count.
+  return buffer + 12 + 4 + load<std::int32_t>(buffer + 12) + 8;
 }
 
 }  // namespace zebbench

@@ -1,4 +1,4 @@
-// The bare loops that the library's work is held against: no check, no copy, no state but a pointer.
+// The floors of the library's work: bare loops without checks, copies or any state but a pointer.
 #ifndef ZEB_BENCH_FLOORS_H
 #define ZEB_BENCH_FLOORS_H
 
@@ -11,10 +11,10 @@
 
 namespace zebbench {
 
-// An answer in memory, and the place of its first statistic.
+// An answer in memory, and the offset of its first statistic.
 struct WireAnswer {
   explicit WireAnswer(std::size_t statistics);
-  void step() const;  // over the lengths of its statistics
+  void step() const;  // steps over the lengths of its statistics
   [[nodiscard]] std::span<const std::uint8_t> callData() const;
 
   std::size_t count;

@@ -32,7 +32,7 @@ std::size_t requestSize(const char* request) {
   return kFixedHeaderSize + name + word(request + kFixedHeaderSize + name - 4);
 }
 
-// Returns the bytes of the next request, 0 when the client is gone.
+// Returns the size of the next request, or 0 if the client has closed the connection.
 std::size_t receiveRequest(int connection, char* room) {
   std::size_t got = 0;
   do {
@@ -59,15 +59,15 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 zebsim::Stats makeStats(std::size_t count) {
-  constexpr std::size_t kShortest =
-      26;  // of id and value together, which makes a thousand of them 43 kB
-  constexpr std::size_t kLongest = 40;
+  // The sizes of id and value together; the answer with a thousand of them has 43 kB.
+  constexpr std::size_t kMinSize = 26;
+  constexpr std::size_t kMaxSize = 40;
   const zebsim::GatewayModel model({.seed = 1, .scale = 1000});
   zebsim::Stats stats;
   const zebsim::Answer answer = model.stats("", 3600);
   for (const auto& stat : std::get<zebsim::Stats>(answer.responses.at(0).items)) {
     const std::size_t size = stat.id.size() + stat.value.size();
-    if (stats.size() < count && size >= kShortest && size <= kLongest) stats.push_back(stat);
+    if (stats.size() < count && size >= kMinSize && size <= kMaxSize) stats.push_back(stat);
   }
   require(stats.size() == count, "the simulated gateway has too few statistics");
   return stats;
@@ -100,13 +100,13 @@ Peer::Peer(const Bytes& answer, int workers) {
   require(bind(listener_, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
               listen(listener_, 512) == 0 &&
               getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) == 0,
-          "can not listen on 127.0.0.1");
+          "cannot listen on 127.0.0.1");
   port_ = ntohs(address.sin_port);
   for (int i = 0; i < workers; ++i) workers_.emplace_back([this] { serveConnections(); });
 }
 
 Peer::~Peer() {
-  shutdown(listener_, SHUT_RDWR);  // wakes the workers, whose clients are gone by now
+  shutdown(listener_, SHUT_RDWR);  // wakes the workers; their clients have disconnected by now
   for (std::thread& worker : workers_) worker.join();
   close(listener_);
 }
@@ -138,8 +138,8 @@ void Peer::serve(int connection) {
 const Bytes& Peer::chooseReply(const char* request) const {
   if (word(request + 8) != zebsim::kCallType) return replies_.hello;
   const std::size_t name = word(request + 20);
-  const std::uint32_t first =
-      word(request + kFixedHeaderSize + name);  // the step, or the kind of the call
+  // The first word of the data: the authorisation step, or the call kind.
+  const std::uint32_t first = word(request + kFixedHeaderSize + name);
   if (std::memcmp(request + kNameOffset, zebsim::kAuthName.data(), name) == 0) {
     return first == 0 ? replies_.firstStep : replies_.secondStep;
   }
@@ -149,13 +149,13 @@ const Bytes& Peer::chooseReply(const char* request) const {
 
 PeerProcess::PeerProcess(std::size_t statistics, int workers) {
   int ends[2];
-  require(pipe(ends) == 0, "can not make a pipe");
+  require(pipe(ends) == 0, "cannot make a pipe");
   child_ = fork();
   if (child_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const Peer peer(statsAnswer(statistics), workers);
     const std::uint16_t port = peer.port();
-    require(write(ends[1], &port, sizeof port) == sizeof port, "can not tell the port");
+    require(write(ends[1], &port, sizeof port) == sizeof port, "cannot send the port");
     for (;;) pause();
   }
   require(read(ends[0], &port_, sizeof port_) == sizeof port_, "a peer does not start");
@@ -172,17 +172,17 @@ int connectBare(std::uint16_t port) {
   const sockaddr_in address = loopback(port);
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
   require(connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-          "a bare client can not connect");
+          "a bare client cannot connect");
   return connection;
 }
 
 void exchangeBare(int connection, const Bytes& request, std::size_t replySize) {
   static char room[kRequestRoom * 4];
   require(send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0,
-          "a bare client can not send");
+          "a bare client cannot send");
   for (std::size_t got = 0; got < replySize;) {
     const ssize_t received = recv(connection, room + got, replySize - got, 0);
-    require(received > 0, "a bare client can not receive");
+    require(received > 0, "a bare client cannot receive");
     got += static_cast<std::size_t>(received);
   }
 }

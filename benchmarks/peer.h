@@ -1,4 +1,5 @@
-// A gateway that answers from memory, so that it costs the library's calls and the bare floors the same.
+// A gateway that answers from memory, so that it adds the same time to the library's calls and to
+// their floors.
 #ifndef ZEB_BENCH_PEER_H
 #define ZEB_BENCH_PEER_H
 
@@ -17,9 +18,9 @@ namespace zebbench {
 
 using zebsim::Bytes;
 
-// The first so many statistics of a simulated gateway, of medium length only.
+// Returns the first `count` statistics of a simulated gateway that are of medium length.
 zebsim::Stats makeStats(std::size_t count);
-// The bean's answer: what the library's parsers are given.
+// Return the bean's answer, which is the input of the library's parsers.
 Bytes statsAnswer(std::size_t count);
 Bytes idsAnswer(std::size_t count);
 
@@ -33,7 +34,7 @@ class Peer {
   [[nodiscard]] std::uint16_t port() const { return port_; }
   [[nodiscard]] std::size_t replySize() const { return replies_.answer.size(); }  // header included
 
-  // The requests of all that a client does in between, as they came.
+  // stopRecording() returns the requests that have been received since startRecording().
   void startRecording() { recording_ = true; }
   std::vector<Bytes> stopRecording();
 
@@ -53,7 +54,7 @@ class Peer {
   std::vector<std::thread> workers_;
 };
 
-// A peer in a process of its own, where its answer is made too.
+// A peer in a process of its own.
 class PeerProcess {
  public:
   PeerProcess(std::size_t statistics, int workers);
@@ -67,7 +68,7 @@ class PeerProcess {
   std::uint16_t port_ = 0;
 };
 
-// A bare client: connects, exchanges, closes, and nothing else.
+// A bare client: connects, and sends a request and receives its reply, without any checks of it.
 int connectBare(std::uint16_t port);
 void exchangeBare(int connection, const Bytes& request, std::size_t replySize);
 

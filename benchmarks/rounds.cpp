@@ -40,11 +40,11 @@ double secondOverFirst(std::span<const double> times) {
 }
 
 double growthFromSecond(std::span<const double> times) {
-  double least = times[1];
+  double lowest = times[1];
   double worst = 1;
   for (const double time : times.subspan(2)) {
-    worst = std::max(worst, time / least);
-    least = std::min(least, time);
+    worst = std::max(worst, time / lowest);
+    lowest = std::min(lowest, time);
   }
   return worst;
 }
@@ -89,7 +89,7 @@ void addRow(const std::string& name, Goal goal, std::function<void(benchmark::St
 
 void report(benchmark::State& state, Goal goal, double value) {
   state.counters["value"] = value;
-  state.counters["reach"] = goal.reach;
+  state.counters["target"] = goal.target;
   state.counters["aim"] = goal.aim;
   state.counters["atLeast"] = goal.atLeast ? 1 : 0;
 }
@@ -112,17 +112,16 @@ void require(bool holds, const char* what) {
 
 void pinToOneCore() {
   cpu_set_t cores;
-  require(sched_getaffinity(0, sizeof cores, &cores) == 0,
-          "can not read the cores of this process");
+  require(sched_getaffinity(0, sizeof cores, &cores) == 0, "cannot read the cores of this process");
   int core = CPU_SETSIZE - 1;
   while (!CPU_ISSET(core, &cores)) --core;
   CPU_ZERO(&cores);
   CPU_SET(core, &cores);
-  require(sched_setaffinity(0, sizeof cores, &cores) == 0, "can not pin the process to one core");
+  require(sched_setaffinity(0, sizeof cores, &cores) == 0, "cannot pin the process to one core");
   const sched_param priority = {1};
-  const bool ahead = sched_setscheduler(0, SCHED_FIFO, &priority) == 0;
+  const bool isRealTime = sched_setscheduler(0, SCHED_FIFO, &priority) == 0;
   benchmark::AddCustomContext("core", std::to_string(core));
-  benchmark::AddCustomContext("scheduling", ahead ? "ahead of other work" : "among other work");
+  benchmark::AddCustomContext("scheduling", isRealTime ? "before other work" : "among other work");
 }
 
 int runRows(int argc, char** argv) {

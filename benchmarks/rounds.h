@@ -1,8 +1,10 @@
-// What every benchmark of this folder is: a quantity measured beside its floor, in one process, in rounds.
+// Measures a quantity against its floor, the least time that the same work takes, in one process
+// and in rounds.
 //
-// A round runs each step as often as the batch says, one step after the other, the order turning with every
-// round, so that whatever disturbs the machine disturbs all of them. The times reported are medians over the
-// rounds, the spread is half the distance of the quartiles of the rounds' own ratios.
+// A round runs the steps one after the other, each as often as the batch says, and every second
+// round in reverse order, so that any other load on the machine affects all of them. The reported
+// times are medians over the rounds; the spread is half the distance between the quartiles of the
+// rounds' ratios.
 #ifndef ZEB_BENCH_ROUNDS_H
 #define ZEB_BENCH_ROUNDS_H
 
@@ -18,13 +20,14 @@
 namespace zebbench {
 
 constexpr int kRounds = 301;
-// The answers by which growth is told: each handled until so many statistics are.
+// Answer sizes; with each, the steps handle kGrowthTotal statistics.
 constexpr std::size_t kGrowthSizes[] = {10, 100, 1000, 3000};
 constexpr std::size_t kGrowthTotal = 3000;
 
-// What a value must not exceed, or with atLeast not fall below; aim is what would be better still, 0: none.
+// The limit of a row. The value must not exceed target or, with atLeast, must not be below it. aim
+// is a stricter limit that would be welcome; 0: none.
 struct Goal {
-  double reach;
+  double target;
   double aim;
   bool atLeast = false;
 };
@@ -34,16 +37,16 @@ struct Step {
   std::function<void()> run;
 };
 
-// The value of a row from the nanoseconds that the steps took, in their order.
+// Computes the value of a row from the times of its steps, in nanoseconds and in their order.
 using Value = std::function<double(std::span<const double>)>;
 
-// The second step against the first.
+// Returns the ratio of the second step to the first.
 double secondOverFirst(std::span<const double> times);
 
-// By how much the times grow from the second step on.
+// Returns the greatest growth of the times from the second step on: 1 if they do not grow.
 double growthFromSecond(std::span<const double> times);
 
-// What the rounds took: times[step][round], in nanoseconds.
+// The times of the rounds: times[step][round], in nanoseconds.
 struct Rounds {
   std::vector<std::vector<double>> times;
   [[nodiscard]] std::vector<double> medians() const;
@@ -51,7 +54,7 @@ struct Rounds {
 };
 Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds = kRounds);
 
-// One row of the table. name is "ID quantity / floor".
+// Adds a row to the table. The name is "ID quantity / floor".
 void addRow(const std::string& name, Goal goal, std::function<void(benchmark::State&, Goal)> body);
 
 // Runs the rounds of a row and reports it.
@@ -61,12 +64,14 @@ void measure(benchmark::State& state, Goal goal, int batch, const std::vector<St
 // Reports a row that is counted, not timed.
 void report(benchmark::State& state, Goal goal, double value);
 
-// Ends the process with a message when a step of the benchmark itself fails.
+// Ends the process with a message if a step of the benchmark itself fails.
 void require(bool holds, const char* what);
 
-// Pins the process to one core, ahead of other work where that is allowed, and runs what is registered.
-int runRows(int argc, char** argv);
+// Pins the process to one core, with real-time priority if that is permitted.
 void pinToOneCore();
+
+// Runs the rows that have been added. Returns the exit code.
+int runRows(int argc, char** argv);
 
 }  // namespace zebbench
 

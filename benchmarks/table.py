@@ -3,8 +3,8 @@
 
 usage: table.py [--check] OUTPUT.json RESULT.json...
 
-Prints the machine and the table, and writes both to OUTPUT.json. With --check the exit code is 1 when a
-quantity misses its reach by more than a fifth."""
+Prints the machine and the table, and writes both to OUTPUT.json. With --check the exit code is 1 if
+a quantity misses its target by more than a fifth."""
 
 import json
 import re
@@ -22,17 +22,18 @@ def read_row(result):
     if result.get("error_occurred"):
         return row | {"not measured": result["error_message"]}
     at_least = result["atLeast"] == 1
-    met = result["value"] >= result["reach"] if at_least else result["value"] <= result["reach"]
-    missed_by = result["reach"] / result["value"] if at_least else result["value"] / max(result["reach"], 0.5)
-    known = ("value", "reach", "aim", "spread")
+    value, target = result["value"], result["target"]
+    met = value >= target if at_least else value <= target
+    missed_by = target / value if at_least else value / max(target, 0.5)
+    known = ("value", "target", "aim", "spread")
     row |= {key: result[key] for key in known if key in result}
     aim = result["aim"]
     row |= {
         "met": met,
-        "aim met": None if aim == 0 and result["reach"] != 0 else result["value"] <= aim,
+        "aim met": None if aim == 0 and target != 0 else value <= aim,
         "badly missed": missed_by > TOLERANCE,
         "atLeast": at_least,
-        "details": {key: value for key, value in result.items() if re.search(r" ns$|bytes$|^rounds$", key)},
+        "details": {key: result[key] for key in result if re.search(r" ns$|bytes$|^rounds$", key)},
     }
     return row
 
@@ -45,7 +46,8 @@ def print_row(row):
     aim = "" if row["aim met"] is None else number(row["aim"])
     spread = f"± {row['spread']:.2f}" if "spread" in row else "counted"
     met = "no" if not row["met"] else "yes, aim too" if row["aim met"] else "yes"
-    print(f"| {row['quantity']} | {number(row['value'])} | {spread} | {limit}{number(row['reach'])} | {aim} | {met} |")
+    cells = (number(row["value"]), spread, limit + number(row["target"]), aim, met)
+    print(f"| {row['quantity']} | {' | '.join(cells)} |")
 
 
 def main():
@@ -65,9 +67,9 @@ def main():
         json.dump({"machine": machine, "rows": rows}, file, indent=1)
     rounds = max(int(row.get("details", {}).get("rounds", 0)) for row in rows)
     print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
-          f"{machine['compiler']}; on one core, {machine['scheduling']}; load {max(machine['load_avg']):.1f}; "
-          f"medians of {rounds} rounds\n")
-    print("| quantity / floor | measured | spread | reach | aim | met |\n|---|---|---|---|---|---|")
+          f"{machine['compiler']}; on one core, {machine['scheduling']}; "
+          f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds\n")
+    print("| quantity / floor | measured | spread | target | aim | met |\n|---|---|---|---|---|---|")
     for row in rows:
         print_row(row)
     bad = [row["quantity"] for row in rows if row.get("badly missed")]

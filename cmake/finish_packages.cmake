@@ -1,10 +1,11 @@
-# Run by cpack when the components are staged: what only Debian packages need.
+# cpack runs this after it has staged the components. Adds the files that only Debian packages need.
 
 if(NOT EXISTS "${CPACK_TEMPORARY_DIRECTORY}")
   message(FATAL_ERROR "nothing is staged in '${CPACK_TEMPORARY_DIRECTORY}'")
 endif()
 if(NOT CPACK_ZEB_PREFIX STREQUAL "/usr")
-  message(FATAL_ERROR "packages need a build configured with -DCMAKE_INSTALL_PREFIX=/usr, this one has ${CPACK_ZEB_PREFIX}")
+  message(FATAL_ERROR "packages need a build configured with -DCMAKE_INSTALL_PREFIX=/usr, "
+    "this one has ${CPACK_ZEB_PREFIX}")
 endif()
 
 set(readable FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)

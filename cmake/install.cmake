@@ -1,28 +1,33 @@
-# What `cmake --install` puts where, and the Debian packages that `cpack` makes of it. Included by the top level
-# when all targets are there. Three components, each a package: runtime, dev and tools.
+# Says which files `cmake --install` installs and where, and makes `cpack` build Debian packages of
+# them. There are three components, each of them a package: runtime, dev and tools. The top-level
+# CMakeLists.txt includes this file after all targets are defined.
 
 include(CMakePackageConfigHelpers)
 
 set(zeb_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zebstats)
 set(zeb_man_dir ${CMAKE_INSTALL_MANDIR})
 
-# ---- The library -----------------------------------------------------------------------------------------------
+# ---- The library ---------------------------------------------------------------------------------
 
 set_target_properties(zebstats_static PROPERTIES EXPORT_NAME static)
 install(TARGETS zebstats zebstats_static EXPORT zebstatsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/zebstats.h include/zebstats.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(FILES include/zebstats.h include/zebstats.hpp
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 install(EXPORT zebstatsTargets NAMESPACE zebstats:: DESTINATION ${zeb_cmake_dir} COMPONENT dev)
-configure_package_config_file(cmake/zebstatsConfig.cmake.in ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake
-  INSTALL_DESTINATION ${zeb_cmake_dir})
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake ${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake
+configure_package_config_file(cmake/zebstatsConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake INSTALL_DESTINATION ${zeb_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zebstatsConfig.cmake
+  ${PROJECT_BINARY_DIR}/zebstatsConfigVersion.cmake
   DESTINATION ${zeb_cmake_dir} COMPONENT dev)
 
-# Written while installing, when the prefix is known: `cmake --install --prefix` and cpack set another.
+# Written during the installation, when the prefix is known: `cmake --install --prefix` and cpack
+# can change it.
 install(CODE "
   set(ZEB_PC_VERSION \"${PROJECT_VERSION}\")
   set(ZEB_PC_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
@@ -30,22 +35,27 @@ install(CODE "
   foreach(dir LIBDIR INCLUDEDIR)
     set(ZEB_PC_LIBDIR_GIVEN \"${CMAKE_INSTALL_LIBDIR}\")
     set(ZEB_PC_INCLUDEDIR_GIVEN \"${CMAKE_INSTALL_INCLUDEDIR}\")
-    cmake_path(ABSOLUTE_PATH ZEB_PC_\${dir}_GIVEN BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE
-      OUTPUT_VARIABLE ZEB_PC_\${dir})
+    cmake_path(ABSOLUTE_PATH ZEB_PC_\${dir}_GIVEN
+      BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE OUTPUT_VARIABLE ZEB_PC_\${dir})
   endforeach()
-  configure_file(\"${PROJECT_SOURCE_DIR}/cmake/zebstats.pc.in\" \"${PROJECT_BINARY_DIR}/zebstats.pc\" @ONLY)"
+  configure_file(
+    \"${PROJECT_SOURCE_DIR}/cmake/zebstats.pc.in\" \"${PROJECT_BINARY_DIR}/zebstats.pc\" @ONLY)"
   COMPONENT dev)
-install(FILES ${PROJECT_BINARY_DIR}/zebstats.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(FILES ${PROJECT_BINARY_DIR}/zebstats.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev)
 
-# ---- Manual pages ----------------------------------------------------------------------------------------------
+# ---- Manual pages --------------------------------------------------------------------------------
 
-# A page for each family of calls stands under the name of its first call; the others are links to it.
+# Each line is a family of calls. Its manual page has the name of the first call; for the others,
+# links to that page are installed.
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
 set(zeb_man_families
-  "openGatewayConnection openRemoteGatewayConnection closeGatewayConnection closeAllGatewayConnections"
-  "getStats getStatsByStatId getStatsByStatGroupId getStatIds getStatIdsByStatGroupId getResourceGroupIds"
+  "openGatewayConnection openRemoteGatewayConnection closeGatewayConnection \
+closeAllGatewayConnections"
+  "getStats getStatsByStatId getStatsByStatGroupId getStatIds getStatIdsByStatGroupId \
+getResourceGroupIds"
   "getFirstStat getNextStat getFirstId getNextId"
   "copyResultSet freeResultSet dumpResultSet getIdQuery"
   "setAPITimeout getAPITimeout getAPICodeText"
@@ -61,15 +71,15 @@ foreach(family ${zeb_man_families})
   endforeach()
 endforeach()
 
-# ---- Tools -----------------------------------------------------------------------------------------------------
+# ---- Tools ---------------------------------------------------------------------------------------
 
 if(ZEB_BUILD_TOOLS)
   install(TARGETS zebstat zebgatewaysim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(FILES man/zebstat.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
 endif()
 
-# ---- Debian packages -------------------------------------------------------------------------------------------
-# To be configured with -DCMAKE_INSTALL_PREFIX=/usr, on which the library's folder depends.
+# ---- Debian packages -----------------------------------------------------------------------------
+# They need -DCMAKE_INSTALL_PREFIX=/usr, because the library's folder depends on the prefix.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "zebstats maintainers <maintainers@zebstats.invalid>")
@@ -92,7 +102,8 @@ set(CPACK_ZEB_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzebstats${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-file(CONFIGURE OUTPUT debian/triggers CONTENT "activate-noawait ldconfig\n")  # cpack adds scripts, but no trigger
+# cpack adds scripts, but no trigger.
+file(CONFIGURE OUTPUT debian/triggers CONTENT "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "statistics API of a transaction gateway (library)
 Monitoring programs read the runtime statistics of a gateway with it.")
@@ -103,8 +114,9 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION "statistics API of a transaction gateway (de
 The headers for C and C++, the static library, manual pages and examples.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zebstats-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+  "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "shows the statistics of a transaction gateway
 zebstat shows, checks and exports statistics; zebgatewaysim is a simulated
-gateway for whoever has no real one at hand.")
+gateway for tests without a real one.")
 include(CPack)

@@ -1,4 +1,5 @@
-/* Keeps an answer across the next query, and prints which statistics have changed: keep_copy HOST PORT */
+/* Keeps an answer across the next query, and prints which statistics have changed:
+ * keep_copy HOST PORT */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -6,7 +7,8 @@
 #include <zebstats.h>
 
 static int isSame(const StatData* a, const StatData* b) {
-  return a->statIdLen == b->statIdLen && memcmp(a->statIdPtr, b->statIdPtr, (size_t)a->statIdLen) == 0 &&
+  return a->statIdLen == b->statIdLen &&
+         memcmp(a->statIdPtr, b->statIdPtr, (size_t)a->statIdLen) == 0 &&
          a->statValueLen == b->statValueLen &&
          memcmp(a->statValuePtr, b->statValuePtr, (size_t)a->statValueLen) == 0;
 }
@@ -18,8 +20,8 @@ static int showChanges(ResultSetToken* before, ResultSetToken* now) {
   if (rc == ZEB_OK) rc = getFirstStat(now, &stat);
   while (rc == ZEB_OK) {
     if (stat.queryElementRC >= 0 && old.queryElementRC >= 0 && !isSame(&stat, &old))
-      printf("%.*s: %.*s -> %.*s\n", stat.statIdLen, stat.statIdPtr, old.statValueLen, old.statValuePtr,
-             stat.statValueLen, stat.statValuePtr);
+      printf("%.*s: %.*s -> %.*s\n", stat.statIdLen, stat.statIdPtr, old.statValueLen,
+             old.statValuePtr, stat.statValueLen, stat.statValuePtr);
     rc = getNextStat(before, &old);
     if (rc == ZEB_OK) rc = getNextStat(now, &stat);
   }
@@ -41,7 +43,8 @@ int main(int argc, char** argv) {
   if (rc == ZEB_OK) rc = copyResultSet(answer, &copy);
   if (rc == ZEB_OK) {
     sleep(2);
-    rc = getStatsByStatGroupId(gateway, "REQ:VM", &answer); /* overwrites the first answer, not the copy */
+    /* It overwrites the first answer, but not the copy. */
+    rc = getStatsByStatGroupId(gateway, "REQ:VM", &answer);
   }
   if (rc == ZEB_OK) rc = showChanges(copy, answer);
   freeResultSet(&copy);

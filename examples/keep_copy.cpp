@@ -1,4 +1,5 @@
-// Keeps an answer across the next query, and prints which statistics have changed: keep_copy HOST PORT
+// Keeps an answer across the next query, and prints which statistics have changed:
+// keep_copy HOST PORT
 #include <chrono>
 #include <cstdlib>
 #include <iostream>

@@ -1,5 +1,5 @@
-/* Polls several gateways, each in a thread of its own with a connection of its own, three times a second apart:
- * poll_many HOST PORT [HOST PORT]... */
+/* Polls several gateways three times, at intervals of a second, each from a thread of its own over
+ * a connection of its own: poll_many HOST PORT [HOST PORT]... */
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -39,7 +39,7 @@ static void* poll(void* argument) {
     if (rc == ZEB_OK) rc = showAnswer(poller, answer);
   }
   free(version);
-  closeGatewayConnection(&gateway); /* a lost connection is gone already: -101, which is no news */
+  closeGatewayConnection(&gateway); /* returns -101 if the connection was lost: no harm */
   poller->rc = rc;
   return NULL;
 }

@@ -1,5 +1,5 @@
-// Polls several gateways, each in a thread of its own with a connection of its own, three times a second apart:
-// poll_many HOST PORT [HOST PORT]...
+// Polls several gateways three times, at intervals of a second, each from a thread of its own over
+// a connection of its own: poll_many HOST PORT [HOST PORT]...
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -45,8 +45,8 @@ int main(int argc, char** argv) {
       zebstats::Error failed = poll(host, port);
       if (!failed) return;
       ++failures;
-      std::cerr << "poll_many: " + std::string(host) + ':' + std::to_string(port) + ": " + failed.text() +
-                       '\n';
+      std::cerr << "poll_many: " + std::string(host) + ':' + std::to_string(port) + ": " +
+                       failed.text() + '\n';
     });
   }
   for (std::thread& thread : threads) thread.join();

@@ -1,6 +1,6 @@
 /* Polls several gateways in one thread, once a second, and prints numbers: counters as rates, other
- * statistics as they are. A silent gateway holds up the others for no longer than the timeout, and
- * after a failure a gateway is opened again only after a pause.
+ * statistics as they are. A silent gateway delays the others by no more than the timeout, and after
+ * a failure its connection is opened again only after a pause.
  *
  * poll_with_timeout ROUNDS HOST PORT [HOST PORT]... */
 #define _POSIX_C_SOURCE 200809L
@@ -25,18 +25,18 @@ static const struct {
 
 typedef struct Value {
   double number;
-  double time; /* when it was read; 0 if there is none */
+  double time; /* when it was read; 0: there is no value */
 } Value;
 
 typedef struct Gateway {
   const char* host;
   int port;
   GatewayToken* token; /* null while it is not open */
-  double retryAt;      /* do not open it before */
+  double retryAt;      /* when it may be opened again */
   Value before[STATISTICS];
 } Gateway;
 
-/* Seconds of a clock that nobody sets. */
+/* Returns the seconds of the monotonic clock, which is never set. */
 static double now(void) {
   struct timespec time;
   clock_gettime(CLOCK_MONOTONIC, &time);
@@ -50,7 +50,7 @@ static void sleepUntil(double end) {
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, NULL) == EINTR) continue;
 }
 
-/* Values are texts of any kind, without a NUL. Returns whether all of one is a decimal number. */
+/* Returns whether the whole text is a decimal number. Values are any texts, and have no NUL. */
 static int readNumber(const char* text, int length, double* number) {
   char copy[40];
   char* end;
@@ -66,7 +66,7 @@ static void showValue(const Gateway* gateway, int i, const Value* value) {
   const Value* before = &gateway->before[i];
   if (!statistics[i].isCounter)
     printf("%s:%d %s = %.15g\n", gateway->host, gateway->port, statistics[i].id, value->number);
-  else if (before->time > 0 && value->number >= before->number) /* or it was restarted */
+  else if (before->time > 0 && value->number >= before->number) /* otherwise it was restarted */
     printf("%s:%d %s = %.1f/s\n", gateway->host, gateway->port, statistics[i].id,
            (value->number - before->number) / (value->time - before->time));
 }
@@ -114,7 +114,7 @@ static int pollGateway(Gateway* gateway) {
   rc = askGateway(gateway);
   if (rc == ZEB_OK) return 1;
   fprintf(stderr, "poll_with_timeout: %s:%d: %s\n", host, gateway->port, getAPICodeText(rc));
-  closeGatewayConnection(&gateway->token); /* no harm if the library has removed it already */
+  closeGatewayConnection(&gateway->token); /* returns -101 if it was removed already: no harm */
   gateway->token = NULL;
   gateway->retryAt = now() + PAUSE_SECONDS;
   return 0;
@@ -130,7 +130,7 @@ static int pollAll(Gateway* gateways, int count, int rounds) {
     fflush(stdout);
     if (--rounds == 0) return answered;
     next += INTERVAL_SECONDS;
-    if (next < now()) next = now(); /* silent gateways took longer than the interval */
+    if (next < now()) next = now(); /* silent gateways have taken longer than the interval */
     sleepUntil(next);
   }
 }
@@ -150,7 +150,7 @@ int main(int argc, char** argv) {
   rc = setAPITimeout(TIMEOUT_MS);
   if (rc != ZEB_OK) fprintf(stderr, "poll_with_timeout: %s\n", getAPICodeText(rc));
   answered = rc == ZEB_OK ? pollAll(gateways, count, rounds) : 0;
-  closeAllGatewayConnections(); /* the timeout bounds all of them together */
+  closeAllGatewayConnections(); /* takes at most the timeout for all together */
   free(gateways);
   return answered == count ? 0 : 1;
 }

@@ -1,10 +1,11 @@
-// Any bytes as the reply to one request: the first byte says to which, the second how it arrives.
+// Feeds any bytes to the library as the reply to one request. The first byte of the input selects
+// the request, the second says how the reply arrives.
 #include <string>
 
 #include "harness.h"
 #include "memory_gateway.h"
-#include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_protocol.h"
+#include "stapi_zeb_socketcomms.h"
 
 using namespace zebfuzz;
 
@@ -19,8 +20,9 @@ void callAdmin(int kind, const MemoryGateway& gateway) {
   call.beanName = call.attributeName = call.action = call.argument = call.signature = "b";
   reasons failure = {};
   const int rc = flowAdminRequest(1, &call, &failure);
-  requireOneOf(rc, {0, kFlowFailed, kAdminFailed, kGatewayRefused, ZEB_NO_MEMORY}, "flowAdminRequest");
-  require(rc == 0 || call.callData == nullptr, "call data are handed over on success alone");
+  requireOneOf(rc, {0, kFlowFailed, kAdminFailed, kGatewayRefused, ZEB_NO_MEMORY},
+               "flowAdminRequest");
+  require(rc == 0 || call.callData == nullptr, "call data are handed over only on success");
   if (call.callData != nullptr) {
     const std::string all(reinterpret_cast<const char*>(call.callData), call.header.dataLength);
     require(all.size() <= gateway.received, "the call data came from the gateway");
@@ -34,8 +36,9 @@ void authorise(int step) {
   request.authStep = step;
   reasons failure = {};
   const int rc = flowAuthRequest(1, &request, &failure);
-  requireOneOf(rc, {0, kFlowFailed, kAuthRefused, kGatewayRefused, ZEB_NO_MEMORY}, "flowAuthRequest");
-  require(rc != kAuthRefused || failure.authRc != 0, "a refused authorisation tells its code");
+  requireOneOf(rc, {0, kFlowFailed, kAuthRefused, kGatewayRefused, ZEB_NO_MEMORY},
+               "flowAuthRequest");
+  require(rc != kAuthRefused || failure.authRc != 0, "a refused authorisation has its code");
 }
 
 }  // namespace
@@ -45,14 +48,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
   const std::uint8_t what = takeByte(input);
   const std::uint8_t how = takeByte(input);
-  MemoryGateway gateway = {
-      .replies = input, .piece = how % 16 == 0 ? SIZE_MAX : how % 16u, .endError = how & 0x80 ? 104 : 0};
+  MemoryGateway gateway = {.replies = input,
+                           .piece = how % 16 == 0 ? SIZE_MAX : how % 16u,
+                           .endError = how & 0x80 ? 104 : 0};
   const MemoryGatewayScope scope(gateway);
   reasons failure = {};
   switch (what % 8) {
     case 0:
-      requireOneOf(flowHandshakeRequest(1, &failure), {0, kFlowFailed, kGatewayRefused, ZEB_NO_MEMORY},
-                   "flowHandshakeRequest");
+      requireOneOf(flowHandshakeRequest(1, &failure),
+                   {0, kFlowFailed, kGatewayRefused, ZEB_NO_MEMORY}, "flowHandshakeRequest");
       break;
     case 1:
       requireOneOf(flowCloseRequest(1, &failure), {0, kFlowFailed, kGatewayRefused, ZEB_NO_MEMORY},

@@ -1,4 +1,4 @@
-// What the harnesses share.
+// Checks and helpers that the harnesses share.
 #ifndef ZEBFUZZ_HARNESS_H
 #define ZEBFUZZ_HARNESS_H
 
@@ -17,7 +17,7 @@ namespace zebfuzz {
 
 using Input = std::span<const std::uint8_t>;
 
-// The fuzzer takes the end of the process for a finding.
+// Both end the process if the check fails, which the fuzzer reports as a finding.
 inline void require(bool holds, const char* fact) {
   if (holds) return;
   std::fprintf(stderr, "does not hold: %s\n", fact);
@@ -29,7 +29,8 @@ inline void requireOneOf(int rc, std::initializer_list<int> documented, const ch
   std::abort();
 }
 
-// Steps over the first bytes of an input, which say what is done with the rest.
+// Takes the next byte of an input, or 0 if there is none. The first bytes of an input say what is
+// done with the rest.
 inline std::uint8_t takeByte(Input& input) {
   if (input.empty()) return 0;
   const std::uint8_t first = input.front();
@@ -37,7 +38,8 @@ inline std::uint8_t takeByte(Input& input) {
   return first;
 }
 
-// Makes the library's first call, whose block of memory stays for ever.
+// Makes the library's first call, which allocates memory that is never freed, so that it is not
+// counted.
 inline void startLibrary() {
   static const bool started = [] {
     int level;
@@ -46,7 +48,7 @@ inline void startLibrary() {
   require(started, "the library starts");
 }
 
-// A result set buffer of its exact size that lives as long as the process.
+// Returns a result set buffer of the exact size, which lives as long as the process.
 inline char* sealedBuffer() {
   static char* const buffer = [] {
     auto* made = static_cast<char*>(std::calloc(kResultSetBufferSize, 1));
@@ -56,8 +58,8 @@ inline char* sealedBuffer() {
   return buffer;
 }
 
-// Walks a result set to its end. Every text must lie in the buffer, which bounds the number of entries too.
-// Returns the last code.
+// Walks a result set to its end and returns the last code. Every text must lie in the buffer, and
+// there cannot be more entries than the buffer has room for.
 template <typename Record, typename First, typename Next>
 int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
   const char* const start = resultSet->head;
@@ -69,8 +71,9 @@ int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
   int rc = getFirst(resultSet, &record);
   std::size_t entries = 0;
   for (; rc == 0; rc = getNext(resultSet, &record)) {
-    require(++entries <= kResultSetBufferSize / 4, "a walk comes to its end");
-    require(isInside(record.queryElementPtr, record.queryElementLen), "a query element lies in the buffer");
+    require(++entries <= kResultSetBufferSize / 4, "a walk ends");
+    require(isInside(record.queryElementPtr, record.queryElementLen),
+            "a query element lies in the buffer");
     if (record.queryElementRC < 0) continue;
     if constexpr (requires { record.idPtr; }) {
       require(isInside(record.idPtr, record.idLen), "an id lies in the buffer");
@@ -82,22 +85,25 @@ int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
   return rc;
 }
 
-// With the calls of the right kind; the others must refuse.
+// Walks a result set with the calls for its content, and requires that the others refuse. Returns
+// the last code.
 inline int walkAsContent(ResultSetToken* resultSet) {
   const bool isStats = zeb::hasContent(resultSet->head, zeb::kStatsMarker);
   StatData stat;
   IdData id;
-  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat), {ZEB_WRONG_CONTENT},
-               "a walk of the wrong kind");
+  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat),
+               {ZEB_WRONG_CONTENT}, "a walk of the wrong kind");
   return isStats ? walkAll<StatData>(resultSet, getFirstStat, getNextStat)
                  : walkAll<IdData>(resultSet, getFirstId, getNextId);
 }
 
-// Walks, joins and copies a result set. A damaged one may end its walk.
+// Walks, joins and copies a result set. If it may be damaged, the walk may end with
+// ZEB_WRONG_CONTENT.
 inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDamaged) {
   const int unknown = zeb::hasKnownContent(resultSet->head) ? 0 : ZEB_WRONG_CONTENT;
   const int walked = walkAsContent(resultSet);
-  requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS}, "walk");
+  requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS},
+               "walk");
   char* joined = nullptr;
   const int rc = getIdQuery(resultSet, &joined);
   requireOneOf(rc, {unknown, unknown == 0 ? ZEB_NO_GOOD_ID : unknown}, "getIdQuery");
@@ -106,7 +112,8 @@ inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDam
   ResultSetToken* copy = nullptr;
   require(copyResultSet(resultSet, &copy) == unknown, "known content is copied");
   if (unknown != 0) return;
-  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0, "a copy has every byte");
+  require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0,
+          "a copy has every byte");
   require(walkAsContent(copy) == walked, "a copy is walked like its source");
   require(freeResultSet(&copy) == 0, "a copy can be freed");
 }

@@ -17,13 +17,14 @@
 namespace zebfuzz {
 namespace {
 
-constexpr int kSocket = 1 << 20;  // no descriptor of the system's
+constexpr int kSocket = 1 << 20;  // not a descriptor that the system uses
 constexpr std::size_t kLargestBlock = 256 * 1024;
 
 thread_local MemoryGateway* current = nullptr;
 
-// Blocks of the size of a result set buffer are handed out again and again: the address sanitiser maps and
-// unmaps each one, which takes longer than a session. Poisoned in between they are as forbidden as freed ones.
+// Blocks of the size of a result set buffer are used again: the address sanitiser would map and
+// unmap each one, which takes longer than a session. While they are not in use they are poisoned,
+// so that an access is found as with freed blocks.
 class KeptBlocks {
  public:
   void* take() {
@@ -76,7 +77,7 @@ MemoryGatewayScope::~MemoryGatewayScope() {
 
 using namespace zebfuzz;
 
-// What the linker's --wrap makes of the calls; __real_... are the system's.
+// The linker's --wrap redirects each call to __wrap_...; __real_... is the original function.
 #define ZEBFUZZ_WRAP(type, name, arguments, passed, ...) \
   type __real_##name arguments;                          \
   type __wrap_##name arguments {                         \
@@ -113,11 +114,12 @@ ZEBFUZZ_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout), (waited, c
   waited->revents = waited->events;
   return 1;
 })
-ZEBFUZZ_WRAP(ssize_t, send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags), {
-  if (current->sends <= 0) return fail(EPIPE);
-  --current->sends;
-  return static_cast<ssize_t>(size);
-})
+ZEBFUZZ_WRAP(ssize_t, send, (int fd, const void* data, size_t size, int flags),
+             (fd, data, size, flags), {
+               if (current->sends <= 0) return fail(EPIPE);
+               --current->sends;
+               return static_cast<ssize_t>(size);
+             })
 ZEBFUZZ_WRAP(ssize_t, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags), {
   if ((flags & MSG_PEEK) != 0) return fail(EAGAIN);  // nothing comes before it is asked for
   const std::size_t taken = nextPiece(*current, size);
@@ -132,7 +134,8 @@ ZEBFUZZ_WRAP(int, close, (int fd), (fd), {
   --current->sockets;
   return 0;
 })
-ZEBFUZZ_WRAP(int, sigaction, (int number, const struct sigaction* action, struct sigaction* previous),
+ZEBFUZZ_WRAP(int, sigaction,
+             (int number, const struct sigaction* action, struct sigaction* previous),
              (number, action, previous), { return 0; })
 ZEBFUZZ_WRAP(void*, malloc, (size_t size), (size), {
   void* block = size == kResultSetBufferSize ? keptBlocks.take() : nullptr;

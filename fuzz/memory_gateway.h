@@ -1,5 +1,5 @@
-// A gateway in memory: the program's socket calls end here instead of in the kernel, so that a whole session
-// costs microseconds and every receive returns exactly as much as it is told to.
+// A gateway in memory. It replaces the program's socket calls, so that a whole session takes
+// microseconds and the test decides how much each receive returns.
 #ifndef ZEBFUZZ_MEMORY_GATEWAY_H
 #define ZEBFUZZ_MEMORY_GATEWAY_H
 
@@ -10,20 +10,21 @@
 
 namespace zebfuzz {
 
-// What the other end does. The requests are not looked at.
+// The behaviour of the gateway, which ignores the requests, and what it has counted.
 struct MemoryGateway {
   std::span<const std::uint8_t> replies;
-  std::size_t piece = SIZE_MAX;  // no receive returns more
-  std::size_t splitAt = 0;       // no receive reaches from below this many bytes over them; 0: no split
-  int sends = INT_MAX;           // so many succeed
-  int endError = 0;              // of the receives behind the last reply; 0: the stream just ends
+  std::size_t piece = SIZE_MAX;  // the most bytes that one receive returns
+  std::size_t splitAt = 0;       // a receive ends at this offset of the replies; 0: no split
+  int sends = INT_MAX;           // the number of sends that succeed
+  int endError = 0;              // errno of the receives after the last reply; 0: end of stream
 
   std::size_t received = 0;
-  int sockets = 0;  // made and not yet closed
-  int blocks = 0;   // allocated and not yet freed
+  int sockets = 0;  // open sockets
+  int blocks = 0;   // allocated blocks
 };
 
-// The calling thread's calls go to the gateway while this lives, and blocks beyond any that a session needs are refused.
+// While it lives, the calls of its thread go to the gateway, and malloc refuses blocks that are
+// larger than any that a session needs.
 class MemoryGatewayScope {
  public:
   explicit MemoryGatewayScope(MemoryGateway& gateway);

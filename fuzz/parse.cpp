@@ -1,5 +1,5 @@
-// Any bytes as call data, for the parser named by ZEBFUZZ_STATS. What it writes must be what the slow decoder
-// makes of them, to the last byte.
+// Feeds any bytes as call data to one parser: that of statistics if ZEBFUZZ_STATS is true,
+// otherwise that of ids. Its output must be the slow decoder's, to the last byte.
 #include "harness.h"
 #include "slow_decoder.h"
 #include "stapi_zeb_statcomms.h"
@@ -14,9 +14,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const bool isGood = zebtest::decodeSlowly(ZEBFUZZ_STATS, answer, expected);
   require((rc == 0) == isGood, "the parser and the slow decoder agree on what is an answer");
   if (isGood) {
-    require(std::memcmp(buffer, expected.data(), expected.size()) == 0, "they agree on what is in it");
+    require(std::memcmp(buffer, expected.data(), expected.size()) == 0,
+            "they agree on what is in it");
     require(expected.size() + 4 > zeb::kContentSize || zeb::isTerminator(buffer + expected.size()),
-            "a terminator stands behind the content");
+            "a terminator follows the content");
   } else {
     require(zeb::isTerminator(buffer), "a refused answer reads as empty");
   }

@@ -1,5 +1,5 @@
-// Runs a harness over every file of the folders named on the command line, without a fuzzer: each file is an
-// input, in a block of its exact size.
+// Runs a harness without a fuzzer. Each file of the folders named on the command line is an input,
+// in a block of its exact size.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -17,7 +17,8 @@ namespace {
 std::vector<std::filesystem::path> listFiles(int argc, char** argv) {
   std::vector<std::filesystem::path> files;
   for (int i = 1; i < argc; ++i) {
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) files.push_back(entry.path());
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
+      files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   return files;

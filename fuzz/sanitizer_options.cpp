@@ -1,4 +1,4 @@
-// How the address sanitiser runs in the harnesses, which see to leaks themselves.
+// The options of the address sanitiser in the harnesses, which find leaks themselves.
 extern "C" const char* __asan_default_options();
 
 extern "C" const char* __asan_default_options() {

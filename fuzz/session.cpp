@@ -1,6 +1,6 @@
-// A whole session against any bytes: open, two queries with walk, copy and query string, close. The first byte
-// says what is asked, the second how the replies arrive; the rest are the replies, all of them, or those
-// behind a good open call.
+// Feeds any bytes to a whole session: open, two queries with walk, copy and query string, close.
+// The first byte of the input selects the queries, the second says how the replies arrive. The rest
+// are the replies: all of them, or those after a good open.
 #include <string>
 
 #include "gateway_encoder.h"
@@ -38,7 +38,8 @@ const std::string& goodOpen() {
 
 const std::string& goodSession() {
   static const std::string replies =
-      goodOpen() + goodCall(zebsim::kInvoke, zebsim::encodeAnswer({false, {{"q", 0, zebsim::Ids{"ID"}}}})) +
+      goodOpen() +
+      goodCall(zebsim::kInvoke, zebsim::encodeAnswer({false, {{"q", 0, zebsim::Ids{"ID"}}}})) +
       zebsim::reply("BASE", "");
   return replies;
 }
@@ -71,14 +72,16 @@ int runSession(MemoryGateway& gateway, std::uint8_t what) {
       requireOneOf(rc, {0, ZEB_CONNECTION_LOST, ZEB_COMMUNICATION_FAILED}, "query");
       if (rc != 0) break;
       const bool isAnswer = zeb::hasKnownContent(resultSet->head);
-      require(isAnswer || zeb::isTerminator(resultSet->head), "a result set holds an answer or none");
+      require(isAnswer || zeb::isTerminator(resultSet->head),
+              "a result set holds an answer or none");
       if (isAnswer) useResultSet(resultSet, (what & kCopied) != 0, false);
     }
     requireOneOf(closeGatewayConnection(&token), {rc == 0 ? 0 : ZEB_TOKEN_UNKNOWN}, "close");
   }
   std::free(version);
   zeb::freeRetired();
-  require(gateway.sockets == 0 && gateway.blocks == 0, "no socket is left open, no block allocated");
+  require(gateway.sockets == 0 && gateway.blocks == 0,
+          "no socket is left open, no block allocated");
   return rc;
 }
 
@@ -102,7 +105,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if ((what & kGoodAfter) != 0) {
     MemoryGateway good = {.replies = bytesOf(goodSession())};
     require(runSession(good, 0) == ZEB_CONNECTION_LOST && good.received == good.replies.size(),
-            "a good session works behind any other");
+            "a good session works after any other");
   }
   return 0;
 }

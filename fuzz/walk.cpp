@@ -1,5 +1,6 @@
-// The calls that read a result set, over buffers of any content: the first byte says what is done, the second
-// what fills the buffer, the third how many of the bytes behind it are its end; the rest is its beginning.
+// Makes the calls that read a result set, on buffers with any content. The first byte of the input
+// selects the calls, the second fills the buffer, the third is the number of the last input bytes
+// that become the end of the buffer; those between are its beginning.
 #include <string_view>
 
 #include "harness.h"
@@ -18,19 +19,19 @@ enum What : std::uint8_t {
   kIds = 32
 };
 
-// The bits besides, with a filling of 0: what takes long, walks of tens of thousands of entries and dumps of the
-// whole buffer.
+// With these bits and a filling of 0 a run is slow: it walks tens of thousands of entries and dumps
+// the whole buffer.
 constexpr std::uint8_t kSlow = 0xC0;
 constexpr std::size_t kShortDump = 256;
 
-// Throws away what is written to it.
+// Opens a stream that discards what is written to it.
 FILE* openSink() {
   cookie_io_functions_t functions = {};
   functions.write = [](void*, const char*, std::size_t size) { return static_cast<ssize_t>(size); };
   return fopencookie(nullptr, "w", functions);
 }
 
-// The buffer keeps its filling from run to run, because that takes longer than all the rest.
+// The buffer keeps its filling from run to run: filling it takes longer than all the rest of a run.
 class FilledBuffer {
  public:
   char* fill(std::uint8_t filling) {
@@ -41,7 +42,9 @@ class FilledBuffer {
   void put(std::size_t offset, const void* bytes, std::size_t size) {
     if (size > 0) std::memcpy(bytes_ + offset, bytes, size);
   }
-  void restore(std::size_t offset, std::size_t size) { std::memset(bytes_ + offset, filling_, size); }
+  void restore(std::size_t offset, std::size_t size) {
+    std::memset(bytes_ + offset, filling_, size);
+  }
 
  private:
   char* const bytes_ = sealedBuffer();
@@ -53,10 +56,13 @@ void useBuffer(ResultSetToken* resultSet, std::uint8_t what, bool isSlow) {
   if ((what & kWithoutFirst) != 0) {
     IdData id;
     StatData stat;
-    requireOneOf(getNextId(resultSet, &id), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextId");
-    requireOneOf(getNextStat(resultSet, &stat), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT}, "getNextStat");
+    requireOneOf(getNextId(resultSet, &id), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT},
+                 "getNextId");
+    requireOneOf(getNextStat(resultSet, &stat), {0, ZEB_END_OF_RESULTS, ZEB_WRONG_CONTENT},
+                 "getNextStat");
   }
-  const bool isShort = memmem(resultSet->head, kShortDump, &kTerminator, sizeof kTerminator) != nullptr;
+  const bool isShort =
+      memmem(resultSet->head, kShortDump, &kTerminator, sizeof kTerminator) != nullptr;
   if ((what & kDumped) != 0 && (isShort || isSlow))
     require(dumpResultSet(resultSet) == unknown, "known content is dumped");
   useResultSet(resultSet, (what & kCopied) != 0, true);
@@ -70,7 +76,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   startLibrary();
   static FILE* const sink = statAPITraceHandle = openSink();
   require(sink != nullptr, "there is a sink");
-  MemoryGateway gateway;  // for the sake of its quick memory
+  MemoryGateway gateway;  // counts the blocks, and makes allocation fast
   const MemoryGatewayScope scope(gateway);
 
   Input input(data, size);

@@ -1,25 +1,27 @@
 # shellcheck shell=bash
-# Sourced by the scripts of this folder and by .ci/run: messages, and installing what is missing.
+# Sourced by the scripts of this folder and by .ci/run: prints messages and installs missing
+# packages.
 
 say() {
   printf '== %s\n' "$*"
 }
 
-# Ends the script with one line that tells what went wrong.
+# Ends the script with one line that says what went wrong.
 fail() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
   exit 1
 }
 
-# install_missing PACKAGE...: installs those of the Debian packages that are not there yet.
+# install_missing PACKAGE...: installs those of the Debian packages that are not installed yet.
 install_missing() {
   local missing=() package as_root=() log
   if ! command -v dpkg-query apt-get >/dev/null; then
-    say "This is no Debian system; make sure that it has what these packages hold: $*"
+    say "This is not a Debian system; make sure that it has the contents of these packages: $*"
     return
   fi
   for package in "$@"; do
-    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
   done
   if [ ${#missing[@]} -eq 0 ]; then return; fi
   if [ "$(id -u)" -ne 0 ]; then
@@ -38,7 +40,7 @@ install_missing() {
   rm -f "$log"
 }
 
-# What every build needs, and what the tests need besides.
+# The packages that every build needs, and those that the tests need too.
 BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev prometheus-cpp-dev)
-# shellcheck disable=SC2034 # used by those who source this
+# shellcheck disable=SC2034 # used by the scripts that source this file
 TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev)

@@ -25,7 +25,7 @@ void appendU64(Bytes& out, std::uint64_t value) {
 }
 
 void appendText16(Bytes& out, std::string_view text) {
-  if (text.size() > 0xFFFF) throw std::length_error("a text passes 65535 bytes");
+  if (text.size() > 0xFFFF) throw std::length_error("a text has more than 65535 bytes");
   appendU16(out, static_cast<std::uint16_t>(text.size()));
   out.append(text);
 }

@@ -1,4 +1,4 @@
-// Bytes of the wire: big-endian writing and bounded big-endian reading, the same on every host.
+// Writes and reads the big-endian integers and the texts of the wire. Reading is bounded.
 #ifndef ZEBSIM_GATEWAY_BYTES_H
 #define ZEBSIM_GATEWAY_BYTES_H
 
@@ -10,11 +10,11 @@
 
 namespace zebsim {
 
-// A run of bytes, text or not.
+// A sequence of bytes, text or not.
 using Bytes = std::string;
 
-// What a client sent cannot be right; its connection is closed. The text never quotes the client's own
-// bytes, so that it can be shown on a terminal.
+// Thrown for a request that no correct client sends; the server closes the connection. The text
+// never quotes the client's bytes, so that it can be shown on a terminal.
 class BadRequest : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -25,10 +25,11 @@ void appendU16(Bytes& out, std::uint16_t value);
 void appendU32(Bytes& out, std::uint32_t value);
 void appendU64(Bytes& out, std::uint64_t value);
 
-// A 16-bit length and the text; std::length_error when the text passes 65,535 bytes.
+// Appends a 16-bit length and the text. Throws std::length_error if the text has more than 65,535
+// bytes.
 void appendText16(Bytes& out, std::string_view text);
 
-// Reads from the front of `bytes`; reading past their end is a BadRequest.
+// Reads from the front of `bytes`. Every read throws BadRequest if it would pass their end.
 class ByteReader {
  public:
   explicit ByteReader(std::string_view bytes) : rest_(bytes) {}

@@ -5,7 +5,7 @@
 namespace zebsim {
 namespace {
 
-// The serialiser's tags, as java.io.ObjectStreamConstants names them.
+// The serialiser's type codes, named as in java.io.ObjectStreamConstants.
 constexpr std::uint8_t kTcNull = 0x70;
 constexpr std::uint8_t kTcReference = 0x71;
 constexpr std::uint8_t kTcClassDesc = 0x72;
@@ -16,8 +16,8 @@ constexpr std::uint8_t kTcEndBlockData = 0x78;
 constexpr std::uint8_t kTcBlockDataLong = 0x7A;
 constexpr std::uint32_t kStreamHeader = 0xACED0005;
 
-// Handles count from 0x7E0000 in order of appearance: the response's class, its superclass, the response
-// itself, then the class of the statistics.
+// The serialiser numbers classes and objects from 0x7E0000 on, in order of appearance: the
+// response's class, its superclass, the response itself, the class of the statistics.
 constexpr std::uint32_t kStatClassHandle = 0x007E0003;
 
 constexpr std::size_t kMaxBlock = 1024;
@@ -34,7 +34,8 @@ const ResponseClasses& ownClasses(bool isStats) {
   return isStats ? stats : ids;
 }
 
-// Leaves the description open: the superclass's description, or a null, follows.
+// Writes the description without its end: the caller writes the superclass's description or
+// TC_NULL.
 void appendClassDesc(Bytes& out, const ClassDesc& desc) {
   appendU8(out, kTcClassDesc);
   appendText16(out, desc.name);
@@ -55,7 +56,7 @@ void appendBlock(Bytes& out, std::string_view data) {
   out.append(data);
 }
 
-// As the serialiser's buffer drains: full blocks, then whatever is left.
+// Writes blocks as the serialiser does when its buffer is full: full blocks, then the rest.
 void appendBlocks(Bytes& out, std::string_view data) {
   while (!data.empty()) {
     std::size_t size = std::min(data.size(), kMaxBlock);
@@ -80,7 +81,8 @@ void appendStat(Bytes& out, const Stat& stat, const ClassDesc& statClass, bool i
   appendU8(out, kTcEndBlockData);
 }
 
-// The block data right behind the response's class: what was asked, how it went, how many items, the ids.
+// Returns the block data that follow the response's class: the query element, its return code, the
+// number of items and, in an ids response, the ids.
 Bytes encodeHead(const Response& response) {
   Bytes head;
   appendText16(head, response.query);
@@ -98,7 +100,8 @@ Bytes encodeHead(const Response& response) {
 
 Bytes encodeResponse(const Response& response, HeadBlocks blocks) {
   const Stats* stats = std::get_if<Stats>(&response.items);
-  const ResponseClasses& classes = response.classes ? *response.classes : ownClasses(stats != nullptr);
+  const ResponseClasses& classes =
+      response.classes ? *response.classes : ownClasses(stats != nullptr);
   Bytes out;
   appendU32(out, kStreamHeader);
   appendU8(out, kTcObject);
@@ -115,7 +118,7 @@ Bytes encodeResponse(const Response& response, HeadBlocks blocks) {
 
 Bytes encodeAnswer(const Answer& answer, HeadBlocks blocks) {
   if (!answer.isList && answer.responses.size() != 1) {
-    throw std::invalid_argument("an answer that is no list has exactly one response");
+    throw std::invalid_argument("an answer that is not a list has exactly one response");
   }
   Bytes out;
   appendU8(out, answer.isList ? 1 : 0);

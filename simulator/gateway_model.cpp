@@ -7,13 +7,13 @@
 namespace zebsim {
 
 enum class Motion {
-  kText,     // stays
-  kCounter,  // grows by low to high in a hundred seconds, now faster, now slower
+  kText,     // is constant
+  kCounter,  // grows at a varying rate, by low to high in a hundred seconds
   kGauge,    // wanders between low and high
-  kRatio,    // a gauge in hundredths, told with two decimals
-  kPeak,     // creeps from low up to high, never back
-  kUptime,   // seconds since the start
-  kJournal,  // a long text: the last hundred seconds, a line each
+  kRatio,    // a gauge in hundredths, written with two decimals
+  kPeak,     // rises slowly from low towards high, never falls
+  kUptime,   // the seconds since the start
+  kJournal,  // a long text: a line for each of the last hundred seconds
 };
 
 struct Definition {
@@ -28,7 +28,8 @@ namespace {
 
 using enum Motion;
 
-// A peak starts where its gauge ends, and no gauge passes its limit: a monitor's sums come out.
+// The values are consistent: a peak starts at the highest value of its gauge, and no gauge exceeds
+// its limit.
 constexpr Definition kDefinitions[] = {
     {"LISTEN_ADDRESS", kText, 0, 0, "0.0.0.0"},
     {"LISTEN_PORT", kText, 0, 0, "2980"},
@@ -92,10 +93,12 @@ constexpr Definition kDefinitions[] = {
     {"HOST_INTERRUPTS", kCounter, 90000, 250000, ""},
 };
 
-// What one answer may hold. Far beyond any monitor's need, and short of exhausting the host.
+// The most items that one answer may have: more than any monitor needs, and too few to exhaust the
+// memory of the host.
 constexpr std::size_t kMaxAnswerItems = 100000;
 
-// A mixing function (each input bit moves every output bit), the only source of chance here.
+// A mixing function: each input bit affects every output bit. All pseudo-random values come from
+// it.
 constexpr std::uint64_t mix(std::uint64_t value) {
   value += 0x9E3779B97F4A7C15;
   value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
@@ -103,22 +106,28 @@ constexpr std::uint64_t mix(std::uint64_t value) {
   return value ^ (value >> 31);
 }
 
-// Between low and high, chosen by chance for this place of a run of noise.
-std::uint64_t pick(std::uint64_t noise, std::uint64_t place, std::uint64_t low, std::uint64_t high) {
+// Returns a pseudo-random value in [low, high], always the same for the same noise and place.
+std::uint64_t pick(std::uint64_t noise, std::uint64_t place, std::uint64_t low,
+                   std::uint64_t high) {
   return low + mix(noise ^ mix(place)) % (high - low + 1);
 }
 
-// Walks in straight lines from one chance value to the next, each statistic with a step of its own. All in
-// whole numbers, so that it repeats on every host.
-std::uint64_t wander(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low, std::uint64_t high) {
+// Returns a value that moves in straight lines from one pseudo-random value to the next; the noise
+// of the statistic determines the step. It uses integers only, so that it repeats on every host.
+std::uint64_t wander(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low,
+                     std::uint64_t high) {
   std::uint64_t step = 15 + noise % 30;
   std::uint64_t place = seconds / step;
   std::uint64_t done = seconds % step;
-  return (pick(noise, place, low, high) * (step - done) + pick(noise, place + 1, low, high) * done) / step;
+  return (pick(noise, place, low, high) * (step - done) +
+          pick(noise, place + 1, low, high) * done) /
+         step;
 }
 
-std::uint64_t countUp(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low, std::uint64_t high) {
-  // The counter's own clock runs ahead by up to 9 s and falls back over at least 15: it never runs backward.
+std::uint64_t countUp(std::uint64_t noise, std::uint64_t seconds, std::uint64_t low,
+                      std::uint64_t high) {
+  // The counter's clock is fast by up to 9 s. It loses them over at least 15 s, so it never runs
+  // backward.
   std::uint64_t millis = seconds * 1000 + wander(noise, seconds, 0, 9000);
   return pick(noise, 0, low, high) * millis / 100000;
 }
@@ -131,10 +140,11 @@ std::string showHundredths(std::uint64_t value) {
 std::string writeJournal(const Definition& row, std::uint64_t noise, std::uint64_t seconds) {
   std::string text;
   for (std::uint64_t second = seconds < 100 ? 0 : seconds - 100; second <= seconds; ++second) {
-    text += "t=" + std::to_string(second) + " req=" + std::to_string(pick(noise, second, row.low, row.high)) +
+    text += "t=" + std::to_string(second) +
+            " req=" + std::to_string(pick(noise, second, row.low, row.high)) +
             " ms=" + std::to_string(pick(~noise, second, 1, 900)) + " ok\n";
   }
-  return text + std::string(2400, '.') + " end";  // long from the start
+  return text + std::string(2400, '.') + " end";  // so that it is long from the start
 }
 
 std::string showValue(const Definition& row, std::uint64_t noise, std::uint64_t seconds) {
@@ -174,7 +184,8 @@ std::vector<std::string_view> splitQuery(std::string_view query) {
 }  // namespace
 
 GatewayModel::GatewayModel(const ModelOptions& options) {
-  if (options.scale < 1 || options.scale > kMaxScale) throw std::invalid_argument("scale out of range");
+  if (options.scale < 1 || options.scale > kMaxScale)
+    throw std::invalid_argument("scale out of range");
   for (unsigned copy = 1; copy <= options.scale; ++copy) {
     for (const Definition& row : kDefinitions) {
       addItem(copy == 1 ? row.id : row.id + ("_" + std::to_string(copy)), row, options.seed);
@@ -192,7 +203,8 @@ void GatewayModel::addItem(std::string id, const Definition& definition, std::ui
   group->second.items.push_back({std::move(id), &definition, noise});
 }
 
-// The items of a group, or the one of a stat id; none when the element is unknown.
+// Returns the items of a group, or the one item of a statistic id, or none if the element is
+// unknown.
 std::vector<const GatewayModel::Item*> GatewayModel::findItems(std::string_view element,
                                                                bool allowStatIds) const {
   std::vector<const Item*> found;

@@ -1,5 +1,5 @@
-// The statistics of a made-up gateway. Every value is a function of seed, statistic and time alone, so that
-// a run repeats; time comes in as whole seconds since the gateway's start.
+// The statistics of the simulated gateway. Every value depends only on seed, statistic and time, so
+// that a run can be repeated. Time is given in whole seconds since the gateway's start.
 #ifndef ZEBSIM_GATEWAY_MODEL_H
 #define ZEBSIM_GATEWAY_MODEL_H
 
@@ -14,15 +14,16 @@
 
 namespace zebsim {
 
-// The per-query codes of elements that have no answer.
+// The return codes of query elements that have no answer.
 constexpr std::int32_t kUnknownElement = -11;
 constexpr std::int32_t kEmptyElement = -12;
 
 constexpr unsigned kMaxScale = 1000;
 
 struct ModelOptions {
-  std::uint64_t seed = 1;
-  unsigned scale = 1;  // how many copies of each statistic, 1 to kMaxScale: XX_NAME, XX_NAME_2, XX_NAME_3...
+  std::uint64_t seed = 1;  // gateways with the same seed have the same values
+  // The number of copies of each statistic, 1 to kMaxScale: XX_NAME, XX_NAME_2, XX_NAME_3...
+  unsigned scale = 1;
 };
 
 struct Definition;  // one row of the table of statistics
@@ -31,8 +32,9 @@ class GatewayModel {
  public:
   explicit GatewayModel(const ModelOptions& options);
 
-  // A query is group ids or (stats only) stat ids, separated by ':'; each gets a response of its own. The
-  // empty query asks for everything in one response. Throws BadRequest for an answer beyond all measure.
+  // A query consists of group ids or (stats only) statistic ids, separated by ':'; each gets a
+  // response of its own. The empty query asks for everything in one response. Throws BadRequest for
+  // an oversized answer.
   [[nodiscard]] Answer stats(std::string_view query, std::uint64_t seconds) const;
   [[nodiscard]] Answer statIds(std::string_view query) const;
   [[nodiscard]] Answer groups() const;
@@ -41,7 +43,7 @@ class GatewayModel {
   struct Item {
     std::string id;
     const Definition* definition;
-    std::uint64_t noise;  // where this statistic's own run of noise begins
+    std::uint64_t noise;  // the seed of this statistic
   };
   struct Group {
     std::vector<Item> items;
@@ -49,11 +51,12 @@ class GatewayModel {
   };
 
   void addItem(std::string id, const Definition& definition, std::uint64_t seed);
-  [[nodiscard]] std::vector<const Item*> findItems(std::string_view element, bool allowStatIds) const;
+  [[nodiscard]] std::vector<const Item*> findItems(std::string_view element,
+                                                   bool allowStatIds) const;
   template <typename Items, typename MakeItem>
   Answer answer(std::string_view query, bool allowStatIds, MakeItem makeItem) const;
 
-  std::vector<std::string> groupIds_;  // in the order in which they are told
+  std::vector<std::string> groupIds_;  // in the order of the answer
   std::map<std::string, Group, std::less<>> groups_;
 };
 

@@ -1,4 +1,6 @@
-// Lock rule: all but answers_ belongs to the server's thread once it runs.
+// Lock rule: after start-up only answers_ and isRunning_ change in more than one thread;
+// answersLock_ guards the former, the latter is atomic. clients_ and the model are used by the
+// server's thread.
 #include "gateway_server.h"
 
 #include <fcntl.h>
@@ -33,7 +35,8 @@ std::function<std::uint64_t()> realClock() {
   auto start = std::chrono::steady_clock::now();
   return [start] {
     auto passed = std::chrono::steady_clock::now() - start;
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(passed).count());
   };
 }
 
@@ -74,7 +77,8 @@ Descriptor openListener(const std::string& address, std::uint16_t port) {
     try {
       return listenOn(*info);
     } catch (const std::runtime_error&) {
-      if (info->ai_next == nullptr) throw;  // a name may stand for an address family this host lacks
+      // A name may also have addresses of a family that this host lacks.
+      if (info->ai_next == nullptr) throw;
     }
   }
 }
@@ -92,9 +96,9 @@ struct GatewayServer::Client {
   Descriptor socket;
   std::string peer;
   GatewaySession session;
-  Bytes in;              // at most one request and one read: no more is read while a reply waits
-  Bytes out;             // the rest of the reply under way
-  std::size_t sent = 0;  // how much of `out` is gone
+  Bytes in;              // received: nothing more is read while a reply is being sent
+  Bytes out;             // the reply that is being sent
+  std::size_t sent = 0;  // how much of `out` has been sent
   bool isDropped = false;
 
   [[nodiscard]] bool isReplying() const { return sent < out.size(); }
@@ -102,7 +106,7 @@ struct GatewayServer::Client {
   bool sendReply(std::size_t segment);
 };
 
-// False: the client has hung up or the connection broke.
+// Returns false if the client has closed the connection, or it failed.
 bool GatewayServer::Client::receive() {
   std::array<char, 16384> piece;
   ssize_t got = recv(socket.get(), piece.data(), piece.size(), 0);
@@ -111,7 +115,8 @@ bool GatewayServer::Client::receive() {
   return got > 0;
 }
 
-// Sends what the socket takes, with a segment size one piece at a time. False: the connection broke.
+// Sends what the socket takes; with a segment size, one piece of at most that size. Returns false
+// if the connection failed.
 bool GatewayServer::Client::sendReply(std::size_t segment) {
   std::size_t size = out.size() - sent;
   if (segment > 0) size = std::min(size, segment);
@@ -125,7 +130,8 @@ bool GatewayServer::Client::sendReply(std::size_t segment) {
   return true;
 }
 
-GatewayServer::GatewayServer(ServerOptions options) : options_(std::move(options)), model_(options_.model) {
+GatewayServer::GatewayServer(ServerOptions options)
+    : options_(std::move(options)), model_(options_.model) {
   if (!options_.clock) options_.clock = realClock();
   if (!options_.log) options_.log = logToStandardError;
   listener_ = openListener(options_.address, options_.port);
@@ -153,7 +159,7 @@ std::string GatewayServer::listenAddress() const {
 void GatewayServer::stop() {
   isRunning_ = false;
   if (!thread_.joinable()) return;
-  wakeWriter_ = Descriptor();  // the reader's end becomes ready
+  wakeWriter_ = Descriptor();  // closes the pipe, which wakes the thread's poll
   thread_.join();
 }
 
@@ -183,7 +189,8 @@ void GatewayServer::serveOnce() {
   ready.push_back({wakeReader_.get(), POLLIN, 0});
   ready.push_back({listener_.get(), static_cast<short>(canAccept ? POLLIN : 0), 0});
   for (const auto& client : clients_) {
-    ready.push_back({client->socket.get(), static_cast<short>(client->isReplying() ? POLLOUT : POLLIN), 0});
+    ready.push_back(
+        {client->socket.get(), static_cast<short>(client->isReplying() ? POLLOUT : POLLIN), 0});
   }
   int rc = poll(ready.data(), ready.size(), isAcceptPaused_ ? kAcceptPauseMillis : -1);
   isAcceptPaused_ = false;
@@ -204,21 +211,23 @@ void GatewayServer::acceptClient() {
   if (socket.get() < 0) {
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
     options_.log("cannot accept a client: " + std::generic_category().message(errno));
-    isAcceptPaused_ = true;  // out of descriptors, say: the client waits in the listener's queue
+    isAcceptPaused_ =
+        true;  // out of descriptors, perhaps: the client waits in the listener's queue
     return;
   }
   int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   auto bean = [this](const AdminCall& call) { return answerCall(call); };
-  clients_.push_back(
-      std::make_unique<Client>(std::move(socket), showAddress(generic, size), ++lastTag_, std::move(bean)));
+  clients_.push_back(std::make_unique<Client>(std::move(socket), showAddress(generic, size),
+                                              ++lastTag_, std::move(bean)));
 }
 
 void GatewayServer::serveClient(Client& client, bool canRead) {
   try {
     if (canRead) {
       if (!client.receive()) {
-        return dropClient(client, client.in.empty() ? "" : "the client left in the middle of a request");
+        return dropClient(client,
+                          client.in.empty() ? "" : "the client left in the middle of a request");
       }
       answerRequests(client);
     }
@@ -226,7 +235,7 @@ void GatewayServer::serveClient(Client& client, bool canRead) {
       std::size_t before = client.sent;
       if (!client.sendReply(options_.segment))
         return dropClient(client, "the client does not take its reply");
-      if (client.isReplying() && client.sent == before) return;  // goes on when the socket is ready
+      if (client.isReplying() && client.sent == before) return;  // poll says when there is room
       if (!client.isReplying()) answerRequests(client);
     }
     if (client.session.isClosed()) dropClient(client, "");
@@ -235,7 +244,8 @@ void GatewayServer::serveClient(Client& client, bool canRead) {
   }
 }
 
-// One request at a time: while its reply waits, later requests stay where they are.
+// Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
+// until that reply has been sent.
 void GatewayServer::answerRequests(Client& client) {
   Request request;
   if (client.session.isClosed() || !takeRequest(client.in, request)) return;
@@ -254,7 +264,9 @@ Bytes GatewayServer::answerCall(const AdminCall& call) {
   }
   if (call.kind == kGetAttribute && call.target == "protocol") return encodeProtocol(kOwnProtocol);
   if (call.kind == kInvoke) {
-    const auto encode = [this](const Answer& answer) { return encodeAnswer(answer, options_.blocks); };
+    const auto encode = [this](const Answer& answer) {
+      return encodeAnswer(answer, options_.blocks);
+    };
     if (call.target == "GET_STATS") return encode(model_.stats(call.argument, options_.clock()));
     if (call.target == "STAT_IDS") return encode(model_.statIds(call.argument));
     if (call.target == "RESOURCE_GROUPS") return encode(model_.groups());

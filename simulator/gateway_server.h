@@ -1,5 +1,6 @@
-// The simulated gateway on a socket: any number of clients, one thread of its own. A client that sends
-// nonsense loses its connection and leaves a line in the log; the others do not notice.
+// The simulated gateway on a socket. It serves any number of clients in one thread of its own. If a
+// client sends an invalid request, it closes that connection and logs the reason; other clients are
+// not affected.
 #ifndef ZEBSIM_GATEWAY_SERVER_H
 #define ZEBSIM_GATEWAY_SERVER_H
 
@@ -22,7 +23,7 @@
 
 namespace zebsim {
 
-// An open descriptor, closed with its owner.
+// An open descriptor, which the destructor closes.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -41,35 +42,38 @@ class Descriptor {
 
 struct ServerOptions {
   std::string address = "127.0.0.1";
-  std::uint16_t port = 0;  // 0: any free one
+  std::uint16_t port = 0;  // 0: any free port
   ModelOptions model = {};
-  HeadBlocks blocks = HeadBlocks::kCut;       // how answers of more than 1,024 bytes of ids are written
-  std::size_t segment = 0;                    // send replies in pieces of so many bytes; 0: in one
-  std::function<std::uint64_t()> clock = {};  // seconds since the start; none: the real ones
-  std::function<void(const std::string&)> log = {};  // gets lines without a line end; none: standard error
+  HeadBlocks blocks = HeadBlocks::kCut;  // how answers of more than 1,024 bytes of ids are written
+  std::size_t segment = 0;               // the size of the pieces of a reply; 0: sent whole
+  // Returns the seconds since the start; if none is given, the server measures them.
+  std::function<std::uint64_t()> clock = {};
+  // Gets lines without a line end; if none is given, they go to standard error.
+  std::function<void(const std::string&)> log = {};
 };
 
 class GatewayServer {
  public:
-  // Listens and serves at once. Throws std::runtime_error, saying why, when it cannot listen.
+  // Listens and starts the thread. Throws std::runtime_error with the reason if it cannot listen.
   explicit GatewayServer(ServerOptions options = {});
-  ~GatewayServer();  // as stop()
+  ~GatewayServer();  // calls stop()
   GatewayServer(const GatewayServer&) = delete;
   GatewayServer& operator=(const GatewayServer&) = delete;
 
   [[nodiscard]] std::uint16_t port() const { return port_; }
 
-  // "127.0.0.1:40123", or "[::1]:40123".
+  // Returns "127.0.0.1:40123" or "[::1]:40123".
   [[nodiscard]] std::string listenAddress() const;
 
-  // False after stop(), or when the server's thread had to give up (the log has the reason).
+  // Returns false after stop(), and if the server's thread has failed; the log has the reason.
   [[nodiscard]] bool isRunning() const { return isRunning_; }
 
-  // Drops all clients and ends the thread. May be called again.
+  // Closes all connections and ends the thread. It may be called again.
   void stop();
 
-  // From now on answers this operation ("GET_STATS", "STAT_IDS", "RESOURCE_GROUPS"), or the attribute
-  // "protocol", with this call data, whatever the argument.
+  // From now on the target, an operation ("GET_STATS", "STAT_IDS", "RESOURCE_GROUPS") or the
+  // attribute "protocol", is answered with this call data, whatever the argument. Any thread may
+  // call it, and clearAnswers().
   void setAnswer(const std::string& target, Bytes answer);
   void clearAnswers();
 
@@ -91,7 +95,7 @@ class GatewayServer {
   Descriptor wakeWriter_;
   std::uint16_t port_ = 0;
   std::atomic<bool> isRunning_ = true;
-  std::vector<std::unique_ptr<Client>> clients_;  // the thread's own, as all below but the answers
+  std::vector<std::unique_ptr<Client>> clients_;  // used by the thread only, as the next two
   std::uint32_t lastTag_ = 0;
   bool isAcceptPaused_ = false;
   std::mutex answersLock_;

@@ -1,4 +1,5 @@
-// One client's session, without its socket: which request may come when, and what is answered.
+// One client's session without its socket: checks that the requests come in the right order, and
+// answers them.
 #ifndef ZEBSIM_GATEWAY_SESSION_H
 #define ZEBSIM_GATEWAY_SESSION_H
 
@@ -13,16 +14,18 @@ namespace zebsim {
 
 class GatewaySession {
  public:
-  // The bean: the answer to an attribute or invoke call, as call data. It may throw BadRequest.
+  // Returns the answer to a get attribute or invoke call, as call data. It may throw BadRequest.
   using Bean = std::function<Bytes(const AdminCall&)>;
 
-  // The tag (not 0) stands in every reply header; the client's follow-up requests carry it back.
+  // The tag, not 0, is in every reply header; a request that continues a reply repeats it.
   GatewaySession(std::uint32_t tag, Bean bean) : tag_(tag), bean_(std::move(bean)) {}
 
-  // The whole reply, header included. Throws BadRequest when the request is wrong or comes at a wrong time.
+  // Returns the whole reply, header included. Throws BadRequest if the request is invalid or out of
+  // order.
   Bytes answer(const Request& request);
 
-  // The client has said goodbye: the connection ends once the last reply is out.
+  // Returns whether the client has sent a close request. The connection is to be closed once its
+  // reply has been sent.
   [[nodiscard]] bool isClosed() const { return state_ == State::kClosed; }
 
  private:
@@ -38,7 +41,7 @@ class GatewaySession {
   std::uint32_t tag_;
   Bean bean_;
   std::uint32_t lastAdminId_ = 0;
-  std::optional<std::uint32_t> openAdminId_;  // from an opening call; good for one call
+  std::optional<std::uint32_t> openAdminId_;  // from an opening call; valid for one call
 };
 
 }  // namespace zebsim

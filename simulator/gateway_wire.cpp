@@ -9,7 +9,7 @@ constexpr std::size_t kFixedHeaderSize = 29;  // the header without its name
 constexpr std::size_t kNameOffset = 24;
 constexpr std::string_view kSignature = "java.lang.String";
 
-// A string object begins so: stream header and string tag.
+// The start of a string object: the stream header and TC_STRING.
 constexpr std::string_view kStringObject("\xAC\xED\x00\x05\x74", 5);
 
 // The longest request has an argument of 65,535 bytes and a few short texts around it.
@@ -25,17 +25,18 @@ std::size_t readNameLength(std::string_view in) {
   require(fixed.u32() == kHeaderWord1, "header word 1 is not 0x00700000");
   fixed.take(12);
   std::uint32_t length = fixed.u32();
-  require(length >= kBaseName.size() && length <= kAdminName.size(), "no request has a name of that length");
+  require(length >= kBaseName.size() && length <= kAdminName.size(),
+          "no request has a name of that length");
   return length;
 }
 
 Header readHeader(std::string_view in) {
   ByteReader reader(in);
   Header header;
-  reader.take(8);  // checked before
+  reader.take(8);  // the eyecatcher and header word 1, which have been checked
   header.type = reader.u32();
-  header.word12 = reader.u32();
-  header.word16 = reader.u32();
+  header.tag = reader.u32();
+  header.tagOrRc = reader.u32();
   header.name = reader.take(reader.u32());
   header.flag = reader.u8();
   header.dataLength = reader.u32();
@@ -47,7 +48,8 @@ Header readHeader(std::string_view in) {
 
 Bytes encodeHeader(const Header& header) {
   Bytes out(kEyecatcher);
-  for (std::uint32_t word : {kHeaderWord1, header.type, header.word12, header.word16}) appendU32(out, word);
+  for (std::uint32_t word : {kHeaderWord1, header.type, header.tag, header.tagOrRc})
+    appendU32(out, word);
   appendU32(out, static_cast<std::uint32_t>(header.name.size()));
   out += header.name;
   appendU8(out, header.flag);
@@ -57,7 +59,8 @@ Bytes encodeHeader(const Header& header) {
 
 bool takeRequest(Bytes& in, Request& request) {
   std::string_view start = std::string_view(in).substr(0, kEyecatcher.size());
-  require(start == kEyecatcher.substr(0, start.size()), "no eyecatcher \"Gate\" at the start of a request");
+  require(start == kEyecatcher.substr(0, start.size()),
+          "no eyecatcher \"Gate\" at the start of a request");
   if (in.size() < kNameOffset) return false;
   std::size_t headerSize = kFixedHeaderSize + readNameLength(in);
   if (in.size() < headerSize) return false;
@@ -77,7 +80,8 @@ AdminCall readAdminCall(std::string_view data) {
     call.adminId = reader.u32();
     std::uint32_t callLength = reader.u32();
     require(callLength == reader.left(), "the call length is not the length of the call");
-    for (int text = 0; text < 3; ++text) reader.text16();  // country, language, qualifier: any will do
+    // Country, language and qualifier may have any value.
+    for (int text = 0; text < 3; ++text) reader.text16();
     require(reader.text16() == kStatsBean, "the call is not for the statistics bean");
     call.target = reader.text16();
   }
@@ -100,7 +104,7 @@ Bytes words(std::initializer_list<std::uint32_t> values) {
 
 Bytes replyHeader(std::string_view name, std::uint32_t gatewayRc, std::size_t dataLength) {
   Header header;
-  header.word16 = gatewayRc;
+  header.tagOrRc = gatewayRc;
   header.name = name;
   header.dataLength = static_cast<std::uint32_t>(dataLength);
   return encodeHeader(header);

@@ -1,11 +1,12 @@
-# Shared by the toolchains of other hosts: a Debian cross compiler, and how its programs run here. The including
-# file sets ZEB_TRIPLET, ZEB_PROCESSOR and ZEB_RUNNER.
+# Shared by the toolchains of other hosts: a Debian cross compiler, and the command that runs its
+# programs on this host. The including file sets ZEB_TRIPLET, ZEB_PROCESSOR and ZEB_RUNNER.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${ZEB_PROCESSOR})
 set(CMAKE_C_COMPILER ${ZEB_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${ZEB_TRIPLET}-g++)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${ZEB_RUNNER})
-# Libraries are the other host's own, or under CMAKE_PREFIX_PATH; packages of headers alone may be this host's.
+# Libraries are those of the other host or under CMAKE_PREFIX_PATH; packages that consist of headers
+# may be those of this host.
 set(CMAKE_FIND_ROOT_PATH /usr/${ZEB_TRIPLET} ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -17,44 +17,50 @@ constexpr std::size_t kMaxColumns = 79;
 
 struct Finding {
   State state = kUnknown;
-  std::string words;
-  std::string performance;  // empty: none
+  std::string message;
+  std::string performance;  // empty if there is none
 };
 
-std::string cutWords(const std::string& words, std::size_t columns) {
-  if (columnsOf(words) <= columns) return words;
-  return columns < 3 ? "" : cutToColumns(words, columns - 3) + "...";
+std::string cutMessage(const std::string& message, std::size_t columns) {
+  if (columnsOf(message) <= columns) return message;
+  return columns < 3 ? "" : cutToColumns(message, columns - 3) + "...";
 }
 
-// Shortens the words first, then leaves out the performance data if it still does not fit.
+// Shortens the message; if less than kMinMessage columns would be left for it, leaves out the
+// performance data.
 std::string renderLine(const Finding& finding) {
   std::string start = std::string(kStateNames[finding.state]) + ": ";
-  std::string words = toShown(finding.words);
-  std::replace(words.begin(), words.end(), '|', '/');  // '|' starts performance data
+  std::string message = toShown(finding.message);
+  std::replace(message.begin(), message.end(), '|', '/');  // '|' starts performance data
   std::string performance = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
-  constexpr std::size_t kLeastWords = 20;
-  if (start.size() + kLeastWords + columnsOf(performance) > kMaxColumns) performance.clear();
-  return start + cutWords(words, kMaxColumns - start.size() - columnsOf(performance)) + performance + "\n";
+  constexpr std::size_t kMinMessage = 20;
+  if (start.size() + kMinMessage + columnsOf(performance) > kMaxColumns) performance.clear();
+  return start + cutMessage(message, kMaxColumns - start.size() - columnsOf(performance)) +
+         performance + "\n";
 }
 
+// Returns the value and its ranges as performance data, or an empty text if the id cannot be
+// written.
 std::string writePerformance(const Options& options, long double value) {
   std::string label;
   for (char c : options.checkedId) label += c == '\'' ? "''" : std::string(1, c);
   if (label.find_first_of(" ='|") != std::string::npos) label = "'" + label + "'";
   if (label.find('|') != std::string::npos) return {};
   std::string text = label + "=" + showNumber(value, 6);
-  if (options.warning || options.critical) text += ";" + (options.warning ? options.warning->text : "");
+  if (options.warning || options.critical)
+    text += ";" + (options.warning ? options.warning->text : "");
   if (options.critical) text += ";" + options.critical->text;
   return text;
 }
 
 Finding judge(const Options& options, const Answer& answer) {
   const std::string& id = options.checkedId;
-  auto isIt = [&](const Entry& entry) { return entry.id == id; };
-  auto found = std::find_if(answer.entries.begin(), answer.entries.end(), isIt);
+  auto hasId = [&](const Entry& entry) { return entry.id == id; };
+  auto found = std::find_if(answer.entries.begin(), answer.entries.end(), hasId);
   if (found == answer.entries.end()) {
-    std::string code =
-        answer.refusals.empty() ? "" : " (its code " + std::to_string(answer.refusals[0].code) + ")";
+    std::string code = answer.refusals.empty()
+                           ? ""
+                           : " (its code " + std::to_string(answer.refusals[0].code) + ")";
     return {kUnknown, "the gateway does not know " + id + code, {}};
   }
   std::optional<long double> value = parseNumber(found->value);
@@ -62,10 +68,10 @@ Finding judge(const Options& options, const Answer& answer) {
   Finding finding{kOk, id + " is " + found->value, writePerformance(options, *value)};
   if (options.critical && options.critical->alarms(*value)) {
     finding.state = kCritical;
-    finding.words += ", critical is " + options.critical->text;
+    finding.message += ", critical is " + options.critical->text;
   } else if (options.warning && options.warning->alarms(*value)) {
     finding.state = kWarning;
-    finding.words += ", warning is " + options.warning->text;
+    finding.message += ", warning is " + options.warning->text;
   }
   return finding;
 }
@@ -77,7 +83,7 @@ int runCheck(const Options& options, Gateway& gateway) {
   try {
     finding = judge(options, gateway.ask(options.question()));
   } catch (const Fault& fault) {
-    finding.words = fault.what();
+    finding.message = fault.what();
   }
   writeOutput(renderLine(finding));
   return finding.state;

@@ -1,4 +1,4 @@
-// The command check: one statistic for a monitoring system, by the rules of its plug-ins.
+// The command check: a monitoring plug-in that judges one statistic.
 #ifndef ZEBSTAT_CHECK_H
 #define ZEBSTAT_CHECK_H
 
@@ -8,7 +8,8 @@
 
 namespace zebtool {
 
-// Prints one line of less than 80 characters and returns 0 OK, 1 WARNING, 2 CRITICAL or 3 UNKNOWN.
+// Prints one line of less than 80 characters and returns the exit code of a plug-in: 0 OK, 1
+// WARNING, 2 CRITICAL, 3 UNKNOWN, also for a gateway that does not answer.
 int runCheck(const Options& options, Gateway& gateway);
 
 }  // namespace zebtool

@@ -1,8 +1,8 @@
-// One thread and one connection for each gateway, since a connection belongs to its thread. A scrape asks
-// all gateways at once and waits for those that answer in time.
+// Each gateway has one thread and one connection, because a connection belongs to its thread. A
+// scrape asks all gateways at once and waits for those that answer in time.
 //
-// The library's timeout bounds every call, so that each thread is free again before long, whatever its
-// gateway does. To stop, the connections are closed from outside, which ends calls that wait.
+// The library's timeout bounds every call, so no gateway blocks its thread for longer than that. To
+// stop, the main thread closes all connections, which ends the calls that wait.
 #include "exporter.h"
 
 #include <signal.h>
@@ -40,24 +40,25 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMaxGateways = 250;  // the library holds 256 connections
-// How much of the timeout a scrape waits: a server gives up after a time of its own, often the same, and
-// the answer should be complete by then.
+constexpr std::size_t kMaxGateways = 250;  // the library permits 256 connections
+// The part of the timeout for which a scrape waits: the Prometheus server often has the same
+// timeout, and must receive the complete answer before that.
 constexpr double kScrapeShare = 0.9;
 constexpr char kSilent[] = "does not answer in time";
 
-// A close from another thread ends a call that waits, but frees an answer that is being read. So it is held
-// shared while an answer is read, and exclusively while all connections are closed.
+// A close from another thread ends a call that waits, but also frees an answer that is being read.
+// So the mutex is held shared while an answer is read, and exclusively while all connections are
+// closed.
 std::shared_mutex answersMutex;
 
-// ---- Asking a gateway -------------------------------------------------------------------------------------
+// ---- Asking a gateway ---------------------------------------------------------------------------
 
 struct Endpoint {
   std::string host;
   int port = 0;
 };
 
-// HOST:PORT; an IPv6 address stands in brackets.
+// Parses HOST:PORT, with an IPv6 address in brackets.
 std::optional<Endpoint> parseEndpoint(const std::string& text, int lowestPort) {
   std::size_t colon = text.rfind(':');
   if (colon == std::string::npos || colon == 0) return std::nullopt;
@@ -71,9 +72,10 @@ std::optional<Endpoint> parseEndpoint(const std::string& text, int lowestPort) {
   auto isBad = [](char c) {
     return c <= ' ' || c == 0x7F || std::string_view("[],/").find(c) != std::string_view::npos;
   };
-  bool isNumber =
-      !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
-  if (host.empty() || std::any_of(host.begin(), host.end(), isBad) || !isNumber) return std::nullopt;
+  bool isNumber = !port.empty() && port.size() <= 5 &&
+                  port.find_first_not_of("0123456789") == std::string::npos;
+  if (host.empty() || std::any_of(host.begin(), host.end(), isBad) || !isNumber)
+    return std::nullopt;
   int number = std::stoi(port);
   if (number < lowestPort || number > 65535) return std::nullopt;
   return Endpoint{std::move(host), number};
@@ -82,11 +84,12 @@ std::optional<Endpoint> parseEndpoint(const std::string& text, int lowestPort) {
 struct Report {
   bool up = false;
   Clock::time_point finished;
-  std::string note;  // why it is not up, or what is missing
+  std::string note;  // why the gateway is not up, or what is missing; empty if all is well
   std::vector<PrometheusStat> stats;
 };
 
-// Asks for all statistics by group: an answer holds a statistic's group only if it was asked for.
+// Reads all statistics of a gateway. It asks by group, because only the answer to such a query
+// names the group of each statistic.
 class StatsReader {
  public:
   StatsReader(zebstats::Connection& gateway, Report& report) : gateway_(gateway), report_(report) {}
@@ -110,18 +113,22 @@ class StatsReader {
   }
 
   void noteRefusal(const zebstats::Id& refused) {
-    report_.note = "refuses a part of its statistics (its code " + std::to_string(refused.elementCode) + ")";
+    report_.note =
+        "refuses a part of its statistics (its code " + std::to_string(refused.elementCode) + ")";
   }
 
-  // Of groups, or of statistics where their group is given. An answer has a largest size: what does not fit
-  // into one is asked for in halves, and a single group by its statistics.
+  // Reads the statistics of the groups in elements or, if group is given, the statistics in
+  // elements, which are of that group. An answer has a maximum size: if one query would exceed it,
+  // each half of the elements is asked for on its own, and a single group by the ids of its
+  // statistics.
   Error askFor(const std::string* elements, std::size_t count, const std::string& group) {
     if (count == 0) return Error();
     std::string query = elements[0];
     for (std::size_t i = 1; i < count; ++i) query += ':' + elements[i];
     const std::size_t had = report_.stats.size();
     Error failed = take(
-        group.empty() ? gateway_.statsByGroups(query.c_str()) : gateway_.statsByIds(query.c_str()), group);
+        group.empty() ? gateway_.statsByGroups(query.c_str()) : gateway_.statsByIds(query.c_str()),
+        group);
     if (failed.code() != ZEB_WRONG_CONTENT && failed.code() != ZEB_QUERY_TOO_LONG) return failed;
     report_.stats.resize(had);
     if (count > 1) {
@@ -141,8 +148,9 @@ class StatsReader {
         noteRefusal(stat);
         continue;
       }
-      report_.stats.push_back(
-          {std::string(stat.id), group.empty() ? std::string(stat.element) : group, std::string(stat.value)});
+      report_.stats.push_back({std::string(stat.id),
+                               group.empty() ? std::string(stat.element) : group,
+                               std::string(stat.value)});
     }
     return answer.error();
   }
@@ -151,7 +159,7 @@ class StatsReader {
   Report& report_;
 };
 
-// ---- Gateways and their threads ---------------------------------------------------------------------------
+// ---- Gateways and their threads -----------------------------------------------------------------
 
 // One gateway: scrapes ask, its thread answers.
 class GatewayWorker {
@@ -225,7 +233,8 @@ class GatewayWorker {
     ended_ = true;
   }
 
-  // A connection that was good at the last scrape may have ended with the gateway it led to: one new attempt.
+  // A connection that was open after the last scrape may have been lost since, as when the gateway
+  // was restarted; so a failure on it is followed by one attempt on a new connection.
   Report answer(zebstats::Connection& gateway) {
     const bool wasOpen = gateway.isOpen();
     Report report;
@@ -250,20 +259,20 @@ class GatewayWorker {
   const std::string name_;
   const Endpoint endpoint_;
   std::thread thread_;
-  std::mutex mutex_;  // guards all below; never held during a call of the library
+  std::mutex mutex_;  // guards all below; never held while the library is called
   std::condition_variable changed_;
   std::uint64_t asked_ = 0;
   std::uint64_t answered_ = 0;
   Report report_;            // to the question answered_
-  std::string printedNote_;  // the last one on standard error
+  std::string printedNote_;  // the last note on standard error
   std::atomic<bool> stopping_ = false;
   bool ended_ = false;
 };
 
 using Workers = std::vector<std::unique_ptr<GatewayWorker>>;
 
-// Ends the threads. Closing the connections ends the calls that wait for a gateway; a call that starts
-// just after one closing is ended by the next.
+// Ends the threads. Closing all connections ends the calls that wait for a gateway. It is repeated
+// until all threads have ended, because a call may start just after the connections were closed.
 void stopWorkers(const Workers& workers) {
   for (const auto& worker : workers) worker->stop();
   auto hasEnded = [](const auto& worker) { return worker->hasEnded(); };
@@ -276,7 +285,7 @@ void stopWorkers(const Workers& workers) {
   }
 }
 
-// Asks all gateways when scraped.
+// Asks all gateways at each scrape.
 class GatewayCollector : public prometheus::Collectable {
  public:
   GatewayCollector(const Workers& workers, Clock::duration wait) : workers_(workers), wait_(wait) {}
@@ -295,7 +304,8 @@ class GatewayCollector : public prometheus::Collectable {
     for (std::size_t i = 0; i < workers_.size(); ++i) {
       Report report = workers_[i]->awaitReport(questions[i], start + wait_);
       addGauge(up, workers_[i]->name(), report.up ? 1 : 0);
-      addGauge(duration, workers_[i]->name(), std::chrono::duration<double>(report.finished - start).count());
+      addGauge(duration, workers_[i]->name(),
+               std::chrono::duration<double>(report.finished - start).count());
       answers.push_back({workers_[i]->name(), std::move(report.stats)});
     }
     std::vector<prometheus::MetricFamily> families = makeMetricFamilies(answers);
@@ -316,12 +326,12 @@ class GatewayCollector : public prometheus::Collectable {
   const Clock::duration wait_;
 };
 
-// ---- The exporter -----------------------------------------------------------------------------------------
+// ---- The exporter -------------------------------------------------------------------------------
 
 Workers makeWorkers(const ExporterOptions& options) {
   if (!parseEndpoint(options.listen, 0)) {
     throw Fault(kUsage, "--listen '" + options.listen +
-                            "' is no ADDRESS:PORT; write it like 127.0.0.1:9100 or 0.0.0.0:9100");
+                            "' is not an ADDRESS:PORT; write it like 127.0.0.1:9100 or [::1]:9100");
   }
   if (options.gateways.size() > kMaxGateways) {
     throw Fault(kUsage, "--gateway is given more than " + std::to_string(kMaxGateways) +
@@ -332,8 +342,8 @@ Workers makeWorkers(const ExporterOptions& options) {
   for (const std::string& name : options.gateways) {
     std::optional<Endpoint> endpoint = parseEndpoint(name, 1);
     if (!endpoint) {
-      throw Fault(kUsage,
-                  "--gateway '" + name + "' is no HOST:PORT; write it like gateway-1:2980 or [::1]:2980");
+      throw Fault(kUsage, "--gateway '" + name +
+                              "' is not a HOST:PORT; write it like gateway-1:2980 or [::1]:2980");
     }
     if (!known.insert(name).second) {
       throw Fault(kUsage, "--gateway '" + name + "' is given twice; name it once");
@@ -343,11 +353,11 @@ Workers makeWorkers(const ExporterOptions& options) {
   return workers;
 }
 
-// The signals that end the exporter are blocked in every thread and fetched here.
+// Serves until one of the signals arrives, which are blocked in every thread and waited for here.
 void serve(const ExporterOptions& options, const Workers& workers, const sigset_t& signals) {
   const std::chrono::duration<double> wait(options.timeoutSeconds * kScrapeShare);
-  auto collector =
-      std::make_shared<GatewayCollector>(workers, std::chrono::duration_cast<Clock::duration>(wait));
+  auto collector = std::make_shared<GatewayCollector>(
+      workers, std::chrono::duration_cast<Clock::duration>(wait));
   prometheus::Exposer exposer(options.listen);
   exposer.RegisterCollectable(collector);
   for (const auto& worker : workers) worker->start();
@@ -371,13 +381,15 @@ void runExporter(const ExporterOptions& options) {
   try {
     serve(options, workers, signals);
   } catch (const std::system_error& error) {
-    throw Fault(kNotConnected, std::string("cannot start a thread for each gateway: ") + error.what());
+    throw Fault(kNotConnected,
+                std::string("cannot start a thread for each gateway: ") + error.what());
   } catch (const std::exception&) {
-    const char* cause = options.listen.front() == '['
-                            ? "not of this machine or not permitted, or the HTTP library has no IPv6"
-                            : "not of this machine or not permitted";
-    throw Fault(kNotConnected, "cannot listen on " + options.listen + ": the address is in use, " + cause +
-                                   "; choose another with --listen ADDRESS:PORT");
+    const char* cause =
+        options.listen.front() == '['
+            ? "not of this machine or not permitted, or the HTTP library has no IPv6"
+            : "not of this machine or not permitted";
+    throw Fault(kNotConnected, "cannot listen on " + options.listen + ": the address is in use, " +
+                                   cause + "; choose another with --listen ADDRESS:PORT");
   }
 }
 

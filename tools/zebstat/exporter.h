@@ -8,15 +8,15 @@
 namespace zebtool {
 
 struct ExporterOptions {
-  std::string listen;                 // ADDRESS:PORT, an IPv6 address in brackets; port 0 is any free port
+  std::string listen;  // ADDRESS:PORT, an IPv6 address in brackets; port 0: any free port
   std::vector<std::string> gateways;  // HOST:PORT each, an IPv6 address in brackets
   double timeoutSeconds = 10;         // how long a scrape waits for a gateway
 };
 
-// Serves /metrics until SIGINT or SIGTERM; the first line on standard output is the address. Call it from
-// the main thread, before any other thread is started: it blocks these two signals.
+// Serves /metrics until SIGINT or SIGTERM; the first line on standard output is the address. Call
+// it from the main thread before any other thread is started, because it blocks these two signals.
 //
-// Throws a Fault: kUsage for an option that cannot be used, kNotConnected if it cannot listen.
+// Throws a Fault: kUsage for an invalid option, kNotConnected if it cannot listen.
 void runExporter(const ExporterOptions& options);
 
 }  // namespace zebtool

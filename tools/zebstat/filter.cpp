@@ -9,7 +9,7 @@ Filter::Filter(const std::vector<std::string>& included, const std::vector<std::
   for (const std::string& glob : excluded) excluded_.push_back({"--exclude", glob});
 }
 
-// Asks every pattern, so that each one learns whether it matches.
+// Tries every pattern even after a match, so that unmatched() knows those that never match.
 bool Filter::matchesAny(std::vector<Pattern>& patterns, const std::string& id) {
   bool matches = false;
   for (Pattern& pattern : patterns) {

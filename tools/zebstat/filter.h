@@ -13,8 +13,9 @@ class Filter {
  public:
   Filter(const std::vector<std::string>& included, const std::vector<std::string>& excluded);
 
+  // Removes the entries that are not shown.
   void apply(Answer& answer);
-  // The patterns, with their options, that have matched no id so far.
+  // Returns the patterns, each after its option, that have matched no id so far.
   [[nodiscard]] std::vector<std::string> unmatched() const;
 
  private:

@@ -9,7 +9,7 @@ namespace zebtool {
 
 namespace {
 
-// The library's code, its meaning, and what to try.
+// Returns the library's code, its meaning, and what to try.
 std::string explain(int code) {
   const char* meaning = zebstats::describe(code);
   const char* advice = "";
@@ -34,7 +34,7 @@ std::string explain(int code) {
   return "(" + std::to_string(code) + "): " + meaning + advice;
 }
 
-// How the asking ended: the library's code, and the step that failed with it.
+// The result of a question: the library's code, the step that failed with it, or the answer.
 struct Outcome {
   int code = ZEB_OK;
   const char* step = "";

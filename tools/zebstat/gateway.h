@@ -1,4 +1,4 @@
-// Asks a gateway. No step takes longer than the timeout: main sets the library's own.
+// Asks a gateway. No step takes longer than the library's timeout, which main sets.
 #ifndef ZEBSTAT_GATEWAY_H
 #define ZEBSTAT_GATEWAY_H
 
@@ -17,16 +17,17 @@ struct Question {
   std::string elements;  // separated by ':'
 };
 
-// Bytes as the gateway sent them.
+// One id or statistic of an answer: bytes as the gateway sent them.
 struct Entry {
-  std::string element;  // the element of the question that this one answers
+  std::string element;  // the query element that this entry answers
   std::string id;
   std::string value;
 };
 
+// A query element that the gateway did not answer.
 struct Refusal {
   std::string element;
-  int code = 0;  // the gateway's own
+  int code = 0;  // the gateway's code, not the library's
 };
 
 struct Answer {
@@ -34,24 +35,24 @@ struct Answer {
   std::vector<Refusal> refusals;
 };
 
-// Whether a code of the library means that the timeout has passed.
+// Returns whether a code of the library means that the timeout has passed.
 inline bool isTimeout(int code) {
   return code == ZEB_CONNECT_TIMED_OUT || code == ZEB_TIMED_OUT;
 }
 
-// One gateway and the connection to it, for the thread that asks. Going out of scope closes the
-// connection, which may take until the timeout.
+// One gateway and the connection to it, which belongs to the thread that asks first. The destructor
+// closes the connection, which may take until the timeout.
 class Gateway {
  public:
-  // The timeout is the one that the library has been given, for the message about it.
+  // The timeout is only named in messages; the library must have been given the same.
   Gateway(std::string host, int port, double timeoutSeconds)
       : host_(std::move(host)), port_(port), timeoutSeconds_(timeoutSeconds) {}
 
-  // HOST:PORT, an IPv6 address in brackets.
+  // Returns HOST:PORT, an IPv6 address in brackets.
   [[nodiscard]] std::string name() const;
 
-  // Connects unless a connection is open, and asks. Throws a Fault: kNotConnected or kTimedOut. After
-  // that the next question connects anew if the connection was lost.
+  // Connects unless a connection is open, and asks. Throws a Fault: kNotConnected or kTimedOut; if
+  // the connection was lost, the next question opens a new one.
   Answer ask(const Question& question);
 
  private:

@@ -4,7 +4,7 @@ namespace zebtool {
 
 namespace {
 
-// Same for stats, ids and groups.
+// The options of stats, ids and groups.
 constexpr char kShowOptions[] =
     R"(  --watch[=SECONDS]   repeat on one connection, every 2 seconds; Ctrl-C ends it
   --count N           end the watch after N rounds
@@ -110,7 +110,7 @@ Shows the statistics of a transaction gateway.
   check ID          a monitoring plug-in
   exporter          serves the statistics of gateways to Prometheus
 
-zebstat COMMAND --help tells the options of a command, --version the version.
+zebstat COMMAND --help prints the options of a command, --version the version.
 
 Exit codes: 0 done, 1 the gateway answered an element with an error, 2 usage,
 3 not connected, 4 no answer in time, 5 nothing matched. check has its own.

@@ -1,6 +1,6 @@
 // zebstat: asks a gateway for its statistics, and shows, checks or exports the answer.
 //
-// Results go to standard output, messages to standard error, one line a fault.
+// Results go to standard output, messages to standard error, one line for each failure.
 #include <signal.h>
 
 #include <exception>
@@ -24,12 +24,14 @@ void setUpLibrary(const Options& options) {
                             "'; name a file that can be written");
   }
   if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
-  // lround would need another shared library, which a short run has no time to load.
+  // No lround: it is in another shared library, and loading that would slow down each start.
   int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK) throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
 }
 
-// Prints a fault before the gateway is closed, which may take until the timeout.
+// Prints a fault here rather than in main: on the way there the gateway is closed, which may take
+// until the timeout.
 int askGateway(const Options& options) {
   Gateway gateway(options.host, options.port, options.timeoutSeconds);
   try {

@@ -18,11 +18,12 @@ namespace {
 
 constexpr double kMaxSeconds = 86400;
 constexpr char kCommands[] = "stats, ids, groups, check and exporter";
-constexpr std::array<std::pair<const char*, Format>, 5> kFormats{{{"table", Format::kTable},
-                                                                  {"json", Format::kJson},
-                                                                  {"jsonl", Format::kJsonl},
-                                                                  {"csv", Format::kCsv},
-                                                                  {"prometheus", Format::kPrometheus}}};
+constexpr std::array<std::pair<const char*, Format>, 5> kFormats{
+    {{"table", Format::kTable},
+     {"json", Format::kJson},
+     {"jsonl", Format::kJsonl},
+     {"csv", Format::kCsv},
+     {"prometheus", Format::kPrometheus}}};
 
 // Validators return an empty text if the value is valid, otherwise the message about it.
 using Validator = std::function<std::string(const std::string&)>;
@@ -49,11 +50,12 @@ std::string wantRange(const std::string& text) {
 }
 
 std::string wantText(const std::string& text) {
-  return text.empty() ? "an empty text is no name; the commands ids and groups list them" : std::string();
+  return text.empty() ? "an empty text is not a name; the commands ids and groups list them"
+                      : std::string();
 }
 
 std::string wantPath(const std::string& text) {
-  return text.empty() ? "an empty text is no file name" : std::string();
+  return text.empty() ? "an empty text is not a file name" : std::string();
 }
 
 // Holds the raw options of a command line and combines them.
@@ -61,8 +63,9 @@ class Parser {
  public:
   Parser() {
     app_.require_subcommand(0, 1)->fallthrough();
-    app_.formatter_fn(
-        [](const CLI::App* app, const std::string&, CLI::AppFormatMode) { return helpFor(app->get_name()); });
+    app_.formatter_fn([](const CLI::App* app, const std::string&, CLI::AppFormatMode) {
+      return helpFor(app->get_name());
+    });
     app_.set_version_flag("--version", "zebstat " ZEBSTATS_VERSION);
     addConnectOptions();
     addCommand(Command::kStats, "stats", &Parser::addStats);
@@ -81,7 +84,7 @@ class Parser {
       return std::nullopt;
     } catch (const CLI::ExtrasError& fault) {
       if (!app_.get_subcommands().empty()) throw usage(fault.what());
-      throw usage(app_.remaining().front() + " is no command; there are " + kCommands);
+      throw usage(app_.remaining().front() + " is not a command; the commands are " + kCommands);
     } catch (const CLI::ParseError& fault) {
       throw usage(fault.what());
     }
@@ -89,7 +92,8 @@ class Parser {
   }
 
  private:
-  // Options are added only for the command given: adding all of them would double the start-up time.
+  // Adds a command. Its options are added only when it is given: adding those of all commands would
+  // double the start-up time.
   void addCommand(Command command, const char* name, void (Parser::*addOptions)(CLI::App*)) {
     CLI::App* added = app_.add_subcommand(name);
     added->preparse_callback([this, command, added, addOptions](std::size_t) {
@@ -109,12 +113,18 @@ class Parser {
     CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
                              ->type_name("LEVEL")
                              ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
-    app_.add_option("--trace-file", options_.traceFile)->type_name("FILE")->check(wantPath)->needs(level);
+    app_.add_option("--trace-file", options_.traceFile)
+        ->type_name("FILE")
+        ->check(wantPath)
+        ->needs(level);
   }
 
   void addStats(CLI::App* stats) {
     CLI::Option* ids = stats->add_option("ID", options_.ids)->check(wantText);
-    stats->add_option("--group", options_.groups)->type_name("GROUP")->check(wantText)->excludes(ids);
+    stats->add_option("--group", options_.groups)
+        ->type_name("GROUP")
+        ->check(wantText)
+        ->excludes(ids);
     addShowOptions(stats);
   }
 
@@ -157,9 +167,9 @@ class Parser {
   // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
-      throw CLI::ValidationError("say what to do; there are " + std::string(kCommands));
+      throw CLI::ValidationError("give a command; the commands are " + std::string(kCommands));
     if (options_.command == Command::kExporter && (host_->count() > 0 || port_->count() > 0)) {
-      throw CLI::ValidationError("exporter", "--gateway HOST:PORT stands for --host and --port");
+      throw CLI::ValidationError("exporter", "--gateway HOST:PORT replaces --host and --port");
     }
     if (!warning_.empty()) options_.warning = parseRange(warning_);
     if (!critical_.empty()) options_.critical = parseRange(critical_);
@@ -180,14 +190,16 @@ class Parser {
                                  "prometheus has no ids and groups; use table, json, jsonl or csv");
     }
     if (isWatch && options_.outputFile.empty()) {
-      throw CLI::ValidationError("--format", "prometheus can not be appended to; give --output FILE too");
+      throw CLI::ValidationError("--format",
+                                 "prometheus cannot be appended to; give --output FILE too");
     }
   }
 
-  Fault usage(const std::string& words) {
+  Fault usage(const std::string& message) {
     std::vector<CLI::App*> commands = app_.get_subcommands();
     std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
-    return {command == " check" ? kNotConnected : kUsage, words + "; see zebstat" + command + " --help"};
+    return {command == " check" ? kNotConnected : kUsage,
+            message + "; see zebstat" + command + " --help"};
   }
 
   CLI::App app_{"", "zebstat"};

@@ -26,7 +26,7 @@ struct Options {
   std::vector<std::string> ids;
   std::vector<std::string> groups;
   double watchSeconds = 0;  // 0: ask once
-  long rounds = 0;          // of a watch; 0: until it is ended
+  long rounds = 0;          // of a watch; 0: until a signal ends it
   Format format = Format::kTable;
   std::string outputFile;  // empty: standard output
   std::vector<std::string> included;
@@ -45,8 +45,9 @@ struct Options {
   [[nodiscard]] bool isByGroup() const { return !groups.empty(); }
 };
 
-// Returns nothing after it has printed --help or --version. Throws a Fault for bad arguments: its code is
-// kUsage, but 3 for `check`, because monitoring takes 2 for an alarm.
+// Returns the options, or nothing after it has printed --help or --version. Throws a Fault for bad
+// arguments: its code is kUsage, but kNotConnected (3, UNKNOWN) for `check`, for which 2 is
+// CRITICAL.
 std::optional<Options> parseOptions(int argc, char** argv);
 
 }  // namespace zebtool

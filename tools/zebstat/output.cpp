@@ -36,7 +36,7 @@ class SignalsHeld {
   sigset_t before_{};
 };
 
-// 0, or the errno of the failure.
+// Returns 0, or the errno of the failure.
 int writeAll(int file, std::string_view text) {
   while (!text.empty()) {
     ssize_t written = write(file, text.data(), text.size());
@@ -64,8 +64,8 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-void printMessage(const std::string& words) {
-  writeAll(STDERR_FILENO, "zebstat: " + toShown(words) + "\n");
+void printMessage(const std::string& message) {
+  writeAll(STDERR_FILENO, "zebstat: " + toShown(message) + "\n");
 }
 
 void endNow(int exitCode) {
@@ -77,7 +77,8 @@ void writeOutput(const std::string& text) {
   int fault = writeAll(STDOUT_FILENO, text);
   if (fault == EPIPE) endNow(kDone);
   if (fault != 0)
-    throw Fault(kNotConnected, std::string("cannot write to standard output: ") + std::strerror(fault));
+    throw Fault(kNotConnected,
+                std::string("cannot write to standard output: ") + std::strerror(fault));
 }
 
 void waitForReader(double seconds) {
@@ -94,29 +95,31 @@ void waitForReader(double seconds) {
 
 OutputFile::OutputFile(const std::string& path) : path_(path) {
   struct stat found {};
-  char* target = realpath(path.c_str(), nullptr);  // null for a file that is to be made
+  char* target = realpath(path.c_str(), nullptr);  // null if the file does not exist yet
   if (target != nullptr) path_ = target;
   std::free(target);
   bool isThere = stat(path_.c_str(), &found) == 0;
-  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is no plain file");
-  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0) throw makeFileFault(path, std::strerror(errno));
+  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is not a regular file");
+  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
+    throw makeFileFault(path, std::strerror(errno));
 }
 
 void OutputFile::replace(const std::string& text) const {
   SignalsHeld held;
-  std::string beside = path_ + ".XXXXXX";
-  int file = mkstemp(beside.data());
+  std::string temporary = path_ + ".XXXXXX";
+  int file = mkstemp(temporary.data());
   if (file < 0) throw makeFileFault(path_, std::strerror(errno));
   struct stat replaced {};
   mode_t mask = umask(0);
   umask(mask);
   bool isThere = stat(path_.c_str(), &replaced) == 0;
   int fault = writeAll(file, text);
-  if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0) fault = errno;
+  if (fault == 0 && fchmod(file, isThere ? replaced.st_mode & 07777U : 0666U & ~mask) != 0)
+    fault = errno;
   if (close(file) != 0 && fault == 0) fault = errno;
-  if (fault == 0 && rename(beside.c_str(), path_.c_str()) != 0) fault = errno;
+  if (fault == 0 && rename(temporary.c_str(), path_.c_str()) != 0) fault = errno;
   if (fault == 0) return;
-  unlink(beside.c_str());
+  unlink(temporary.c_str());
   throw makeFileFault(path_, std::strerror(fault));
 }
 

@@ -1,4 +1,5 @@
-// Writes results to standard output or to a file that is replaced atomically, and messages to standard error.
+// Writes results to standard output or to a file that is replaced atomically, and messages to
+// standard error.
 #ifndef ZEBSTAT_OUTPUT_H
 #define ZEBSTAT_OUTPUT_H
 
@@ -6,17 +7,18 @@
 
 namespace zebtool {
 
-// Prints one line on standard error.
-void printMessage(const std::string& words);
+// Prints the message on one line of standard error.
+void printMessage(const std::string& message);
 
-// Ends the process at once; a signal handler may call it.
+// Ends the process at once, without destructors; a signal handler may call it.
 [[noreturn]] void endNow(int exitCode);
 
-// Writes to standard output in one go, during which no signal ends the program. A pipe whose reader has gone ends
-// it silently. Throws a Fault.
+// Writes the whole text to standard output; SIGINT, SIGTERM and SIGHUP end the program only
+// afterwards. If the reader of a pipe has gone, the process ends with code 0. Throws a Fault if
+// writing fails otherwise.
 void writeOutput(const std::string& text);
 
-// Waits; if the reader of standard output goes away meanwhile, ends the program.
+// Waits; if the reader of standard output goes away meanwhile, ends the process with code 0.
 void waitForReader(double seconds);
 
 // A file that is replaced by a new one when that is complete.
@@ -24,7 +26,7 @@ class OutputFile {
  public:
   // Throws a Fault if no file can be written there; call it before asking for the content.
   explicit OutputFile(const std::string& path);
-  // Throws a Fault, and then leaves the file as it was.
+  // Replaces the content. Throws a Fault; the file is as it was then.
   void replace(const std::string& text) const;
 
  private:

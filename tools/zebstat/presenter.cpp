@@ -28,15 +28,16 @@ Presenter::Presenter(const Options& options, std::string gateway)
 
 ExitCode Presenter::present(Answer answer) {
   filter_.apply(answer);
-  Report report{options_.command, options_.isByGroup(), gateway_, makeTimestamp(), std::move(answer)};
+  Report report{options_.command, options_.isByGroup(), gateway_, makeTimestamp(),
+                std::move(answer)};
   std::string text = render(report);
   if (file_) {
     file_->replace(text);
   } else {
     writeOutput(text);
   }
-  tellRefusals(report.answer);
-  if (isFirst_) tellUnmatched();
+  printRefusals(report.answer);
+  if (isFirst_) printUnmatched();
   isFirst_ = false;
   if (!report.answer.refusals.empty()) return kElementRefused;
   return report.answer.entries.empty() ? kNothingMatched : kDone;
@@ -58,7 +59,8 @@ std::string Presenter::render(const Report& report) {
   return renderTables(report);
 }
 
-// A watched table has a title. On a terminal it is drawn over the one before, and has no more lines than fit.
+// Returns the table as it is to be written. A watched table has a title; on a terminal it replaces
+// the previous one and has no more lines than fit.
 std::string Presenter::renderTables(const Report& report) {
   Screen screen = file_ ? Screen() : lookAtScreen();
   if (!isWatch_) return joinLines(renderTable(report, screen), "\n");
@@ -73,7 +75,7 @@ std::string Presenter::renderTables(const Report& report) {
     lines.resize(room - 1);
     lines.push_back("... " + std::to_string(left) + " more");
   }
-  // A narrower window has wrapped the old lines again, so that their number is not known.
+  // A window of another width has wrapped the old lines anew, so that their number is not known.
   bool isResized = drawnLines_ > 0 && screen.columns != drawnColumns_;
   std::string start = isResized         ? "\x1B[H\x1B[2J"
                       : drawnLines_ > 0 ? "\r\x1B[" + std::to_string(drawnLines_) + "A"
@@ -83,12 +85,12 @@ std::string Presenter::renderTables(const Report& report) {
   return start + joinLines(lines, "\x1B[K\n") + "\x1B[J";
 }
 
-void Presenter::interrupt(const std::string& words) {
-  printMessage(words);
+void Presenter::interrupt(const std::string& message) {
+  printMessage(message);
   drawnLines_ = 0;
 }
 
-void Presenter::tellRefusals(const Answer& answer) {
+void Presenter::printRefusals(const Answer& answer) {
   for (const Refusal& refusal : answer.refusals) {
     if (!reported_.insert(refusal.element).second) continue;
     std::string what = refusal.element.empty() ? "the query" : "'" + refusal.element + "'";
@@ -97,7 +99,7 @@ void Presenter::tellRefusals(const Answer& answer) {
   }
 }
 
-void Presenter::tellUnmatched() {
+void Presenter::printUnmatched() {
   for (const std::string& pattern : filter_.unmatched()) interrupt(pattern + " matched nothing");
 }
 

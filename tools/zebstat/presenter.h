@@ -18,18 +18,19 @@ class Presenter {
   // Throws a Fault if the output file cannot be written.
   Presenter(const Options& options, std::string gateway);
 
-  // Returns the exit code for this answer.
+  // Filters, formats and writes an answer, and prints what the gateway refused. Returns the exit
+  // code. Throws a Fault if it cannot write.
   ExitCode present(Answer answer);
   // Prints a message between two answers, below the table.
-  void interrupt(const std::string& words);
+  void interrupt(const std::string& message);
   // Forgets the earlier values: the gateway may have been restarted.
   void forget() { live_.forget(); }
 
  private:
   std::string render(const Report& report);
   std::string renderTables(const Report& report);
-  void tellRefusals(const Answer& answer);
-  void tellUnmatched();
+  void printRefusals(const Answer& answer);
+  void printUnmatched();
 
   const Options& options_;
   std::string gateway_;
@@ -39,7 +40,7 @@ class Presenter {
   bool isWatch_;
   bool isFirst_ = true;
   std::set<std::string> reported_;  // refused elements
-  std::size_t drawnLines_ = 0;      // that the next frame replaces
+  std::size_t drawnLines_ = 0;      // the lines that the next table replaces
   std::size_t drawnColumns_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// prometheus.h in zebstat itself.
+// prometheus.h as zebstat implements it.
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +15,7 @@ void switchToPrometheus(char** argv) {
   ssize_t length = readlink("/proc/self/exe", self, sizeof self);
   std::string folder(self, length > 0 ? static_cast<std::size_t>(length) : 0);
   folder.erase(folder.rfind('/') + 1);
-  // Beside zebstat where it was built, else where it was installed.
+  // A build has it beside zebstat, an installation in the libexec folder.
   for (const char* place : {"zebstat-prometheus", ZEBSTAT_LIBEXEC "/zebstat-prometheus"}) {
     execv((folder + place).c_str(), argv);
     if (errno != ENOENT) break;

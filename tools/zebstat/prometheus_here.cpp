@@ -1,4 +1,4 @@
-// prometheus.h in zebstat-prometheus.
+// prometheus.h as zebstat-prometheus implements it.
 #include "exporter.h"
 #include "prometheus.h"
 #include "prometheus_names.h"

@@ -21,24 +21,27 @@ using Label = prometheus::ClientMetric::Label;
 using Labels = std::vector<Label>;
 
 constexpr char kInfoName[] = "zebstats_info";
-// Reserved names: the ones that the exporter adds, and the one above.
-constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up", "zebstats_scrape_duration_seconds"};
+// Reserved names: zebstats_info and the names of the exporter's own metrics.
+constexpr const char* kReservedNames[] = {kInfoName, "zebstats_up",
+                                          "zebstats_scrape_duration_seconds"};
 
 template <typename Texts>
 bool contains(const Texts& texts, std::string_view wanted) {
   return std::find(std::begin(texts), std::end(texts), wanted) != std::end(texts);
 }
 
-// Words that `promtool check metrics` does not accept in a name: kinds of metrics, and all but basic units.
+// Returns whether `promtool check metrics` rejects the word in a name: it rejects kinds of metrics,
+// and units that are not basic units.
 bool isRefusedWord(std::string_view word) {
-  static constexpr std::string_view kWords[] = {"counter", "gauge", "histogram", "summary", "s",  "ms",
-                                                "us",      "ns",    "sec",       "b",       "kb", "mb",
-                                                "gb",      "tb",    "pb",        "m",       "h",  "d"};
-  static constexpr std::string_view kPrefixes[] = {"",     "pico",  "nano", "micro", "milli", "centi", "deci",
-                                                   "deca", "hecto", "kilo", "kibi",  "mega",  "mibi",  "mebi",
-                                                   "giga", "gibi",  "tera", "tebi",  "peta",  "pebi"};
-  static constexpr std::string_view kBasicUnits[] = {"amperes", "bytes",  "celsius", "grams",   "joules",
-                                                     "kelvin",  "meters", "metres",  "seconds", "volts"};
+  static constexpr std::string_view kWords[] = {
+      "counter", "gauge", "histogram", "summary", "s",  "ms", "us", "ns", "sec",
+      "b",       "kb",    "mb",        "gb",      "tb", "pb", "m",  "h",  "d"};
+  static constexpr std::string_view kPrefixes[] = {
+      "",     "pico", "nano", "micro", "milli", "centi", "deci", "deca", "hecto", "kilo",
+      "kibi", "mega", "mibi", "mebi",  "giga",  "gibi",  "tera", "tebi", "peta",  "pebi"};
+  static constexpr std::string_view kBasicUnits[] = {"amperes", "bytes",  "celsius", "grams",
+                                                     "joules",  "kelvin", "meters",  "metres",
+                                                     "seconds", "volts"};
   static constexpr std::string_view kOtherUnits[] = {"bits",    "calories", "days",    "fahrenheit",
                                                      "hours",   "inches",   "kelvins", "miles",
                                                      "minutes", "pounds",   "weeks",   "yards"};
@@ -60,7 +63,8 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// The id in lower case, with '_' for what a name can not have. A refused word joins the one before it.
+// Returns the id in lower case, with '_' for characters that a name cannot have. A refused word is
+// joined to the word before it.
 std::string makeName(const std::string& id) {
   std::vector<std::string> words(1);
   auto endWord = [&words] {
@@ -87,7 +91,7 @@ std::string makeName(const std::string& id) {
   return name;
 }
 
-// A few digits that tell ids with the same name apart, the same in every run (FNV-1a).
+// Returns a suffix that distinguishes ids with the same name and is the same in every run: FNV-1a.
 std::string makeSuffix(const std::string& id) {
   std::uint32_t hash = 2166136261U;
   for (char c : id) hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
@@ -96,8 +100,8 @@ std::string makeSuffix(const std::string& id) {
   return text;
 }
 
-// Returns the name of each id. If several ids would get the same name, the one in upper case, as gateways
-// write ids, keeps it, and the others get a suffix.
+// Returns the name of each id. If several ids would get the same name, the one in upper case, as
+// gateways write ids, keeps it, and the others get a suffix.
 std::map<std::string, std::string> nameIds(const std::set<std::string>& ids) {
   auto isUsual = [](const std::string& id) {
     return std::all_of(id.begin(), id.end(),
@@ -116,7 +120,8 @@ std::map<std::string, std::string> nameIds(const std::set<std::string>& ids) {
   return names;
 }
 
-// None for anything but decimal digits: "nan" and "0x10" are texts here.
+// Returns the number, or nothing for anything but a decimal number: "nan" and "0x10" are texts
+// here.
 std::optional<double> parseNumber(const std::string& text) {
   double number = 0;
   const char* end = text.data() + text.size();
@@ -149,23 +154,24 @@ Labels makeLabels(const PrometheusAnswer& answer, const PrometheusStat& stat) {
   return labels;
 }
 
-// The text after # HELP, which has to fit on its line. The serialiser writes it as it is.
+// Returns the text after # HELP, with line ends escaped: the serialiser writes it as it is.
 std::string makeHelp(const std::string& id) {
   std::string help = "Statistic ";
-  for (char c : makeLabelValue(id)) help += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
+  for (char c : makeLabelValue(id))
+    help += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
   return help + " of the gateway.";
 }
 
-// A text as a label. Each of its values is a time series of its own, so a long one is cut.
+// Returns the text for a label, cut if it is long. A character at the cut is left out as a whole.
 std::string cutText(const std::string& text) {
-  constexpr std::size_t kLongest = 256;
-  std::size_t end = kLongest;
-  if (text.size() <= kLongest) return text;
-  while (end > kLongest - 4 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  constexpr std::size_t kMaxLabelBytes = 256;
+  std::size_t end = kMaxLabelBytes;
+  if (text.size() <= kMaxLabelBytes) return text;
+  while (end > kMaxLabelBytes - 4 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
   return text.substr(0, end) + "...";
 }
 
-// The metrics of one name, each set of labels once.
+// The metrics of one name. Of several with the same labels it keeps the first.
 class Family {
  public:
   Family(std::string name, std::string help, prometheus::MetricType type)
@@ -175,7 +181,8 @@ class Family {
     if (!known_.insert(labels).second) return;
     prometheus::ClientMetric metric;
     metric.label = labels;
-    (family_.type == prometheus::MetricType::Gauge ? metric.gauge.value : metric.untyped.value) = value;
+    (family_.type == prometheus::MetricType::Gauge ? metric.gauge.value : metric.untyped.value) =
+        value;
     family_.metric.push_back(std::move(metric));
   }
   prometheus::MetricFamily& take() { return family_; }
@@ -204,7 +211,8 @@ std::string makeLabelValue(std::string_view text) {
   return value;
 }
 
-std::vector<prometheus::MetricFamily> makeMetricFamilies(const std::vector<PrometheusAnswer>& answers) {
+std::vector<prometheus::MetricFamily> makeMetricFamilies(
+    const std::vector<PrometheusAnswer>& answers) {
   std::set<std::string> ids;
   for (const PrometheusAnswer& answer : answers) {
     for (const PrometheusStat& stat : answer.stats) ids.insert(stat.id);

@@ -1,4 +1,5 @@
-// Statistics in the text format that Prometheus reads, for `stats --format prometheus` and for the exporter.
+// Statistics in the text format that Prometheus reads, for `stats --format prometheus` and for the
+// exporter.
 #ifndef ZEBSTAT_PROMETHEUS_NAMES_H
 #define ZEBSTAT_PROMETHEUS_NAMES_H
 
@@ -14,7 +15,7 @@ namespace zebtool {
 
 struct PrometheusStat {
   std::string id;
-  std::string group;  // empty where it is not known
+  std::string group;  // empty if it is not known
   std::string value;
 };
 
@@ -23,16 +24,18 @@ struct PrometheusAnswer {
   std::vector<PrometheusStat> stats;
 };
 
-// One untyped metric for each id with numeric values, labelled with gateway and group, and zebstats_info for
-// the texts. Any bytes may stand in ids, groups and values: names are made of what names may have and differ
-// where the ids differ, labels become valid UTF-8, and texts of more than 256 bytes are cut. If an answer
-// holds the same statistic twice in a group, the first one counts.
-std::vector<prometheus::MetricFamily> makeMetricFamilies(const std::vector<PrometheusAnswer>& answers);
+// Returns one untyped metric for each id with numeric values, labelled with gateway and group, and
+// the metric zebstats_info for texts. Ids, groups and values may hold any bytes: different ids get
+// different valid names, labels become valid UTF-8, and texts of more than 256 bytes are cut. If an
+// answer holds the same statistic twice in a group, only the first one is used.
+std::vector<prometheus::MetricFamily> makeMetricFamilies(
+    const std::vector<PrometheusAnswer>& answers);
 
-// The same as text.
+// Returns the same families in the text format of Prometheus.
 std::string writePrometheusText(const std::vector<PrometheusAnswer>& answers);
 
-// The text as valid UTF-8 without NUL: other bytes become \xFF, in these four characters.
+// Returns the text as valid UTF-8 without NUL: each other byte becomes four characters such as
+// \xFF.
 std::string makeLabelValue(std::string_view text);
 
 }  // namespace zebtool

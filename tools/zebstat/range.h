@@ -1,5 +1,6 @@
-// Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and less). A value
-// outside raises the alarm; with @ in front, one inside does.
+// Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and
+// less). A value outside the range raises the alarm; if the range starts with @, a value inside
+// does.
 #ifndef ZEBSTAT_RANGE_H
 #define ZEBSTAT_RANGE_H
 
@@ -21,6 +22,7 @@ struct Range {
   }
 };
 
+// Returns the range, or nothing if the text is not one.
 std::optional<Range> parseRange(std::string_view text);
 
 }  // namespace zebtool

@@ -12,19 +12,19 @@ namespace zebtool {
 
 namespace {
 
-// Increment it on an incompatible change.
+// The version of the JSON layout. Increment it on an incompatible change.
 constexpr int kDocumentVersion = 1;
 
 std::string quote(std::string_view bytes) {
   return nlohmann::json(toUtf8(bytes)).dump();
 }
 
-// A number is written as it came: a double would change its digits.
+// Writes a number with the gateway's own digits: a double would change them.
 std::string writeValue(std::string_view value) {
   return isJsonNumber(value) ? std::string(value) : quote(value);
 }
 
-// Builds the document member by member; pretty has one entry a line.
+// Builds a JSON document member by member; a pretty one has one entry per line.
 class Document {
  public:
   explicit Document(bool isPretty) : isPretty_(isPretty) {}
@@ -64,7 +64,8 @@ std::string renderDocument(const Report& report, bool isPretty) {
                                                        : "groups";
   document.addArray(name, report.answer.entries, writeEntry);
   document.addArray("errors", report.answer.refusals, [](const Refusal& refusal) {
-    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" + std::to_string(refusal.code) + "}";
+    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" +
+           std::to_string(refusal.code) + "}";
   });
   return document.finish();
 }
@@ -79,7 +80,7 @@ std::string quoteCsv(std::string_view bytes) {
 
 }  // namespace
 
-// gmtime would read the time zone file, which costs a short run too much.
+// No gmtime: it would read the time zone file, which takes too long for a short run.
 std::string makeTimestamp() {
   using namespace std::chrono;
   auto now = floor<milliseconds>(system_clock::now());
@@ -87,10 +88,11 @@ std::string makeTimestamp() {
   year_month_day date(day);
   hh_mm_ss time(now - day);
   char text[40];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
+                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+                static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()),
+                static_cast<int>(time.subseconds().count()));
   return text;
 }
 
@@ -106,7 +108,7 @@ std::string renderJsonLine(const Report& report) {
   return renderDocument(report, false);
 }
 
-// Lines end as RFC 4180 has them.
+// Lines end with CR LF, as RFC 4180 wants.
 std::string renderCsv(const Report& report, bool withHeading) {
   std::string text;
   if (withHeading) {
@@ -116,7 +118,8 @@ std::string renderCsv(const Report& report, bool withHeading) {
   }
   for (const Entry& entry : report.answer.entries) {
     text += report.timestamp;
-    if (report.command != Command::kGroups) text += "," + quoteCsv(groupOf(entry, report.isByGroup));
+    if (report.command != Command::kGroups)
+      text += "," + quoteCsv(groupOf(entry, report.isByGroup));
     text += "," + quoteCsv(entry.id);
     if (report.command == Command::kStats) text += "," + quoteCsv(entry.value);
     text += "\r\n";

@@ -1,4 +1,5 @@
-// One answer as it is shown: what the filters left of it, with its gateway and its time, in each format.
+// One filtered answer with its gateway and time, and the formats json, jsonl and csv. table.h and
+// prometheus.h have the others.
 #ifndef ZEBSTAT_REPORT_H
 #define ZEBSTAT_REPORT_H
 
@@ -13,14 +14,15 @@ struct Report {
   Command command = Command::kStats;
   bool isByGroup = false;
   std::string gateway;
-  std::string timestamp;  // of the answer, as ISO 8601 writes it, in UTC
+  std::string timestamp;  // of the answer, in UTC and ISO 8601
   Answer answer;
 };
 
-// The time now, for a report.
+// Returns the current time as the timestamp of a report.
 std::string makeTimestamp();
 
-// Returns the group that the question named, otherwise the part of the id before its first '_'.
+// Returns the group of an entry: the one that the query named or, if the query was not by group,
+// the part of the id before its first '_'.
 std::string groupOf(const Entry& entry, bool isByGroup);
 
 std::string renderJson(const Report& report);

@@ -16,13 +16,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kFirstPause = 1;
-constexpr double kLongestPause = 60;
+constexpr double kMaxPause = 60;
 
-// A steady schedule: rounds that were missed are left out, not made up for.
+// A steady schedule: rounds that were missed are skipped.
 class Schedule {
  public:
   explicit Schedule(double seconds)
-      : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {}
+      : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
+  }
   void waitForNext() {
     Clock::time_point now = Clock::now();
     next_ += step_;
@@ -35,7 +36,8 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the way to end a watch. Nothing has to be tidied up: writing is not interrupted.
+// Ctrl-C is the usual way to end a watch. There is nothing to clean up: the signal is blocked
+// during writing.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -46,16 +48,18 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Asks until there is an answer, with growing pauses, so that a gateway that starts again is left in peace.
+// Asks until there is an answer. The pauses between attempts grow, so that the attempts do not
+// burden a gateway that is starting.
 Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& presenter) {
-  for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+  for (double pause = kFirstPause;; pause = std::min(pause * 2, kMaxPause)) {
     try {
       Answer answer = gateway.ask(question);
       if (pause > kFirstPause) presenter.interrupt(gateway.name() + ": it answers again");
       return answer;
     } catch (const Fault& fault) {
       presenter.forget();
-      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) + " s");
+      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) +
+                          " s");
     }
     waitForReader(pause);
   }

@@ -6,7 +6,9 @@
 
 namespace zebtool {
 
-// Each returns the exit code, and throws a Fault.
+// Both return the exit code of the last answer, and throw a Fault if the gateway cannot be asked or
+// the answer cannot be written. After its first answer, showWatched() does not throw for a gateway
+// that cannot be asked: it asks until the gateway answers.
 int showOnce(const Options& options, Gateway& gateway);
 int showWatched(const Options& options, Gateway& gateway);
 

@@ -21,7 +21,7 @@ constexpr char kPlain[] = "\x1B[0m";
 
 struct Row {
   std::vector<std::string> cells;
-  const char* colour = nullptr;
+  const char* colour = nullptr;  // of the whole line; null: none
 };
 
 // Rows under a heading. The last cell of a short row spans the remaining columns.
@@ -91,8 +91,9 @@ std::vector<std::string> cellsFor(const Report& report, const Entry& entry) {
 
 int countDecimals(const std::string& number) {
   std::size_t point = number.find('.');
-  return point == std::string::npos ? 0
-                                    : static_cast<int>(std::min<std::size_t>(number.size() - point - 1, 9));
+  return point == std::string::npos
+             ? 0
+             : static_cast<int>(std::min<std::size_t>(number.size() - point - 1, 9));
 }
 
 }  // namespace
@@ -133,7 +134,8 @@ Lines LiveTable::render(const Report& report, const Screen& screen) {
     std::string key = entry.element + '\n' + entry.id;
     auto found = before_.find(key);
     std::optional<long double> value = parseNumber(entry.value);
-    std::optional<long double> before = found == before_.end() ? std::nullopt : parseNumber(found->second);
+    std::optional<long double> before =
+        found == before_.end() ? std::nullopt : parseNumber(found->second);
     if (value && before) {
       int decimals = std::max(countDecimals(entry.value), countDecimals(found->second));
       row.cells.push_back(showNumber(*value - *before, decimals));

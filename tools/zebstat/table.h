@@ -1,4 +1,5 @@
-// Aligned columns for people: of one answer, and of a watched one with what changed since the answer before.
+// Tables with aligned columns: of one answer, and of a watched one, with the changes since the
+// previous answer.
 #ifndef ZEBSTAT_TABLE_H
 #define ZEBSTAT_TABLE_H
 
@@ -12,26 +13,27 @@
 
 namespace zebtool {
 
-// What the place that a table goes to can show.
+// The abilities of the destination of a table.
 struct Screen {
   std::size_t columns = 0;  // 0: lines have no limit
-  std::size_t rows = 0;     // likewise
+  std::size_t rows = 0;     // 0: tables have no limit
   bool hasColour = false;
   bool canRedraw = false;
 };
 
-// Standard output, as it is now: windows are resized.
+// Returns the abilities of standard output; ask anew for each table, because windows are resized.
 Screen lookAtScreen();
 
 using Lines = std::vector<std::string>;
 
+// Returns the lines of a table. Lines that are too long for the screen are cut.
 Lines renderTable(const Report& report, const Screen& screen);
 
-// Remembers the numbers of the answer before.
+// A table that also shows how numbers have changed. It remembers the values of the previous answer.
 class LiveTable {
  public:
   Lines render(const Report& report, const Screen& screen);
-  // After a lost connection the gateway may be another one.
+  // Call it after a lost connection: the gateway may have been restarted.
   void forget() { before_.clear(); }
 
  private:

@@ -14,13 +14,15 @@ constexpr std::uint32_t kReplacement = 0xFFFD;
 constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 struct Character {
-  std::uint32_t code = kNone;  // kNone: the bytes are no character
+  std::uint32_t code = kNone;  // kNone: the bytes are not a character
   std::size_t length = 1;
 };
 
-// The character at `at`, surrogates as they are.
+// Reads the character at the index; a surrogate counts as one.
 Character readCharacter(std::string_view bytes, std::size_t at) {
-  auto byte = [&](std::size_t i) -> std::uint32_t { return static_cast<unsigned char>(bytes[at + i]); };
+  auto byte = [&](std::size_t i) -> std::uint32_t {
+    return static_cast<unsigned char>(bytes[at + i]);
+  };
   std::uint32_t first = byte(0);
   if (first < 0x80) return {first, 1};
   std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
@@ -30,9 +32,10 @@ Character readCharacter(std::string_view bytes, std::size_t at) {
     if ((byte(i) & 0xC0) != 0x80) return {};
     code = code << 6 | (byte(i) & 0x3F);
   }
-  constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  constexpr std::uint32_t kLowestCode[] =  // by length; a lower code is an overlong form
+      {0, 0, 0x80, 0x800, 0x10000};
   bool isNul = length == 2 && code == 0;
-  if ((code < kLeast[length] && !isNul) || code > 0x10FFFF) return {};
+  if ((code < kLowestCode[length] && !isNul) || code > 0x10FFFF) return {};
   return {code, length};
 }
 
@@ -56,16 +59,19 @@ bool isPlainAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
 }
 
-// What terminals draw two columns wide, and what they draw onto the character before it.
+// Returns 2 for characters that terminals draw two columns wide, 0 for those that they draw onto
+// the previous character, otherwise 1.
 std::size_t columnsOfCharacter(std::uint32_t code) {
   struct Span {
     std::uint32_t first, last;
   };
-  constexpr Span kNarrowest[] = {{0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
-  constexpr Span kWide[] = {{0x1100, 0x115F}, {0x2E80, 0xA4CF}, {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},
-                            {0xFE30, 0xFE6F}, {0xFF00, 0xFF60}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+  constexpr Span kCombining[] = {
+      {0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+  constexpr Span kWide[] = {{0x1100, 0x115F},   {0x2E80, 0xA4CF},  {0xAC00, 0xD7A3},
+                            {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},  {0xFF00, 0xFF60},
+                            {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
   auto holds = [&](const Span& span) { return code >= span.first && code <= span.last; };
-  if (std::any_of(std::begin(kNarrowest), std::end(kNarrowest), holds)) return 0;
+  if (std::any_of(std::begin(kCombining), std::end(kCombining), holds)) return 0;
   return std::any_of(std::begin(kWide), std::end(kWide), holds) ? 2 : 1;
 }
 

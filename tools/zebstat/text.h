@@ -1,4 +1,4 @@
-// Bytes from a gateway as text that can be shown, and as numbers where they are some.
+// Converts bytes from a gateway to text that can be shown, and to numbers.
 #ifndef ZEBSTAT_TEXT_H
 #define ZEBSTAT_TEXT_H
 
@@ -9,24 +9,28 @@
 
 namespace zebtool {
 
-// The modified UTF-8 of the wire (NUL in two bytes, surrogates in three each) as valid UTF-8. Bytes that are
-// neither become U+FFFD.
+// Converts the modified UTF-8 of the wire (NUL in two bytes, surrogates in three each) to valid
+// UTF-8. Bytes that are neither become U+FFFD.
 std::string toUtf8(std::string_view bytes);
 
-// Valid UTF-8 on one line with nothing that moves a cursor: control characters become \n or \x1B.
+// Returns valid UTF-8 on one line. Control characters are escaped, as \n or \x1B, so that no text
+// of a gateway moves the cursor.
 std::string toShown(std::string_view bytes);
 
-// Columns that a terminal needs for valid UTF-8, and the text cut to N columns.
+// Returns the number of columns that a terminal needs for valid UTF-8.
 std::size_t columnsOf(std::string_view utf8);
+
+// Returns as many characters from the start as fit into the columns.
 std::string cutToColumns(std::string_view utf8, std::size_t columns);
 
-// Whether the text is a number as JSON writes it.
+// Returns whether the text is a number as JSON writes it.
 bool isJsonNumber(std::string_view text);
 
-// The whole text as a finite decimal number, if it is one.
+// Returns the number if the whole text is a finite decimal number.
 std::optional<long double> parseNumber(std::string_view text);
 
-// Without an exponent and without trailing zeros.
+// Writes a number with at most that many decimals, without trailing zeros and, below 1e30, without
+// an exponent.
 std::string showNumber(long double value, int decimals);
 
 }  // namespace zebtool
