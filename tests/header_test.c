@@ -1,5 +1,6 @@
-/* The public header as a C program meets it. It comes first and alone: what it needs it must bring along. Every
- * public name is used with its whole type, and the calls that need no gateway are made. Compiles as C++ too. */
+/* The public header as a C program meets it. It comes first and alone: what it needs it must bring
+ * along. Every public name is used with its whole type, and the calls that need no gateway are
+ * made. Compiles as C++ too. */
 #include "zebstats.h"
 
 ZEB_EXTERN_C int printf(const char* format, ...);
@@ -10,11 +11,13 @@ typedef int (*QueryThese)(GatewayToken*, const char*, ResultSetToken**);
 typedef int (*StatStep)(ResultSetToken*, StatData*);
 typedef int (*IdStep)(ResultSetToken*, IdData*);
 static const QueryAll queryAll[] = {getStats, getStatIds, getResourceGroupIds};
-static const QueryThese queryThese[] = {getStatsByStatId, getStatsByStatGroupId, getStatIdsByStatGroupId};
+static const QueryThese queryThese[] = {getStatsByStatId, getStatsByStatGroupId,
+                                        getStatIdsByStatGroupId};
 static const StatStep statSteps[] = {getFirstStat, getNextStat};
 static const IdStep idSteps[] = {getFirstId, getNextId};
 static int (*const openHere)(int, GatewayToken**, char**) = openGatewayConnection;
-static int (*const openThere)(const char*, int, GatewayToken**, char**) = openRemoteGatewayConnection;
+static int (*const openThere)(const char*, int, GatewayToken**,
+                              char**) = openRemoteGatewayConnection;
 static int (*const closeOne)(GatewayToken**) = closeGatewayConnection;
 static int (*const closeAll)(void) = closeAllGatewayConnections;
 static int (*const copy)(ResultSetToken*, ResultSetToken**) = copyResultSet;
@@ -60,7 +63,8 @@ static void checkCodes(void) {
                               ZEB_CONNECT_TIMED_OUT,    ZEB_CONNECT_REFUSED,
                               ZEB_NETWORK_UNREACHABLE};
   int i;
-  for (i = 0; i < (int)(sizeof codes / sizeof codes[0]); ++i) check("a return code", codes[i], -100 - i);
+  for (i = 0; i < (int)(sizeof codes / sizeof codes[0]); ++i)
+    check("a return code", codes[i], -100 - i);
   check("the last of these", -100 - (i - 1), -136);
   check("a negative timeout", ZEB_TIMEOUT_INVALID, -137);
   check("a query that timed out", ZEB_TIMED_OUT, -138);

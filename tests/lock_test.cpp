@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "trace_capture.h"
 #include "stapi_zeb_lock.h"
+#include "trace_capture.h"
 #include "zebstats_private.h"
 
 namespace {
@@ -60,7 +60,8 @@ TEST(Lock, ReportsFailuresFromLevelOneOn) {
   setAPITraceLevel(5);
   trace.restart();
   destroyLock(&lock);
-  EXPECT_NE(trace.story().find(zebtest::formatText(") mutexRc=%d rc=-4\n", EBUSY)), std::string::npos);
+  EXPECT_NE(trace.story().find(zebtest::formatText(") mutexRc=%d rc=-4\n", EBUSY)),
+            std::string::npos);
   EXPECT_EQ(isLockInitialized(&lock), 0xFFEEDDCC);
   pthread_mutex_unlock(&lock.mutex);
 }

@@ -36,7 +36,8 @@ struct Header {
 
 // A token and its buffer, of exactly the size that buffers have.
 struct Answer {
-  Answer(const std::string& marker, const std::vector<Header>& headers, std::uint32_t owner = kOwnerUser) {
+  Answer(const std::string& marker, const std::vector<Header>& headers,
+         std::uint32_t owner = kOwnerUser) {
     EXPECT_EQ(createResultSet(&token, owner == kOwnerUser ? "ZEBRSUSR" : "ZEBRSROB", owner), 0);
     char* cursor = token->head = buffer.get();
     const auto addText = [&](const std::string& text) {
@@ -92,20 +93,22 @@ struct Ids {
   static std::string show(const Record& r) { return textOf(r.idPtr, r.idLen); }
 };
 
-// One call: what it found, or its code. A negative element must leave the fields of an entry alone, and a call
-// that finds nothing must leave the walk where it was.
+// One call: what it found, or its code. A negative element must leave the fields of an entry alone,
+// and a call that finds nothing must leave the walk where it was.
 template <typename Kind>
-std::string step(int (*call)(ResultSetToken*, typename Kind::Record*) noexcept, ResultSetToken* token) {
+std::string step(int (*call)(ResultSetToken*, typename Kind::Record*) noexcept,
+                 ResultSetToken* token) {
   typename Kind::Record record;
   auto* const bytes = reinterpret_cast<char*>(&record);
-  const std::string untouched(sizeof record, 'Z'), before(reinterpret_cast<char*>(token), sizeof *token);
+  const std::string untouched(sizeof record, 'Z'),
+      before(reinterpret_cast<char*>(token), sizeof *token);
   untouched.copy(bytes, sizeof record);
   if (const int rc = call(token, &record); rc != 0) {
     EXPECT_EQ(memcmp(before.data(), token, sizeof *token), 0) << "after " << rc;
     return std::to_string(rc);
   }
-  const std::string element =
-      textOf(record.queryElementPtr, record.queryElementLen) + formatText("(%d)", record.queryElementRC);
+  const std::string element = textOf(record.queryElementPtr, record.queryElementLen) +
+                              formatText("(%d)", record.queryElementRC);
   if (record.queryElementRC >= 0) return element + " " + Kind::show(record);
   const std::size_t entryAt = offsetof(typename Kind::Record, queryElementRC) + sizeof(int);
   EXPECT_EQ(std::string(bytes + entryAt, bytes + sizeof record), untouched.substr(entryAt));
@@ -116,7 +119,8 @@ std::string step(int (*call)(ResultSetToken*, typename Kind::Record*) noexcept, 
 template <typename Kind>
 Lines walk(ResultSetToken* token, bool withFirst = true) {
   Lines found = {step<Kind>(withFirst ? Kind::first : Kind::next, token)};
-  while (found.back()[0] != '-' && found.size() < 50000) found.push_back(step<Kind>(Kind::next, token));
+  while (found.back()[0] != '-' && found.size() < 50000)
+    found.push_back(step<Kind>(Kind::next, token));
   return found;
 }
 
@@ -136,7 +140,8 @@ TYPED_TEST(Walk, FindsEveryEntryOfEveryShape) {
       {{{"Q1", 0, {}}}, {"-113"}},
       {{{"Q1", 0, {}}, {"Q2", 0, {}}, {"Q3", 0, {"a"}}}, {"Q3(0) a", "-113"}},
       {{{"Q1", 0, {"a"}}, {"Q2", 0, {}}, {"Q3", 0, {"b"}}}, {"Q1(0) a", "Q3(0) b", "-113"}},
-      {{{"Q1", 0, {"a"}}, {"Q2", 0, {}}, {"Q3", -1, {}}, {"Q4", 0, {}}}, {"Q1(0) a", "Q3(-1)", "-113"}},
+      {{{"Q1", 0, {"a"}}, {"Q2", 0, {}}, {"Q3", -1, {}}, {"Q4", 0, {}}},
+       {"Q1(0) a", "Q3(-1)", "-113"}},
       {{{"", 0, {"", terminator}}, {terminator, 0, {"a"}}},
        {"(0) ", "(0) " + terminator, terminator + "(0) a", "-113"}},
   };
@@ -156,7 +161,11 @@ TYPED_TEST(Walk, RefusesDamagedBuffersAndStaysInside) {
   constexpr bool stats = TypeParam::isStats;
   const std::size_t second = stats ? 54 : 38;  // where the second header begins
   const std::pair<std::size_t, int> lengths[] = {
-      {12, 0}, {26, 0}, {32, stats ? 0 : 1}, {second, 2}, {second + 14, 2}};  // and the entries ahead of each
+      {12, 0},
+      {26, 0},
+      {32, stats ? 0 : 1},
+      {second, 2},
+      {second + 14, 2}};  // and the entries ahead of each
   for (const int bad : {-1, INT_MIN, INT_MAX, 153600, 153600 - 16, 153600 - 13}) {
     for (const auto& [offset, good] : lengths) {
       Answer answer(TypeParam::marker, headers);
@@ -177,7 +186,8 @@ TYPED_TEST(Walk, ChecksItsArgumentsInOrder) {
     EXPECT_EQ(call(nullptr, nullptr), -127);
     EXPECT_EQ(call(other.token, nullptr), TypeParam::isStats ? -129 : -128);
     EXPECT_EQ(call(other.token, &record), -119);
-    EXPECT_THAT(trace.story(), EndsWith(formatText(" Resultset does not contain %s\n", TypeParam::what)));
+    EXPECT_THAT(trace.story(),
+                EndsWith(formatText(" Resultset does not contain %s\n", TypeParam::what)));
     other.put(0, kTerminator);
     EXPECT_EQ(call(other.token, &record), -119) << "a buffer that no answer has filled";
     memcpy(other.token->head, TypeParam::otherMarker, 8);
@@ -188,7 +198,8 @@ TYPED_TEST(Walk, ChecksItsArgumentsInOrder) {
   Answer answer(TypeParam::marker, {{"Q1", 0, {"a"}}});
   answer.put(8, kTerminator);
   setAPITraceLevel(3);
-  EXPECT_EQ(step<TypeParam>(TypeParam::first, answer.token), "-113") << "the end stands where the count was";
+  EXPECT_EQ(step<TypeParam>(TypeParam::first, answer.token), "-113")
+      << "the end stands where the count was";
   EXPECT_THAT(trace.story(), AnyOf(EndsWith("API.getFirstStat() last=1 rc=-113\n"),
                                    EndsWith("API.getFirstId() endOfResults=1 zebStatRc=-113\n")));
 }
@@ -203,7 +214,8 @@ TEST(WalkTrace, TellsOfEachStatistic) {
   EXPECT_EQ(getNextStat(answer.token, &record), 0);
   EXPECT_EQ(getNextStat(answer.token, &record), 0);
   EXPECT_EQ(getNextStat(answer.token, &record), -113);
-  EXPECT_EQ(answer.story(trace, {{"STAT", &record}}), R"(ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
+  EXPECT_EQ(answer.story(trace, {{"STAT", &record}}),
+            R"(ENTRY  API.getNextStat(rsPtr=RS,statDataPtr=STAT)
 DEBUG  API.getNextStat No getFirstStat() called on Resultset=RS. Datacursor=BUFFER+12
 DEBUG  API.getNextStat Processing query header 1 of 2. Resultset=RS, Datacursor=BUFFER+12, queryElementLen=2, queryElementPtr=BUFFER+16, queryElementRC=0
 DEBUG  API.getNextStat Processing queryIndex=1, elementResultIndex=1. Resultset=RS, dataCursor=BUFFER+26, statIdLen=1
@@ -238,7 +250,8 @@ TEST(WalkTrace, TellsOfIdsInWordsOfTheirOwnAndOfANegativeFirstElement) {
       AllOf(HasSubstr("(rsPtr=RS,idDataPtr=ID)\nEVENT  API.getFirstId(rsPtr=RS,idDataPtr=ID) Found "
                       "negative queryElementRC(-5)\nEXIT "),
             HasSubstr("Resultset=RS, dataCursor=BUFFER+36, idLen=1\n"),
-            HasSubstr("EVENT  API.getNextId Successfully retrieved the next Id from resultset RS\n")));
+            HasSubstr(
+                "EVENT  API.getNextId Successfully retrieved the next Id from resultset RS\n")));
 }
 
 TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
@@ -279,12 +292,13 @@ TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
   }).join();
   stats.token->owningPid = own + 1;  // the process is compared first
   EXPECT_EQ(verifyAPIResultSetTokenOwner(stats.token), -123);
-  EXPECT_THAT(
-      trace.story(),
-      AllOf(HasSubstr(formatText("verifyAPIResultSetToken TID mismatch: currentTid=%x, owningTid=%x\n", other,
-                                 ownTid)),
-            EndsWith(formatText("verifyAPIResultSetToken PID mismatch: currentPid=%x, owningPid=%x\n", own,
-                                own + 1))));
+  EXPECT_THAT(trace.story(),
+              AllOf(HasSubstr(formatText(
+                        "verifyAPIResultSetToken TID mismatch: currentTid=%x, owningTid=%x\n",
+                        other, ownTid)),
+                    EndsWith(formatText(
+                        "verifyAPIResultSetToken PID mismatch: currentPid=%x, owningPid=%x\n", own,
+                        own + 1))));
 }
 
 TYPED_TEST(Walk, EndsInAQueryStringOfTheGoodIds) {
@@ -318,9 +332,11 @@ TEST(IdQuery, ChecksItsArgumentsAndTellsWhatItMade) {
   TraceCapture trace(3);
   EXPECT_EQ(getIdQuery(answer.token, nullptr), -109);
   EXPECT_EQ(getIdQuery(answer.token, &query), 0);
-  EXPECT_THAT(answer.story(trace),
-              HasSubstr("EVENT  API.getIdQuery Created query string A:B from results in result set "
-                        "token RS\nEXIT   API.getIdQuery(rsPtr=RS,idQueryString=A:B) goodIdCount=2 rc=0\n"));
+  EXPECT_THAT(
+      answer.story(trace),
+      HasSubstr(
+          "EVENT  API.getIdQuery Created query string A:B from results in result set "
+          "token RS\nEXIT   API.getIdQuery(rsPtr=RS,idQueryString=A:B) goodIdCount=2 rc=0\n"));
   EXPECT_EQ(step<Ids>(getNextId, answer.token), "-113") << "the walk is over";
   answer.put(0, kTerminator);
   EXPECT_EQ(getIdQuery(answer.token, nullptr), -119) << "replaces the code of the null address";
@@ -405,10 +421,11 @@ TEST(Dump, ShowsTokenAndBufferWhateverTheLevel) {
   const TraceCapture trace(0);
   EXPECT_EQ(dumpResultSet(answer.token), 0);
   EXPECT_EQ(dumpResultSetInternal(nullptr), -103);
-  EXPECT_EQ(trace.text(), formatText("Dump of ResultSet(%p) owner(8888) head(%p) next(%p)\n%s\n"
-                                     "0x%8.8X: 5A454249 44534554 %8.8X 00000000 : ZEBIDSET........ \n"
-                                     "0x%8.8X: FFFFFFFF                            : ....\n%s\n",
-                                     rs, head, head, rule.c_str(), low, htonl(1), low + 16, rule.c_str()));
+  EXPECT_EQ(trace.text(),
+            formatText("Dump of ResultSet(%p) owner(8888) head(%p) next(%p)\n%s\n"
+                       "0x%8.8X: 5A454249 44534554 %8.8X 00000000 : ZEBIDSET........ \n"
+                       "0x%8.8X: FFFFFFFF                            : ....\n%s\n",
+                       rs, head, head, rule.c_str(), low, htonl(1), low + 16, rule.c_str()));
 }
 
 std::string hostBytes(std::int32_t value) {
@@ -435,11 +452,11 @@ TEST(Buffer, IsWrittenByteForByte) {
   EXPECT_EQ(addPlatformChars(&cursor, "yz", 2), 0);
   EXPECT_STREQ(buffer + 12, "xyz");
   EXPECT_EQ(cursor, buffer + 15);
-  EXPECT_EQ(
-      (std::set{addTerminator(nullptr), checkTerminator(nullptr, &end), checkTerminator(buffer, nullptr),
-                addInteger(&none, 1), addChars(&none, "a", 1), addPlatformChars(&none, "a", 1),
-                addIdStr(nullptr, "a"), addIdStr(&none, "a"), addIdStr(&cursor, nullptr)}),
-      std::set{-103});
+  EXPECT_EQ((std::set{addTerminator(nullptr), checkTerminator(nullptr, &end),
+                      checkTerminator(buffer, nullptr), addInteger(&none, 1),
+                      addChars(&none, "a", 1), addPlatformChars(&none, "a", 1),
+                      addIdStr(nullptr, "a"), addIdStr(&none, "a"), addIdStr(&cursor, nullptr)}),
+            std::set{-103});
   EXPECT_THAT(trace.story(), HasSubstr("idString=(nil)) function received a null parameter\n"));
   EXPECT_EQ(zeb::dup2ASCIIString("a", nullptr), -2);
   EXPECT_EQ(createResultSet(nullptr, "ZEBRSUSR", kOwnerUser), -103);
@@ -449,7 +466,8 @@ TEST(Buffer, IsWrittenByteForByte) {
   EXPECT_EQ(deleteResultSet(nullptr), -125);
 }
 
-// What a dump from another thread meets: nothing until all is there, and then no old memory where it looks.
+// What a dump from another thread meets: nothing until all is there, and then no old memory where
+// it looks.
 TEST(ResultSetWriter, showsNothingUntilItIsFinished) {
   for (const int level : {0, 3}) {
     const TraceCapture trace(level);

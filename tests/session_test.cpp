@@ -1,5 +1,5 @@
-// Whole sessions through the public calls: their exact trace, who may use a connection, and what the calls of
-// other threads do to one that is being opened.
+// Whole sessions through the public calls: their exact trace, who may use a connection, and what
+// the calls of other threads do to one that is being opened.
 
 #include <atomic>
 #include <bit>
@@ -15,8 +15,8 @@
 #include "gateway_encoder.h"
 #include "gateway_server.h"
 #include "scripted_gateway.h"
-#include "trace_capture.h"
 #include "stapi_zeb_gwytok.h"
+#include "trace_capture.h"
 #include "zebstats_private.h"
 
 namespace {
@@ -35,7 +35,8 @@ std::string maskLine(const std::string& line) {
       {std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT"},
       {std::regex(R"((owningPid|owningTid)\([0-9A-F]{8}\))"), "$1(ID)"}};
   std::string masked = line;
-  for (const auto& [pattern, placeholder] : masks) masked = std::regex_replace(masked, pattern, placeholder);
+  for (const auto& [pattern, placeholder] : masks)
+    masked = std::regex_replace(masked, pattern, placeholder);
   return masked;
 }
 
@@ -43,7 +44,8 @@ TEST(Session, TraceAtLevel5IsExactlyAsRecorded) {
   if (std::endian::native != std::endian::little || sizeof(void*) != 8)
     GTEST_SKIP() << "the recorded sizes and dumps are those of a 64-bit little-endian host";
   GatewayServer server;
-  server.setAnswer("RESOURCE_GROUPS", zebsim::encodeAnswer({false, {{"", 0, zebsim::Ids{"GD"}, {}}}}));
+  server.setAnswer("RESOURCE_GROUPS",
+                   zebsim::encodeAnswer({false, {{"", 0, zebsim::Ids{"GD"}, {}}}}));
   TraceCapture trace(5);
   {
     Connection connection(server.port());
@@ -101,7 +103,8 @@ TEST(Session, EveryQueryHandsOutTheSameResultSetWhoseIdsAreTheNextQuery) {
   ASSERT_EQ(getStatsByStatId(connection.token, all.c_str(), &stats), 0);
   std::string walked;
   for (int rc = getFirstStat(stats, &stat); rc == 0; rc = getNextStat(stats, &stat))
-    walked.append(walked.empty() ? "" : ":").append(stat.statIdPtr, static_cast<std::size_t>(stat.statIdLen));
+    walked.append(walked.empty() ? "" : ":")
+        .append(stat.statIdPtr, static_cast<std::size_t>(stat.statIdLen));
   EXPECT_EQ(walked, all);
 }
 

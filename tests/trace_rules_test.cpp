@@ -72,10 +72,11 @@ void callEverything(int port) {
 
 TEST(TracePoints, leadToOneFunctionEach) {
   zebsim::GatewayServer server;
-  server.setAnswer("GET_STATS", zebsim::encodeAnswer({true,
-                                                      {{"GD", 0, zebsim::Stats{{"A", "1"}, {"B", "2"}}, {}},
-                                                       {"XX", -11, zebsim::Stats{}, {}},
-                                                       {"CM", 0, zebsim::Stats{{"C", "3"}}, {}}}}));
+  server.setAnswer("GET_STATS",
+                   zebsim::encodeAnswer({true,
+                                         {{"GD", 0, zebsim::Stats{{"A", "1"}, {"B", "2"}}, {}},
+                                          {"XX", -11, zebsim::Stats{}, {}},
+                                          {"CM", 0, zebsim::Stats{{"C", "3"}}, {}}}}));
   server.setAnswer("STAT_IDS", zebsim::encodeAnswer({true,
                                                      {{"GD", 0, zebsim::Ids{"A", "B"}, {}},
                                                       {"XX", -11, zebsim::Ids{}, {}},
@@ -99,10 +100,11 @@ TEST(Open, tracesTheAddressesOfTheTokensOwnFields) {
   zebsim::GatewayServer server;
   const TraceCapture trace(3);
   const Connection connection(server.port());
-  const std::string story =
-      trace.story({{"SOCKET", &connection.token->socket}, {"VERSION", connection.token->protocolVersion}});
-  for (const char* shown : {"ENTRY  API.dup2NativeString(source dataPtr=VERSION,",
-                            "socketDescriptorPtr=SOCKET)\n", "socketDescriptorPtr=SOCKET) connectRc=0\n"})
+  const std::string story = trace.story(
+      {{"SOCKET", &connection.token->socket}, {"VERSION", connection.token->protocolVersion}});
+  for (const char* shown :
+       {"ENTRY  API.dup2NativeString(source dataPtr=VERSION,", "socketDescriptorPtr=SOCKET)\n",
+        "socketDescriptorPtr=SOCKET) connectRc=0\n"})
     EXPECT_NE(story.find(shown), story.npos) << shown << " is missing in\n" << story;
 }
 
@@ -114,7 +116,8 @@ std::string lockStory(const std::string& trace) {
   std::string story;
   std::smatch found;
   for (const Line& line : linesOf(trace)) {
-    if (!std::regex_search(line.text, found, shown) || line.text.find(traced) != line.text.npos) continue;
+    if (!std::regex_search(line.text, found, shown) || line.text.find(traced) != line.text.npos)
+      continue;
     const bool isLock = found[1] == "requestLock" || found[1] == "releaseLock";
     if (isLock ? line.word == "ENTRY" : line.word == "ENTRY" || line.word == "EXIT")
       story += isLock ? found.str(1) + " " : line.word + " " + found.str(1) + " ";
@@ -124,7 +127,8 @@ std::string lockStory(const std::string& trace) {
 
 TEST(Open, takesTheLockOfTheListOnlyToChainAndToDelete) {
   zebsim::GatewayServer server;
-  const std::string chained = "ENTRY chainGatewayToken requestLock releaseLock EXIT chainGatewayToken ";
+  const std::string chained =
+      "ENTRY chainGatewayToken requestLock releaseLock EXIT chainGatewayToken ";
   {
     TraceCapture trace(5);
     const Connection connection(server.port());
@@ -148,7 +152,8 @@ TEST(Deletion, tracesItsLinesBetweenItsEntryAndItsExit) {
   EXPECT_EQ(Connection(server.port()).rc, ZEB_TOKEN_LIST_CORRUPT);
   all.clear();
   EXPECT_EQ(Connection(server.port()).rc, 0);
-  Connection(ScriptedGateway(Script().answerConnect().answer(zebsim::reply("Admin", "", 5))).port());
+  Connection(
+      ScriptedGateway(Script().answerConnect().answer(zebsim::reply("Admin", "", 5))).port());
   std::thread closer([&] {
     slow.awaitSilence();
     EXPECT_EQ(closeAllGatewayConnections(), 0);
@@ -158,7 +163,8 @@ TEST(Deletion, tracesItsLinesBetweenItsEntryAndItsExit) {
   std::map<std::string, int> inside;  // of each thread
   int deletions = 0;
   for (const Line& line : linesOf(trace.text())) {
-    if (!line.text.starts_with("stapi_zeb_gwytok.deleteGatewayToken") || line.text.find("Tokens(") < 40)
+    if (!line.text.starts_with("stapi_zeb_gwytok.deleteGatewayToken") ||
+        line.text.find("Tokens(") < 40)
       continue;
     if (line.word == "ENTRY") ++inside[line.thread], ++deletions;
     EXPECT_EQ(inside[line.thread], 1) << line.text;

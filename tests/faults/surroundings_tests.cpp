@@ -1,4 +1,5 @@
-// Whole sessions in a hostile process: signals, few or odd descriptors, forks, a trace that goes nowhere.
+// Whole sessions in a hostile process: signals, few or odd descriptors, forks, a trace that goes
+// nowhere.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -93,7 +94,8 @@ TEST_F(Surroundings, TheHostsSignalHandlerAndMaskStayAsTheyWere) {
   pthread_sigmask(SIG_SETMASK, nullptr, &after);
   const bool isSame = found.sa_sigaction == host.sa_sigaction &&
                       (found.sa_flags & host.sa_flags) == host.sa_flags &&
-                      sigismember(&found.sa_mask, SIGUSR2) == 1 && sigismember(&found.sa_mask, SIGUSR1) == 0;
+                      sigismember(&found.sa_mask, SIGUSR2) == 1 &&
+                      sigismember(&found.sa_mask, SIGUSR1) == 0;
   row.add("handler", isSame ? "" : " was changed");
   std::string changed;
   for (int number = 1; number < SIGRTMAX; ++number) {
@@ -181,7 +183,8 @@ TEST_F(Surroundings, AChildMayNotUseItsParentsConnectionAndLeavesItWhole) {
       continue;
     }
     row.add("child", differ(inChild(useAll, spawn), refused + expected));
-    row.add("parent behind it", getStats(s.token, &s.answer) == 0 ? differ(s.tell(), told) : " has lost it");
+    row.add("parent behind it",
+            getStats(s.token, &s.answer) == 0 ? differ(s.tell(), told) : " has lost it");
   }
   EXPECT_EQ(s.release(), 0);
 }
@@ -196,7 +199,8 @@ TEST_F(Surroundings, ATraceThatGoesNowhereChangesNoCode) {
                                    setAPITraceLevel(5);
                                  }),
                                  expected));
-  row.add("closed standard error", differ(tellAfter([] { close(2), setAPITraceLevel(5); }), expected));
+  row.add("closed standard error",
+          differ(tellAfter([] { close(2), setAPITraceLevel(5); }), expected));
 }
 
 }  // namespace

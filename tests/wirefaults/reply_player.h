@@ -1,4 +1,5 @@
-// A peer on 127.0.0.1 that plays recorded replies, changed or cut short, to one connection after the other.
+// A peer on 127.0.0.1 that plays recorded replies, changed or cut short, to one connection after
+// the other.
 #ifndef ZEBTEST_REPLY_PLAYER_H
 #define ZEBTEST_REPLY_PLAYER_H
 
@@ -55,13 +56,14 @@ class ReplyPlayer {
   void record(zebsim::GatewaySession::Bean bean, Recording& recording) {
     play([this, bean, &recording](int client) { recordSession(client, bean, recording); });
   }
-  // Each reply when a request has come, and the last one for a close request. A client that asks nothing within
-  // patience milliseconds, because it waits for bytes that a changed reply announces, sees the end of the
-  // connection.
+  // Each reply when a request has come, and the last one for a close request. A client that asks
+  // nothing within patience milliseconds, because it waits for bytes that a changed reply
+  // announces, sees the end of the connection.
   void playEach(const std::vector<Bytes>& replies, int patience) {
     play([replies, patience](int client) {
       zebsim::Request request;
-      for (std::size_t i = 0; i < replies.size() && receiveRequest(client, request, patience); ++i) {
+      for (std::size_t i = 0; i < replies.size() && receiveRequest(client, request, patience);
+           ++i) {
         if (request.header.type == zebsim::kCloseType) i = replies.size() - 1;
         sendAll(client, replies[i]);
       }
@@ -74,7 +76,8 @@ class ReplyPlayer {
     play([&recording, last, size, end](int client) {
       for (std::size_t i = 0; i <= last; ++i) {
         if (!receive(client, recording.requestSizes[i])) return;
-        sendAll(client, std::string_view(recording.replies[i]).substr(0, i == last ? size : Bytes::npos));
+        sendAll(client,
+                std::string_view(recording.replies[i]).substr(0, i == last ? size : Bytes::npos));
       }
       if (end == End::kHalfClosed && shutdown(client, SHUT_WR) == 0) receive(client, SIZE_MAX);
       const linger atOnce = {1, 0};  // makes a reset of the close
