@@ -5,7 +5,6 @@
 
 #include <array>
 #include <chrono>
-#include <climits>
 #include <csignal>
 #include <deque>
 #include <fstream>
@@ -13,7 +12,6 @@
 #include <memory>
 #include <optional>
 #include <regex>
-#include <set>
 
 #include "scripted_gateway.h"
 #include "stapi_zeb_gwytok.h"
@@ -154,17 +152,6 @@ int runSession(int port, std::size_t which = 0) {
 
 // ---- Time limits --------------------------------------------------------------------------------
 
-TEST_F(Timeout, isZeroAtTheStartAndNeverNegative) {
-  int milliseconds = -1;
-  EXPECT_EQ(getAPITimeout(&milliseconds), 0);
-  EXPECT_EQ(milliseconds, 0);
-  for (const int good : {INT_MAX, 1, 4711}) EXPECT_EQ(setAPITimeout(good), 0) << good;
-  for (const int bad : {-1, INT_MIN}) EXPECT_EQ(setAPITimeout(bad), ZEB_TIMEOUT_INVALID) << bad;
-  EXPECT_EQ(getAPITimeout(nullptr), ZEB_OUTPUT_POINTER_NULL);
-  EXPECT_EQ(getAPITimeout(&milliseconds), 0);
-  EXPECT_EQ(milliseconds, 4711);
-}
-
 TEST_F(Timeout, boundsEachCallAsAWholeAndTheTraceNamesIt) {
   const Script authorised = Script().answerConnect();
   const Row rows[] = {
@@ -227,20 +214,6 @@ TEST_F(Timeout, ofACallIsTheOneOfItsStart) {
   });
   EXPECT_EQ(atTheLimit([&] { return runSession(gateway.port()); }), ZEB_TIMED_OUT);
   other.join();
-}
-
-TEST(CodeTexts, differForAllCodesOfTheHeader) {
-  std::ifstream header(ZEB_PUBLIC_HEADER);
-  const std::regex enumerator(" ZEB_[A-Z_]+ = (-?[0-9]+)");
-  std::set<std::string> texts = {getAPICodeText(INT_MIN)};
-  for (const int unknown : {1, -1, -99, -112, INT_MAX})
-    EXPECT_EQ(*texts.begin(), getAPICodeText(unknown)) << unknown;
-  std::smatch found;
-  for (std::string line; std::getline(header, line);) {
-    if (!std::regex_search(line, found, enumerator)) continue;
-    EXPECT_TRUE(texts.insert(getAPICodeText(std::stoi(found[1]))).second) << line;
-  }
-  EXPECT_GE(texts.size(), 38U);
 }
 
 // ---- Signals ------------------------------------------------------------------------------------
@@ -335,28 +308,6 @@ TEST_F(Cancelling, wakesTheWaitingCallAtOnceAndSendsNothing) {
     const Clock::time_point end = Clock::now();
     supervisor.join();
     EXPECT_LT((end - start) / std::chrono::milliseconds(1), kNoise + lateness.stop());
-  }
-}
-
-TEST_F(Cancelling, letsASupervisorFreeEveryPoller) {
-  GatewayServer good;
-  std::deque<ScriptedGateway> silent;
-  std::deque<std::atomic<GatewayToken*>> tokens;
-  std::vector<std::thread> pollers;
-  for (int i = 0; i < 4; ++i) {
-    pollers.emplace_back([&good, port = silent.emplace_back(Script(kAsked).silence()).port(),
-                          &published = tokens.emplace_back(nullptr)] {
-      GatewayToken* own = nullptr;
-      ASSERT_EQ(openOn(port, &own), 0);
-      published = own;
-      EXPECT_EQ(query(own), ZEB_CONNECTION_LOST);
-      EXPECT_EQ(runSession(good.port()), 0);
-    });
-  }
-  for (std::size_t i = 0; i < pollers.size(); ++i) {
-    silent[i].awaitSilence();
-    EXPECT_EQ(atOnce([&] { return closeCopy(tokens[i]); }), 0);
-    pollers[i].join();
   }
 }
 

@@ -281,6 +281,18 @@ TEST(Open, mapsEveryFailureToItsCodeAndLeavesNothingBehind) {
   }
 }
 
+TEST(Open, tracesTheAddressesOfTheTokensOwnFields) {
+  zebsim::GatewayServer server;
+  const TraceCapture trace(3);
+  const Connection connection(server.port());
+  const std::string story = trace.story(
+      {{"SOCKET", &connection.token->socket}, {"VERSION", connection.token->protocolVersion}});
+  for (const char* shown :
+       {"ENTRY  API.dup2NativeString(source dataPtr=VERSION,", "socketDescriptorPtr=SOCKET)\n",
+        "socketDescriptorPtr=SOCKET) connectRc=0\n"})
+    EXPECT_NE(story.find(shown), story.npos) << shown << " is missing in\n" << story;
+}
+
 TEST(Open, keepsAtMost63CharactersOfTheVersion) {
   for (const std::size_t length : {0U, 63U, 64U, 32767U}) {
     const ScriptedGateway gateway(Script().answerOpen(std::string(length, 'v')));

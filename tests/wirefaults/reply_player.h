@@ -31,26 +31,15 @@ enum class End { kClosed, kReset, kHalfClosed };
 
 class ReplyPlayer {
  public:
-  ReplyPlayer() {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
-        getsockname(listener_.get(), generic, &size) != 0)
-      throw std::runtime_error(std::string("cannot listen: ") + strerror(errno));
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { serve(); });
-  }
+  ReplyPlayer() : thread_([this] { serve(); }) {}
   ~ReplyPlayer() {
     stopped_ = true;
-    shutdown(listener_.get(), SHUT_RDWR);
+    shutdown(listener_.socket.get(), SHUT_RDWR);
     thread_.join();
   }
   ReplyPlayer(const ReplyPlayer&) = delete;
   ReplyPlayer& operator=(const ReplyPlayer&) = delete;
-  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int port() const { return listener_.port; }
 
   // From the next connection on: answers its requests as a gateway does and records the session.
   void record(zebsim::GatewaySession::Bean bean, Recording& recording) {
@@ -95,7 +84,7 @@ class ReplyPlayer {
 
   void serve() {
     while (!stopped_) {
-      const Descriptor client(accept(listener_.get(), nullptr, nullptr));
+      const Descriptor client(accept(listener_.socket.get(), nullptr, nullptr));
       if (client.get() < 0) continue;
       const int on = 1;
       setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -157,8 +146,7 @@ class ReplyPlayer {
     return true;
   }
 
-  Descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  int port_ = 0;
+  Listener listener_;
   std::atomic<bool> stopped_ = false;
   std::mutex lock_;
   Play play_;  // guarded by lock_, as what it records is

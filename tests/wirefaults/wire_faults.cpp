@@ -8,6 +8,7 @@
 #include "harness.h"
 #include "memory_gateway.h"
 #include "reply_player.h"
+#include "trace_capture.h"
 
 // Replies that announce gigabytes are refused memory at once rather than given some that takes long
 // to watch.
@@ -62,11 +63,6 @@ Outcome runSession(int port) {
   return outcome;
 }
 
-std::size_t countDescriptors() {
-  return static_cast<std::size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 // The exchanges of the session, by their numbers.
 constexpr std::size_t kFirstOfVersion = 3;
 constexpr std::size_t kFirstOfStats = 5;
@@ -105,7 +101,7 @@ class WireFaults : public testing::Test {
   std::optional<ReplyPlayer> player_;
   Recording recording_;
   Outcome good_;
-  std::size_t descriptors_ = 0;
+  std::ptrdiff_t descriptors_ = 0;
   const char* row_ = "F6";  // of the table of faults
   std::size_t points_ = 0;
 };
