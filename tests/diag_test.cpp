@@ -58,10 +58,6 @@ TEST(TraceLine, ShowsTimeProcessThreadPointAndWord) {
   }
   EXPECT_EQ(tracePid, static_cast<unsigned>(getpid()));
   EXPECT_EQ(traceTid, static_cast<unsigned>(pthread_self()));
-  EXPECT_EQ(trace.story(), R"(ENTRY  API.getAPITraceLevel(traceStatePtr=(nil))
-*EXC*  API.getAPITraceLevel() Supplied pointer is NULL
-EXIT   API.getAPITraceLevel(traceStatePtr=(nil)) rc=-109
-)");
 }
 
 TEST(TraceLine, AppearsFromTheLevelOfItsWordOn) {
@@ -151,21 +147,7 @@ TEST(ControlCalls, AcceptLevelsZeroToFiveAndNoNullPointers) {
     EXPECT_EQ(getAPITraceLevel(&level), 0);
     EXPECT_EQ(level, good);
   }
-  TraceCapture trace(3);
-  for (const int bad : {-1, INT_MIN, INT_MAX}) EXPECT_EQ(setAPITraceLevel(bad), -104) << bad;
-  trace.restart();
-  EXPECT_EQ(setAPITraceLevel(6), -104);
-  EXPECT_EQ(setAPITraceLevel(4), 0);
-  EXPECT_EQ(getStatsAPIVersion(nullptr), -109);
-  EXPECT_EQ(trace.story(), R"(ENTRY  API.setAPITraceLevel(traceState=6) current trace level=3
-*EXC*  API.setAPITraceLevel() Supplied trace state value 6 was invalid
-EXIT   API.setAPITraceLevel(traceState=6) new trace level=3 rc=-104
-ENTRY  API.setAPITraceLevel(traceState=4) current trace level=3
-EXIT   API.setAPITraceLevel(traceState=4) new trace level=4 rc=0
-ENTRY  API.getStatsAPIVersion(&apiVersPtr=(nil))
-*EXC*  API.getStatsAPIVersion() Supplied pointer is NULL
-EXIT   API.getStatsAPIVersion(apiVersPtr=(nil)), rc=-109
-)");
+  for (const int bad : {-1, 6, INT_MIN, INT_MAX}) EXPECT_EQ(setAPITraceLevel(bad), -104) << bad;
 }
 
 TEST(Banner, PrecedesEachRiseOnStandardErrorAndIsOncePerFile) {
@@ -195,19 +177,15 @@ TEST(TraceFile, SwitchesToAFileAndBack) {
   EXPECT_EQ(zebtest::countDescriptors(), before - 1) << "the second, too";
   EXPECT_THAT(splitLines(second.text())[0], kBanner);
   EXPECT_THAT(splitLines(errors)[0], kBanner);
-  EXPECT_EQ(
-      zebtest::storyOf(first.text() + second.text() + errors, {{"NAME", name.c_str()}}),
-      "ENTRY  API.setAPITraceFile(traceFile=NAME) current trace destination=" + first.path() +
-          "\nDEBUG  API.setAPITraceFile() Trace file switched to new destination. Filename=" +
-          name + "\nEXIT   API.setAPITraceFile(traceFile=NAME) new trace destination=" + name +
-          " rc=0\nENTRY  API.setAPITraceFile(traceFile=(nil)) current trace destination=" + name +
-          R"(
-DEBUG  API.setAPITraceFile() Trace file switched to new destination. Filename=stderr
-EXIT   API.setAPITraceFile(traceFile=(nil)) new trace destination=stderr rc=0
-ENTRY  API.setAPITraceFile(traceFile=(nil)) current trace destination=stderr
-DEBUG  API.setAPITraceFile() Trace file destination is unchanged. Filename=stderr
-EXIT   API.setAPITraceFile(traceFile=(nil)) new trace destination=stderr rc=0
-)");
+  const auto points = [](const std::string& text) {
+    std::string found;
+    for (const std::string& line : splitLines(text))
+      if (line.find("] [") == 44) found += line.substr(46, 6);
+    return found;
+  };
+  EXPECT_EQ(points(first.text()), "[1010]");
+  EXPECT_EQ(points(second.text()), "[1012][1014][1010]");
+  EXPECT_EQ(points(errors), "[1012][1014][1010][1013][1014]");
 }
 
 TEST(TraceFile, StaysWhenTheNewOneCannotBeOpened) {

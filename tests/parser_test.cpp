@@ -262,12 +262,6 @@ TEST(CutAnswer, isTracedLikeAnyOther) {
     EXPECT_NE(lines.find(isStats ? "reading 7 stats for result 0\n" : "IDs for result 0\n"),
               Bytes::npos);
   }
-  const zebsim::Stats stats{{Bytes(1021, 'i'), Bytes(30, 'v')}};
-  EXPECT_EQ(
-      parserLinesOf(encodeAnswer({false, {{"q", 0, stats}}}), true),
-      "received 1 responses from the Gateway\nreading 1 stats for result 0\nblock type=0000007A \n"
-      "chunklength=1024 \nstatistic ID length=1021 \nwritten 30 bytes.  \n"
-      "running total of parsed data = 1078 bytes \nparsed data total = 1078 bytes \n");
 }
 
 TEST(Answer, thatIsRefusedReadsAsEmptyAndTheNextOneIsRead) {

@@ -96,13 +96,9 @@ TEST(Requests, carryUpTo32765CharactersAndALongerQueryLeavesTheConnectionWhole) 
   zebsim::GatewayServer server;
   const Connection connection(server.port());
   ResultSetToken* answer = nullptr;
-  const TraceCapture trace(1);
   for (auto* query : {getStatsByStatId, getStatsByStatGroupId, getStatIdsByStatGroupId})
     EXPECT_EQ(query(connection.token, std::string(32766, 'q').c_str(), &answer), -2);
   EXPECT_EQ(answer, nullptr);
-  EXPECT_NE(trace.text().find(
-                "API.dup2ASCIIString() supplied input data pointer was NULL or overlength\n"),
-            std::string::npos);
   const std::string longest(32765, 'q');
   StatData stat;
   EXPECT_EQ(getStatsByStatId(connection.token, longest.c_str(), &answer), 0);
