@@ -90,13 +90,6 @@ void repeatQueries(int port, int rounds) {
 }
 
 TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySide) {
-  prove("four threads", [&] {
-    setAction();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back(repeatQueries, port, 300);
-    for (std::thread& thread : threads) thread.join();
-    return unless(isActionSet(), "another handler");
-  });
   prove("a send that begins in another and ends after it", [&] {
     static std::atomic<bool> isSecondInside = false, isFirstOver = false;
     static std::thread second;
@@ -168,28 +161,6 @@ TEST_F(HostProcess, HandsNoDescriptorToAProgramThatItExecutes) {
       const bool isOpen = setAPITraceFile(file.path().c_str()) == 0 && s.open() == 0;
       return unless(isOpen && countDescriptors() == count + 2, "no trace file and socket") +
              differ(tellInherited(), inherited);
-    });
-  }
-}
-
-TEST_F(HostProcess, HasChildrenThatOnlyForgetItsConnections) {
-  for (const bool closesAll : {false, true}) {
-    prove(closesAll ? "close-all" : "close", [&] {
-      Session s = {.port = port};
-      if (s.open() != 0 || getStats(s.token, &s.answer) != 0) return std::string(" no session");
-      const std::string told = s.tell(), session = tellSession(port);
-      std::string complaints = inChild([&] {
-        GatewayToken* token = s.token;
-        const int rc = closesAll ? closeAllGatewayConnections() : closeGatewayConnection(&token);
-        const int again = closeGatewayConnection(&s.token);
-        return unless(rc == 0 && again == ZEB_TOKEN_UNKNOWN,
-                      formatText("the child's closes: %d, %d", rc, again)) +
-               differ(tellSession(port), session);
-      });
-      const int rc = getStats(s.token, &s.answer);
-      complaints +=
-          unless(rc == 0 && s.tell() == told, formatText("the parent's next query: %d", rc));
-      return complaints + unless(rc != 0 || s.release() == 0, "the parent's close");
     });
   }
 }

@@ -165,61 +165,14 @@ TEST_F(RecordedSession, TracesEachCallAtLevel4) {
   closeGatewayConnection(nullptr);
   GatewayToken* none = nullptr;
   closeGatewayConnection(&none);
-  openRemoteGatewayConnection(nullptr, 1, &none, &text);
-  openGatewayConnection(0, &none, &text);
+  for (const int port : {0, 65536}) openGatewayConnection(port, &none, &text);
+  openRemoteGatewayConnection(nullptr, 1, nullptr, nullptr);
+  openRemoteGatewayConnection(nullptr, 1, &none, nullptr);
+  openRemoteGatewayConnection(nullptr, 65535, &none, &text);
+  closeGatewayConnection(&c.token);
+  closeAllGatewayConnections();
   told += maskTrace(std::regex_replace(trace.text(), std::regex("q{32766}"), "QUERY"), names);
   expectRecorded(told, "calls_trace.txt");
-}
-
-TEST(Session, ConnectionBelongsToTheThreadThatOpenedIt) {
-  GatewayServer server;
-  Connection connection(server.port());
-  ASSERT_EQ(connection.rc, 0);
-  std::thread([&] {
-    ResultSetToken* answer = nullptr;
-    EXPECT_EQ(getStats(connection.token, &answer), ZEB_OTHER_THREAD);
-    EXPECT_EQ(closeGatewayConnection(&connection.token), 0);  // closing is anybody's
-  }).join();
-  EXPECT_EQ(connection.token, nullptr);
-}
-
-TEST(Session, EveryQueryHandsOutTheSameResultSetWhoseIdsAreTheNextQuery) {
-  GatewayServer server;
-  Connection connection(server.port());
-  ResultSetToken* stats = nullptr;
-  ResultSetToken* ids = nullptr;
-  char* query = nullptr;
-  StatData stat;
-  ASSERT_EQ(getStats(connection.token, &stats), 0);
-  ASSERT_EQ(getStatIds(connection.token, &ids), 0);
-  EXPECT_EQ(stats, ids);
-  EXPECT_EQ(freeResultSet(&stats), ZEB_NOT_A_COPY);
-  ASSERT_EQ(getIdQuery(ids, &query), 0);
-  const std::string all = query;
-  ASSERT_EQ(getStatsByStatId(connection.token, all.c_str(), &stats), 0);
-  std::string walked;
-  for (int rc = getFirstStat(stats, &stat); rc == 0; rc = getNextStat(stats, &stat))
-    walked.append(walked.empty() ? "" : ":")
-        .append(stat.statIdPtr, static_cast<std::size_t>(stat.statIdLen));
-  EXPECT_EQ(walked, all);
-}
-
-TEST(Session, TwoHundredAndFiftySixConnectionsAreTheLimitOfTheList) {
-  GatewayServer server;
-  std::vector<GatewayToken*> tokens(256);
-  for (GatewayToken*& token : tokens) {
-    char* version = nullptr;
-    ASSERT_EQ(openGatewayConnection(server.port(), &token, &version), 0);
-    std::free(version);
-  }
-  EXPECT_EQ(verifyGatewayToken(tokens.back()), 0);
-  {
-    TraceCapture trace(0);
-    EXPECT_EQ(dumpGatewayTokens(), 1005);
-  }
-  EXPECT_EQ(closeAllGatewayConnections(), ZEB_TOKEN_LIST_CORRUPT);
-  EXPECT_EQ(closeAllGatewayConnections(), 0);
-  EXPECT_EQ(closeGatewayConnection(&tokens.back()), ZEB_TOKEN_UNKNOWN);
 }
 
 TEST(Session, OpeningBesideCloseAllLosesNoMemoryAndNoConnection) {
