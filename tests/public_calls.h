@@ -25,7 +25,8 @@ struct PublicCall {
   int (*make)(const Arguments& a);
 };
 
-inline constexpr char kOpenCodes[] = "0 -107 -108 -105 -133 -132 -135 -136 -118 -134 -102 -122 -111 ";
+inline constexpr char kOpenCodes[] =
+    "0 -107 -108 -105 -133 -132 -135 -136 -118 -134 -102 -122 -111 ";
 inline constexpr char kQueryCodes[] = "0 -100 -125 -126 -101 -123 -124 -2 -111 -102 -122 -138 ";
 inline constexpr char kStatCodes[] = "0 -127 -129 -110 -119 -123 -124 -113 ";
 inline constexpr char kIdCodes[] = "0 -127 -128 -110 -119 -123 -124 -113 ";
@@ -34,12 +35,15 @@ inline constexpr char kIdCodes[] = "0 -127 -128 -110 -119 -123 -124 -113 ";
 using A = const Arguments&;
 inline constexpr PublicCall kPublicCalls[] = {
     {"setAPITraceFile", Kind::kOther, "0 -130 ", [](A a) { return setAPITraceFile(a.path); }},
-    {"getAPITraceLevel", Kind::kOther, "0 -109 ", [](A a) { return getAPITraceLevel(a.numberPtr); }},
+    {"getAPITraceLevel", Kind::kOther, "0 -109 ",
+     [](A a) { return getAPITraceLevel(a.numberPtr); }},
     {"setAPITraceLevel", Kind::kOther, "0 -104 ", [](A a) { return setAPITraceLevel(a.number); }},
     {"setAPITimeout", Kind::kOther, "0 -137 ", [](A a) { return setAPITimeout(a.number * 5000); }},
     {"getAPITimeout", Kind::kOther, "0 -109 ", [](A a) { return getAPITimeout(a.numberPtr); }},
-    {"getAPICodeText", Kind::kOther, "0 ", [](A a) { return getAPICodeText(-a.port) != nullptr ? 0 : 1; }},
-    {"getStatsAPIVersion", Kind::kOther, "0 -109 ", [](A a) { return getStatsAPIVersion(a.textPtr); }},
+    {"getAPICodeText", Kind::kOther, "0 ",
+     [](A a) { return getAPICodeText(-a.port) != nullptr ? 0 : 1; }},
+    {"getStatsAPIVersion", Kind::kOther, "0 -109 ",
+     [](A a) { return getStatsAPIVersion(a.textPtr); }},
     {"openRemoteGatewayConnection", Kind::kOpen, kOpenCodes,
      [](A a) { return openRemoteGatewayConnection(a.host, a.port, a.tokenPtr, a.textPtr); }},
     {"getStatsByStatId", Kind::kQuery, kQueryCodes,
@@ -62,13 +66,15 @@ inline constexpr PublicCall kPublicCalls[] = {
      [](A a) { return dumpResultSet(a.answer); }},
     {"copyResultSet", Kind::kCopy, "0 -127 -125 -110 -119 -123 -124 -111 ",
      [](A a) { return copyResultSet(a.answer, a.answerPtr); }},
-    {"freeResultSet", Kind::kFree, "0 -125 -127 -106 -110 ", [](A a) { return freeResultSet(a.answerPtr); }},
+    {"freeResultSet", Kind::kFree, "0 -125 -127 -106 -110 ",
+     [](A a) { return freeResultSet(a.answerPtr); }},
     {"dumpState", Kind::kOther, "0 ", [](A) { return dumpState(); }},
     {"closeGatewayConnection", Kind::kClose, "0 -108 -100 -101 ",
      [](A a) { return closeGatewayConnection(a.tokenPtr); }},
     {"openGatewayConnection", Kind::kOpen, kOpenCodes,
      [](A a) { return openGatewayConnection(a.port, a.tokenPtr, a.textPtr); }},
-    {"closeAllGatewayConnections", Kind::kCloseAll, "0 ", [](A) { return closeAllGatewayConnections(); }},
+    {"closeAllGatewayConnections", Kind::kCloseAll, "0 ",
+     [](A) { return closeAllGatewayConnections(); }},
 };
 
 }  // namespace zebtest

@@ -1,5 +1,6 @@
-// Public calls in random order with right, null, wrong, stale and foreign arguments, in one process: each returns a
-// documented code, and none succeeds with a handle that its caller may not use. ZEB_RANDOM_CALLS is their number.
+// Public calls in random order with right, null, wrong, stale and foreign arguments, in one
+// process: each returns a documented code, and none succeeds with a handle that its caller may not
+// use. ZEB_RANDOM_CALLS is their number.
 #include <algorithm>
 #include <deque>
 #include <random>
@@ -47,10 +48,12 @@ class RandomCaller {
   }
 
   std::string makeCall(const PublicCall& call) {
-    static const std::string texts[] = {"", "GD", ":::", std::string(32000, 'x'), std::string(40000, 'y')};
+    static const std::string texts[] = {"", "GD", ":::", std::string(32000, 'x'),
+                                        std::string(40000, 'y')};
     static const char* const paths[] = {"/dev/null", "/no/such/file", texts[3].c_str()};
     Handle none;
-    const std::size_t at = below(open_.size() + 4);  // beyond the open ones: a stale handle, or none at all
+    const std::size_t at =
+        below(open_.size() + 4);  // beyond the open ones: a stale handle, or none at all
     Handle& handle = at < open_.size() ? open_[at] : none;
     if (at > open_.size() && !closed_.empty()) none = closed_[below(closed_.size())];
     const std::size_t copyAt = below(copies_.size() + 4);
@@ -83,7 +86,8 @@ class RandomCaller {
     else
       make();
 
-    // May the call succeed with its handle? Where it may, it does not take the handle for another's either.
+    // May the call succeed with its handle? Where it may, it does not take the handle for another's
+    // either.
     bool isAllowed = true;
     if (call.kind == Kind::kClose) isAllowed = at < open_.size();
     if (call.kind == Kind::kQuery) isAllowed = handle.isOwn;
@@ -93,8 +97,9 @@ class RandomCaller {
     const bool isWell =
         std::string(" ").append(call.codes).find(formatText(" %d ", rc)) != std::string::npos &&
         (isAllowed ? !isForeign : rc != 0);
-    const std::string complaint =
-        isWell ? "" : formatText(" %s: %d of %s handle", call.name, rc, isAllowed ? "a right" : "another");
+    const std::string complaint = isWell ? ""
+                                         : formatText(" %s: %d of %s handle", call.name, rc,
+                                                      isAllowed ? "a right" : "another");
 
     if (call.kind == Kind::kOpen) std::free(text);
     if (call.kind == Kind::kOpen && rc == 0) open_.push_back({token, nullptr, !isElsewhere});
@@ -102,7 +107,8 @@ class RandomCaller {
     if (call.kind == Kind::kCopy && rc == 0) copies_.push_back(output);
     if (call.kind == Kind::kFree && rc == 0 && isCopy)
       copies_.erase(copies_.begin() + static_cast<long>(copyAt));
-    const bool isRemoved = rc == -102 || rc == -122 || rc == -138 || (call.kind == Kind::kClose && rc == 0);
+    const bool isRemoved =
+        rc == -102 || rc == -122 || rc == -138 || (call.kind == Kind::kClose && rc == 0);
     if (call.kind == Kind::kCloseAll)
       while (!open_.empty()) retire(0);
     else if (call.kind != Kind::kOpen && isRemoved && at < open_.size())

@@ -1,11 +1,12 @@
-// A scripted peer on 127.0.0.1: it expects requests in a given order and answers each as the script says.
+// A scripted peer on 127.0.0.1: it expects requests in a given order and answers each as the script
+// says.
 //
 //   const ScriptedGateway gateway(Script().answerOpen().expect().hangUp());
 //   ... openGatewayConnection(gateway.port(), ...
 //
-// Whatever differs from the script ends the connection, so that no client waits for ever, and fails the test when the
-// gateway ends; so does a script that was not played to its end. Behind that only a close request is right; it is
-// answered by hanging up.
+// Whatever differs from the script ends the connection, so that no client waits for ever, and fails
+// the test when the gateway ends; so does a script that was not played to its end. Behind that only
+// a close request is right; it is answered by hanging up.
 #ifndef ZEBTEST_SCRIPTED_GATEWAY_H
 #define ZEBTEST_SCRIPTED_GATEWAY_H
 
@@ -44,7 +45,8 @@ namespace zebtest {
 using zebsim::Bytes;
 using zebsim::Descriptor;
 
-// Bytes as a reader sees them best: pairs of hexadecimal digits and quoted text. wire("'Gate' 00700000").
+// Bytes as a reader sees them best: pairs of hexadecimal digits and quoted text. wire("'Gate'
+// 00700000").
 inline Bytes wire(std::string_view text) {
   auto digit = [](char c) {
     return c <= '9' ? c - '0' : std::toupper(static_cast<unsigned char>(c)) - 'A' + 10;
@@ -140,21 +142,24 @@ struct Connection {
   int rc;
 };
 
-// What one side asks and the other answers. A hang-up or reset ends one connection; an expectation behind it
-// waits for the next.
+// What one side asks and the other answers. A hang-up or reset ends one connection; an expectation
+// behind it waits for the next.
 class Script {
  public:
   // A request, of these bytes or, without any, whatever it is.
-  Script& expect(Bytes request = {}) { return add({.action = Action::kExpect, .bytes = std::move(request)}); }
+  Script& expect(Bytes request = {}) {
+    return add({.action = Action::kExpect, .bytes = std::move(request)});
+  }
   Script& reply(Bytes bytes) { return add({.action = Action::kReply, .bytes = std::move(bytes)}); }
   Script& hangUp() { return add({.action = Action::kHangUp}); }
   Script& reset() { return add({.action = Action::kReset}); }
   Script& halfClose() { return add({.action = Action::kHalfClose}); }
-  // Sends nothing until the client has ended the connection. A client that sends something fails the test, unless it
-  // is ignored; so does one that is still connected when the gateway ends.
+  // Sends nothing until the client has ended the connection. A client that sends something fails
+  // the test, unless it is ignored; so does one that is still connected when the gateway ends.
   Script& silence() { return add({.action = Action::kSilence}); }
   Script& ignoreAll() { return add({.action = Action::kIgnore}); }
-  // The same script with each reply sent one byte at a time, until the client ends the connection and the script.
+  // The same script with each reply sent one byte at a time, until the client ends the connection
+  // and the script.
   [[nodiscard]] Script dripped() const {
     Script slow = *this;
     for (Step& step : slow.steps_) {
@@ -267,7 +272,8 @@ class ScriptedGateway {
     if (connection_.get() < 0 && !acceptClient()) return fail("nobody connected");
     if (!readRequest(request)) return fail("no whole request came, only " + hexOf(request));
     return step.bytes.empty() || request == step.bytes ||
-           fail("other request:\n  got      " + hexOf(request) + "\n  expected " + hexOf(step.bytes));
+           fail("other request:\n  got      " + hexOf(request) + "\n  expected " +
+                hexOf(step.bytes));
   }
 
   // A client that goes away before it has read everything is no fault of the script.
@@ -275,7 +281,8 @@ class ScriptedGateway {
     std::string_view rest = step.bytes;
     while (!rest.empty()) {
       if (!waitFor(connection_.get(), POLLOUT)) return fail("stopped while it replied");
-      const ssize_t sent = send(connection_.get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      const ssize_t sent =
+          send(connection_.get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent < 0 && errno != EAGAIN) return true;
       if (sent > 0) rest.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -304,7 +311,8 @@ class ScriptedGateway {
     char buffer[4096];
     startSilence();
     for (;;) {
-      if (!waitFor(connection_.get(), POLLIN)) return mayAsk || fail("the client did not end the connection");
+      if (!waitFor(connection_.get(), POLLIN))
+        return mayAsk || fail("the client did not end the connection");
       const ssize_t got = recv(connection_.get(), buffer, sizeof buffer, 0);
       if (got <= 0) break;
       if (!mayAsk) return fail("it sent " + hexOf({buffer, static_cast<std::size_t>(got)}));
@@ -335,7 +343,8 @@ class ScriptedGateway {
     char buffer[4096];
     while (request.size() < size) {
       if (!waitFor(connection_.get(), POLLIN)) return false;
-      const ssize_t got = recv(connection_.get(), buffer, std::min(sizeof buffer, size - request.size()), 0);
+      const ssize_t got =
+          recv(connection_.get(), buffer, std::min(sizeof buffer, size - request.size()), 0);
       if (got <= 0) return false;
       request.append(buffer, static_cast<std::size_t>(got));
     }
@@ -360,7 +369,8 @@ class ScriptedGateway {
   Descriptor connection_;
   int port_;
   std::atomic<bool> isSilent_ = false;
-  bool hasLeft_ = false;  // the client, during a dripped reply; the thread's own until it has ended, as is
+  bool hasLeft_ =
+      false;  // the client, during a dripped reply; the thread's own until it has ended, as is
   std::string problem_;
   std::thread thread_;
 };

@@ -1,5 +1,5 @@
-// The simulated gateway: its encoder against answers that the JDK's serialiser wrote, its sessions and server against
-// bytes, its model against itself.
+// The simulated gateway: its encoder against answers that the JDK's serialiser wrote, its sessions
+// and server against bytes, its model against itself.
 #include <sys/time.h>
 
 #include <algorithm>
@@ -135,7 +135,8 @@ const Bytes kOpeningCall =
 const Bytes kAuthHeader = wire("'Gate' 00700000 00000001 00000000");
 const Bytes kAuthFirst = kAuthHeader + wire("00000000 00000004 'Auth' 00 00000004 00000000");
 
-// What the first client gets: the tag at offset 12 of each reply, the words of the authorisation, the admin id.
+// What the first client gets: the tag at offset 12 of each reply, the words of the authorisation,
+// the admin id.
 const Bytes kTag = words({1});
 const Bytes kAuthWords = wire("5EED0000 9E3779B9 FFFFFFFE");
 const Bytes kAdminId = words({0x101});
@@ -154,10 +155,11 @@ Bytes invokeRest(const std::string& action, const std::string& query) {
          text16("java.lang.String");
 }
 
-// The replies to the requests, one behind the other, of a bean that answers with what it is asked; in their place the
-// fault of one that is refused.
+// The replies to the requests, one behind the other, of a bean that answers with what it is asked;
+// in their place the fault of one that is refused.
 Bytes repliesTo(const std::vector<Bytes>& requests) {
-  GatewaySession session{1, [](const AdminCall& asked) { return asked.target + "/" + asked.argument; }};
+  GatewaySession session{
+      1, [](const AdminCall& asked) { return asked.target + "/" + asked.argument; }};
   Request taken;
   Bytes replies;
   try {
@@ -179,8 +181,9 @@ TEST(SimulatedSession, answers_each_request) {
                        call(kInvoke, words({0x201}), invokeRest("STAT_IDS", "A:B")), kClose}),
             wire("'Gate' 00700000 00000005 00000001 00000000 00000004 'BASE' 00 00000000") + head +
                 wire("00000004 'Auth' 00 00000014 00000000 00000000") + kAuthWords + head +
-                wire("00000004 'Auth' 00 00000010 00000001 00000000 00000000 00000000") + opened + kAdminId +
-                head + wire("00000005 'Admin' 00 00000012 00000001 00000000 00 'protocol/'") + opened +
+                wire("00000004 'Auth' 00 00000010 00000001 00000000 00000000 00000000") + opened +
+                kAdminId + head +
+                wire("00000005 'Admin' 00 00000012 00000001 00000000 00 'protocol/'") + opened +
                 words({0x201}) + head +
                 wire("00000005 'Admin' 00 00000015 00000005 00000000 00 'STAT_IDS/A:B'") +
                 wire("'Gate' 00700000 0000000A 00000001 00000000 00000004 'BASE' 00 00000000"));
@@ -192,7 +195,8 @@ Bytes patched(Bytes bytes, std::size_t at, char value) {
 }
 
 TEST(SimulatedSession, refuses_what_a_client_must_not_send) {
-  const std::vector<Bytes> fresh, greeted{kHandshake, kAuthFirst}, ready{kHandshake, kAuthFirst, kAuthSecond},
+  const std::vector<Bytes> fresh, greeted{kHandshake, kAuthFirst},
+      ready{kHandshake, kAuthFirst, kAuthSecond},
       opened{kHandshake, kAuthFirst, kAuthSecond, kOpeningCall};
   const Bytes query = invokeRest("GET_STATS", "ABC");
   const Bytes good = call(kInvoke, kAdminId, query);
@@ -233,7 +237,8 @@ TEST(SimulatedSession, refuses_what_a_client_must_not_send) {
 
 // ---- the server
 
-// All that it sends to a client that is only a socket and sends these bytes, up to its end of the connection.
+// All that it sends to a client that is only a socket and sends these bytes, up to its end of the
+// connection.
 Bytes answersTo(const GatewayServer& server, const Bytes& bytes) {
   const Descriptor client = zebtest::connectTo(server.port());
   const timeval patience{10, 0};  // a silent server fails the test and does not hang it
@@ -247,7 +252,8 @@ Bytes answersTo(const GatewayServer& server, const Bytes& bytes) {
   return got;
 }
 
-TEST(SimulatedServer, closes_the_connection_of_a_client_that_sends_garbage_or_a_goodbye_and_no_other) {
+TEST(SimulatedServer,
+     closes_the_connection_of_a_client_that_sends_garbage_or_a_goodbye_and_no_other) {
   std::vector<std::string> lines;
   ServerOptions options;
   options.segment = 7;
@@ -274,8 +280,10 @@ TEST(SimulatedServer, closes_the_connection_of_a_client_that_sends_garbage_or_a_
 
 TEST(SimulatedModel, repeats_for_a_seed_and_never_counts_backward) {
   GatewayModel model({.seed = 7});
-  EXPECT_EQ(encodeAnswer(model.stats("", 500)), encodeAnswer(GatewayModel({.seed = 7}).stats("", 500)));
-  EXPECT_NE(encodeAnswer(model.stats("", 500)), encodeAnswer(GatewayModel({.seed = 8}).stats("", 500)));
+  EXPECT_EQ(encodeAnswer(model.stats("", 500)),
+            encodeAnswer(GatewayModel({.seed = 7}).stats("", 500)));
+  EXPECT_NE(encodeAnswer(model.stats("", 500)),
+            encodeAnswer(GatewayModel({.seed = 8}).stats("", 500)));
   auto value = [&](const char* id, std::uint64_t seconds) {
     return std::stoul(std::get<Stats>(model.stats(id, seconds).responses[0].items)[0].value);
   };
@@ -295,10 +303,12 @@ TEST(SimulatedModel, answers_each_element_of_a_query) {
   ASSERT_TRUE(several.isList);
   std::vector<std::int32_t> codes;
   for (const Response& response : several.responses) codes.push_back(response.rc);
-  EXPECT_EQ(codes, (std::vector<std::int32_t>{0, 0, kUnknownElement, kUnknownElement, kEmptyElement}));
+  EXPECT_EQ(codes,
+            (std::vector<std::int32_t>{0, 0, kUnknownElement, kUnknownElement, kEmptyElement}));
   EXPECT_EQ(several.responses[1].query, "VM_UPTIME_3");
   EXPECT_EQ(std::get<Stats>(several.responses[1].items)[0].value, "60");
-  EXPECT_EQ(model.statIds("VM_UPTIME").responses[0].rc, kUnknownElement) << "ids are asked for by group only";
+  EXPECT_EQ(model.statIds("VM_UPTIME").responses[0].rc, kUnknownElement)
+      << "ids are asked for by group only";
   EXPECT_EQ(std::get<Ids>(model.groups().responses[0].items).size(), 6U);
 }
 

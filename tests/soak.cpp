@@ -1,6 +1,6 @@
-// soak [QUERIES [PAIRS]]: so many queries on one connection, then so many pairs of an open and a close, against a
-// simulated gateway in this process. Shows its progress, resident memory and descriptors, and fails unless both
-// stay flat behind the first tenth.
+// soak [QUERIES [PAIRS]]: so many queries on one connection, then so many pairs of an open and a
+// close, against a simulated gateway in this process. Shows its progress, resident memory and
+// descriptors, and fails unless both stay flat behind the first tenth.
 
 #include <unistd.h>
 
@@ -41,7 +41,8 @@ long openDescriptors() {
 struct Connection {
   explicit Connection(int port) {
     char* version = nullptr;
-    require(openGatewayConnection(port, &token, &version) == 0 && version != nullptr, "an open failed");
+    require(openGatewayConnection(port, &token, &version) == 0 && version != nullptr,
+            "an open failed");
     std::free(version);
   }
   ~Connection() { require(closeGatewayConnection(&token) == 0, "a close failed"); }
@@ -54,13 +55,15 @@ void askOnce(GatewayToken* token, long round) {
   char* query = nullptr;
   StatData stat;
   const bool isStats = round % 2 == 0;
-  const int rc = isStats ? getStatsByStatId(token, "GD_CALLS", &answer) : getStatIds(token, &answer);
+  const int rc =
+      isStats ? getStatsByStatId(token, "GD_CALLS", &answer) : getStatIds(token, &answer);
   require(rc == 0, "a query failed");
   if (isStats) {
     require(getFirstStat(answer, &stat) == 0 && std::string_view(stat.statValuePtr, 2) == "42",
             "a wrong answer");
   } else {
-    require(getIdQuery(answer, &query) == 0 && query == std::string_view("GD_CALLS"), "a wrong query string");
+    require(getIdQuery(answer, &query) == 0 && query == std::string_view("GD_CALLS"),
+            "a wrong query string");
   }
   if (round % 16 == 0)
     require(copyResultSet(answer, &copy) == 0 && freeResultSet(&copy) == 0, "a copy failed");
@@ -78,7 +81,8 @@ void soak(const char* what, long rounds, long descriptors, Round round) {
     const long resident = residentKilobytes();
     if (warm == 0) warm = resident;
     peak = std::max(peak, resident);
-    std::printf("%9ld %s  %6ld KB resident  %3ld descriptors\n", i + 1, what, resident, openDescriptors());
+    std::printf("%9ld %s  %6ld KB resident  %3ld descriptors\n", i + 1, what, resident,
+                openDescriptors());
     std::fflush(stdout);
   }
   // The gateway's thread may be about to close its side of the last connection.

@@ -1,5 +1,6 @@
-// Many threads at once: first calls that race to initialise the library, and connections side by side while
-// another thread dumps the state and moves the trace. The thread sanitiser's build runs the same tests.
+// Many threads at once: first calls that race to initialise the library, and connections side by
+// side while another thread dumps the state and moves the trace. The thread sanitiser's build runs
+// the same tests.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,9 +23,9 @@
 #include "gateway_encoder.h"
 #include "gateway_server.h"
 #include "scripted_gateway.h"
-#include "trace_capture.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
+#include "trace_capture.h"
 #include "zebstats_private.h"
 
 namespace {
@@ -33,15 +34,17 @@ using zebsim::GatewayServer;
 using zebtest::hasShape;
 using zebtest::TemporaryFile;
 
-// ---- Is this a whole line of a trace? ----------------------------------------------------------------------
+// ---- Is this a whole line of a trace? -----------------------------------------------------------
 
 constexpr std::string_view kPrefixShape = "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [9999] ";
 
 bool isMessageLine(std::string_view line) {
   if (!hasShape(line, kPrefixShape)) return false;
   line.remove_prefix(kPrefixShape.size());
-  constexpr std::string_view words[] = {"ENTRY  ", "EXIT   ", "DEBUG  ", "DATA   ", "EVENT  ", "*EXC*  "};
-  if (std::none_of(std::begin(words), std::end(words), [&](auto word) { return line.starts_with(word); }))
+  constexpr std::string_view words[] = {"ENTRY  ", "EXIT   ", "DEBUG  ",
+                                        "DATA   ", "EVENT  ", "*EXC*  "};
+  if (std::none_of(std::begin(words), std::end(words),
+                   [&](auto word) { return line.starts_with(word); }))
     return false;
   line.remove_prefix(words[0].size());
   if (!line.starts_with("API.") && !line.starts_with("stapi_zeb_")) return false;
@@ -51,10 +54,12 @@ bool isMessageLine(std::string_view line) {
   return line.find("] ENTRY ") == line.npos && line.find(" : ZEB") == line.npos;
 }
 
-// "0xFFFFFFFF: ", 35 columns of pairs and blanks, " : ", up to 16 characters; a full line ends in a blank.
+// "0xFFFFFFFF: ", 35 columns of pairs and blanks, " : ", up to 16 characters; a full line ends in a
+// blank.
 bool isDumpLine(std::string_view line) {
   constexpr std::size_t hexAt = 12, textAt = hexAt + 35 + 3;
-  return hasShape(line, "0xFFFFFFFF: ") && line.find_first_not_of("0123456789ABCDEF ", hexAt) == textAt - 2 &&
+  return hasShape(line, "0xFFFFFFFF: ") &&
+         line.find_first_not_of("0123456789ABCDEF ", hexAt) == textAt - 2 &&
          line.substr(textAt - 3).starts_with(" : ") &&
          (line.size() < textAt + 16 || (line.size() == textAt + 17 && line.ends_with(' ')));
 }
@@ -79,11 +84,12 @@ std::string tornLines(const std::string& path, std::size_t& count) {
   std::string torn;
   count = 0;
   for (std::string line; std::getline(in, line); ++count)
-    if (in.eof() || !(isMessageLine(line) || isDumpLine(line) || isOtherLine(line))) torn += line + "\n";
+    if (in.eof() || !(isMessageLine(line) || isDumpLine(line) || isOtherLine(line)))
+      torn += line + "\n";
   return torn.substr(0, 2000);
 }
 
-// ---- First calls ---------------------------------------------------------------------------------------------
+// ---- First calls --------------------------------------------------------------------------------
 
 constexpr int kThreads = 16;
 
@@ -109,8 +115,8 @@ int makeFirstCall(int thread, const char* traceFile) {
   }
 }
 
-// All of them in a process that has made no call yet. A second initialisation would undo what the first
-// callers set: the level, the destination.
+// All of them in a process that has made no call yet. A second initialisation would undo what the
+// first callers set: the level, the destination.
 int raceFirstCalls(const char* traceFile) {
   if (isLockInitialized(&traceLock) != 0) return 1;
   std::latch start(kThreads);
@@ -130,7 +136,8 @@ int raceFirstCalls(const char* traceFile) {
 }
 
 TEST(Threads, FirstCallsOf16AtOnceInitialiseTheLibraryOnce) {
-  if (isLockInitialized(&traceLock) != 0) GTEST_SKIP() << "needs a process that has not used the library yet";
+  if (isLockInitialized(&traceLock) != 0)
+    GTEST_SKIP() << "needs a process that has not used the library yet";
   const TemporaryFile file;
   for (int round = 0; round < 200; ++round) {
     const pid_t child = fork();
@@ -145,7 +152,7 @@ TEST(Threads, FirstCallsOf16AtOnceInitialiseTheLibraryOnce) {
   std::printf("EVIDENCE F11 points=200 failures=%d\n", HasFailure());
 }
 
-// ---- Connections side by side ----------------------------------------------------------------------------------
+// ---- Connections side by side -------------------------------------------------------------------
 
 // One connection and its calls, all of them in the thread that opened it.
 constexpr int kRounds = 25;
@@ -162,7 +169,8 @@ void useConnection(const GatewayServer& server) {
     char* query = nullptr;
     ASSERT_EQ(getStats(connection.token, &answer), 0);
     ASSERT_EQ(getFirstStat(answer, &stat), 0);
-    EXPECT_EQ(std::string_view(stat.statValuePtr, static_cast<std::size_t>(stat.statValueLen)), "42");
+    EXPECT_EQ(std::string_view(stat.statValuePtr, static_cast<std::size_t>(stat.statValueLen)),
+              "42");
     EXPECT_EQ(getNextStat(answer, &stat), ZEB_END_OF_RESULTS);
     ASSERT_EQ(getStatIdsByStatGroupId(connection.token, "GD", &answer), 0);
     ASSERT_EQ(copyResultSet(answer, &copy), 0);
@@ -178,7 +186,8 @@ TEST(Threads, ConnectionsOfEightTearNoTraceLineWhileANinthDumpsAndSwitches) {
   GatewayServer server;
   server.setAnswer("GET_STATS",
                    zebsim::encodeAnswer({false, {{"", 0, zebsim::Stats{{"GD_CALLS", "42"}}, {}}}}));
-  server.setAnswer("STAT_IDS", zebsim::encodeAnswer({false, {{"GD", 0, zebsim::Ids{"GD_CALLS"}, {}}}}));
+  server.setAnswer("STAT_IDS",
+                   zebsim::encodeAnswer({false, {{"GD", 0, zebsim::Ids{"GD_CALLS"}, {}}}}));
   const TemporaryFile first;
   const TemporaryFile second;
   ASSERT_EQ(setAPITraceFile(first.path().c_str()), 0);

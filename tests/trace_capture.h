@@ -32,8 +32,8 @@ inline bool hasShape(std::string_view text, std::string_view shape) {
   return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(), fits);
 }
 
-// A trace line with the parts that change from run to run replaced: "TIME [PID,TID] [2000] ENTRY  text".
-// Lines without a prefix (banner, dumps) stay as they are.
+// A trace line with the parts that change from run to run replaced: "TIME [PID,TID] [2000] ENTRY
+// text". Lines without a prefix (banner, dumps) stay as they are.
 inline std::string maskPrefix(const std::string& line) {
   constexpr std::string_view shape = "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [9999";
   return hasShape(line, shape) ? "TIME [PID,TID]" + line.substr(shape.size() - 6) : line;
@@ -66,27 +66,31 @@ struct Named {
   std::size_t size = 1;
 };
 
-// The text with its addresses replaced: "RS" for the start of a named block, "BUFFER+12" inside of one, and
-// "ADDRESS" anywhere else.
+// The text with its addresses replaced: "RS" for the start of a named block, "BUFFER+12" inside of
+// one, and "ADDRESS" anywhere else.
 inline std::string nameAddresses(std::string text, const std::vector<Named>& names) {
   for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
-    if (at > 0 && (std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0 || text[at - 1] == '.')) {
+    if (at > 0 &&
+        (std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0 || text[at - 1] == '.')) {
       at += 2;  // the name of a temporary file may hold these letters, too
       continue;
     }
-    const std::size_t end = std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
+    const std::size_t end =
+        std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
     const auto address = static_cast<std::uintptr_t>(std::strtoull(&text[at], nullptr, 16));
     std::string shown = "ADDRESS";
     for (const Named& block : names) {
       const std::size_t offset = address - reinterpret_cast<std::uintptr_t>(block.start);
-      if (offset < block.size) shown = formatText(offset == 0 ? "%s" : "%s+%zu", block.name, offset);
+      if (offset < block.size)
+        shown = formatText(offset == 0 ? "%s" : "%s+%zu", block.name, offset);
     }
     text.replace(at, end - at, shown);
   }
   return text;
 }
 
-// The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses replaced.
+// The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses
+// replaced.
 inline std::string storyOf(const std::string& trace, const std::vector<Named>& names = {}) {
   std::string story;
   for (const std::string& line : splitLines(trace)) {
@@ -122,7 +126,8 @@ class TemporaryFile {
   std::string path_ = "/tmp/zebtrace.XXXXXX";
 };
 
-// The trace goes to the file from the constructor on, and back to standard error at the end, switched off.
+// The trace goes to the file from the constructor on, and back to standard error at the end,
+// switched off.
 class TraceCapture {
  public:
   explicit TraceCapture(int level) {
@@ -137,7 +142,8 @@ class TraceCapture {
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // Forgets what has been traced so far; the constructor does so too, so that its own lines are not seen.
+  // Forgets what has been traced so far; the constructor does so too, so that its own lines are not
+  // seen.
   void restart() { seen_ = file_.text().size(); }
   // What was written since then, as it stands in the file.
   [[nodiscard]] std::string text() const { return file_.text().substr(seen_); }

@@ -59,9 +59,11 @@ class GatewayProcess {
     ServerOptions options;
     options.log = [](const std::string&) {};
     GatewayServer server(options);
-    const Answer stats = {true, {{"GD", 0, Stats{{"GD_A", "1"}, {"GD_B", "two"}}}, {"XX", -11, Stats{}}}};
+    const Answer stats = {true,
+                          {{"GD", 0, Stats{{"GD_A", "1"}, {"GD_B", "two"}}}, {"XX", -11, Stats{}}}};
     server.setAnswer("GET_STATS", encodeAnswer(stats));
-    server.setAnswer("STAT_IDS", encodeAnswer({true, {{"GD", 0, Ids{"GD_A", "GD_B"}}, {"XX", -11, Ids{}}}}));
+    server.setAnswer("STAT_IDS",
+                     encodeAnswer({true, {{"GD", 0, Ids{"GD_A", "GD_B"}}, {"XX", -11, Ids{}}}}));
     server.setAnswer("RESOURCE_GROUPS", encodeAnswer({false, {{"", 0, Ids{"GD", "CM"}}}}));
     const int port = server.port();
     if (write(portEnd, &port, sizeof port) != sizeof port) _exit(1);
@@ -81,7 +83,8 @@ inline std::string tellAnswer(ResultSetToken* answer) {
   for (; rc == 0; rc = getNextStat(answer, &stat)) {
     told += formatText("%.*s %d ", stat.queryElementLen, stat.queryElementPtr, stat.queryElementRC);
     if (stat.queryElementRC == 0)
-      told += formatText("%.*s=%.*s ", stat.statIdLen, stat.statIdPtr, stat.statValueLen, stat.statValuePtr);
+      told += formatText("%.*s=%.*s ", stat.statIdLen, stat.statIdPtr, stat.statValueLen,
+                         stat.statValuePtr);
   }
   if (rc == ZEB_WRONG_CONTENT) rc = getFirstId(answer, &id);
   for (; rc == 0; rc = getNextId(answer, &id)) {
@@ -124,8 +127,10 @@ struct Query {
 inline constexpr std::array<Query, 6> kQueries = {{
     {"getStats", false, [](Session& s) { return getStats(s.token, &s.answer); }},
     {"getStatIds", false, [](Session& s) { return getStatIds(s.token, &s.answer); }},
-    {"getResourceGroupIds", false, [](Session& s) { return getResourceGroupIds(s.token, &s.answer); }},
-    {"getStatsByStatId", true, [](Session& s) { return getStatsByStatId(s.token, "A", &s.answer); }},
+    {"getResourceGroupIds", false,
+     [](Session& s) { return getResourceGroupIds(s.token, &s.answer); }},
+    {"getStatsByStatId", true,
+     [](Session& s) { return getStatsByStatId(s.token, "A", &s.answer); }},
     {"getStatsByStatGroupId", true,
      [](Session& s) { return getStatsByStatGroupId(s.token, "A", &s.answer); }},
     {"getStatIdsByStatGroupId", true,

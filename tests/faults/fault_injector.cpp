@@ -65,7 +65,8 @@ Injection::~Injection() {
 
 int Injection::next(Call call) {
   const int count = ++counts_[call];
-  if (index_ == faults_.size() || faults_[index_].call != call || count < faults_[index_].at) return 0;
+  if (index_ == faults_.size() || faults_[index_].call != call || count < faults_[index_].at)
+    return 0;
   const Fault& fault = faults_[index_];
   ++strikes_;
   if (!fault.onwards) {
@@ -116,7 +117,8 @@ ZEB_WRAP(void, free, (void* block)) {
   __real_free(block);
 }
 
-ZEB_WRAP(int, getaddrinfo, (const char* host, const char* port, const addrinfo* hints, addrinfo** found)) {
+ZEB_WRAP(int, getaddrinfo,
+         (const char* host, const char* port, const addrinfo* hints, addrinfo** found)) {
   if (const int error = failureOf(kGetaddrinfo); error != 0) return error;
   const int rc = __real_getaddrinfo(host, port, hints, found);
   if (rc == 0) book(*found);
@@ -128,11 +130,13 @@ ZEB_WRAP(void, freeaddrinfo, (addrinfo * found)) {
   __real_freeaddrinfo(found);
 }
 
-ZEB_WRAP_FAILING(kSocket, -1, int, socket, (int family, int type, int protocol), (family, type, protocol))
+ZEB_WRAP_FAILING(kSocket, -1, int, socket, (int family, int type, int protocol),
+                 (family, type, protocol))
 ZEB_WRAP_FAILING(kSetsockopt, -1, int, setsockopt,
                  (int socket, int level, int option, const void* value, socklen_t length),
                  (socket, level, option, value, length))
-ZEB_WRAP_FAILING(kFdopen, nullptr, FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode))
+ZEB_WRAP_FAILING(kFdopen, nullptr, FILE*, fdopen, (int descriptor, const char* mode),
+                 (descriptor, mode))
 ZEB_WRAP_FAILING(kFflush, EOF, int, fflush, (FILE * stream), (stream))
 
 ZEB_WRAP(int, open, (const char* path, int flags, ...)) {
@@ -212,7 +216,8 @@ ZEB_WRAP(int, fclose, (FILE * stream)) {
   return failBehind(kFclose, [&] { return __real_fclose(stream); });
 }
 
-ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes)) {
+ZEB_WRAP(int, pthread_mutex_init,
+         (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes)) {
   const int error = failureOf(kInitLock);
   return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
 }

@@ -1,7 +1,7 @@
 // Makes chosen calls of the C library fail when the library under test makes them.
 //
-// The linker sends these calls to the injector, whoever makes them; it looks only at those of a thread that
-// holds an Injection, and books there what is allocated and locked.
+// The linker sends these calls to the injector, whoever makes them; it looks only at those of a
+// thread that holds an Injection, and books there what is allocated and locked.
 #ifndef ZEBTEST_FAULT_INJECTOR_H
 #define ZEBTEST_FAULT_INJECTOR_H
 
@@ -36,10 +36,11 @@ enum Call {
 };
 
 // How a call fails: an errno, of getaddrinfo its own code, or one of these.
-constexpr int kShort = 0x10001;    // send reports fewer bytes than it sent, recv delivers one
-constexpr int kCut = 0x10002;      // send sends half, and the connection takes no more
-constexpr int kEnd = 0x10003;      // send and recv return 0
-constexpr int kPending = 0x20000;  // getsockopt delivers the errno added to this as the socket's error
+constexpr int kShort = 0x10001;  // send reports fewer bytes than it sent, recv delivers one
+constexpr int kCut = 0x10002;    // send sends half, and the connection takes no more
+constexpr int kEnd = 0x10003;    // send and recv return 0
+constexpr int kPending =
+    0x20000;  // getsockopt delivers the errno added to this as the socket's error
 
 struct Fault {
   Call call;
@@ -69,7 +70,8 @@ class Injection {
   std::array<int, kCalls> counts_{};
 };
 
-// The blocks of memory and lists of addresses that the library holds, and the descriptors of the process.
+// The blocks of memory and lists of addresses that the library holds, and the descriptors of the
+// process.
 std::pair<std::size_t, std::size_t> countHoldings();
 
 // The misuse of locks since the last call, and the locks still held. Empty is well.

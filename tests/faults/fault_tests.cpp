@@ -1,7 +1,8 @@
-// Whatever fails under a public call, the call returns a code documented for it, nothing is lost, the locks
-// are free and the next open and query succeed.
+// Whatever fails under a public call, the call returns a code documented for it, nothing is lost,
+// the locks are free and the next open and query succeed.
 //
-// Each sweep tries every point it names and prints how many there were: "EVIDENCE F1 points=N failures=M".
+// Each sweep tries every point it names and prints how many there were: "EVIDENCE F1 points=N
+// failures=M".
 
 #include <errno.h>
 #include <netdb.h>
@@ -24,7 +25,7 @@ using Codes = std::vector<int>;
 std::string tracePath;
 std::string otherTracePath;
 
-// ---- The public calls, and what a fault may make of them -----------------------------------------------------
+// ---- The public calls, and what a fault may make of them ----------------------------------------
 
 enum class Family { local, open, query, textQuery, closing };
 enum class Needs { nothing, connection, stats, ids, copy };
@@ -35,7 +36,9 @@ struct Target {
   Needs needs;
   std::function<int(Session&)> run;
   std::vector<Fault> ahead = {};
-  [[nodiscard]] bool isQuery() const { return family == Family::query || family == Family::textQuery; }
+  [[nodiscard]] bool isQuery() const {
+    return family == Family::query || family == Family::textQuery;
+  }
 };
 
 constexpr int kNoVersion = 1;  // of an open call that returned 0
@@ -45,12 +48,15 @@ std::vector<Target> listTargets() {
     const int rc = s.open();
     return rc == 0 && s.version == nullptr ? kNoVersion : rc;
   };
-  std::vector<Target> all = {
-      {"open", Family::open, Needs::nothing, open},
-      {"open in progress", Family::open, Needs::nothing, open, {{kConnect, 1, false, EINPROGRESS}}}};
+  std::vector<Target> all = {{"open", Family::open, Needs::nothing, open},
+                             {"open in progress",
+                              Family::open,
+                              Needs::nothing,
+                              open,
+                              {{kConnect, 1, false, EINPROGRESS}}}};
   for (const Query& query : kQueries)
-    all.push_back(
-        {query.name, query.hasText ? Family::textQuery : Family::query, Needs::connection, query.ask});
+    all.push_back({query.name, query.hasText ? Family::textQuery : Family::query, Needs::connection,
+                   query.ask});
   const auto add = [&all](const char* name, Family family, Needs needs, auto run) {
     all.push_back({name, family, needs, run});
   };
@@ -62,9 +68,12 @@ std::vector<Target> listTargets() {
   add("walk of ids", Family::local, Needs::ids, walk);
   add("copyResultSet", Family::local, Needs::stats,
       [](Session& s) { return copyResultSet(s.answer, &s.copy); });
-  add("freeResultSet", Family::local, Needs::copy, [](Session& s) { return freeResultSet(&s.copy); });
-  add("dumpResultSet", Family::local, Needs::stats, [](Session& s) { return dumpResultSet(s.answer); });
-  add("getIdQuery", Family::local, Needs::ids, [](Session& s) { return getIdQuery(s.answer, &s.text); });
+  add("freeResultSet", Family::local, Needs::copy,
+      [](Session& s) { return freeResultSet(&s.copy); });
+  add("dumpResultSet", Family::local, Needs::stats,
+      [](Session& s) { return dumpResultSet(s.answer); });
+  add("getIdQuery", Family::local, Needs::ids,
+      [](Session& s) { return getIdQuery(s.answer, &s.text); });
   add("dumpState", Family::local, Needs::connection, [](Session&) { return dumpState(); });
   add("setAPITraceFile", Family::local, Needs::nothing, [](Session&) {
     const int there = setAPITraceFile(otherTracePath.c_str());
@@ -114,7 +123,8 @@ Codes openCodes(Call call, int error, bool isInProgress) {
     case kPoll:
     case kRecv:
       if (error == kShort) return {0};
-      if (call == kPoll && error == EINTR && isInProgress)  // a signal does not end the wait for a connect
+      if (call == kPoll && error == EINTR &&
+          isInProgress)  // a signal does not end the wait for a connect
         return {0, ZEB_CONNECT_FAILED, ZEB_CONNECTION_LOST};
       return {ZEB_CONNECT_FAILED, ZEB_CONNECTION_LOST};
     default:
@@ -124,7 +134,8 @@ Codes openCodes(Call call, int error, bool isInProgress) {
 
 Codes queryCodes(Call call, int error, bool hasText) {
   if (call == kAllocate)
-    return hasText ? Codes{ZEB_NO_MEMORY, ZEB_COMMUNICATION_FAILED} : Codes{ZEB_COMMUNICATION_FAILED};
+    return hasText ? Codes{ZEB_NO_MEMORY, ZEB_COMMUNICATION_FAILED}
+                   : Codes{ZEB_COMMUNICATION_FAILED};
   const bool isExchange = call == kSend || call == kPoll || call == kRecv;
   return {isExchange && error != kShort ? ZEB_CONNECTION_LOST : 0};
 }
@@ -162,7 +173,7 @@ const Codes& errorsOf(Call call) {
   return errors[call];
 }
 
-// ---- One point -----------------------------------------------------------------------------------------------
+// ---- One point ----------------------------------------------------------------------------------
 
 struct Outcome {
   int rc;
@@ -180,8 +191,8 @@ void prepare(const Target& target, Session& s) {
   if (target.needs == Needs::copy) copyResultSet(s.answer, &s.copy);
 }
 
-// What must hold of the caller's arguments and of the connection, which is gone after -102 and -122 and good
-// for another query else.
+// What must hold of the caller's arguments and of the connection, which is gone after -102 and -122
+// and good for another query else.
 std::string checkSession(const Target& target, int rc, Session& s) {
   std::string complaint;
   if (rc < 0 && target.family == Family::open && (s.token != nullptr || s.version != nullptr))
@@ -189,10 +200,12 @@ std::string checkSession(const Target& target, int rc, Session& s) {
   if (rc < 0 && target.isQuery() && s.answer != nullptr)
     complaint += " a failed query writes to its argument;";
   if (s.token == nullptr) return complaint;
-  const bool isLost = target.isQuery() && (rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED);
+  const bool isLost =
+      target.isQuery() && (rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED);
   const int next = getStats(s.token, &s.answer);
   if (isLost) s.token = nullptr;
-  if (next != (isLost ? ZEB_TOKEN_UNKNOWN : 0)) complaint += formatText(" the next query gets %d;", next);
+  if (next != (isLost ? ZEB_TOKEN_UNKNOWN : 0))
+    complaint += formatText(" the next query gets %d;", next);
   return complaint;
 }
 
@@ -202,7 +215,8 @@ std::string checkNextSession(int port) {
   const int asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
   const std::string seen = s.tell();
   const int closed = s.release();
-  if (asked == 0 && closed == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;")) return "";
+  if (asked == 0 && closed == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;"))
+    return "";
   return formatText(" the next session gets open=%d query=%d close=%d %s;", opened, asked, closed,
                     seen.c_str());
 }
@@ -240,8 +254,8 @@ Outcome tryPoint(const Target& target, int port, int level, const std::vector<Fa
   outcome.complaint += takeLockComplaint();
   const auto after = countHoldings();
   if (after != before) {
-    outcome.complaint += formatText(" holds %zu blocks and %zu descriptors, was %zu and %zu;", after.first,
-                                    after.second, before.first, before.second);
+    outcome.complaint += formatText(" holds %zu blocks and %zu descriptors, was %zu and %zu;",
+                                    after.first, after.second, before.first, before.second);
   }
   return outcome;
 }
@@ -252,18 +266,20 @@ std::string judge(const Outcome& outcome, const Outcome& clean, const Codes& all
   if (!outcome.hasStruck) complaint += " the fault was never reached;";
   if (std::find(allowed.begin(), allowed.end(), outcome.rc) == allowed.end())
     complaint += formatText(" returns %d;", outcome.rc);
-  if (outcome.rc == 0 && outcome.seen != clean.seen) complaint += " hands out " + outcome.seen + ";";
+  if (outcome.rc == 0 && outcome.seen != clean.seen)
+    complaint += " hands out " + outcome.seen + ";";
   return complaint;
 }
 
 std::string show(const Fault& fault) {
-  return formatText(", call %d fails at %d%s with %d", fault.call, fault.at, fault.onwards ? " and on" : "",
-                    fault.error);
+  return formatText(", call %d fails at %d%s with %d", fault.call, fault.at,
+                    fault.onwards ? " and on" : "", fault.error);
 }
 
-// ---- First calls ---------------------------------------------------------------------------------------------
+// ---- First calls --------------------------------------------------------------------------------
 
-// In a process that has not called the library yet: the first call and, while the fault lasts, the second.
+// In a process that has not called the library yet: the first call and, while the fault lasts, the
+// second.
 std::string tryFirstCall(int port, const Fault& fault, int expected) {
   Session s = {.port = port};
   const auto before = countHoldings();
@@ -275,7 +291,8 @@ std::string tryFirstCall(int port, const Fault& fault, int expected) {
     if (!injection.hasStruck()) complaint += " the fault was never reached;";
     s.text = nullptr;
     const int second = closeAllGatewayConnections();
-    if (second != (fault.onwards ? expected : 0)) complaint += formatText(" the second returns %d;", second);
+    if (second != (fault.onwards ? expected : 0))
+      complaint += formatText(" the second returns %d;", second);
     complaint += takeLockComplaint();
   }
   {
@@ -308,7 +325,7 @@ TEST(FirstCall, ThatFailsHasItsCodeAndTheNextOneStartsTheLibrary) {
   sweep("F2", kUnlock, {0, 0});
 }
 
-// ---- Sweeps --------------------------------------------------------------------------------------------------
+// ---- Sweeps -------------------------------------------------------------------------------------
 
 class Faults : public testing::Test {
  protected:
@@ -326,7 +343,8 @@ class Faults : public testing::Test {
     EXPECT_EQ(clean.complaint, "") << target.name;
     return clean;
   }
-  void tryFault(Row& row, const Target& target, int level, const Outcome& clean, const Fault& fault) {
+  void tryFault(Row& row, const Target& target, int level, const Outcome& clean,
+                const Fault& fault) {
     row.add(formatText("%s at level %d", target.name, level) + show(fault),
             judge(tryPoint(target, gateway_.port(), level, {fault}), clean,
                   codesUnder(target, fault.call, fault.error)));
@@ -339,19 +357,22 @@ class Faults : public testing::Test {
       }
     }
   }
-  // Of the calls that each line of the trace makes, on which nothing hangs: with one error, and all from the
-  // Nth on at every eighth, where a sanitizer does not slow it down. One query stands for all.
+  // Of the calls that each line of the trace makes, on which nothing hangs: with one error, and all
+  // from the Nth on at every eighth, where a sanitizer does not slow it down. One query stands for
+  // all.
   void sweepTrace(std::initializer_list<Call> calls) {
     Row row("F2");
     for (const Target& target : kTargets) {
-      if (!target.ahead.empty() || (target.isQuery() && target.name != std::string_view("getStatsByStatId")))
+      if (!target.ahead.empty() ||
+          (target.isQuery() && target.name != std::string_view("getStatsByStatId")))
         continue;
       const Outcome clean = tryClean(target, 5);
       for (const Call call : calls) {
         for (int at = 1; at <= clean.counts[call]; ++at) {
           const int error = errorsOf(call)[0];
           if (at % 8 == 1) tryFault(row, target, 5, clean, {call, at, true, error});
-          if (at % 8 == 1 || !kIsSanitized) tryFault(row, target, 5, clean, {call, at, false, error});
+          if (at % 8 == 1 || !kIsSanitized)
+            tryFault(row, target, 5, clean, {call, at, false, error});
         }
       }
     }
@@ -362,7 +383,8 @@ class Faults : public testing::Test {
 TEST_F(Faults, AnAllocationThatFailsGivesADocumentedCode) {
   Row row("F1");
   for (const Target& target : kTargets) {
-    for (const int level : {0, 5}) sweepCall(row, target, level, tryClean(target, level), kAllocate);
+    for (const int level : {0, 5})
+      sweepCall(row, target, level, tryClean(target, level), kAllocate);
   }
 }
 
@@ -393,7 +415,8 @@ TEST(Resolver, ThatRefusesANumericAddressIsNotNeededForIt) {
   EXPECT_EQ(getStats(s.token, &s.answer), rc == 0 ? 0 : ZEB_TOKEN_NULL);
   EXPECT_EQ(s.release(), 0);
   const Injection refusals({{kGetaddrinfo, 1, true, EAI_ADDRFAMILY}});
-  EXPECT_EQ(openRemoteGatewayConnection("localhost", gateway.port(), &s.token, &s.version), ZEB_HOST_UNKNOWN);
+  EXPECT_EQ(openRemoteGatewayConnection("localhost", gateway.port(), &s.token, &s.version),
+            ZEB_HOST_UNKNOWN);
 }
 
 TEST_F(Faults, AFlushOfTheTraceThatFailsChangesNoCode) {
@@ -411,7 +434,8 @@ TEST_F(Faults, AReplyThatEndsBehindItsFirstByteIsALostConnection) {
     for (int at = 1; at <= clean.counts[kRecv]; ++at) {
       const std::vector<Fault> pair = {{kRecv, at, false, kShort}, {kRecv, 1, false, kEnd}};
       row.add(formatText("%s, reply part %d", target.name, at),
-              judge(tryPoint(target, gateway_.port(), 0, pair), clean, codesUnder(target, kRecv, kEnd)));
+              judge(tryPoint(target, gateway_.port(), 0, pair), clean,
+                    codesUnder(target, kRecv, kEnd)));
     }
   }
 }

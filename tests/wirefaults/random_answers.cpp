@@ -1,5 +1,5 @@
-// Random well-formed answers: what their maker put in, what the slow decoder finds and what the library's
-// parsers write must be the same.
+// Random well-formed answers: what their maker put in, what the slow decoder finds and what the
+// library's parsers write must be the same.
 #include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
@@ -18,8 +18,8 @@ namespace {
 
 using Bytes = std::string;
 
-// An answer on the wire and the content of the result set made of it, built side by side. The same number
-// makes the same answer.
+// An answer on the wire and the content of the result set made of it, built side by side. The same
+// number makes the same answer.
 class RandomAnswer {
  public:
   explicit RandomAnswer(std::uint64_t number) : random_(number) {
@@ -46,7 +46,9 @@ class RandomAnswer {
 
  private:
   // All sizes by uniform_int_distribution would differ from library to library.
-  std::size_t pick(std::size_t least, std::size_t most) { return least + random_() % (most - least + 1); }
+  std::size_t pick(std::size_t least, std::size_t most) {
+    return least + random_() % (most - least + 1);
+  }
   bool oneIn(std::size_t chance) { return pick(1, chance) == 1; }
   char oneOf(std::initializer_list<char> bytes) { return bytes.begin()[pick(0, bytes.size() - 1)]; }
   Bytes text(std::size_t size) {
@@ -118,7 +120,8 @@ class RandomAnswer {
       for (const auto& item : items) ids.push_back(item.id);
       response.items = ids;
     }
-    wire_ += zebsim::encodeResponse(response, oneIn(2) ? zebsim::HeadBlocks::kOne : zebsim::HeadBlocks::kCut);
+    wire_ += zebsim::encodeResponse(response,
+                                    oneIn(2) ? zebsim::HeadBlocks::kOne : zebsim::HeadBlocks::kCut);
   }
 
   // With everything that is stepped over at random, and values in any pieces that add up.
@@ -195,8 +198,8 @@ class RandomAnswer {
   Bytes content_;
 };
 
-// The whole buffer up to the end of the content, or nothing where the answer was refused. The answer is a block
-// of its exact size, so that a sanitiser sees every step outside.
+// The whole buffer up to the end of the content, or nothing where the answer was refused. The
+// answer is a block of its exact size, so that a sanitiser sees every step outside.
 Bytes parse(const RandomAnswer& answer) {
   char* const buffer = zebfuzz::sealedBuffer();
   const std::size_t size = answer.wire().size();
@@ -237,7 +240,8 @@ TEST(RandomAnswers, areReadAsTheyWereMadeAndAsTheSlowDecoderReadsThem) {
   }
   EXPECT_EQ(setAPITraceFile(nullptr), 0);
   EXPECT_TRUE(refused > 0 && refused < 20 + count / 50) << refused;
-  std::printf("EVIDENCE F8 points=%llu failures=%d\n", static_cast<unsigned long long>(count), HasFailure());
+  std::printf("EVIDENCE F8 points=%llu failures=%d\n", static_cast<unsigned long long>(count),
+              HasFailure());
 }
 
 }  // namespace

@@ -44,7 +44,8 @@ class ContentReader {
     if (isStats_) response.items = zebsim::Stats{};
     if (response.rc < 0) return response;
     for (std::int32_t left = integer(); left > 0; --left) {
-      if (auto* stats = std::get_if<zebsim::Stats>(&response.items)) stats->push_back({text(), text()});
+      if (auto* stats = std::get_if<zebsim::Stats>(&response.items))
+        stats->push_back({text(), text()});
       if (auto* ids = std::get_if<zebsim::Ids>(&response.items)) ids->push_back(text());
     }
     return response;
@@ -80,7 +81,8 @@ void check(Counts& counts, bool isStats, const Bytes& answer, const Bytes& conte
   ++counts.answers;
   counts.cut += encodeAnswer(parts, zebsim::HeadBlocks::kOne) != answer;
   counts.encoded += encodeAnswer(parts) != answer;
-  const auto block = std::make_unique<std::uint8_t[]>(answer.size());  // for a sanitiser to see its end
+  const auto block =
+      std::make_unique<std::uint8_t[]>(answer.size());  // for a sanitiser to see its end
   std::copy(answer.begin(), answer.end(), block.get());
   char* const buffer = zebfuzz::sealedBuffer();
   const int rc = (isStats ? zeb::parseStats : zeb::parseIds)({block.get(), answer.size()}, buffer);
@@ -104,8 +106,8 @@ int main() {
   }
   const unsigned long failures = counts.empty + counts.wrong + counts.encoded;
   std::printf(
-      "%lu answers, %lu with a head that is cut; %lu read as empty, %lu wrongly; %lu written in another "
-      "way by the simulated gateway\n",
+      "%lu answers, %lu with a head that is cut; %lu read as empty, %lu wrongly; %lu written in "
+      "another way by the simulated gateway\n",
       counts.answers, counts.cut, counts.empty, counts.wrong, counts.encoded);
   std::printf("EVIDENCE F17 points=%lu failures=%lu\n", counts.answers, failures);
   return counts.answers == 0 || failures != 0;

@@ -1,4 +1,5 @@
-// A peer on 127.0.0.1 that plays recorded replies, changed or cut short, to one connection after the other.
+// A peer on 127.0.0.1 that plays recorded replies, changed or cut short, to one connection after
+// the other.
 #ifndef ZEBTEST_REPLY_PLAYER_H
 #define ZEBTEST_REPLY_PLAYER_H
 
@@ -30,38 +31,28 @@ enum class End { kClosed, kReset, kHalfClosed };
 
 class ReplyPlayer {
  public:
-  ReplyPlayer() {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (bind(listener_.get(), generic, size) != 0 || listen(listener_.get(), 8) != 0 ||
-        getsockname(listener_.get(), generic, &size) != 0)
-      throw std::runtime_error(std::string("cannot listen: ") + strerror(errno));
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { serve(); });
-  }
+  ReplyPlayer() : thread_([this] { serve(); }) {}
   ~ReplyPlayer() {
     stopped_ = true;
-    shutdown(listener_.get(), SHUT_RDWR);
+    shutdown(listener_.socket.get(), SHUT_RDWR);
     thread_.join();
   }
   ReplyPlayer(const ReplyPlayer&) = delete;
   ReplyPlayer& operator=(const ReplyPlayer&) = delete;
-  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int port() const { return listener_.port; }
 
   // From the next connection on: answers its requests as a gateway does and records the session.
   void record(zebsim::GatewaySession::Bean bean, Recording& recording) {
     play([this, bean, &recording](int client) { recordSession(client, bean, recording); });
   }
-  // Each reply when a request has come, and the last one for a close request. A client that asks nothing within
-  // patience milliseconds, because it waits for bytes that a changed reply announces, sees the end of the
-  // connection.
+  // Each reply when a request has come, and the last one for a close request. A client that asks
+  // nothing within patience milliseconds, because it waits for bytes that a changed reply
+  // announces, sees the end of the connection.
   void playEach(const std::vector<Bytes>& replies, int patience) {
     play([replies, patience](int client) {
       zebsim::Request request;
-      for (std::size_t i = 0; i < replies.size() && receiveRequest(client, request, patience); ++i) {
+      for (std::size_t i = 0; i < replies.size() && receiveRequest(client, request, patience);
+           ++i) {
         if (request.header.type == zebsim::kCloseType) i = replies.size() - 1;
         sendAll(client, replies[i]);
       }
@@ -74,7 +65,8 @@ class ReplyPlayer {
     play([&recording, last, size, end](int client) {
       for (std::size_t i = 0; i <= last; ++i) {
         if (!receive(client, recording.requestSizes[i])) return;
-        sendAll(client, std::string_view(recording.replies[i]).substr(0, i == last ? size : Bytes::npos));
+        sendAll(client,
+                std::string_view(recording.replies[i]).substr(0, i == last ? size : Bytes::npos));
       }
       if (end == End::kHalfClosed && shutdown(client, SHUT_WR) == 0) receive(client, SIZE_MAX);
       const linger atOnce = {1, 0};  // makes a reset of the close
@@ -92,7 +84,7 @@ class ReplyPlayer {
 
   void serve() {
     while (!stopped_) {
-      const Descriptor client(accept(listener_.get(), nullptr, nullptr));
+      const Descriptor client(accept(listener_.socket.get(), nullptr, nullptr));
       if (client.get() < 0) continue;
       const int on = 1;
       setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -154,8 +146,7 @@ class ReplyPlayer {
     return true;
   }
 
-  Descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  int port_ = 0;
+  Listener listener_;
   std::atomic<bool> stopped_ = false;
   std::mutex lock_;
   Play play_;  // guarded by lock_, as what it records is

@@ -1,13 +1,15 @@
-// A second decoder of answers, slow and obvious: every field at the position that the layout gives it, every
-// byte through one bounds test. It shares no line with the library.
+// A second decoder of answers, slow and obvious: every field at the position that the layout gives
+// it, every byte through one bounds test. It shares no line with the library.
 //
 //   answer      form 1: byte 0, number of responses (4), responses; else: byte 0, one response
-//   response    c+6 length A (2), A bytes, 13 bytes, h0: length B (2), B bytes, h: 13 bytes, marker, then 1 byte
-//               behind a 'w' or 4 behind any other, query element (2 + Q), q: return code (4), body
+//   response    c+6 length A (2), A bytes, 13 bytes, h0: length B (2), B bytes, h: 13 bytes, marker,
+//               then 1 byte behind a 'w' or 4 behind any other, query element (2 + Q), q: return
+//               code (4), body
 //   ids body    code < 0: 1 byte; else q+4 count (4), ids (2 + I each), 1 byte
-//   stats body  code < 0: 1 byte; else q+4 count (4), q+10 length D (2), D bytes, records from s = q+20+D
-//   record      s+5 marker; 'z': s+8 room C (2), s+10 id (2 + I), length L (2), C-I-4 bytes of the value and
-//               the rest of it in pieces; other: s+7 id (2 + I), value (2 + L); 2 bytes
+//   stats body  code < 0: 1 byte; else q+4 count (4), q+10 length D (2), D bytes, records from
+//               s = q+20+D
+//   record      s+5 marker; 'z': s+8 room C (2), s+10 id (2 + I), length L (2), C-I-4 bytes of the
+//               value and the rest of it in pieces; other: s+7 id (2 + I), value (2 + L); 2 bytes
 //   pieces      'z' blocks (length at p+3), then 'w' blocks (length at p+1) whatever their marker
 //
 // Block data of more than 1,024 bytes may be cut into blocks: full 'z' blocks of 1,024, then one of
@@ -116,7 +118,8 @@ class SlowDecoder {
     const std::int64_t h = h0 + 2 + sizeAt(h0);
     std::int64_t end = 0;
     std::string joined;
-    if (byteAt(h + 13) == 'z' && int32At(h + 14) == 1024) joined = joinBlocks(h + 18, "\x78\x73", end);
+    if (byteAt(h + 13) == 'z' && int32At(h + 14) == 1024)
+      joined = joinBlocks(h + 18, "\x78\x73", end);
     std::int64_t count = 0;
     if (!joined.empty()) {
       decodeJoined(joined, [&] { return decodeHead(isStats, 0, count); });
@@ -152,7 +155,8 @@ class SlowDecoder {
   bool endsAt(std::int64_t at) const {
     const auto rest = bytes_.subspan(static_cast<std::size_t>(at));
     if (rest.empty() || rest[0] != 0x78) return false;
-    return rest.size() == 1 || (rest.size() >= 5 && std::memcmp(&rest[1], "\xAC\xED\x00\x05", 4) == 0);
+    return rest.size() == 1 ||
+           (rest.size() >= 5 && std::memcmp(&rest[1], "\xAC\xED\x00\x05", 4) == 0);
   }
 
   std::int64_t decodeRecord(std::int64_t s) {

@@ -1,4 +1,5 @@
-// One small session, with its replies cut off at every byte, split at every byte, and changed in every bit.
+// One small session, with its replies cut off at every byte, split at every byte, and changed in
+// every bit.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -7,8 +8,10 @@
 #include "harness.h"
 #include "memory_gateway.h"
 #include "reply_player.h"
+#include "trace_capture.h"
 
-// Replies that announce gigabytes are refused memory at once rather than given some that takes long to watch.
+// Replies that announce gigabytes are refused memory at once rather than given some that takes long
+// to watch.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
   return "max_allocation_size_mb=64:allocator_may_return_null=1";
@@ -60,10 +63,6 @@ Outcome runSession(int port) {
   return outcome;
 }
 
-std::size_t countDescriptors() {
-  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 // The exchanges of the session, by their numbers.
 constexpr std::size_t kFirstOfVersion = 3;
 constexpr std::size_t kFirstOfStats = 5;
@@ -85,7 +84,8 @@ class WireFaults : public testing::Test {
         recording_);
     good_ = runSession(player_->port());
     ASSERT_EQ(recording_.replies.size(), kExchanges);
-    ASSERT_TRUE(good_.content.starts_with("ZEBSTSET") && good_.content.find("ZEBIDSET") != Bytes::npos);
+    ASSERT_TRUE(good_.content.starts_with("ZEBSTSET") &&
+                good_.content.find("ZEBIDSET") != Bytes::npos);
   }
   void TearDown() override {
     player_.reset();
@@ -101,7 +101,7 @@ class WireFaults : public testing::Test {
   std::optional<ReplyPlayer> player_;
   Recording recording_;
   Outcome good_;
-  std::size_t descriptors_ = 0;
+  std::ptrdiff_t descriptors_ = 0;
   const char* row_ = "F6";  // of the table of faults
   std::size_t points_ = 0;
 };
@@ -132,7 +132,8 @@ TEST_P(EndOfConnection, behindAnyByteOfAnyReplyIsACodeAndTheNextSessionWorks) {
     for (std::size_t size = 0; size <= whole; ++size, ++points_) {
       SCOPED_TRACE("reply " + std::to_string(reply) + " after " + std::to_string(size));
       player_->playUntil(recording_, reply, size, GetParam());
-      ASSERT_EQ(runSession(player_->port()), expected(std::min(kClose, size < whole ? reply : reply + 1)));
+      ASSERT_EQ(runSession(player_->port()),
+                expected(std::min(kClose, size < whole ? reply : reply + 1)));
       ASSERT_NO_FATAL_FAILURE(expectGoodSession());
     }
   }
@@ -143,8 +144,8 @@ std::string nameOf(const testing::TestParamInfo<End>& end) {
   return names[static_cast<int>(end.param)];
 }
 
-INSTANTIATE_TEST_SUITE_P(Ends, EndOfConnection, testing::Values(End::kClosed, End::kReset, End::kHalfClosed),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(Ends, EndOfConnection,
+                         testing::Values(End::kClosed, End::kReset, End::kHalfClosed), nameOf);
 
 // ---- replies in pieces
 
@@ -174,7 +175,9 @@ class ChangedReply : public WireFaults, public testing::WithParamInterface<std::
     player_->playEach(replies, 5);
     ++points_;
     const auto [open, stats, ids, close, content] = runSession(player_->port());
-    const auto isLost = [](int rc) { return rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED; };
+    const auto isLost = [](int rc) {
+      return rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED;
+    };
     const auto isRight = [&](int rc, int before) {
       return before == 0 ? rc == 0 || isLost(rc) : rc == ZEB_TOKEN_UNKNOWN;
     };
@@ -198,8 +201,8 @@ TEST_P(ChangedReply, inAnyBitIsACodeAndTheNextSessionWorks) {
 // Every field stands at some byte, so all are met; what is no field is changed too.
 TEST_P(ChangedReply, inAnyFieldToAnExtremeIsACodeAndTheNextSessionWorks) {
   const Bytes reply = recording_.replies[GetParam()];
-  for (const char* extreme : {"00", "FF", "0000", "7FFF", "8000", "FFFF", "00000000", "7FFFFFFF", "80000000",
-                              "FFFFFFFF", "0000F004"}) {
+  for (const char* extreme : {"00", "FF", "0000", "7FFF", "8000", "FFFF", "00000000", "7FFFFFFF",
+                              "80000000", "FFFFFFFF", "0000F004"}) {
     const Bytes value = wire(extreme);
     for (std::size_t at = 0; at + value.size() <= reply.size(); ++at) {
       if (reply.compare(at, value.size(), value) == 0) continue;
