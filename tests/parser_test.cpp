@@ -237,9 +237,8 @@ TEST(UncutAnswer, ofWhichEachResponseBeginsALongWalkIsRefused) {
   for (const std::uint32_t count : {100U, 19000U}) {
     Bytes answer = wire("01") + zebsim::words({count});
     for (std::uint32_t i = 0; i < count; ++i) answer += response;
-    const Bytes expected = decode(false, answer);
-    EXPECT_NE(expected, kEmpty);
-    EXPECT_TRUE(isReadAs(count == 100 ? expected : kEmpty, false, answer)) << count;
+    const bool isRead = count == 100;
+    EXPECT_TRUE(isReadAs(isRead ? decode(false, answer) : kEmpty, false, answer)) << count;
   }
 }
 

@@ -385,10 +385,11 @@ TEST(ResultSetWriter, showsNothingUntilItIsFinished) {
       out.counted(std::string_view("X"));
     }
     const std::size_t end = zeb::kContentSize - out.room();
+    const std::string terminator(reinterpret_cast<const char*>(&kTerminator), sizeof kTerminator);
     out.finish();
     EXPECT_TRUE(out.ok() && buffer.starts_with(zeb::kStatsMarker));
     EXPECT_EQ(buffer.substr(end, zeb::kDumpReach),
-              "\x0F\x0E\x0F\x0E" + std::string(zeb::kDumpReach - 4, '\0'));
+              terminator + std::string(zeb::kDumpReach - 4, '\0'));
   }
 }
 

@@ -219,7 +219,7 @@ class ScriptedGateway {
       : script_(std::move(script)), port_(listener_.port), thread_([this] { play(); }) {}
   ~ScriptedGateway() {
     const std::uint64_t one = 1;
-    EXPECT_EQ(write(wake_.get(), &one, sizeof one), sizeof one);
+    EXPECT_EQ(write(wake_.get(), &one, sizeof one), ssize_t{sizeof one});
     thread_.join();
     EXPECT_EQ(problem_, "");
   }
