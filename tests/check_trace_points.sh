@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# check_trace_points.sh SOURCES LIST [--update]: every trace point of the sources (number, word, text, with the names
-# of its functions in place of %s) stands in the list, so that no line of a trace changes unnoticed; and each number is
-# written once, because a number in a trace file has to lead to one message. --update writes the list.
+# check_trace_points.sh SOURCES LIST [--update]: every trace point of the sources (number, word, text,
+# with the names of its functions in place of %s) stands in the list, so that no line of a trace
+# changes unnoticed; and each number is written once, because a number in a trace file has to lead to
+# one message. --update writes the list.
 set -euo pipefail
 export LC_ALL=C
 sources=$1 list=$2

@@ -175,6 +175,21 @@ TEST_F(RecordedSession, TracesEachCallAtLevel4) {
   expectRecorded(told, "calls_trace.txt");
 }
 
+TEST(Session, IsRefusedToAnotherThreadWhoseIdIsTraced) {
+  GatewayServer server;
+  const Connection connection(server.port());
+  const TraceCapture trace(1);
+  int other = 0;
+  std::thread([&] {
+    ResultSetToken* answer = nullptr;
+    other = static_cast<int>(pthread_self());
+    EXPECT_EQ(getStats(connection.token, &answer), ZEB_OTHER_THREAD);
+  }).join();
+  const int own = static_cast<int>(pthread_self());
+  const std::string told = zebtest::formatText("currentTid=%d, owningTid=%d\n", other, own);
+  EXPECT_NE(trace.story().find(told), std::string::npos) << trace.text();
+}
+
 TEST(Session, OpeningBesideCloseAllLosesNoMemoryAndNoConnection) {
   GatewayServer server;
   std::atomic<bool> done = false;

@@ -3,11 +3,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 
 #include "harness.h"
 #include "memory_gateway.h"
-#include "reply_player.h"
+#include "scripted_gateway.h"
 #include "trace_capture.h"
 
 // Replies that announce gigabytes are refused memory at once rather than given some that takes long
@@ -74,32 +73,31 @@ class WireFaults : public testing::Test {
  protected:
   void SetUp() override {
     descriptors_ = countDescriptors();
-    player_.emplace();
-    player_->record(
-        [](const zebsim::AdminCall& call) {
-          if (call.target == "GET_STATS") return readAnswer("stats_single");
-          return call.target == "RESOURCE_GROUPS" ? readAnswer("groups_single")
-                                                  : zebsim::encodeProtocol(zebsim::kOwnProtocol);
-        },
-        recording_);
-    good_ = runSession(player_->port());
-    ASSERT_EQ(recording_.replies.size(), kExchanges);
+    good_ = runSession(ScriptedGateway(script(replies_)).port());
+    ASSERT_EQ(replies_.size(), kExchanges);
     ASSERT_TRUE(good_.content.starts_with("ZEBSTSET") &&
                 good_.content.find("ZEBIDSET") != Bytes::npos);
   }
   void TearDown() override {
-    player_.reset();
     EXPECT_EQ(countDescriptors(), descriptors_);
     std::printf("EVIDENCE %s points=%zu failures=%d\n", row_, points_, HasFailure() ? 1 : 0);
   }
 
   // Whatever went before, a session with the right replies is what it was.
   void expectGoodSession() {
-    player_->playEach(recording_.replies, -1);
-    ASSERT_EQ(runSession(player_->port()), good_);
+    ASSERT_EQ(runSession(ScriptedGateway(script(replies_)).port()), good_);
   }
-  std::optional<ReplyPlayer> player_;
-  Recording recording_;
+  static Script script(const std::vector<Bytes>& replies) {
+    Script script;
+    for (const Bytes& reply : replies) script.answer(reply);
+    return script;
+  }
+  const std::vector<Bytes> replies_ = Script()
+                                          .answerOpen()
+                                          .answerQuery(readAnswer("stats_single"))
+                                          .answerQuery(readAnswer("groups_single"))
+                                          .answer(zebsim::reply("BASE", ""))
+                                          .replies();
   Outcome good_;
   std::ptrdiff_t descriptors_ = 0;
   const char* row_ = "F6";  // of the table of faults
@@ -108,7 +106,7 @@ class WireFaults : public testing::Test {
 
 // ---- the connection ends
 
-class EndOfConnection : public WireFaults, public testing::WithParamInterface<End> {
+class EndOfConnection : public WireFaults, public testing::WithParamInterface<Script> {
  protected:
   // The codes where the exchange of this number fails.
   [[nodiscard]] Outcome expected(std::size_t failing) const {
@@ -128,30 +126,30 @@ class EndOfConnection : public WireFaults, public testing::WithParamInterface<En
 TEST_P(EndOfConnection, behindAnyByteOfAnyReplyIsACodeAndTheNextSessionWorks) {
   row_ = "F4";
   for (std::size_t reply = 0; reply < kExchanges; ++reply) {
-    const std::size_t whole = recording_.replies[reply].size();
+    const std::size_t whole = replies_[reply].size();
     for (std::size_t size = 0; size <= whole; ++size, ++points_) {
       SCOPED_TRACE("reply " + std::to_string(reply) + " after " + std::to_string(size));
-      player_->playUntil(recording_, reply, size, GetParam());
-      ASSERT_EQ(runSession(player_->port()),
+      Script cut = script({replies_.begin(), replies_.begin() + static_cast<long>(reply)});
+      cut.answer(replies_[reply].substr(0, size))
+          .then(GetParam())
+          .tolerate(10000);  // one more request behind a whole reply
+      ASSERT_EQ(runSession(ScriptedGateway(cut).port()),
                 expected(std::min(kClose, size < whole ? reply : reply + 1)));
       ASSERT_NO_FATAL_FAILURE(expectGoodSession());
     }
   }
 }
 
-std::string nameOf(const testing::TestParamInfo<End>& end) {
-  constexpr const char* names[] = {"Closed", "Reset", "HalfClosed"};
-  return names[static_cast<int>(end.param)];
-}
-
 INSTANTIATE_TEST_SUITE_P(Ends, EndOfConnection,
-                         testing::Values(End::kClosed, End::kReset, End::kHalfClosed), nameOf);
+                         testing::Values(Script().hangUp(), Script().reset(),
+                                         Script().halfClose()));
 
 // ---- replies in pieces
 
 TEST_F(WireFaults, repliesInSingleBytesAndInAnyTwoPartsAreTheSameSession) {
   row_ = "F5";
-  const Bytes all = joined(recording_.replies);
+  Bytes all;
+  for (const Bytes& reply : replies_) all += reply;
   const std::span bytes(reinterpret_cast<const std::uint8_t*>(all.data()), all.size());
   const auto runWith = [&](zebfuzz::MemoryGateway gateway) {
     const zebfuzz::MemoryGatewayScope scope(gateway);
@@ -170,11 +168,11 @@ TEST_F(WireFaults, repliesInSingleBytesAndInAnyTwoPartsAreTheSameSession) {
 class ChangedReply : public WireFaults, public testing::WithParamInterface<std::size_t> {
  protected:
   void expectDocumentedCodes(const Bytes& changed) {
-    std::vector<Bytes> replies = recording_.replies;
+    std::vector<Bytes> replies = replies_;
     replies[GetParam()] = changed;
-    player_->playEach(replies, 5);
     ++points_;
-    const auto [open, stats, ids, close, content] = runSession(player_->port());
+    const ScriptedGateway gateway(script(replies).tolerate(5));
+    const auto [open, stats, ids, close, content] = runSession(gateway.port());
     const auto isLost = [](int rc) {
       return rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED;
     };
@@ -190,7 +188,7 @@ class ChangedReply : public WireFaults, public testing::WithParamInterface<std::
 };
 
 TEST_P(ChangedReply, inAnyBitIsACodeAndTheNextSessionWorks) {
-  const Bytes reply = recording_.replies[GetParam()];
+  const Bytes reply = replies_[GetParam()];
   for (std::size_t bit = 0; bit < reply.size() * 8; ++bit) {
     Bytes changed = reply;
     changed[bit / 8] = static_cast<char>(changed[bit / 8] ^ 1 << bit % 8);
@@ -200,7 +198,7 @@ TEST_P(ChangedReply, inAnyBitIsACodeAndTheNextSessionWorks) {
 
 // Every field stands at some byte, so all are met; what is no field is changed too.
 TEST_P(ChangedReply, inAnyFieldToAnExtremeIsACodeAndTheNextSessionWorks) {
-  const Bytes reply = recording_.replies[GetParam()];
+  const Bytes reply = replies_[GetParam()];
   for (const char* extreme : {"00", "FF", "0000", "7FFF", "8000", "FFFF", "00000000", "7FFFFFFF",
                               "80000000", "FFFFFFFF", "0000F004"}) {
     const Bytes value = wire(extreme);
