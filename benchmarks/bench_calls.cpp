@@ -245,7 +245,7 @@ int main(int argc, char** argv) {
   addRow("P17 getStats with a time limit / without one", {1.05, 0}, limitedQuery);
   addRow("P4 walk of a connection's own 1,000 statistics / bare pointer loop", {1.9, 1.5}, walkOwn);
   addRow("P5 walk of a copy / bare pointer loop", {1.7, 1.4}, walkCopy);
-  addRow("P6 query, decoding and walk of 1,000 / sum of the floors", {1.35, 1.20}, wholeCycle);
+  addRow("P6 query, decoding and walk of 1,000 / sum of the floors", {1.20, 1.15}, wholeCycle);
   addRow("P8 copyResultSet and freeResultSet, warm / memcpy of 153,600 bytes", {1.15, 1.05},
          copyWarm);
   addRow("P9 open and close / bare connect, six exchanges, close", {1.25, 1.15}, openAndClose);
