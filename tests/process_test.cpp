@@ -409,7 +409,7 @@ TEST_F(HostProcess, ChangesItsTimeZoneForTheNextTimeStamp) {
     };
     const auto west = readHours("AAA0"), east = readHours("BBB-12");
     std::string complaints;
-    for (const int i : {0, 1})
+    for (const std::size_t i : {0U, 1U})
       complaints +=
           unless((east[i] - west[i] + 24) % 24 == 12, i == 0 ? "getTimestamp" : "the trace");
     return complaints;
