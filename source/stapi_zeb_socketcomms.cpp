@@ -60,7 +60,8 @@ int requestSize(const RequestHeader& header) noexcept {
 }
 
 Block<unsigned char> allocateRequest(int size) noexcept {
-  return size > 0 ? allocate(static_cast<std::size_t>(size)) : nullptr;
+  if (size <= 0) return nullptr;
+  return allocate(static_cast<std::size_t>(size));
 }
 
 // A writer for the request's data.
