@@ -53,34 +53,6 @@ std::shared_mutex answersMutex;
 
 // ---- Asking a gateway ---------------------------------------------------------------------------
 
-struct Endpoint {
-  std::string host;
-  int port = 0;
-};
-
-// Parses HOST:PORT, with an IPv6 address in brackets.
-std::optional<Endpoint> parseEndpoint(const std::string& text, int lowestPort) {
-  std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return std::nullopt;
-  std::string host = text.substr(0, colon);
-  std::string port = text.substr(colon + 1);
-  if (host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  } else if (host.find(':') != std::string::npos) {
-    return std::nullopt;
-  }
-  auto isBad = [](char c) {
-    return c <= ' ' || c == 0x7F || std::string_view("[],/").find(c) != std::string_view::npos;
-  };
-  bool isNumber = !port.empty() && port.size() <= 5 &&
-                  port.find_first_not_of("0123456789") == std::string::npos;
-  if (host.empty() || std::any_of(host.begin(), host.end(), isBad) || !isNumber)
-    return std::nullopt;
-  int number = std::stoi(port);
-  if (number < lowestPort || number > 65535) return std::nullopt;
-  return Endpoint{std::move(host), number};
-}
-
 struct Report {
   bool up = false;
   Clock::time_point finished;
@@ -164,7 +136,7 @@ class StatsReader {
 // One gateway: scrapes ask, its thread answers.
 class GatewayWorker {
  public:
-  GatewayWorker(std::string name, Endpoint endpoint)
+  GatewayWorker(std::string name, Address endpoint)
       : name_(std::move(name)), endpoint_(std::move(endpoint)) {}
   ~GatewayWorker() {
     stop();
@@ -257,7 +229,7 @@ class GatewayWorker {
   }
 
   const std::string name_;
-  const Endpoint endpoint_;
+  const Address endpoint_;
   std::thread thread_;
   std::mutex mutex_;  // guards all below; never held while the library is called
   std::condition_variable changed_;
@@ -329,7 +301,7 @@ class GatewayCollector : public prometheus::Collectable {
 // ---- The exporter -------------------------------------------------------------------------------
 
 Workers makeWorkers(const ExporterOptions& options) {
-  if (!parseEndpoint(options.listen, 0)) {
+  if (!parseListenAddress(options.listen, 9480)) {
     throw Fault(kUsage, "--listen '" + options.listen +
                             "' is not an ADDRESS:PORT; write it like 127.0.0.1:9100 or [::1]:9100");
   }
@@ -340,7 +312,7 @@ Workers makeWorkers(const ExporterOptions& options) {
   Workers workers;
   std::set<std::string> known;
   for (const std::string& name : options.gateways) {
-    std::optional<Endpoint> endpoint = parseEndpoint(name, 1);
+    std::optional<Address> endpoint = parseAddress(name);
     if (!endpoint) {
       throw Fault(kUsage, "--gateway '" + name +
                               "' is not a HOST:PORT; write it like gateway-1:2980 or [::1]:2980");

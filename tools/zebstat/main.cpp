@@ -33,7 +33,7 @@ void setUpLibrary(const Options& options) {
 // Prints a fault here rather than in main: on the way there the gateway is closed, which may take
 // until the timeout.
 int askGateway(const Options& options) {
-  Gateway gateway(options.host, options.port, options.timeoutSeconds);
+  Gateway gateway({options.host, options.port}, options.timeoutSeconds);
   try {
     if (options.command == Command::kCheck) return runCheck(options, gateway);
     return options.watchSeconds > 0 ? showWatched(options, gateway) : showOnce(options, gateway);

@@ -212,26 +212,20 @@ class Parser {
   std::string critical_;
 };
 
-std::string joinElements(const std::vector<std::string>& elements) {
-  std::string joined;
-  for (const std::string& element : elements) joined += (joined.empty() ? "" : ":") + element;
-  return joined;
-}
-
 }  // namespace
 
 Question Options::question() const {
   using Kind = Question::Kind;
   switch (command) {
     case Command::kIds:
-      return {isByGroup() ? Kind::kIdsByGroup : Kind::kIds, joinElements(groups)};
+      return {isByGroup() ? Kind::kIdsByGroup : Kind::kIds, groups};
     case Command::kGroups:
       return {Kind::kGroups, {}};
     case Command::kCheck:
-      return {Kind::kStatsById, checkedId};
+      return {Kind::kStatsById, {checkedId}};
     default:
-      if (isByGroup()) return {Kind::kStatsByGroup, joinElements(groups)};
-      return {ids.empty() ? Kind::kStats : Kind::kStatsById, joinElements(ids)};
+      if (isByGroup()) return {Kind::kStatsByGroup, groups};
+      return {ids.empty() ? Kind::kStats : Kind::kStatsById, ids};
   }
 }
 

@@ -1,6 +1,6 @@
 // Converts bytes from a gateway to text that can be shown, and to numbers.
-#ifndef ZEBSTAT_TEXT_H
-#define ZEBSTAT_TEXT_H
+#ifndef ZEBTOOL_TEXT_H
+#define ZEBTOOL_TEXT_H
 
 #include <cstddef>
 #include <optional>
@@ -35,4 +35,4 @@ std::string showNumber(long double value, int decimals);
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_TEXT_H
+#endif  // ZEBTOOL_TEXT_H

@@ -1,20 +1,22 @@
-// Asks a gateway. No step takes longer than the library's timeout, which main sets.
-#ifndef ZEBSTAT_GATEWAY_H
-#define ZEBSTAT_GATEWAY_H
+// Asks a gateway. No step takes longer than the library's timeout, which the program sets.
+#ifndef ZEBTOOL_GATEWAY_H
+#define ZEBTOOL_GATEWAY_H
 
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "address.h"
 #include "fault.h"
 #include "zebstats.hpp"
 
 namespace zebtool {
 
+// Asks for everything of its kind, or only for what the elements name.
 struct Question {
   enum class Kind { kStats, kStatsById, kStatsByGroup, kIds, kIdsByGroup, kGroups };
   Kind kind = Kind::kStats;
-  std::string elements;  // separated by ':'
+  std::vector<std::string> elements;  // empty for kStats, kIds and kGroups
 };
 
 // One id or statistic of an answer: bytes as the gateway sent them.
@@ -35,6 +37,13 @@ struct Answer {
   std::vector<Refusal> refusals;
 };
 
+// Why a gateway could not be asked.
+struct GatewayFault : Fault {
+  GatewayFault(ExitCode exit, const std::string& text, int code)
+      : Fault(exit, text), libraryCode(code) {}
+  int libraryCode;
+};
+
 // Returns whether a code of the library means that the timeout has passed.
 inline bool isTimeout(int code) {
   return code == ZEB_CONNECT_TIMED_OUT || code == ZEB_TIMED_OUT;
@@ -45,23 +54,30 @@ inline bool isTimeout(int code) {
 class Gateway {
  public:
   // The timeout is only named in messages; the library must have been given the same.
-  Gateway(std::string host, int port, double timeoutSeconds)
-      : host_(std::move(host)), port_(port), timeoutSeconds_(timeoutSeconds) {}
+  Gateway(Address address, double timeoutSeconds)
+      : address_(std::move(address)), timeoutSeconds_(timeoutSeconds) {}
 
   // Returns HOST:PORT, an IPv6 address in brackets.
-  [[nodiscard]] std::string name() const;
+  [[nodiscard]] std::string name() const { return showAddress(address_); }
+  [[nodiscard]] bool isConnected() const { return connection_.isOpen(); }
 
-  // Connects unless a connection is open, and asks. Throws a Fault: kNotConnected or kTimedOut; if
-  // the connection was lost, the next question opens a new one.
+  // Connects unless a connection is open, and asks. A name is resolved here and each of its
+  // addresses is tried in turn, because the library tries the first one only. An answer that is too
+  // large for one query is asked for in parts. Throws a GatewayFault: kNotConnected or kTimedOut;
+  // if the connection was lost, the next question opens a new one.
   Answer ask(const Question& question);
 
+  void close() { connection_.close(); }
+
  private:
-  std::string host_;
-  int port_;
+  void connect();
+  [[noreturn]] void fail(const char* step, int code) const;
+
+  Address address_;
   double timeoutSeconds_;
   zebstats::Connection connection_;
 };
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_GATEWAY_H
+#endif  // ZEBTOOL_GATEWAY_H

@@ -65,7 +65,8 @@ std::string folderOf(const std::string& path) {
 }  // namespace
 
 void printMessage(const std::string& message) {
-  writeAll(STDERR_FILENO, "zebstat: " + toShown(message) + "\n");
+  writeAll(STDERR_FILENO,
+           program_invocation_short_name + std::string(": ") + toShown(message) + "\n");
 }
 
 void endNow(int exitCode) {

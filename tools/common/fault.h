@@ -1,6 +1,6 @@
 // Exit codes, and the exception that main prints before it exits with one of them.
-#ifndef ZEBSTAT_FAULT_H
-#define ZEBSTAT_FAULT_H
+#ifndef ZEBTOOL_FAULT_H
+#define ZEBTOOL_FAULT_H
 
 #include <stdexcept>
 #include <string>
@@ -24,4 +24,4 @@ struct Fault : std::runtime_error {
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_FAULT_H
+#endif  // ZEBTOOL_FAULT_H

@@ -1,6 +1,6 @@
 // Applies --include and --exclude to an answer.
-#ifndef ZEBSTAT_FILTER_H
-#define ZEBSTAT_FILTER_H
+#ifndef ZEBTOOL_FILTER_H
+#define ZEBTOOL_FILTER_H
 
 #include <string>
 #include <vector>
@@ -32,4 +32,4 @@ class Filter {
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_FILTER_H
+#endif  // ZEBTOOL_FILTER_H

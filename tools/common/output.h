@@ -1,13 +1,13 @@
 // Writes results to standard output or to a file that is replaced atomically, and messages to
 // standard error.
-#ifndef ZEBSTAT_OUTPUT_H
-#define ZEBSTAT_OUTPUT_H
+#ifndef ZEBTOOL_OUTPUT_H
+#define ZEBTOOL_OUTPUT_H
 
 #include <string>
 
 namespace zebtool {
 
-// Prints the message on one line of standard error.
+// Prints the message on one line of standard error, after the program's name.
 void printMessage(const std::string& message);
 
 // Ends the process at once, without destructors; a signal handler may call it.
@@ -35,4 +35,4 @@ class OutputFile {
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_OUTPUT_H
+#endif  // ZEBTOOL_OUTPUT_H

@@ -1,0 +1,32 @@
+// Network addresses as every option of every program takes them: HOST, HOST:PORT, [IPV6] and
+// [IPV6]:PORT. An IPv6 address without a port needs no brackets.
+#ifndef ZEBTOOL_ADDRESS_H
+#define ZEBTOOL_ADDRESS_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zebtool {
+
+// The port on which gateways usually serve their statistics.
+constexpr int kStatisticsPort = 2980;
+
+struct Address {
+  std::string host;  // a name or a numeric address, without brackets
+  int port = kStatisticsPort;
+};
+
+// Parses the address of a server to connect to.
+std::optional<Address> parseAddress(std::string_view text, int defaultPort = kStatisticsPort);
+
+// Parses an address to listen on: the host may be missing, as in ":9480", which leaves host empty
+// and means all addresses; port 0 means any free port.
+std::optional<Address> parseListenAddress(std::string_view text, int defaultPort);
+
+// Returns HOST:PORT, with an IPv6 address in brackets.
+std::string showAddress(const Address& address);
+
+}  // namespace zebtool
+
+#endif  // ZEBTOOL_ADDRESS_H

@@ -1,0 +1,224 @@
+#include "gateway.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+using Kind = Question::Kind;
+
+// Returns the library's code, its meaning, and what to try.
+std::string explain(int code) {
+  const char* meaning = zebstats::describe(code);
+  const char* advice = "";
+  switch (code) {
+    case ZEB_WRONG_CONTENT:
+      meaning = "the answer is too big or damaged";
+      advice = "; ask for less at once";
+      break;
+    case ZEB_QUERY_TOO_LONG:
+      advice = "; ask for less at once";
+      break;
+    case ZEB_CONNECT_REFUSED:
+      advice = "; is it running?";
+      break;
+    case ZEB_CONNECT_FAILED:
+    case ZEB_COMMUNICATION_FAILED:
+      advice = "; is this its statistics port?";
+      break;
+    default:
+      break;
+  }
+  return "(" + std::to_string(code) + "): " + meaning + advice;
+}
+
+// ---- Connecting ---------------------------------------------------------------------------------
+
+bool isNumeric(const std::string& host) {
+  in_addr ignored;
+  return host.find(':') != std::string::npos || inet_pton(AF_INET, host.c_str(), &ignored) == 1;
+}
+
+// Returns the numeric addresses of a host in the order of the resolver; none if it is unknown.
+std::vector<std::string> resolve(const std::string& host) {
+  if (isNumeric(host)) return {host};
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return {};
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  std::vector<std::string> addresses;
+  for (; found != nullptr; found = found->ai_next) {
+    char text[NI_MAXHOST];
+    int failed = getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0,
+                             NI_NUMERICHOST);
+    if (failed == 0 && std::find(addresses.begin(), addresses.end(), text) == addresses.end())
+      addresses.emplace_back(text);
+  }
+  return addresses;
+}
+
+// ---- Asking -------------------------------------------------------------------------------------
+
+using Elements = std::span<const std::string>;
+
+std::string join(Elements elements) {
+  std::string joined;
+  for (const std::string& element : elements) joined += (joined.empty() ? "" : ":") + element;
+  return joined;
+}
+
+std::string_view valueOf(const zebstats::Stat& stat) {
+  return stat.value;
+}
+std::string_view valueOf(const zebstats::Id&) {
+  return {};
+}
+
+// Collects the answer to one question, which takes several queries if it is too large for one.
+class Asker {
+ public:
+  explicit Asker(zebstats::Connection& connection) : connection_(connection) {}
+
+  // Returns the library's code. After a failure, failedStep() says what failed.
+  int ask(const Question& question) {
+    switch (question.kind) {
+      case Kind::kStats:
+      case Kind::kIds:
+        return askAll(question.kind);
+      case Kind::kStatsById:
+      case Kind::kStatsByGroup:
+      case Kind::kIdsByGroup:
+        return askFor(question.kind, question.elements);
+      case Kind::kGroups:
+        break;
+    }
+    return take(connection_.groups());
+  }
+
+  [[nodiscard]] const char* failedStep() const { return failedStep_; }
+  Answer takeAnswer() { return std::move(answer_); }
+
+ private:
+  static bool isTooLarge(int code) {
+    return code == ZEB_WRONG_CONTENT || code == ZEB_QUERY_TOO_LONG;
+  }
+
+  // If the answer is too large, asks for the statistics or ids of each group. Entries then have no
+  // element, as in an undivided answer.
+  int askAll(Kind kind) {
+    int code = kind == Kind::kStats ? take(connection_.stats()) : take(connection_.ids());
+    if (!isTooLarge(code)) return code;
+    Asker groups(connection_);
+    if (int failed = groups.ask({Kind::kGroups, {}}); failed != ZEB_OK) return code;
+    code = askFor(kind == Kind::kStats ? Kind::kStatsByGroup : Kind::kIdsByGroup, groups.ids());
+    for (Entry& entry : answer_.entries) entry.element.clear();
+    return code;
+  }
+
+  // If the answer is too large, asks for each half of the elements, and for the statistics of a
+  // single group by their ids.
+  int askFor(Kind kind, Elements elements) {
+    int code = query(kind, join(elements));
+    if (!isTooLarge(code)) return code;
+    if (elements.size() > 1) {
+      std::size_t half = elements.size() / 2;
+      int first = askFor(kind, elements.first(half));
+      return first != ZEB_OK ? first : askFor(kind, elements.subspan(half));
+    }
+    if (kind != Kind::kStatsByGroup || elements.empty()) return code;
+    return askById(elements.front(), code);
+  }
+
+  // Asks for the statistics of a group whose answer is too large, which ended with that code.
+  int askById(const std::string& group, int code) {
+    Asker members(connection_);
+    if (members.query(Kind::kIdsByGroup, group) != ZEB_OK) return code;
+    std::size_t had = answer_.entries.size();
+    code = askFor(Kind::kStatsById, members.ids());
+    for (std::size_t i = had; i < answer_.entries.size(); ++i) answer_.entries[i].element = group;
+    return code;
+  }
+
+  int query(Kind kind, const std::string& elements) {
+    if (kind == Kind::kStatsById) return take(connection_.statsByIds(elements.c_str()));
+    if (kind == Kind::kStatsByGroup) return take(connection_.statsByGroups(elements.c_str()));
+    return take(connection_.idsByGroups(elements.c_str()));
+  }
+
+  // Adds an answer, or nothing if it cannot be read to its end.
+  template <typename Set>
+  int take(Set set) {
+    failedStep_ = "ask";
+    int code = set.error().code();
+    if (code != ZEB_OK) return code;
+    Answer read;
+    for (const auto& entry : set) add(read, entry, valueOf(entry));
+    code = set.error().code();
+    failedStep_ = "read the answer";
+    if (code != ZEB_OK) return code;
+    std::move(read.entries.begin(), read.entries.end(), std::back_inserter(answer_.entries));
+    std::move(read.refusals.begin(), read.refusals.end(), std::back_inserter(answer_.refusals));
+    return ZEB_OK;
+  }
+
+  static void add(Answer& answer, const zebstats::Id& id, std::string_view value) {
+    if (id.ok()) {
+      answer.entries.push_back({std::string(id.element), std::string(id.id), std::string(value)});
+    } else {
+      answer.refusals.push_back({std::string(id.element), id.elementCode});
+    }
+  }
+
+  [[nodiscard]] std::vector<std::string> ids() const {
+    std::vector<std::string> ids;
+    for (const Entry& entry : answer_.entries) ids.push_back(entry.id);
+    return ids;
+  }
+
+  zebstats::Connection& connection_;
+  Answer answer_;
+  const char* failedStep_ = "";
+};
+
+}  // namespace
+
+void Gateway::connect() {
+  using Clock = std::chrono::steady_clock;
+  auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds_);
+  int code = ZEB_HOST_UNKNOWN;
+  for (const std::string& host : resolve(address_.host)) {
+    code = connection_.open(host.c_str(), address_.port).code();
+    if (code == ZEB_OK || Clock::now() >= end) break;
+  }
+  if (code != ZEB_OK) fail("connect", code);
+}
+
+void Gateway::fail(const char* step, int code) const {
+  if (isTimeout(code)) {
+    throw GatewayFault(
+        kTimedOut, name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s", code);
+  }
+  throw GatewayFault(kNotConnected, name() + ": cannot " + step + " " + explain(code), code);
+}
+
+Answer Gateway::ask(const Question& question) {
+  if (!connection_.isOpen()) connect();
+  Asker asker(connection_);
+  int code = asker.ask(question);
+  if (code != ZEB_OK) fail(asker.failedStep(), code);
+  return asker.takeAnswer();
+}
+
+}  // namespace zebtool
