@@ -75,7 +75,7 @@ endforeach()
 
 if(ZEB_BUILD_TOOLS)
   install(TARGETS zebstat zebgatewaysim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(FILES man/zebstat.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
+  install(FILES man/zebstat.1 man/zebstat-live.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
 endif()
 
 # ---- Debian packages -----------------------------------------------------------------------------

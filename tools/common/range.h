@@ -1,8 +1,8 @@
 // Ranges as monitoring plug-ins write them: 10 (0 to 10), 10:20, 10: (10 and more), ~:10 (10 and
 // less). A value outside the range raises the alarm; if the range starts with @, a value inside
 // does.
-#ifndef ZEBSTAT_RANGE_H
-#define ZEBSTAT_RANGE_H
+#ifndef ZEBTOOL_RANGE_H
+#define ZEBTOOL_RANGE_H
 
 #include <optional>
 #include <string>
@@ -27,4 +27,4 @@ std::optional<Range> parseRange(std::string_view text);
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_RANGE_H
+#endif  // ZEBTOOL_RANGE_H

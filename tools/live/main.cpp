@@ -1,0 +1,198 @@
+// zebstat-live: shows the statistics of gateways on the whole screen. `zebstat live` executes it.
+#include <curses.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <string>
+
+#include "fault.h"
+#include "history.h"
+#include "options.h"
+#include "output.h"
+#include "poller.h"
+#include "screen.h"
+#include "text.h"
+#include "zebstats.hpp"
+
+namespace zebtool {
+
+namespace {
+
+constexpr int kEscape = 27;
+constexpr int kControlL = 12;
+constexpr int kControlC = 3;
+constexpr int kRedrawMilliseconds = 1000;  // the clock, and how long an outage has lasted
+
+// Takes the key for the filter that is being typed.
+void typeFilter(ScreenState& state, int key, const std::string& text) {
+  std::string& filter = state.view.filter;
+  if (key == '\n' || key == '\r' || key == KEY_ENTER || key == kEscape) {
+    state.isTyping = false;
+    if (key == kEscape) filter.clear();
+  } else if (key == KEY_BACKSPACE || key == '\b' || key == 0x7F) {
+    while (!filter.empty() && (filter.back() & 0xC0) == 0x80) filter.pop_back();
+    if (!filter.empty()) filter.pop_back();
+  } else if (key == -1) {
+    filter += text;
+  } else if (key >= ' ' && key < 0x7F) {
+    filter += static_cast<char>(key);
+  }
+  state.top = 0;
+}
+
+void scrollBy(ScreenState& state, long lines) {
+  long top = std::max(0L, static_cast<long>(state.top) + lines);
+  state.top = static_cast<std::size_t>(top);
+}
+
+void sortBy(ScreenState& state, Order order) {
+  state.view.order = order;
+  state.top = 0;
+}
+
+// Returns whether the key ends the program.
+bool handleKey(ScreenState& state, History& history, int key, const std::string& text) {
+  constexpr long kAll = 1L << 30;
+  long page = static_cast<long>(state.page);
+  if (key == kControlC) return true;
+  if (state.isTyping) {
+    typeFilter(state, key, text);
+    return false;
+  }
+  switch (key) {
+    case 'q':
+      return true;
+    case KEY_UP:
+    case 'k':
+      scrollBy(state, -1);
+      break;
+    case KEY_DOWN:
+    case 'j':
+      scrollBy(state, 1);
+      break;
+    case KEY_PPAGE:
+      scrollBy(state, -page);
+      break;
+    case KEY_NPAGE:
+    case ' ':
+      scrollBy(state, page);
+      break;
+    case KEY_HOME:
+      scrollBy(state, -kAll);
+      break;
+    case KEY_END:
+      scrollBy(state, kAll);
+      break;
+    case 'n':
+      sortBy(state, Order::kName);
+      break;
+    case 'c':
+      sortBy(state, Order::kChange);
+      break;
+    case 'r':
+      sortBy(state, Order::kRate);
+      break;
+    case 'a':
+      state.view.onlyChanged = !state.view.onlyChanged;
+      break;
+    case '/':
+      state.isTyping = true;
+      break;
+    case kEscape:
+      state.showsKeys = false;
+      state.view.filter.clear();
+      break;
+    case 'x':
+      history.clearMarks();
+      break;
+    case 'h':
+    case '?':
+      state.showsKeys = !state.showsKeys;
+      break;
+    case kControlL:
+      clearok(curscr, TRUE);
+      break;
+    default:
+      break;
+  }
+  return false;
+}
+
+// Blocks the signals that end the program in this thread and those it starts, and returns a
+// descriptor from which they are read.
+int holdEndingSignals() {
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  return signalfd(-1, &ending, SFD_CLOEXEC);
+}
+
+void takeResults(Poller& poller, History& history) {
+  for (const PollResult& result : poller.takeResults()) {
+    if (result.trouble.empty()) {
+      history.take(result.gateway, result.answer, LiveClock::now());
+    } else {
+      history.lose(result.gateway, result.trouble);
+    }
+  }
+}
+
+void show(const LiveOptions& options) {
+  std::vector<std::string> names;
+  for (const Address& address : options.poll.gateways) names.push_back(showAddress(address));
+  History history(std::move(names), options.limits);
+  int signals = holdEndingSignals();
+  Screen screen;
+  Poller poller(options.poll);
+  ScreenState state{options.view, 0, 1, false, false, showNumber(options.poll.intervalSeconds, 1)};
+  for (;;) {
+    screen.draw(history, state);
+    pollfd sources[] = {
+        {STDIN_FILENO, POLLIN, 0}, {poller.descriptor(), POLLIN, 0}, {signals, POLLIN, 0}};
+    poll(sources, 3, kRedrawMilliseconds);  // a change of the window's size interrupts it
+    if (sources[2].revents != 0) return;
+    if ((sources[0].revents & (POLLHUP | POLLERR)) != 0) return;
+    takeResults(poller, history);
+    std::string text;
+    for (int key = screen.readKey(text); key != 0; key = screen.readKey(text)) {
+      if (handleKey(state, history, key, text)) return;
+    }
+  }
+}
+
+int run(int argc, char** argv) {
+  std::optional<LiveOptions> options = parseLiveOptions(argc, argv);
+  if (!options) return kDone;
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+    throw Fault(kUsage, "live needs a terminal; for pipes and files use zebstat stats --watch");
+  int code = setAPITimeout(static_cast<int>(options->poll.timeoutSeconds * 1000 + 0.5));
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+  show(*options);
+  return kDone;
+}
+
+}  // namespace
+
+}  // namespace zebtool
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);
+  int code = zebtool::kNotConnected;
+  try {
+    code = zebtool::run(argc, argv);
+  } catch (const zebtool::Fault& fault) {
+    zebtool::printMessage(fault.what());
+    code = fault.exitCode;
+  } catch (const std::exception& fault) {
+    zebtool::printMessage(fault.what());
+  }
+  fflush(stdout);
+  zebtool::endNow(code);  // threads may still wait for gateways
+}

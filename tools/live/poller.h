@@ -1,0 +1,54 @@
+// Asks the gateways side by side, each in a thread of its own, because a connection belongs to the
+// thread that opened it.
+#ifndef ZEBSTAT_LIVE_POLLER_H
+#define ZEBSTAT_LIVE_POLLER_H
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "filter.h"
+#include "gateway.h"
+
+namespace zebtool {
+
+// What one gateway was asked, and by when it is asked again.
+struct PollOptions {
+  std::vector<Address> gateways;
+  Question question;
+  Filter filter;
+  double timeoutSeconds = 0;
+  double intervalSeconds = 0;
+};
+
+struct PollResult {
+  std::size_t gateway = 0;
+  Answer answer;
+  std::string trouble;  // empty if there is an answer
+};
+
+class Poller {
+ public:
+  explicit Poller(PollOptions options);
+  // Waits a moment for the threads to close their connections. A thread that waits for a gateway is
+  // left alone: the caller must end the process next.
+  ~Poller();
+  Poller(const Poller&) = delete;
+  Poller& operator=(const Poller&) = delete;
+
+  // A descriptor that is readable if there are results.
+  [[nodiscard]] int descriptor() const;
+  std::vector<PollResult> takeResults();
+
+ private:
+  struct Shared;
+  static void serve(const std::shared_ptr<Shared>& shared, std::size_t index);
+  std::shared_ptr<Shared> shared_;  // also held by each thread
+};
+
+}  // namespace zebtool
+
+#endif  // ZEBSTAT_LIVE_POLLER_H

@@ -1,0 +1,260 @@
+#include "screen.h"
+
+#include <curses.h>
+#include <langinfo.h>
+
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <cstring>
+#include <ctime>
+#include <cwchar>
+#include <utility>
+
+#include "fault.h"
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+constexpr std::size_t kTraceColumns = 20;
+constexpr std::size_t kMaxIdColumns = 40;
+constexpr std::size_t kMaxGatewayColumns = 28;
+constexpr std::size_t kMaxValueColumns = 24;
+
+enum Colour : short { kPlain = 0, kChanged = 1, kWarned = 2, kCritical = 3, kDim = 4 };
+
+constexpr std::array<const char*, 8> kBars{"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr char kAsciiBars[] = "_.-:=+*#";
+
+std::string showTime(std::chrono::system_clock::time_point at) {
+  std::time_t seconds = std::chrono::system_clock::to_time_t(at);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char text[16];
+  std::strftime(text, sizeof text, "%H:%M:%S", &local);
+  return text;
+}
+
+// Returns how long ago that was, as 17 s, 5 min or 3 h.
+std::string showAge(std::chrono::system_clock::time_point since) {
+  auto age = std::chrono::system_clock::now() - since;
+  long seconds = std::max<long>(0, std::chrono::duration_cast<std::chrono::seconds>(age).count());
+  if (seconds < 120) return std::to_string(seconds) + " s";
+  return seconds < 7200 ? std::to_string(seconds / 60) + " min"
+                        : std::to_string(seconds / 3600) + " h";
+}
+
+std::string showChange(const std::optional<long double>& number) {
+  return number ? showNumber(*number, 2) : "-";
+}
+
+std::string drawMinute(const Statistic& statistic, bool isUtf8) {
+  std::string text;
+  for (int level : traceMinute(statistic, kTraceColumns, LiveClock::now())) {
+    auto index = static_cast<std::size_t>(level);
+    text += level < 0 ? " " : isUtf8 ? kBars[index] : std::string(1, kAsciiBars[index]);
+  }
+  return text;
+}
+
+attr_t attributesFor(const Statistic& statistic, bool isStale) {
+  if (isStale) return A_DIM;
+  if (statistic.alarm == Alarm::kCritical)
+    return static_cast<attr_t>(COLOR_PAIR(kCritical)) | A_BOLD;
+  if (statistic.alarm == Alarm::kWarning) return static_cast<attr_t>(COLOR_PAIR(kWarned)) | A_BOLD;
+  bool isFresh =
+      statistic.samples.size() > 1 &&
+      statistic.samples.back().value != statistic.samples[statistic.samples.size() - 2].value;
+  return isFresh ? static_cast<attr_t>(COLOR_PAIR(kChanged)) : A_NORMAL;
+}
+
+// A value that is in alarm is marked with ! or !!, one that was with . or ..
+const char* markFor(const Statistic& statistic) {
+  if (statistic.alarm == Alarm::kCritical) return "!!";
+  if (statistic.alarm == Alarm::kWarning) return "!";
+  return statistic.worst == Alarm::kCritical ? ".." : statistic.worst == Alarm::kWarning ? "." : "";
+}
+
+struct Column {
+  const char* heading;
+  std::size_t width;
+  std::size_t most;
+  bool isRightAligned;
+
+  void fit(const std::string& cell) { width = std::min(std::max(width, columnsOf(cell)), most); }
+};
+
+}  // namespace
+
+Screen::Screen() {
+  std::setlocale(LC_ALL, "");
+  std::setlocale(LC_NUMERIC, "C");
+  isUtf8_ = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+  if (newterm(nullptr, stdout, stdin) == nullptr)
+    throw Fault(kUsage, "the terminal is not known to curses; set TERM, or use stats --watch");
+  cbreak();
+  noecho();
+  nonl();
+  curs_set(0);
+  set_escdelay(25);
+  keypad(stdscr, TRUE);
+  nodelay(stdscr, TRUE);
+  if (!has_colors()) return;
+  start_color();
+  use_default_colors();
+  init_pair(kChanged, COLOR_GREEN, -1);
+  init_pair(kWarned, COLOR_YELLOW, -1);
+  init_pair(kCritical, COLOR_RED, -1);
+}
+
+Screen::~Screen() {
+  endwin();
+}
+
+int Screen::readKey(std::string& text) {
+  wint_t key = 0;
+  int kind = get_wch(&key);
+  if (kind == ERR) return 0;
+  if (kind == KEY_CODE_YES || key < 0x80) return static_cast<int>(key);
+  std::mbstate_t state{};
+  std::array<char, 16> bytes{};
+  std::size_t length = std::wcrtomb(bytes.data(), static_cast<wchar_t>(key), &state);
+  text = length < bytes.size() ? std::string(bytes.data(), length) : "";
+  return -1;
+}
+
+// Prints as much of the text as fits. A terminal without UTF-8 gets '?' for other characters.
+void Screen::print(int row, int column, const std::string& text, int width) {
+  if (row < 0 || row >= LINES || column >= COLS || width <= 0) return;
+  std::string shown = cutToColumns(text, static_cast<std::size_t>(std::min(width, COLS - column)));
+  if (!isUtf8_)
+    std::replace_if(
+        shown.begin(), shown.end(), [](char c) { return (c & 0x80) != 0; }, '?');
+  mvaddstr(row, column, shown.c_str());
+}
+
+void Screen::draw(const History& history, ScreenState& state) {
+  std::vector<const Statistic*> shown = select(history, state.view, LiveClock::now());
+  erase();
+  drawHeader(history, state, shown.size());
+  if (state.showsKeys) {
+    drawKeys();
+  } else {
+    drawTable(history, state, shown, drawTroubles(history));
+  }
+  refresh();
+}
+
+void Screen::drawHeader(const History& history, const ScreenState& state, std::size_t shown) {
+  std::string title = history.gateways().size() == 1
+                          ? history.gateways().front().name
+                          : std::to_string(history.gateways().size()) + " gateways";
+  constexpr const char* kOrders[] = {"name", "change", "rate"};
+  title += "  every " + state.interval + " s  " + std::to_string(shown) + " of " +
+           std::to_string(history.statistics().size()) +
+           (state.view.onlyChanged ? " (only changed)" : "") + " by " +
+           kOrders[static_cast<int>(state.view.order)];
+  attron(A_BOLD);
+  print(0, 0, title, COLS);
+  attroff(A_BOLD);
+  std::string right = showTime(std::chrono::system_clock::now()) + "  h: keys  q: end";
+  if (COLS > static_cast<int>(columnsOf(title) + right.size() + 2))
+    print(0, COLS - static_cast<int>(right.size()), right, COLS);
+  if (state.isTyping || !state.view.filter.empty())
+    print(1, 0, "filter: " + toShown(state.view.filter) + (state.isTyping ? "_" : ""), COLS);
+}
+
+// Returns the first row below.
+int Screen::drawTroubles(const History& history) {
+  int row = 2;
+  attron(COLOR_PAIR(kCritical));
+  for (const GatewayState& gateway : history.gateways()) {
+    if (gateway.trouble.empty() || row >= LINES / 2) continue;
+    print(row++, 0,
+          "no answer since " + showTime(gateway.troubleSince) + " (" +
+              showAge(gateway.troubleSince) + "): " + toShown(gateway.trouble),
+          COLS);
+  }
+  attroff(COLOR_PAIR(kCritical));
+  return row;
+}
+
+// Returns the cells of a statistic. A text has no change, rate and last minute.
+std::vector<std::string> Screen::cellsFor(const History& history,
+                                          const Statistic& statistic) const {
+  std::vector<std::string> cells{markFor(statistic)};
+  if (history.gateways().size() > 1)
+    cells.push_back(toShown(history.gateways()[statistic.gateway].name));
+  cells.insert(cells.end(), {toShown(statistic.id), toShown(statistic.value)});
+  if (statistic.isNumber) {
+    cells.insert(cells.end(), {showChange(statistic.change()), showChange(statistic.rate()),
+                               drawMinute(statistic, isUtf8_)});
+  }
+  return cells;
+}
+
+void Screen::drawTable(const History& history, ScreenState& state,
+                       const std::vector<const Statistic*>& shown, int row) {
+  std::vector<Column> columns{{"", 2, kMaxIdColumns, false}};
+  if (history.gateways().size() > 1) columns.push_back({"GATEWAY", 7, kMaxGatewayColumns, false});
+  columns.insert(columns.end(), {{"STATISTIC", 9, kMaxIdColumns, false},
+                                 {"VALUE", 8, kMaxValueColumns, true},
+                                 {"CHANGE", 10, kMaxValueColumns, true},
+                                 {"PER SECOND", 10, kMaxValueColumns, true},
+                                 {"LAST MINUTE", kTraceColumns, kTraceColumns, false}});
+  std::vector<std::vector<std::string>> rows;
+  for (const Statistic* statistic : shown) {
+    rows.push_back(cellsFor(history, *statistic));
+    for (std::size_t i = 0; i < rows.back().size(); ++i) columns[i].fit(rows.back()[i]);
+  }
+  auto printRow = [&](const std::vector<std::string>& cells) {
+    int start = 0;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      auto width = static_cast<int>(columns[i].width);
+      int used = std::min(static_cast<int>(columnsOf(cells[i])), width);
+      print(row, columns[i].isRightAligned ? start + width - used : start, cells[i], width);
+      start += width + 2;
+    }
+    ++row;
+  };
+  std::vector<std::string> heading;
+  for (const Column& column : columns) heading.emplace_back(column.heading);
+  attron(A_REVERSE);
+  mvhline(row, 0, ' ', COLS);
+  printRow(heading);
+  attroff(A_REVERSE);
+
+  state.page = static_cast<std::size_t>(std::max(1, LINES - row));
+  state.top = std::min(state.top, shown.size() > state.page ? shown.size() - state.page : 0);
+  for (std::size_t i = state.top; i < shown.size() && row < LINES; ++i) {
+    bool isStale = !history.gateways()[shown[i]->gateway].trouble.empty();
+    attr_t attributes = attributesFor(*shown[i], isStale);
+    attron(attributes);
+    printRow(rows[i]);
+    attroff(attributes);
+  }
+}
+
+void Screen::drawKeys() {
+  constexpr const char* kKeys[] = {
+      "Up, Down, j, k       one line up or down",
+      "Page Up, Page Down   one page up or down; Space is Page Down",
+      "Home, End            the first, the last statistic",
+      "n, c, r              sort by name, by change in the last minute, by rate",
+      "a                    show all, or only what has changed in the last minute",
+      "/                    filter as you type: a part of an id, or a glob such as REQ_*",
+      "                     Enter keeps the filter, Esc shows all again",
+      "x                    clear the marks of alarms that are over",
+      "q                    end",
+      "",
+      "!  !!                the value is beyond its --warning, its --critical range",
+      ".  ..                it was",
+      "LAST MINUTE          the value, or its rate if it has only grown",
+  };
+  int row = 2;
+  for (const char* line : kKeys) print(row++, 2, line, COLS);
+}
+
+}  // namespace zebtool
