@@ -16,7 +16,6 @@
 #include "output.h"
 #include "poller.h"
 #include "screen.h"
-#include "text.h"
 #include "zebstats.hpp"
 
 namespace zebtool {
@@ -26,6 +25,8 @@ namespace {
 constexpr int kEscape = 27;
 constexpr int kControlL = 12;
 constexpr int kControlC = 3;
+constexpr double kShortestInterval = 0.1;
+constexpr double kLongestInterval = 3600;
 constexpr int kRedrawMilliseconds = 1000;  // the clock, and how long an outage has lasted
 
 // Takes the key for the filter that is being typed.
@@ -76,6 +77,7 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
       scrollBy(state, 1);
       break;
     case KEY_PPAGE:
+    case 'b':
       scrollBy(state, -page);
       break;
     case KEY_NPAGE:
@@ -83,9 +85,11 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
       scrollBy(state, page);
       break;
     case KEY_HOME:
+    case 'g':
       scrollBy(state, -kAll);
       break;
     case KEY_END:
+    case 'G':
       scrollBy(state, kAll);
       break;
     case 'n':
@@ -106,6 +110,12 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
     case kEscape:
       state.showsKeys = false;
       state.view.filter.clear();
+      break;
+    case '+':
+      state.intervalSeconds = std::max(state.intervalSeconds / 2, kShortestInterval);
+      break;
+    case '-':
+      state.intervalSeconds = std::min(state.intervalSeconds * 2, kLongestInterval);
       break;
     case 'x':
       history.clearMarks();
@@ -150,7 +160,7 @@ void show(const LiveOptions& options) {
   int signals = holdEndingSignals();
   Screen screen;
   Poller poller(options.poll);
-  ScreenState state{options.view, 0, 1, false, false, showNumber(options.poll.intervalSeconds, 1)};
+  ScreenState state{options.view, 0, 1, false, false, options.poll.intervalSeconds};
   for (;;) {
     screen.draw(history, state);
     pollfd sources[] = {
@@ -163,6 +173,7 @@ void show(const LiveOptions& options) {
     for (int key = screen.readKey(text); key != 0; key = screen.readKey(text)) {
       if (handleKey(state, history, key, text)) return;
     }
+    poller.setInterval(state.intervalSeconds);
   }
 }
 

@@ -22,7 +22,8 @@ constexpr double kShortestRetry = 1;  // seconds, to spare a gateway that is sta
 }  // namespace
 
 struct Poller::Shared {
-  explicit Shared(PollOptions given) : options(std::move(given)) {}
+  explicit Shared(PollOptions given)
+      : options(std::move(given)), intervalSeconds(options.intervalSeconds) {}
 
   const PollOptions options;
   const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -30,6 +31,7 @@ struct Poller::Shared {
   std::condition_variable changed;
   std::vector<PollResult> results;
   std::size_t running = 0;
+  double intervalSeconds;
   bool isStopping = false;
 };
 
@@ -59,6 +61,11 @@ std::vector<PollResult> Poller::takeResults() {
   return std::exchange(shared_->results, {});
 }
 
+void Poller::setInterval(double seconds) {
+  std::lock_guard lock(shared_->mutex);
+  shared_->intervalSeconds = seconds;
+}
+
 void Poller::serve(const std::shared_ptr<Shared>& shared, std::size_t index) {
   const PollOptions& options = shared->options;
   Gateway gateway(options.gateways[index], options.timeoutSeconds);
@@ -68,15 +75,15 @@ void Poller::serve(const std::shared_ptr<Shared>& shared, std::size_t index) {
     lock.unlock();
     Clock::time_point start = Clock::now();
     PollResult result{index, {}, {}};
-    double pause = options.intervalSeconds;
     try {
       result.answer = gateway.ask(options.question);
       filter.apply(result.answer);
     } catch (const GatewayFault& fault) {
       result.trouble = fault.what();
-      pause = std::max(pause, kShortestRetry);
     }
     lock.lock();
+    double pause = shared->intervalSeconds;
+    if (!result.trouble.empty()) pause = std::max(pause, kShortestRetry);
     shared->results.push_back(std::move(result));
     eventfd_write(shared->event, 1);
     auto next =

@@ -15,7 +15,7 @@
 
 namespace zebtool {
 
-// What one gateway was asked, and by when it is asked again.
+// What the gateways are asked, and how often.
 struct PollOptions {
   std::vector<Address> gateways;
   Question question;
@@ -42,6 +42,8 @@ class Poller {
   // A descriptor that is readable if there are results.
   [[nodiscard]] int descriptor() const;
   std::vector<PollResult> takeResults();
+  // Sets how often the gateways are asked, from the next answer of each on.
+  void setInterval(double seconds);
 
  private:
   struct Shared;

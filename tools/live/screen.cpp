@@ -152,8 +152,8 @@ void Screen::drawHeader(const History& history, const ScreenState& state, std::s
                           ? history.gateways().front().name
                           : std::to_string(history.gateways().size()) + " gateways";
   constexpr const char* kOrders[] = {"name", "change", "rate"};
-  title += "  every " + state.interval + " s  " + std::to_string(shown) + " of " +
-           std::to_string(history.statistics().size()) +
+  title += "  every " + showNumber(state.intervalSeconds, 1) + " s  " + std::to_string(shown) +
+           " of " + std::to_string(history.statistics().size()) +
            (state.view.onlyChanged ? " (only changed)" : "") + " by " +
            kOrders[static_cast<int>(state.view.order)];
   attron(A_BOLD);
@@ -240,12 +240,13 @@ void Screen::drawTable(const History& history, ScreenState& state,
 void Screen::drawKeys() {
   constexpr const char* kKeys[] = {
       "Up, Down, j, k       one line up or down",
-      "Page Up, Page Down   one page up or down; Space is Page Down",
-      "Home, End            the first, the last statistic",
+      "Page Up, Page Down   one page up or down; also b and Space",
+      "Home, End            the first, the last statistic; also g and G",
       "n, c, r              sort by name, by change in the last minute, by rate",
       "a                    show all, or only what has changed in the last minute",
       "/                    filter as you type: a part of an id, or a glob such as REQ_*",
       "                     Enter keeps the filter, Esc shows all again",
+      "+, -                 ask twice, half as often",
       "x                    clear the marks of alarms that are over",
       "q                    end",
       "",

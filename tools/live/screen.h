@@ -18,7 +18,7 @@ struct ScreenState {
   std::size_t page = 1;   // how many were drawn
   bool isTyping = false;  // a filter
   bool showsKeys = false;
-  std::string interval;
+  double intervalSeconds = 0;
 };
 
 // Takes over the terminal; the destructor gives it back.
