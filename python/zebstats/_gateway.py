@@ -132,7 +132,8 @@ class _Questions:
 
     def groups(self) -> _IdWalk:
         walk = _IdWalk()
-        self._ask_or_raise(_library.get_groups, None, walk)
+        if not self._ask(_library.get_groups, None, walk, None):
+            raise self._too_large("the list of groups")
         return walk
 
     def ids(self, groups: Optional[List[bytes]]) -> _IdWalk:
@@ -171,15 +172,16 @@ class _Questions:
             self._collect_elements(query, elements[half:], walk, element)
             return
         if query is not _library.get_stats_by_group:
-            raise make_error(codes.ZEB_WRONG_CONTENT, self._session.what)
+            raise self._too_large(f"'{decode(elements[0])}'")
         members = self.ids(elements)
         walk.refused += members.refused
         name = decode(elements[0]) if element is None else element
         self._collect_elements(_library.get_stats_by_id, members.entries, walk, name)
 
-    def _ask_or_raise(self, query: _Query, text: Optional[bytes], walk: _Walk) -> None:
-        if not self._ask(query, text, walk, None):
-            raise make_error(codes.ZEB_WRONG_CONTENT, self._session.what)
+    def _too_large(self, what: str) -> Error:
+        return make_error(
+            codes.ZEB_WRONG_CONTENT, f"{self._session.what}: {what} is too large for an answer"
+        )
 
     def _ask(
         self, query: _Query, text: Optional[bytes], walk: _Walk, element: Optional[str]
