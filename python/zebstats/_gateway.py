@@ -246,9 +246,9 @@ class Gateway:
         """Returns the statistics with the given ids, those of the given groups, or all.
 
         An answer that is too large for one query of the protocol is asked for in pieces, which are
-        then not of the same moment. If the gateway refuses an element, RefusedError is raised, which
-        has the rest as its answer; with partial the rest is returned, and its `refused` lists
-        what was refused.
+        then not of the same moment. If the gateway refuses an element, RefusedError is raised,
+        which has the rest as its answer; with partial the rest is returned, and its `refused`
+        lists what was refused.
         """
         if ids is not None and groups is not None:
             raise TypeError("stats() takes ids or groups, not both")
