@@ -49,7 +49,7 @@ def took(test, least, most):
     test.assertTrue(least <= time.monotonic() - start <= most, time.monotonic() - start)
 
 
-def interrupt_soon(call, after=0.2):
+def run_soon(call, after=0.2):
     timer = threading.Timer(after, call)
     timer.start()
     return timer
@@ -114,7 +114,8 @@ class Tables(unittest.TestCase):
 
 class Answers(unittest.TestCase):
     def test_stats_ids_and_groups(self):
-        with zebstats.connect(Simulator(self).address, timeout=20) as gateway:
+        simulator, open_files = Simulator(self), os.listdir("/proc/self/fd")
+        with zebstats.connect(simulator.address, timeout=20) as gateway:
             groups, ids, stats = gateway.groups(), gateway.ids(), gateway.stats()
             self.assertIn("LINK", groups)
             self.assertEqual([stat.id for stat in stats], ids)
@@ -128,6 +129,7 @@ class Answers(unittest.TestCase):
             self.assertRegex(gateway.version, r"^\d+_")
         self.assertEqual(len(stats), len(ids))  # answers outlive the connection
         self.assertFalse(gateway.is_open)
+        self.assertEqual(os.listdir("/proc/self/fd"), open_files)
         self.assertRaises(zebstats.ClosedError, gateway.stats)
         gateway.close()
 
@@ -151,7 +153,9 @@ class Answers(unittest.TestCase):
             stats = gateway.stats(groups=groups)
             self.assertEqual(len({stat.id for stat in stats}), 10 * 400 * len(groups))
             self.assertEqual(list(dict.fromkeys(stat.element for stat in stats)), groups)
-            for ids in (gateway.ids(), [stat.id for stat in gateway.stats()]):
+            everything = gateway.stats()
+            self.assertEqual({stat.element for stat in everything}, {""})
+            for ids in (gateway.ids(), [stat.id for stat in everything]):
                 self.assertEqual(ids, [stat.id for stat in stats])
             self.assertEqual([stat.id for stat in gateway.stats(ids=ids[:4000])], ids[:4000])
         with zebstats.connect(Simulator(self, "--scale", "900").address, timeout=60) as gateway:
@@ -179,7 +183,7 @@ class Failures(unittest.TestCase):
                 self.assertIn(address, str(error))
             self.assertRaises(zebstats.ArgumentError, zebstats.connect, silent, timeout=0)
             with self.assertRaises(KeyboardInterrupt), took(self, 0.1, 5):
-                interrupt_soon(lambda: os.kill(os.getpid(), signal.SIGINT))
+                run_soon(lambda: os.kill(os.getpid(), signal.SIGINT))
                 zebstats.connect(silent, timeout=30)
 
     def test_each_address_of_a_name_is_tried_and_gets_a_share_of_the_time(self):
@@ -210,7 +214,7 @@ class Failures(unittest.TestCase):
             with zebstats.connect(other.address, timeout=60) as witness:
                 gateway = zebstats.connect(simulator.address, timeout=timeout)
                 simulator.send(signal.SIGSTOP)
-                timer = interrupt_soon(lambda: end(gateway, simulator))
+                timer = run_soon(lambda: end(gateway, simulator))
                 with self.assertRaises(family), took(self, 0.15, 5):
                     gateway.stats()
                 timer.join()
@@ -218,6 +222,16 @@ class Failures(unittest.TestCase):
                 self.assertTrue(gateway._session._ended.wait(10))  # its thread has ended
                 self.assertRaises(zebstats.ClosedError, gateway.groups)
                 self.assertEqual(len(witness.stats()), 60)
+
+    def test_a_short_timeout_leaves_other_gateways_alone(self):
+        simulator, other = Simulator(self), Simulator(self)
+        with zebstats.connect(simulator.address, timeout=30) as patient, zebstats.connect(
+            other.address, timeout=0.2
+        ):
+            simulator.send(signal.SIGSTOP)
+            run_soon(lambda: simulator.send(signal.SIGCONT), after=0.6)
+            with took(self, 0.5, 20):
+                self.assertEqual(len(patient.stats()), 60)
 
     def test_a_gateway_may_be_used_from_any_thread_but_not_after_a_fork(self):
         with zebstats.connect(Simulator(self).address) as gateway:
