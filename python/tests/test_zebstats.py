@@ -35,6 +35,8 @@ class Simulator:
 
     def send(self, number):
         self.process.send_signal(number)
+        if number == signal.SIGSTOP:  # some of its threads may still answer until it has stopped
+            os.waitpid(self.process.pid, os.WUNTRACED)
 
     def end(self):
         self.process.kill()
