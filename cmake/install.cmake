@@ -1,6 +1,6 @@
 # Says which files `cmake --install` installs and where, and makes `cpack` build Debian packages of
-# them. There are three components, each of them a package: runtime, dev and tools. The top-level
-# CMakeLists.txt includes this file after all targets are defined.
+# them. There are four components, each of them a package: runtime, dev, python and tools. The
+# top-level CMakeLists.txt includes this file after all targets are defined.
 
 include(CMakePackageConfigHelpers)
 
@@ -44,7 +44,8 @@ install(CODE "
 install(FILES ${PROJECT_BINARY_DIR}/zebstats.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev)
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT dev
+  PATTERN "*.py" EXCLUDE)
 
 # ---- Manual pages --------------------------------------------------------------------------------
 
@@ -71,6 +72,22 @@ foreach(family ${zeb_man_families})
   endforeach()
 endforeach()
 
+# ---- Python --------------------------------------------------------------------------------------
+# Only for the Debian package, because other prefixes have no folder that every Python searches:
+# there, `pip install ./python` finds the right one.
+
+set(zeb_python_dir lib/python3/dist-packages)
+install(DIRECTORY python/zebstats DESTINATION ${zeb_python_dir} COMPONENT python EXCLUDE_FROM_ALL
+  PATTERN __pycache__ EXCLUDE)
+file(CONFIGURE OUTPUT python/METADATA
+  CONTENT "Metadata-Version: 2.1\nName: zebstats\nVersion: ${PROJECT_VERSION}\n")
+install(FILES ${PROJECT_BINARY_DIR}/python/METADATA COMPONENT python EXCLUDE_FROM_ALL
+  DESTINATION ${zeb_python_dir}/zebstats-${PROJECT_VERSION}.dist-info)
+install(FILES python/README.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-zebstats
+  COMPONENT python EXCLUDE_FROM_ALL)
+install(FILES examples/poll_gateways.py COMPONENT python EXCLUDE_FROM_ALL
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-zebstats/examples)
+
 # ---- Tools ---------------------------------------------------------------------------------------
 
 if(ZEB_BUILD_TOOLS)
@@ -86,7 +103,7 @@ set(CPACK_PACKAGE_CONTACT "zebstats maintainers <maintainers@zebstats.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each component has its own
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_COMPONENTS_ALL runtime dev python)
 if(ZEB_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -112,6 +129,14 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzebstats${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "statistics API of a transaction gateway (development)
 The headers for C and C++, the static library, manual pages and examples.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zebstats)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3 (>= 3.9), libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "statistics API of a transaction gateway (Python)
+Reads the runtime statistics of gateways into plain Python objects.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zebstats-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
