@@ -43,4 +43,4 @@ install_missing() {
 # The packages that every build needs, and those that the tests need too.
 BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libmicrohttpd-dev)
 # shellcheck disable=SC2034 # used by the scripts that source this file
-TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev python3)

@@ -167,7 +167,7 @@ std::optional<std::string> makeNumber(const std::string& value, const StatInfo* 
   std::optional<long double> number = parseNumber(value);
   if (!number || !std::isfinite(static_cast<double>(*number))) return std::nullopt;
   double factor = info != nullptr && info->unit != nullptr ? info->unit->factor : 1;
-  if (factor == 1 && isJsonNumber(value)) return value;
+  if (factor == 1) return value;
   return showDouble(static_cast<double>(*number * static_cast<long double>(factor)));
 }
 

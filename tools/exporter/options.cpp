@@ -18,8 +18,8 @@ constexpr char kHelp[] =
 Serves the statistics of gateways to Prometheus: /metrics asks all gateways.
 
   --gateway HOST[:PORT]...  the gateways; port 2980 if none is given
-  --targets FILE            more gateways, one a line; read again when it changes
-  --allow-target GLOB...    what /probe?target=HOST:PORT may ask; nothing if none
+  --targets FILE            more gateways, one a line; read when it changes
+  --allow-target GLOB...    what /probe?target=HOST:PORT may ask (nothing)
   --listen [HOST]:PORT      where to serve (127.0.0.1:9480); port 0 is any free
   --timeout SECONDS         how long a scrape waits for a gateway (5)
   --group GROUP...          only the statistics of these groups
