@@ -1,6 +1,6 @@
 # Says which files `cmake --install` installs and where, and makes `cpack` build Debian packages of
-# them. There are four components, each of them a package: runtime, dev, python and tools. The
-# top-level CMakeLists.txt includes this file after all targets are defined.
+# them. There are five components, each of them a package: runtime, dev, python, tools and
+# exporter. The top-level CMakeLists.txt includes this file after all targets are defined.
 
 include(CMakePackageConfigHelpers)
 
@@ -92,7 +92,12 @@ install(FILES examples/poll_gateways.py COMPONENT python EXCLUDE_FROM_ALL
 
 if(ZEB_BUILD_TOOLS)
   install(TARGETS zebstat zebgatewaysim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(FILES man/zebstat.1 man/zebstat-live.1 man/zebgatewaysim.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
+  install(FILES man/zebstat.1 man/zebstat-live.1 man/zebgatewaysim.1
+    DESTINATION ${zeb_man_dir}/man1 COMPONENT tools)
+  install(TARGETS zebstats-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT exporter)
+  install(FILES man/zebstats-exporter.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT exporter)
+  install(FILES share/zebgatewaysim-metadata.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats COMPONENT exporter)
 endif()
 
 # ---- Debian packages -----------------------------------------------------------------------------
@@ -105,7 +110,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime dev python)
 if(ZEB_BUILD_TOOLS)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
+  list(APPEND CPACK_COMPONENTS_ALL tools exporter)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -139,9 +144,15 @@ set(CPACK_COMPONENT_PYTHON_DESCRIPTION "statistics API of a transaction gateway 
 Reads the runtime statistics of gateways into plain Python objects.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zebstats-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-  "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "zebstats-exporter")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "shows the statistics of a transaction gateway
-zebstat shows, checks and exports statistics; zebgatewaysim is a simulated
-gateway for tests without a real one.")
+zebstat shows and checks statistics; zebgatewaysim is a simulated gateway for
+tests without a real one.")
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_NAME zebstats-exporter)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_DEPENDS
+  "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_EXPORTER_DESCRIPTION "serves gateway statistics to Prometheus
+zebstats-exporter asks any number of transaction gateways for their runtime
+statistics when a Prometheus server scrapes it.")
 include(CPack)

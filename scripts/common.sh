@@ -41,7 +41,7 @@ install_missing() {
 }
 
 # The packages that every build needs, and those that the tests need too.
-BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev prometheus-cpp-dev
+BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libmicrohttpd-dev
   libncurses-dev)
 # shellcheck disable=SC2034 # used by the scripts that source this file
-TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev tmux)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev python3 tmux)

@@ -117,7 +117,7 @@ ask 0 "${at[@]}" groups --format csv && shows "$stamp,HOST"$'\r'
 ask 0 "${at[@]}" stats --format csv HOST_SITE VM_NAME
 shows $'timestamp,group,id,value\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\""$'\r'
 ask 0 "${at[@]}" stats --format prometheus HOST_SITE HOST_CPUS
-shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' 'zebstats_info\{.*value="Århus, hall 2".*\} 1'
+shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' 'zebstats_host_site_info\{.*value="Århus, hall 2".*\} 1'
 
 # ---- Filters and files ----
 ask 0 "${at[@]}" ids --include '*_PEAK' --include 'VM_*' --exclude 'VM_HEAP*' --exclude 'NO_*'
@@ -192,7 +192,7 @@ ask 1 "${at[@]}" stats HOST_CPUS NO_SUCH # a refused element does not hide the o
 lines 2 1 && shows 'HOST_CPUS  16' && says "$here: cannot get 'NO_SUCH': .* \(its code -[0-9]+\).*"
 for wrong in "stats --port abc" "stats --port 65536" "stats --port" "nonsense" "" "groups VM" "--nonsense groups" \
   "stats VM_NAME --group VM" "stats --format yaml" "stats --watch=soon" "stats --count 2" "stats --timeout 0" \
-  "ids --format prometheus" "stats --trace 6" "exporter" "exporter --port 1 --gateway a:1" "stats --include"; do
+  "ids --format prometheus" "stats --trace 6" "stats --include"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 2 $wrong
   lines 0 1 && says 'zebstat: .*; see zebstat .*--help'
@@ -203,7 +203,7 @@ for range in "" ten 20:10 10:20:30 @ '~' :; do
   ask 3 check HOST_CPUS --warning "$range" # 2 would be an alarm
   lines 0 1 && says "zebstat: --warning: '$range' is not a range such as .*"
 done
-for command in "" stats ids groups check exporter; do
+for command in "" stats ids groups check; do
   ask 0 ${command:+"$command"} --help
   [ "$(count "$out")" -le 24 ] && ! grep -E '.{81}' <<<"$out" || complain "more than a screen"
   [ "$(tail -3 <<<"$out" | head -1)" = Examples: ] || complain "does not end in two examples"
@@ -214,16 +214,6 @@ ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 && says '.*
 kill -STOP "${started[0]}"
 ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s"
 check 3 'UNKNOWN: .*: no answer within 0\.3 s' --timeout 0.3 HOST_CPUS
-"$zebstat" exporter --listen 127.0.0.1:0 --timeout 20 --gateway "127.0.0.1:$port" --trace 3 \
-  --trace-file "$scratch/exported" >"$scratch/served" &
-started+=($!)
-waits_for "$scratch/served" listening
-asked="zebstat exporter that is ended while it waits for a gateway"
-IFS=: read -r _ scraped <"$scratch/served"
-exec {scrape}<>"/dev/tcp/127.0.0.1/$scraped"
-printf 'GET /metrics HTTP/1.0\r\n\r\n' >&"$scrape"
-waits_for "$scratch/exported" 'flowHandshakeRequest\('
-ends TERM -1
 kill -CONT "${started[0]}"
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
 [ -s "$scratch/trace" ] || complain "no trace"

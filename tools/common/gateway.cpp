@@ -194,6 +194,42 @@ class Asker {
 
 }  // namespace
 
+FaultReason reasonFor(int libraryCode) {
+  switch (libraryCode) {
+    case ZEB_CONNECT_REFUSED:
+    case ZEB_NETWORK_UNREACHABLE:
+      return FaultReason::kRefused;
+    case ZEB_HOST_UNKNOWN:
+      return FaultReason::kUnresolved;
+    case ZEB_CONNECT_TIMED_OUT:
+    case ZEB_TIMED_OUT:
+      return FaultReason::kTimedOut;
+    case ZEB_CONNECT_FAILED:
+    case ZEB_COMMUNICATION_FAILED:
+    case ZEB_WRONG_CONTENT:
+    case ZEB_QUERY_TOO_LONG:
+      return FaultReason::kMalformed;
+    default:
+      return FaultReason::kLost;
+  }
+}
+
+const char* nameOf(FaultReason reason) {
+  switch (reason) {
+    case FaultReason::kRefused:
+      return "refused";
+    case FaultReason::kUnresolved:
+      return "unresolved";
+    case FaultReason::kTimedOut:
+      return "timed_out";
+    case FaultReason::kMalformed:
+      return "malformed";
+    case FaultReason::kLost:
+      break;
+  }
+  return "lost";
+}
+
 void Gateway::connect() {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds_);

@@ -49,6 +49,18 @@ inline bool isTimeout(int code) {
   return code == ZEB_CONNECT_TIMED_OUT || code == ZEB_TIMED_OUT;
 }
 
+// The kinds of reasons for which a gateway cannot be asked, as the exporter counts them.
+enum class FaultReason { kRefused, kUnresolved, kTimedOut, kLost, kMalformed };
+constexpr FaultReason kFaultReasons[] = {FaultReason::kRefused, FaultReason::kUnresolved,
+                                         FaultReason::kTimedOut, FaultReason::kLost,
+                                         FaultReason::kMalformed};
+
+// Returns the reason for a code of the library other than ZEB_OK. An unreachable network counts as
+// refused, and what is no failure of the gateway, such as a lack of memory, as lost.
+FaultReason reasonFor(int libraryCode);
+// Returns the name of a reason, such as timed_out.
+const char* nameOf(FaultReason reason);
+
 // One gateway and the connection to it, which belongs to the thread that asks first. The destructor
 // closes the connection, which may take until the timeout.
 class Gateway {
@@ -60,6 +72,8 @@ class Gateway {
   // Returns HOST:PORT, an IPv6 address in brackets.
   [[nodiscard]] std::string name() const { return showAddress(address_); }
   [[nodiscard]] bool isConnected() const { return connection_.isOpen(); }
+  // Returns the gateway's version of the protocol; empty if there is no connection.
+  [[nodiscard]] const char* protocolVersion() const { return connection_.protocolVersion(); }
 
   // Connects unless a connection is open, and asks. A name is resolved here and each of its
   // addresses is tried in turn, because the library tries the first one only. An answer that is too

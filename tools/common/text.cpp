@@ -75,6 +75,35 @@ std::size_t columnsOfCharacter(std::uint32_t code) {
   return std::any_of(std::begin(kWide), std::end(kWide), holds) ? 2 : 1;
 }
 
+// Returns whether a character would move the cursor, change the direction of what follows, or not
+// be seen at all.
+bool isHidden(std::uint32_t code) {
+  struct Span {
+    std::uint32_t first, last;
+  };
+  constexpr Span kHidden[] = {
+      {0, 0x1F},        {0x7F, 0x9F},       {0xAD, 0xAD},      {0x34F, 0x34F},   {0x61C, 0x61C},
+      {0x115F, 0x1160}, {0x17B4, 0x17B5},   {0x180B, 0x180F},  {0x200B, 0x200F}, {0x2028, 0x202E},
+      {0x2060, 0x206F}, {0x3164, 0x3164},   {0xFE00, 0xFE0F},  {0xFEFF, 0xFEFF}, {0xFFA0, 0xFFA0},
+      {0xFFF9, 0xFFFB}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF}};
+  return std::any_of(std::begin(kHidden), std::end(kHidden),
+                     [code](const Span& span) { return code >= span.first && code <= span.last; });
+}
+
+std::string escapeCharacter(std::uint32_t code) {
+  if (code == '\n') return "\\n";
+  char escape[16];
+  auto number = static_cast<unsigned>(code);
+  if (code < 0x100) {
+    std::snprintf(escape, sizeof escape, "\\x%02X", number);
+  } else if (code < 0x10000) {
+    std::snprintf(escape, sizeof escape, "\\u%04X", number);
+  } else {
+    std::snprintf(escape, sizeof escape, "\\U%08X", number);
+  }
+  return escape;
+}
+
 }  // namespace
 
 std::string toUtf8(std::string_view bytes) {
@@ -101,12 +130,8 @@ std::string toShown(std::string_view bytes) {
   std::string out;
   for (std::size_t at = 0; at < utf8.size();) {
     Character character = readCharacter(utf8, at);
-    if (character.code == '\n') {
-      out += "\\n";
-    } else if (character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0)) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\x%02X", character.code);
-      out += escape;
+    if (isHidden(character.code)) {
+      out += escapeCharacter(character.code);
     } else {
       out.append(utf8, at, character.length);
     }

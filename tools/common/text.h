@@ -13,8 +13,8 @@ namespace zebtool {
 // UTF-8. Bytes that are neither become U+FFFD.
 std::string toUtf8(std::string_view bytes);
 
-// Returns valid UTF-8 on one line. Control characters are escaped, as \n or \x1B, so that no text
-// of a gateway moves the cursor.
+// Returns valid UTF-8 on one line. Control, bidirectional and zero-width characters are escaped, as
+// \n, \x1B or \u202E, so that no text of a gateway moves the cursor or hides a part of itself.
 std::string toShown(std::string_view bytes);
 
 // Returns the number of columns that a terminal needs for valid UTF-8.

@@ -83,23 +83,6 @@ Examples:
 )";
 }
 
-std::string helpForExporter() {
-  return R"(Usage: zebstat exporter --gateway HOST:PORT... [OPTION...]
-Serves the statistics of gateways to Prometheus under /metrics, and asks them
-when it is scraped. SIGINT and SIGTERM end it.
-
-  --gateway HOST:PORT...   the gateways
-  --listen ADDRESS:PORT    where to serve (127.0.0.1:9480); port 0 is any free
-  --timeout SECONDS        how long a scrape waits for a gateway (10)
-  --trace LEVEL            the library's trace: 0 nothing to 5 everything
-  --trace-file FILE        append the trace to FILE, not to standard error
-
-Examples:
-  zebstat exporter --gateway gateway-1:2980
-  zebstat exporter --listen 0.0.0.0:9480 --gateway gateway-1:2980 gateway-2:2980
-)";
-}
-
 std::string helpForAll() {
   return R"(Usage: zebstat COMMAND [OPTION...]
 Shows the statistics of a transaction gateway.
@@ -108,7 +91,7 @@ Shows the statistics of a transaction gateway.
   ids [GROUP...]    the ids of the statistics
   groups            the resource groups
   check ID          a monitoring plug-in
-  exporter          serves the statistics of gateways to Prometheus
+  exporter          starts zebstats-exporter, which serves them to Prometheus
 
 zebstat COMMAND --help prints the options of a command, --version the version.
 
@@ -128,7 +111,6 @@ std::string helpFor(std::string_view command) {
   if (command == "ids") return helpForIds();
   if (command == "groups") return helpForGroups();
   if (command == "check") return helpForCheck();
-  if (command == "exporter") return helpForExporter();
   return helpForAll();
 }
 

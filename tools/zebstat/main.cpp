@@ -2,15 +2,19 @@
 //
 // Results go to standard output, messages to standard error, one line for each failure.
 #include <signal.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <exception>
+#include <string_view>
 
 #include "check.h"
 #include "fault.h"
 #include "gateway.h"
 #include "options.h"
 #include "output.h"
-#include "prometheus.h"
 #include "show.h"
 #include "zebstats.hpp"
 
@@ -43,13 +47,26 @@ int askGateway(const Options& options) {
   }
 }
 
+// Executes the exporter, a program of its own that is installed in the same folder.
+[[noreturn]] void startExporter(char** arguments) {
+  char self[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+  std::string program(self, length > 0 ? static_cast<std::size_t>(length) : 0);
+  program.erase(program.rfind('/') + 1);
+  program += "zebstats-exporter";
+  arguments[0] = program.data();
+  execv(program.c_str(), arguments);
+  std::string advice = errno == ENOENT ? "install the package zebstats-exporter"
+                                       : "cannot start it: " + std::string(std::strerror(errno));
+  throw Fault(kUsage, "exporter needs " + program + "; " + advice);
+}
+
 int run(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "exporter") startExporter(argv + 1);
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
-  bool isExporter = options->command == Command::kExporter;
-  if (isExporter || options->format == Format::kPrometheus) switchToPrometheus(argv);
   setUpLibrary(*options);
-  return isExporter ? serveMetrics(*options) : askGateway(*options);
+  return askGateway(*options);
 }
 
 }  // namespace

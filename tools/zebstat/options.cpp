@@ -72,7 +72,6 @@ class Parser {
     addCommand(Command::kIds, "ids", &Parser::addIds);
     addCommand(Command::kGroups, "groups", &Parser::addShowOptions);
     addCommand(Command::kCheck, "check", &Parser::addCheck);
-    addCommand(Command::kExporter, "exporter", &Parser::addExporter);
   }
 
   std::optional<Options> parse(int argc, char** argv) {
@@ -103,10 +102,10 @@ class Parser {
   }
 
   void addConnectOptions() {
-    host_ = app_.add_option("--host", options_.host)->type_name("HOST")->check(wantText);
-    port_ = app_.add_option("--port", options_.port)
-                ->type_name("PORT")
-                ->check(wantNumber(1, 65535, "a port from 1 to 65535", true));
+    app_.add_option("--host", options_.host)->type_name("HOST")->check(wantText);
+    app_.add_option("--port", options_.port)
+        ->type_name("PORT")
+        ->check(wantNumber(1, 65535, "a port from 1 to 65535", true));
     app_.add_option("--timeout", options_.timeoutSeconds)
         ->type_name("SECONDS")
         ->check(wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
@@ -159,18 +158,10 @@ class Parser {
     check->add_option("--critical", critical_)->type_name("RANGE")->check(wantRange);
   }
 
-  void addExporter(CLI::App* exporter) {
-    exporter->add_option("--listen", options_.listen)->type_name("ADDRESS:PORT");
-    exporter->add_option("--gateway", options_.gateways)->type_name("HOST:PORT")->required();
-  }
-
   // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
       throw CLI::ValidationError("give a command; the commands are " + std::string(kCommands));
-    if (options_.command == Command::kExporter && (host_->count() > 0 || port_->count() > 0)) {
-      throw CLI::ValidationError("exporter", "--gateway HOST:PORT replaces --host and --port");
-    }
     if (!warning_.empty()) options_.warning = parseRange(warning_);
     if (!critical_.empty()) options_.critical = parseRange(critical_);
     if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseNumber(watch_));
@@ -204,8 +195,6 @@ class Parser {
 
   CLI::App app_{"", "zebstat"};
   Options options_;
-  CLI::Option* host_ = nullptr;
-  CLI::Option* port_ = nullptr;
   std::string watch_;  // a string: CLI11 would truncate a number
   std::string format_;
   std::string warning_;

@@ -11,7 +11,7 @@
 
 namespace zebtool {
 
-enum class Command { kStats, kIds, kGroups, kCheck, kExporter };
+enum class Command { kStats, kIds, kGroups, kCheck };
 enum class Format { kTable, kJson, kJsonl, kCsv, kPrometheus };
 
 struct Options {
@@ -36,10 +36,6 @@ struct Options {
   std::string checkedId;
   std::optional<Range> warning;
   std::optional<Range> critical;
-
-  // exporter
-  std::string listen = "127.0.0.1:9480";
-  std::vector<std::string> gateways;
 
   [[nodiscard]] Question question() const;
   [[nodiscard]] bool isByGroup() const { return !groups.empty(); }

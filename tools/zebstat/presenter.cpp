@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "prometheus.h"
+#include "prometheus_text.h"
 #include "report.h"
 #include "text.h"
 
@@ -14,6 +14,13 @@ std::string joinLines(const Lines& lines, const char* lineEnd) {
   std::string text;
   for (const std::string& line : lines) text += line + lineEnd;
   return text;
+}
+
+// Adds the group to each entry where it is not known from the question.
+std::string renderPrometheus(const Report& report) {
+  std::vector<Entry> entries = report.answer.entries;
+  for (Entry& entry : entries) entry.element = groupOf(entry, report.isByGroup);
+  return renderStats({{report.gateway, &entries}}, Metadata(), {"*"});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // One filtered answer with its gateway and time, and the formats json, jsonl and csv. table.h and
-// prometheus.h have the others.
+// prometheus_text.h have the others.
 #ifndef ZEBSTAT_REPORT_H
 #define ZEBSTAT_REPORT_H
 

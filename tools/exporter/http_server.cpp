@@ -1,0 +1,157 @@
+#include "http_server.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include <microhttpd.h>
+
+#include "fault.h"
+
+namespace zebtool {
+
+namespace {
+
+constexpr unsigned kMaxConnections = 1000;
+constexpr unsigned kIdleSeconds = 5;
+constexpr std::size_t kStackBytes = 256 * 1024;
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+// Opens a socket for one address. Returns -1, with errno set, if it cannot. A socket for all
+// addresses of IPv6 takes connections of IPv4 too.
+int openSocket(const addrinfo& found) {
+  int file = socket(found.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (file < 0) return -1;
+  int yes = 1;
+  int no = 0;
+  setsockopt(file, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  if (found.ai_family == AF_INET6) setsockopt(file, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
+  if (bind(file, found.ai_addr, found.ai_addrlen) == 0 && listen(file, SOMAXCONN) == 0) return file;
+  int reason = errno;
+  close(file);
+  errno = reason;
+  return -1;
+}
+
+// Returns the addresses to try in turn. An empty host means all addresses, of IPv6 first, because
+// that includes those of IPv4.
+AddressList findAddresses(const Address& listen) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  std::string port = std::to_string(listen.port);
+  std::string host = listen.host.empty() ? "::" : listen.host;
+  addrinfo* found = nullptr;
+  int failed = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
+  if (failed != 0)
+    throw Fault(kNotConnected,
+                "--listen: cannot resolve '" + listen.host + "': " + gai_strerror(failed));
+  return {found, freeaddrinfo};
+}
+
+int listenOn(const Address& listen) {
+  AddressList found = findAddresses(listen);
+  for (const addrinfo* each = found.get(); each != nullptr; each = each->ai_next) {
+    int file = openSocket(*each);
+    if (file >= 0) return file;
+  }
+  if (listen.host.empty() && errno == EAFNOSUPPORT) return listenOn({"0.0.0.0", listen.port});
+  throw Fault(kNotConnected, "cannot listen on " + showAddress(listen) + ": " +
+                                 std::strerror(errno) + "; choose another with --listen HOST:PORT");
+}
+
+HttpResponse answer(const HttpHandler& handler, const HttpRequest& request,
+                    const std::string& method) {
+  if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD)
+    return {MHD_HTTP_METHOD_NOT_ALLOWED, HttpResponse().contentType,
+            "only GET and HEAD are served\n"};
+  try {
+    return handler(request);
+  } catch (const std::exception& fault) {
+    return {MHD_HTTP_INTERNAL_SERVER_ERROR, HttpResponse().contentType,
+            std::string(fault.what()) + "\n"};
+  }
+}
+
+MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
+  std::string body = response.body;
+  MHD_Response* queued =
+      MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
+  if (queued == nullptr) return MHD_NO;
+  MHD_add_response_header(queued, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
+  if (response.status == MHD_HTTP_METHOD_NOT_ALLOWED)
+    MHD_add_response_header(queued, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+  MHD_Result result = MHD_queue_response(connection, response.status, queued);
+  MHD_destroy_response(queued);
+  return result;
+}
+
+// The library calls this once when the headers of a request are there, once for each part of its
+// body, and once when all of it is there.
+MHD_Result handleRequest(void* context, MHD_Connection* connection, const char* path,
+                         const char* method, const char*, const char*, std::size_t* bodyBytes,
+                         void** state) {
+  static char hasHeaders;
+  if (*state == nullptr) {
+    *state = &hasHeaders;
+    return MHD_YES;
+  }
+  if (*bodyBytes > 0) {
+    *bodyBytes = 0;
+    return MHD_YES;
+  }
+  // The idle time must not include the handler's: it starts anew when it is set after it was 0.
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
+  HttpResponse response =
+      answer(*static_cast<HttpHandler*>(context), HttpRequest(connection, path), method);
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
+  return send(connection, response);
+}
+
+std::optional<std::string> lookUp(MHD_Connection* connection, MHD_ValueKind kind,
+                                  const char* name) {
+  const char* value = MHD_lookup_connection_value(connection, kind, name);
+  return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> HttpRequest::header(const char* name) const {
+  return lookUp(connection_, MHD_HEADER_KIND, name);
+}
+
+std::optional<std::string> HttpRequest::argument(const char* name) const {
+  return lookUp(connection_, MHD_GET_ARGUMENT_KIND, name);
+}
+
+HttpServer::HttpServer(const Address& listen) : socket_(listenOn(listen)) {}
+
+Address HttpServer::address() const {
+  sockaddr_storage bound{};
+  socklen_t length = sizeof bound;
+  getsockname(socket_, reinterpret_cast<sockaddr*>(&bound), &length);
+  char host[NI_MAXHOST] = "";
+  char port[NI_MAXSERV] = "0";
+  getnameinfo(reinterpret_cast<sockaddr*>(&bound), length, host, sizeof host, port, sizeof port,
+              NI_NUMERICHOST | NI_NUMERICSERV);
+  return {host, std::stoi(port)};
+}
+
+void HttpServer::start(HttpHandler handler) {
+  handler_ = std::move(handler);
+  MHD_Daemon* daemon = MHD_start_daemon(
+      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, 0, nullptr,
+      nullptr, handleRequest, &handler_, MHD_OPTION_LISTEN_SOCKET, socket_,
+      MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+      MHD_OPTION_THREAD_STACK_SIZE, kStackBytes, MHD_OPTION_END);
+  if (daemon == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
+}
+
+}  // namespace zebtool

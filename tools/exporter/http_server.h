@@ -1,0 +1,57 @@
+// Serves GET and HEAD requests over HTTP. Each connection has a thread, so that a client that is
+// slow or says nothing holds up no other; one that is idle for five seconds is disconnected.
+#ifndef ZEBSTATS_EXPORTER_HTTP_SERVER_H
+#define ZEBSTATS_EXPORTER_HTTP_SERVER_H
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "address.h"
+
+struct MHD_Connection;
+
+namespace zebtool {
+
+class HttpRequest {
+ public:
+  HttpRequest(MHD_Connection* connection, const char* thePath)
+      : path(thePath), connection_(connection) {}
+
+  const std::string path;
+  // Each returns nothing if the request has no such header or argument.
+  [[nodiscard]] std::optional<std::string> header(const char* name) const;
+  [[nodiscard]] std::optional<std::string> argument(const char* name) const;
+
+ private:
+  MHD_Connection* connection_;
+};
+
+struct HttpResponse {
+  unsigned status = 200;
+  std::string contentType = "text/plain; charset=utf-8";
+  std::string body;
+};
+
+// Answers one request. It may wait, and is called by several threads at once.
+using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
+
+class HttpServer {
+ public:
+  // Opens the listening socket. Throws a Fault (kNotConnected) if it cannot.
+  explicit HttpServer(const Address& listen);
+
+  // Returns the address that the socket has.
+  [[nodiscard]] Address address() const;
+
+  // Serves until the process ends. Throws a Fault.
+  void start(HttpHandler handler);
+
+ private:
+  int socket_;
+  HttpHandler handler_;
+};
+
+}  // namespace zebtool
+
+#endif  // ZEBSTATS_EXPORTER_HTTP_SERVER_H

@@ -1,0 +1,136 @@
+// zebstats-exporter: serves the statistics of gateways to Prometheus.
+//
+// The main thread handles signals and the targets file. Each gateway and each HTTP connection has a
+// thread.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+
+#include "exporter.h"
+#include "fault.h"
+#include "http_server.h"
+#include "options.h"
+#include "output.h"
+#include "targets.h"
+#include "zebstats.hpp"
+
+namespace zebtool {
+
+namespace {
+
+constexpr std::size_t kStackBytes = 256 * 1024;
+constexpr rlim_t kMaxFiles = 4096;
+// How long the end waits for gateways to be told. Those that hang are left.
+constexpr std::chrono::milliseconds kFarewellTime{150};
+
+void setUpLibrary(const ExporterOptions& options) {
+  if (!options.traceFile.empty() && zebstats::setTraceFile(options.traceFile.c_str())) {
+    throw Fault(kUsage, "--trace-file: cannot append to '" + options.traceFile +
+                            "'; name a file that can be written");
+  }
+  if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
+  int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+}
+
+// Makes room for a thread and a socket for each gateway and each client.
+void setUpProcess() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, kStackBytes);
+  pthread_setattr_default_np(&attributes);
+  pthread_attr_destroy(&attributes);
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::max(files.rlim_cur, std::min(files.rlim_max, kMaxFiles));
+  setrlimit(RLIMIT_NOFILE, &files);
+}
+
+// Blocks the signals that the main thread waits for; threads that are started later inherit that.
+sigset_t blockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
+
+std::vector<Address> listGateways(const ExporterOptions& options) {
+  std::vector<Address> addresses;
+  for (const std::string& gateway : options.gateways) addresses.push_back(*parseAddress(gateway));
+  if (options.targetsFile.empty()) return addresses;
+  for (Address& address : readTargets(options.targetsFile)) addresses.push_back(std::move(address));
+  return addresses;
+}
+
+// Reads the targets file again; the old list stays if it is bad.
+void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter) {
+  try {
+    targets.configure(listGateways(options));
+    exporter.setTargetsValid(true);
+  } catch (const Fault& fault) {
+    printMessage(std::string(fault.what()) + "; the gateways stay as they were");
+    exporter.setTargetsValid(false);
+  }
+}
+
+// Returns when a signal ends the program.
+void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& file,
+           Targets& targets, Exporter& exporter) {
+  for (;;) {
+    const timespec second{1, 0};
+    int received = sigtimedwait(&signals, nullptr, &second);
+    if (received == SIGINT || received == SIGTERM) return;
+    bool hasChanged = file.hasChanged() || received == SIGHUP;
+    if (hasChanged && !options.targetsFile.empty()) reload(options, targets, exporter);
+    targets.dropUnused();
+  }
+}
+
+[[noreturn]] void serve(const ExporterOptions& options) {
+  sigset_t signals = blockSignals();
+  setUpProcess();
+  ScrapePlan plan{options.timeoutSeconds, options.groups, {options.included, options.excluded}};
+  Targets targets(std::move(plan));
+  Exporter exporter(options, targets);
+  FileWatch file(options.targetsFile);
+  std::vector<Address> gateways = listGateways(options);
+  HttpServer server(*parseListenAddress(options.listen, 9480));
+  targets.configure(gateways);
+  server.start([&exporter](const HttpRequest& request) { return exporter.answer(request); });
+  std::printf("listening on %s\n", showAddress(server.address()).c_str());
+  std::fflush(stdout);
+  watch(options, signals, file, targets, exporter);
+  targets.stopAll();
+  ScrapeWorker::awaitNone(Clock::now() + kFarewellTime);
+  endNow(kDone);  // threads still use what destructors would free
+}
+
+int run(int argc, char** argv) {
+  std::optional<ExporterOptions> options = parseOptions(argc, argv);
+  if (!options) return kDone;
+  setUpLibrary(*options);
+  serve(*options);
+}
+
+}  // namespace
+
+}  // namespace zebtool
+
+int main(int argc, char** argv) {
+  try {
+    return zebtool::run(argc, argv);
+  } catch (const zebtool::Fault& fault) {
+    zebtool::printMessage(fault.what());
+    zebtool::endNow(fault.exitCode);
+  } catch (const std::exception& fault) {
+    zebtool::printMessage(fault.what());
+    zebtool::endNow(zebtool::kNotConnected);
+  }
+}

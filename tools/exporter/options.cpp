@@ -1,0 +1,137 @@
+#include "options.h"
+
+#include <functional>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+
+#include "fault.h"
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+// Fits a screen of 24 lines and 80 columns.
+constexpr char kHelp[] =
+    R"(Usage: zebstats-exporter --gateway HOST[:PORT]... [OPTION...]
+Serves the statistics of gateways to Prometheus: /metrics asks all gateways.
+
+  --gateway HOST[:PORT]...  the gateways; port 2980 if none is given
+  --targets FILE            more gateways, one a line; read when it changes
+  --allow-target GLOB...    what /probe?target=HOST:PORT may ask (nothing)
+  --listen [HOST]:PORT      where to serve (127.0.0.1:9480); port 0 is any free
+  --timeout SECONDS         how long a scrape waits for a gateway (5)
+  --group GROUP...          only the statistics of these groups
+  --include GLOB            only ids that match; may be repeated, as may
+  --exclude GLOB            leave out ids that match
+  --texts GLOB...           export texts whose ids match as labels
+  --metadata FILE           types, units and help of statistics, in JSON
+  --trace LEVEL             the library's trace: 0 nothing to 5 everything
+  --trace-file FILE         append the trace to FILE, not to standard error
+
+Examples:
+  zebstats-exporter --gateway gateway-1 gateway-2:2981 --texts '*_STATE'
+  zebstats-exporter --listen :9480 --targets /etc/zebstats/targets
+)";
+
+constexpr double kMaxSeconds = 86400;
+
+// Returns an empty text if the value is valid, otherwise the message about it.
+using Validator = std::function<std::string(const std::string&)>;
+
+Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
+  return [=](const std::string& text) {
+    std::optional<long double> number = parseNumber(text);
+    bool isGood = number && *number >= low && *number <= high;
+    if (isGood && isWhole) isGood = text.find_first_not_of("0123456789") == std::string::npos;
+    return isGood ? std::string() : "'" + text + "' is not " + what;
+  };
+}
+
+std::string wantText(const std::string& text) {
+  return text.empty() ? "an empty text matches nothing" : std::string();
+}
+
+std::string wantPath(const std::string& text) {
+  return text.empty() ? "an empty text is not a file name" : std::string();
+}
+
+std::string wantGateway(const std::string& text) {
+  return parseAddress(text) ? std::string()
+                            : "'" + text +
+                                  "' is not a HOST or HOST:PORT; write it like gateway-1, "
+                                  "gateway-1:2980 or [::1]:2980";
+}
+
+std::string wantListenAddress(const std::string& text) {
+  return parseListenAddress(text, 9480)
+             ? std::string()
+             : "'" + text +
+                   "' is not a HOST:PORT; write it like 127.0.0.1:9480, :9480 or [::]:9480";
+}
+
+class Parser {
+ public:
+  Parser() {
+    app_.formatter_fn(
+        [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return std::string(kHelp); });
+    app_.set_version_flag("--version", "zebstats-exporter " ZEBSTATS_VERSION);
+    addTargetOptions();
+    addStatOptions();
+    app_.add_option("--listen", options_.listen)->type_name("ADDRESS")->check(wantListenAddress);
+    CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
+                             ->type_name("LEVEL")
+                             ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
+    app_.add_option("--trace-file", options_.traceFile)
+        ->type_name("FILE")
+        ->check(wantPath)
+        ->needs(level);
+  }
+
+  std::optional<ExporterOptions> parse(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+      if (options_.gateways.empty() && options_.targetsFile.empty() &&
+          options_.allowedTargets.empty())
+        throw CLI::ValidationError("give --gateway, --targets or --allow-target");
+    } catch (const CLI::Success& asked) {
+      app_.exit(asked);
+      return std::nullopt;
+    } catch (const CLI::ParseError& fault) {
+      throw Fault(kUsage, fault.what() + std::string("; see zebstats-exporter --help"));
+    }
+    return std::move(options_);
+  }
+
+ private:
+  void addTargetOptions() {
+    app_.add_option("--gateway", options_.gateways)->type_name("ADDRESS")->check(wantGateway);
+    app_.add_option("--targets", options_.targetsFile)->type_name("FILE")->check(wantPath);
+    app_.add_option("--allow-target", options_.allowedTargets)->type_name("GLOB")->check(wantText);
+    app_.add_option("--timeout", options_.timeoutSeconds)
+        ->type_name("SECONDS")
+        ->check(wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
+  }
+
+  void addStatOptions() {
+    app_.add_option("--group", options_.groups)->type_name("GROUP")->check(wantText);
+    for (auto& [name, globs] :
+         {std::pair("--include", &options_.included), std::pair("--exclude", &options_.excluded)}) {
+      app_.add_option(name, *globs)->type_name("GLOB")->allow_extra_args(false)->check(wantText);
+    }
+    app_.add_option("--texts", options_.texts)->type_name("GLOB")->check(wantText);
+    app_.add_option("--metadata", options_.metadataFile)->type_name("FILE")->check(wantPath);
+  }
+
+  CLI::App app_{"", "zebstats-exporter"};
+  ExporterOptions options_;
+};
+
+}  // namespace
+
+std::optional<ExporterOptions> parseOptions(int argc, char** argv) {
+  return Parser().parse(argc, argv);
+}
+
+}  // namespace zebtool

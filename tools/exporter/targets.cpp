@@ -1,0 +1,150 @@
+#include "targets.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
+namespace zebtool {
+
+namespace {
+
+// The library permits 256 connections; the rest is for probes that open and close one.
+constexpr std::size_t kMaxStanding = 250;
+constexpr std::chrono::minutes kUnusedTime{5};
+
+}  // namespace
+
+WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) const {
+  auto worker = std::make_shared<ScrapeWorker>(address, plan_, isQuiet);
+  worker->start();
+  return worker;
+}
+
+void Targets::configure(const std::vector<Address>& addresses) {
+  std::map<std::string, Address> wanted;
+  for (const Address& address : addresses) wanted.emplace(showAddress(address), address);
+  if (wanted.size() > kMaxStanding) {
+    throw Fault(kUsage, std::to_string(wanted.size()) + " gateways are more than the " +
+                            std::to_string(kMaxStanding) +
+                            " that one exporter can ask; share them among several");
+  }
+  std::lock_guard lock(mutex_);
+  std::map<std::string, Target> added;
+  try {
+    for (const auto& [name, address] : wanted) {
+      if (!targets_.contains(name)) added[name] = {makeWorker(address, false), true, {}};
+    }
+  } catch (const std::system_error& error) {
+    for (auto& [name, target] : added) target.worker->stop();
+    throw Fault(kNotConnected,
+                std::string("cannot start a thread for each gateway: ") + error.what());
+  }
+  std::erase_if(targets_, [&](const auto& entry) {
+    const auto& [name, target] = entry;
+    bool isGone = target.isConfigured && !wanted.contains(name);
+    if (isGone) target.worker->stop();
+    return isGone;
+  });
+  for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
+  targets_.merge(added);
+  makeRoom(0);
+}
+
+std::vector<WorkerPtr> Targets::configured() const {
+  std::lock_guard lock(mutex_);
+  std::vector<WorkerPtr> workers;
+  for (const auto& [name, target] : targets_) {
+    if (target.isConfigured) workers.push_back(target.worker);
+  }
+  return workers;
+}
+
+Targets::Probe Targets::probe(const Address& address) {
+  std::string name = showAddress(address);
+  std::lock_guard lock(mutex_);
+  auto found = targets_.find(name);
+  if (found != targets_.end()) {
+    found->second.used = Clock::now();
+    return {found->second.worker, true};
+  }
+  if (targets_.size() >= kMaxStanding) return {makeWorker(address, true), false};
+  Target& target = targets_[name] = {makeWorker(address, false), false, Clock::now()};
+  return {target.worker, true};
+}
+
+// Drops the probed gateways that have been unused for the longest time, if there are too many
+// workers.
+void Targets::makeRoom(std::size_t wanted) {
+  while (targets_.size() + wanted > kMaxStanding) {
+    auto oldest = targets_.end();
+    for (auto each = targets_.begin(); each != targets_.end(); ++each) {
+      bool isOlder = oldest == targets_.end() || each->second.used < oldest->second.used;
+      if (!each->second.isConfigured && isOlder) oldest = each;
+    }
+    if (oldest == targets_.end()) return;
+    oldest->second.worker->stop();
+    targets_.erase(oldest);
+  }
+}
+
+void Targets::dropUnused() {
+  std::lock_guard lock(mutex_);
+  std::erase_if(targets_, [](const auto& entry) {
+    const Target& target = entry.second;
+    bool isUnused = !target.isConfigured && Clock::now() - target.used > kUnusedTime;
+    if (isUnused) target.worker->stop();
+    return isUnused;
+  });
+}
+
+void Targets::stopAll() {
+  std::lock_guard lock(mutex_);
+  for (auto& [name, target] : targets_) target.worker->stop();
+}
+
+// ---- The targets file ---------------------------------------------------------------------------
+
+std::vector<Address> readTargets(const std::string& path) {
+  std::ifstream file(path);
+  std::vector<Address> addresses;
+  int number = 0;
+  for (std::string line; std::getline(file, line);) {
+    ++number;
+    line.erase(std::min(line.find('#'), line.size()));
+    line.erase(line.find_last_not_of(" \t\r") + 1);
+    line.erase(0, line.find_first_not_of(" \t"));
+    if (line.empty()) continue;
+    std::optional<Address> address = parseAddress(line);
+    if (!address) {
+      throw Fault(kUsage, "--targets: " + path + ": line " + std::to_string(number) + ": '" + line +
+                              "' is not a HOST or HOST:PORT");
+    }
+    addresses.push_back(std::move(*address));
+  }
+  if (!file.eof())
+    throw Fault(kUsage, "--targets: cannot read " + path + ": " + std::strerror(errno));
+  return addresses;
+}
+
+bool FileWatch::State::operator==(const State& other) const {
+  return inode == other.inode && size == other.size && modified.tv_sec == other.modified.tv_sec &&
+         modified.tv_nsec == other.modified.tv_nsec;
+}
+
+FileWatch::State FileWatch::look() const {
+  struct stat found {};
+  if (stat(path_.c_str(), &found) != 0) return {};
+  return {found.st_ino, found.st_size, found.st_mtim};
+}
+
+bool FileWatch::hasChanged() {
+  State now = look();
+  bool isSettled = now == std::exchange(last_, now);
+  if (!isSettled || now == known_) return false;
+  known_ = now;
+  return true;
+}
+
+}  // namespace zebtool

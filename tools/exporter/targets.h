@@ -1,0 +1,100 @@
+// The gateways that the exporter knows: those of the options, those of the targets file, and those
+// that are probed.
+#ifndef ZEBSTATS_EXPORTER_TARGETS_H
+#define ZEBSTATS_EXPORTER_TARGETS_H
+
+#include <sys/stat.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "scrape_worker.h"
+
+namespace zebtool {
+
+using WorkerPtr = std::shared_ptr<ScrapeWorker>;
+
+// Keeps a worker, and so a connection, for up to 250 gateways. Safe for several threads.
+class Targets {
+ public:
+  explicit Targets(ScrapePlan plan) : plan_(std::move(plan)) {}
+
+  // Makes these the gateways of /metrics. Workers of gateways that are among the old and the new
+  // ones stay. Throws a Fault, and changes nothing, if there are too many or no thread starts.
+  void configure(const std::vector<Address>& addresses);
+
+  [[nodiscard]] std::vector<WorkerPtr> configured() const;
+
+  // A worker for one probe.
+  class Probe {
+   public:
+    Probe(WorkerPtr worker, bool isStanding)
+        : worker_(std::move(worker)), isStanding_(isStanding) {}
+    ~Probe() {
+      if (!isStanding_) worker_->stop();
+    }
+    Probe(const Probe&) = delete;
+    Probe& operator=(const Probe&) = delete;
+    ScrapeWorker& worker() { return *worker_; }
+
+   private:
+    WorkerPtr worker_;
+    bool isStanding_;
+  };
+  // Returns the worker that the gateway has. A gateway without one gets one, which is kept as long
+  // as there are not too many, and otherwise serves this probe only. Throws std::system_error.
+  Probe probe(const Address& address);
+
+  // Drops the workers of gateways that have not been probed for five minutes.
+  void dropUnused();
+
+  void stopAll();
+
+ private:
+  struct Target {
+    WorkerPtr worker;
+    bool isConfigured = false;
+    Clock::time_point used;
+  };
+  WorkerPtr makeWorker(const Address& address, bool isQuiet) const;
+  void makeRoom(std::size_t wanted);
+
+  const ScrapePlan plan_;
+  mutable std::mutex mutex_;
+  std::map<std::string, Target> targets_;  // by HOST:PORT
+};
+
+// Reads a targets file: a HOST or HOST:PORT in each line, and comments after '#'. Throws a Fault
+// (kUsage) that names the file and the line.
+std::vector<Address> readTargets(const std::string& path);
+
+// Tells when a file has changed.
+class FileWatch {
+ public:
+  explicit FileWatch(std::string path) : path_(std::move(path)), known_(look()), last_(known_) {}
+
+  // Returns whether the file has another content than at the last time that this returned true. It
+  // waits for a call at which the file is as it was at the call before, so that no half-written
+  // file is read.
+  bool hasChanged();
+
+ private:
+  struct State {
+    ino_t inode = 0;
+    off_t size = -1;
+    timespec modified{};
+    bool operator==(const State& other) const;
+  };
+  [[nodiscard]] State look() const;
+
+  std::string path_;
+  State known_;
+  State last_;
+};
+
+}  // namespace zebtool
+
+#endif  // ZEBSTATS_EXPORTER_TARGETS_H
