@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -12,11 +13,49 @@
 namespace zebbench {
 namespace {
 
-double nanoseconds(const Step& step, int batch) {
+template <typename Work>
+double nanosecondsOf(const Work& work) {
   const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < batch; ++i) step.run();
-  const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - start;
-  return taken.count() / batch;
+  work();
+  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+}
+
+double nanoseconds(const Step& step, int batch) {
+  return nanosecondsOf([&] {
+           for (int i = 0; i < batch; ++i) step.run();
+         }) /
+         batch;
+}
+
+// Does an addition that the compiler must do, and on its own.
+void add(std::uint64_t& sum) {
+  ++sum;
+  asm volatile("" : "+r"(sum));
+}
+
+// Four additions that do not wait for each other take as long as one, unless another hardware
+// thread uses the core's adders too. Returns the time of the four over the time of the one.
+double timeFourAdditions() {
+  constexpr int kSteps = 4000;
+  std::uint64_t a = 0;
+  std::uint64_t b = 0;
+  std::uint64_t c = 0;
+  std::uint64_t d = 0;
+  const auto addOne = [&] {
+#pragma GCC unroll 16
+    for (int step = 0; step < kSteps; ++step) add(a);
+  };
+  const auto addFour = [&] {
+#pragma GCC unroll 16
+    for (int step = 0; step < kSteps; ++step) {
+      add(a);
+      add(b);
+      add(c);
+      add(d);
+    }
+  };
+  const double one = nanosecondsOf(addOne);
+  return nanosecondsOf(addFour) / one;
 }
 
 double quantile(std::vector<double> values, double part) {
@@ -65,11 +104,22 @@ double Rounds::spread(const Value& value) const {
   return (quantile(values, 0.75) - quantile(values, 0.25)) / 2;
 }
 
+// A core of its own was seen to have a width of 1.0, and a shared one 1.3 to 1.5. With fewer adders
+// the width is always greater, so the least of all rounds counts as that of a core of its own.
+double Rounds::sharedPart() const {
+  constexpr double kShared = 1.15;
+  const double least = std::max(1.0, std::ranges::min(widths));
+  const auto shared =
+      std::ranges::count_if(widths, [=](double width) { return width > kShared * least; });
+  return static_cast<double>(shared) / static_cast<double>(widths.size());
+}
+
 Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
   for (const Step& step : steps) nanoseconds(step, batch);  // warms up
-  Rounds result = {
-      std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds)))};
+  Rounds result = {std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds))),
+                   {}};
   for (int round = 0; round < rounds; ++round) {
+    result.widths.push_back(timeFourAdditions());
     for (std::size_t i = 0; i < steps.size(); ++i) {
       const std::size_t at = round % 2 == 0 ? i : steps.size() - 1 - i;
       result.times[at][static_cast<std::size_t>(round)] = nanoseconds(steps[at], batch);
@@ -102,6 +152,7 @@ void measure(benchmark::State& state, Goal goal, int batch, const std::vector<St
   report(state, goal, value(medians));
   state.counters["spread"] = measured.spread(value);
   state.counters["rounds"] = rounds;
+  state.counters["shared"] = measured.sharedPart();
 }
 
 void require(bool holds, const char* what) {

@@ -5,6 +5,12 @@
 // round in reverse order, so that any other load on the machine affects all of them. The reported
 // times are medians over the rounds; the spread is half the distance between the quartiles of the
 // rounds' ratios.
+//
+// A row may have two values on one machine, each for minutes: one while this thread has its core
+// for itself, and one while another hardware thread of that core, perhaps of another virtual
+// machine, is busy too. A floor that mostly waits for its last load, such as a bare pointer loop,
+// hardly notices; the library's checks, which otherwise fill the time of such waits, then take time
+// of their own. So each row also reports in what part of its rounds the core was shared.
 #ifndef ZEB_BENCH_ROUNDS_H
 #define ZEB_BENCH_ROUNDS_H
 
@@ -49,6 +55,8 @@ double growthFromSecond(std::span<const double> times);
 // The times of the rounds: times[step][round], in nanoseconds.
 struct Rounds {
   std::vector<std::vector<double>> times;
+  std::vector<double> widths;  // of each round: the time of four additions at once, in additions
+  [[nodiscard]] double sharedPart() const;  // of the rounds, those on a shared core
   [[nodiscard]] std::vector<double> medians() const;
   [[nodiscard]] double spread(const Value& value) const;
 };

@@ -11,6 +11,7 @@ import re
 import sys
 
 TOLERANCE = 1.2
+DETAILS = r" ns$|bytes$|^rounds$|^shared$"
 
 
 def number(value):
@@ -33,7 +34,7 @@ def read_row(result):
         "aim met": None if aim == 0 and target != 0 else value <= aim,
         "badly missed": missed_by > TOLERANCE,
         "atLeast": at_least,
-        "details": {key: result[key] for key in result if re.search(r" ns$|bytes$|^rounds$", key)},
+        "details": {key: result[key] for key in result if re.search(DETAILS, key)},
     }
     return row
 
@@ -66,9 +67,11 @@ def main():
     with open(output, "w", encoding="utf-8") as file:
         json.dump({"machine": machine, "rows": rows}, file, indent=1)
     rounds = max(int(row.get("details", {}).get("rounds", 0)) for row in rows)
+    shared = [row["details"]["shared"] for row in rows if "shared" in row.get("details", {})]
     print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
           f"{machine['compiler']}; on one core, {machine['scheduling']}; "
-          f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds\n")
+          f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds, "
+          f"{sum(shared) / max(len(shared), 1):.0%} of them on a core that was shared\n")
     print("| quantity / floor | measured | spread | target | aim | met |\n|---|---|---|---|---|---|")
     for row in rows:
         print_row(row)

@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "zebstats_private.h"
 
@@ -98,9 +99,9 @@ inline std::uint32_t shownTid(ThreadId tid) noexcept {
 }
 
 // True if pid and tid are the caller's according to the caches; false may only mean "not cached
-// yet".
+// yet". No owner's id is 0, so a cache that is empty matches none.
 inline bool isKnownCaller(std::uint32_t pid, ThreadId tid) noexcept {
-  return pid != 0 && tid != 0 && pid == knownPid() && pthread_equal(rememberedTid, tid) != 0;
+  return pid == knownPid() && pthread_equal(rememberedTid, tid) != 0;
 }
 
 // Returns its argument; out of line, so that the compiler does not warn about printing a freed
@@ -111,6 +112,13 @@ const void* addressToShow(const void* block) noexcept;
 inline const char* textToShow(const char* text) noexcept {
   return text != nullptr ? text : "NULL";
 }
+
+// The first 24 characters of a text, for %s. Made among the arguments of a trace point, it is made
+// only if the line is written.
+struct ShownText {
+  explicit ShownText(const char* text) noexcept { strncpy(chars, text, sizeof chars - 1); }
+  char chars[25] = {};
+};
 
 // The name of the trace destination. Read it only while traceLock is held, as every trace line
 // does.

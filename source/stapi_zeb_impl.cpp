@@ -541,7 +541,7 @@ int beginTextQuery(const QueryCall& call, GatewayToken* gwTok, const char* query
 
 void resetWalk(const GatewayToken& gwTok) noexcept {
   ResultSetToken& resultSet = *gwTok.connRSToken;
-  resultSet.queryIndex = 0;
+  resultSet.queryIndex = resultSet.elementResultIndex = 0;
   resultSet.head = resultSet.next = gwTok.resultSetBuf;
 }
 
@@ -706,7 +706,8 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 }
 
 namespace {
-[[gnu::noinline]] int goToNextStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
+[[gnu::noinline, gnu::cold]] int goToNextStat(ResultSetToken* rsPtr,
+                                              StatData* statDataPtr) noexcept {
   const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1082, "API.getNextStat(rsPtr=%p,statDataPtr=%p)\n", rsPtr, statDataPtr);
@@ -731,7 +732,7 @@ int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
 }
 
 namespace {
-[[gnu::noinline]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
+[[gnu::noinline, gnu::cold]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   const LocalCall call;
   int rc = stapiInit();
   TRACE_ENTRY(1086, "API.getNextId(rsPtr=%p,idDataPtr=%p)\n", rsPtr, idDataPtr);

@@ -205,12 +205,14 @@ class ResultSetReader {
     cursor_ += sizeof value;
     return value;
   }
-  // The length that was read is checked here, whatever it is.
+  // The length that was read is checked here, whatever it is: a negative one, without its sign, is
+  // longer than any buffer.
   char* chars(std::int32_t length) noexcept {
-    if (length < 0 || static_cast<std::size_t>(length) > left()) ok_ = false;
+    const auto size = static_cast<std::uint32_t>(length);
+    if (size > left()) ok_ = false;
     if (!ok_) return nullptr;
     char* start = cursor_;
-    cursor_ += length;
+    cursor_ += size;
     return start;
   }
 

@@ -516,13 +516,11 @@ int readFromSocket(int socketDesc, int dataSize, void* dataBuf) noexcept {
 
 int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName,
          RequestHeader* header, reasons* reasons) noexcept {
-  char shownName[25] = {};
-  strncpy(shownName, requestName, sizeof shownName - 1);
   TRACE_ENTRY(
       3225,
       "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, &data=%p, requestName=%s, header=%p, "
       "reasons=%p)\n",
-      socketDesc, datalen, data, shownName, header, reasons);
+      socketDesc, datalen, data, ShownText(requestName).chars, header, reasons);
   if (datalen <= 0 || data == nullptr) {
     TRACE_EXC(3227, "stapi_zeb_socketcomms.flow No data to flow!!\n");
     return kFlowFailed;  // quirk: no EXIT line here
@@ -534,7 +532,7 @@ int flow(int socketDesc, int datalen, unsigned char** data, const char* requestN
       3238,
       "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
       "reasons=%p) rc=%d\n",
-      socketDesc, datalen, data, shownName, header, reasons, rc);
+      socketDesc, datalen, data, ShownText(requestName).chars, header, reasons, rc);
   return rc;
 }
 

@@ -600,19 +600,17 @@ int statProtocolVer(GatewayToken* gwTokPtr, reasons* reasons) noexcept {
 
 int statCommsString(int socketDesc, const char* queryType, const char* queryString, char* buffer,
                     reasons* reasons) noexcept {
-  char shownType[25] = {};
-  strncpy(shownType, queryType, sizeof shownType - 1);
   TRACE_ENTRY(
       4020,
       "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
       "reasons=%p)\n",
-      socketDesc, shownType, queryString, buffer, reasons);
+      socketDesc, ShownText(queryType).chars, queryString, buffer, reasons);
   const int rc = invoke(socketDesc, queryType, queryString, buffer, reasons);
   TRACE_EXIT(
       4027,
       "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
       "reasons=%p) rc=%d\n",
-      socketDesc, shownType, queryString, buffer, reasons, rc);
+      socketDesc, ShownText(queryType).chars, queryString, buffer, reasons, rc);
   return rc;
 }
 

@@ -191,7 +191,8 @@ inline void showEndOfElement(const WalkCall& call, std::int32_t queryIndex,
 
 // Advances past an entry; true after the last one of its query element.
 inline bool passEntry(ResultSetToken& resultSet) noexcept {
-  if (++resultSet.elementResultIndex <= resultSet.elementCount) return false;
+  if (++resultSet.elementResultIndex <= resultSet.elementCount) [[likely]]
+    return false;
   resultSet.elementResultIndex = 0;
   ++resultSet.queryIndex;
   return true;
@@ -289,17 +290,19 @@ int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* rec
 
 // Fast path: the next entry of the same element, nothing to trace, nothing wrong. It makes no
 // calls, so that it saves no register of its caller's, which is half of the time that walk takes.
-// In any other case it changes nothing and returns false.
+// In any other case it changes nothing and returns false. elementResultIndex is not 0 only within
+// an element, so the library is started and a walk is under way. A terminator ends the step too: as
+// a length it is longer than any buffer.
 template <typename Walk>
 inline bool stepWithinElement(ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
-  if (!isStarted() || traceLevel() >= kLevelEvent) return false;
+  if (traceLevel() >= kLevelEvent) return false;
   if (rsPtr == nullptr || record == nullptr || rsPtr->head == nullptr) return false;
   if (!hasContent(rsPtr->head, Walk::kMarker)) return false;
-  if (rsPtr->owner == kOwnerGateway && !isKnownCaller(rsPtr->owningPid, rsPtr->owningTid))
-    return false;
-  if (rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0) return false;
+  if (rsPtr->owner == kOwnerGateway) [[likely]] {
+    if (!isKnownCaller(rsPtr->owningPid, rsPtr->owningTid)) return false;
+  }
+  if (rsPtr->elementResultIndex == 0) return false;
   ResultSetReader in(rsPtr->next, rsPtr->head);
-  if (in.atEnd()) return false;
   const auto entry = Walk::read(in);
   if (!in.ok()) return false;
   Walk::fill(*record, entry);

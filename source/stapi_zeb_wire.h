@@ -2,6 +2,8 @@
 #ifndef STAPI_ZEB_WIRE_H
 #define STAPI_ZEB_WIRE_H
 
+#include <endian.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -26,9 +28,9 @@ class ByteReader {
   [[nodiscard]] std::size_t left() const noexcept { return rest_.size(); }
   [[nodiscard]] const std::uint8_t* position() const noexcept { return rest_.data(); }
 
-  std::uint8_t u8() noexcept { return static_cast<std::uint8_t>(number(1)); }
-  std::int16_t i16() noexcept { return static_cast<std::int16_t>(number(2)); }
-  std::int32_t i32() noexcept { return static_cast<std::int32_t>(number(4)); }
+  std::uint8_t u8() noexcept { return load<std::uint8_t>(); }
+  std::int16_t i16() noexcept { return static_cast<std::int16_t>(be16toh(load<std::uint16_t>())); }
+  std::int32_t i32() noexcept { return static_cast<std::int32_t>(be32toh(load<std::uint32_t>())); }
   // A negative length fails.
   std::string_view text(std::int32_t length) noexcept {
     if (length < 0) ok_ = false;
@@ -56,10 +58,12 @@ class ByteReader {
     rest_ = {start + count, rest_.size() - count};
     return start;
   }
-  std::uint32_t number(std::size_t width) noexcept {
-    const std::uint8_t* bytes = take(width);
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; bytes != nullptr && i < width; ++i) value = value << 8 | bytes[i];
+  // As it is on the wire; 0 if it is not there.
+  template <typename Number>
+  Number load() noexcept {
+    Number value = 0;
+    const std::uint8_t* bytes = take(sizeof value);
+    if (bytes != nullptr) std::memcpy(&value, bytes, sizeof value);
     return value;
   }
 
@@ -79,8 +83,14 @@ class ByteWriter {
     rest_ = {rest_.data() + count, rest_.size() - count};
   }
   void u8(std::uint8_t value) noexcept { bytes(&value, 1); }
-  void u16(std::uint16_t value) noexcept { number(value, 2); }
-  void u32(std::uint32_t value) noexcept { number(value, 4); }
+  void u16(std::uint16_t value) noexcept {
+    value = htobe16(value);
+    bytes(&value, sizeof value);
+  }
+  void u32(std::uint32_t value) noexcept {
+    value = htobe32(value);
+    bytes(&value, sizeof value);
+  }
   void i32(std::int32_t value) noexcept { u32(static_cast<std::uint32_t>(value)); }
   void text16(std::string_view text) noexcept {
     if (text.size() > UINT16_MAX) ok_ = false;
@@ -91,13 +101,6 @@ class ByteWriter {
   void zeroRest() noexcept { std::fill(rest_.begin(), rest_.end(), std::uint8_t{0}); }
 
  private:
-  void number(std::uint32_t value, std::size_t width) noexcept {
-    std::uint8_t packed[4];
-    for (std::size_t i = 0; i < width; ++i)
-      packed[i] = static_cast<std::uint8_t>(value >> 8 * (width - 1 - i));
-    bytes(packed, width);
-  }
-
   std::span<std::uint8_t> rest_;
   bool ok_ = true;
 };
