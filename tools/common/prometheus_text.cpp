@@ -3,11 +3,11 @@
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -156,9 +156,15 @@ void nameFamilies(Families& families) {
 
 // ---- Samples ------------------------------------------------------------------------------------
 
+// Returns the fewest digits from which the same double is read. Not with to_chars: it needs another
+// shared library, and loading that would slow down each start of zebstat.
 std::string showDouble(double number) {
   char digits[32];
-  return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
+  for (int precision : {6, 15, 16, 17}) {
+    std::snprintf(digits, sizeof digits, "%.*g", precision, number);
+    if (std::strtod(digits, nullptr) == number) break;
+  }
+  return digits;
 }
 
 // Returns the number to write, with the gateway's own digits if nothing converts it; nothing if the
