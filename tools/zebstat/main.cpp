@@ -1,4 +1,4 @@
-// zebstat: asks a gateway for its statistics, and shows, checks or exports the answer.
+// zebstat: asks a gateway for its statistics, and shows or checks the answer.
 //
 // Results go to standard output, messages to standard error, one line for each failure.
 #include <signal.h>
@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "check.h"
+#include "completion.h"
 #include "fault.h"
 #include "gateway.h"
 #include "options.h"
@@ -33,7 +34,7 @@ void setUpLibrary(const Options& options) {
 // Prints a fault here rather than in main: on the way there the gateway is closed, which may take
 // until the timeout.
 int askGateway(const Options& options) {
-  Gateway gateway({options.host, options.port}, options.timeoutSeconds);
+  Gateway gateway(options.gateways.front(), options.timeoutSeconds);
   try {
     if (options.command == Command::kCheck) return runCheck(options, gateway);
     return options.watchSeconds > 0 ? showWatched(options, gateway) : showOnce(options, gateway);
@@ -46,10 +47,13 @@ int askGateway(const Options& options) {
 int run(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
-  bool isExporter = options->command == Command::kExporter;
-  if (isExporter || options->format == Format::kPrometheus) switchToPrometheus(argv);
+  if (options->command == Command::kCompletion) {
+    writeOutput(writeCompletion(options->shell));
+    return kDone;
+  }
+  if (options->format == Format::kPrometheus) switchToPrometheus(argv);
   setUpLibrary(*options);
-  return isExporter ? serveMetrics(*options) : askGateway(*options);
+  return askGateway(*options);
 }
 
 }  // namespace
