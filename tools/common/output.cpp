@@ -102,7 +102,8 @@ OutputFile::OutputFile(const std::string& path, std::string option)
   if (target != nullptr) path_ = target;
   std::free(target);
   bool isThere = stat(path_.c_str(), &found) == 0;
-  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(option_, path, "it is not a regular file");
+  if (isThere && !S_ISREG(found.st_mode))
+    throw makeFileFault(option_, path, "it is not a regular file");
   if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
     throw makeFileFault(option_, path, std::strerror(errno));
 }

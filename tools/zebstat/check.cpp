@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <string_view>
 
@@ -115,9 +116,8 @@ class Judge {
     if (found != answer.entries.end()) return judgeValue(id, found->value);
     auto isRefused = [&](const Refusal& refusal) { return refusal.element == id; };
     auto refused = std::find_if(answer.refusals.begin(), answer.refusals.end(), isRefused);
-    std::string code = refused == answer.refusals.end()
-                           ? ""
-                           : " (its code " + std::to_string(refused->code) + ")";
+    std::string code =
+        refused == answer.refusals.end() ? "" : " (its code " + std::to_string(refused->code) + ")";
     return {kStateUnknown, "the gateway does not know " + id + code, {}};
   }
 
@@ -149,8 +149,8 @@ class Judge {
   // Without an earlier value, or if the value fell because a counter was restarted, there is no
   // rate yet, which is no alarm.
   Finding judgeRate(const std::string& id, const std::string& value, long double number) {
-    double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-                     .count();
+    double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     std::optional<EarlierValue> earlier = earlier_->find(gateway_, id);
     earlier_->set(gateway_, id, {now, value});
     std::optional<long double> before = earlier ? parseNumber(earlier->value) : std::nullopt;
@@ -223,7 +223,7 @@ std::vector<Finding> examine(const CheckOptions& options, Gateway& gateway) {
     return findings;
   } catch (const GatewayFault& fault) {
     return {{options.unreachable, fault.what(), {}}};
-  } catch (const Fault& fault) {
+  } catch (const std::exception& fault) {
     return {{kStateUnknown, fault.what(), {}}};
   }
 }
@@ -233,7 +233,8 @@ std::vector<Finding> examine(const CheckOptions& options, Gateway& gateway) {
 std::optional<CheckRange> parseCheckRange(const std::string& text) {
   std::size_t equals = text.rfind('=');
   std::string id = equals == std::string::npos ? "" : text.substr(0, equals);
-  std::optional<Range> range = parseRange(equals == std::string::npos ? text : text.substr(equals + 1));
+  std::optional<Range> range =
+      parseRange(equals == std::string::npos ? text : text.substr(equals + 1));
   if (!range || (equals != std::string::npos && id.empty())) return std::nullopt;
   return CheckRange{std::move(id), *range};
 }
@@ -249,9 +250,8 @@ int runCheck(const CheckOptions& options, Gateway& gateway) {
   return report(examine(options, gateway), options, gateway.name());
 }
 
-int reportCheckUsage(const std::string& message) {
-  writeOutput("UNKNOWN: " + onOneLine(message) + "\n");
-  return kStateUnknown;
+int reportCheckUsage(const CheckUsageFault& fault) {
+  return report({{kStateUnknown, fault.what(), {}}}, {}, {});
 }
 
 }  // namespace zebtool

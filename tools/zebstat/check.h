@@ -42,8 +42,14 @@ bool isRegex(const std::string& text);
 // Asks, prints the result and returns the state. Whatever fails is a part of the result.
 int runCheck(const CheckOptions& options, Gateway& gateway);
 
-// Prints the message of wrong usage as the plug-in's result, and returns kStateUnknown.
-int reportCheckUsage(const std::string& message);
+// Wrong usage, which a plug-in reports as its result.
+struct CheckUsageFault : Fault {
+  explicit CheckUsageFault(const std::string& text)
+      : Fault(static_cast<ExitCode>(kStateUnknown), text) {}
+};
+
+// Prints the message as the plug-in's result, and returns its state.
+int reportCheckUsage(const CheckUsageFault& fault);
 
 }  // namespace zebtool
 

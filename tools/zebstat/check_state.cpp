@@ -1,7 +1,6 @@
 #include "check_state.h"
 
 #include <fstream>
-#include <iterator>
 
 #include <nlohmann/json.hpp>
 
@@ -14,7 +13,9 @@ using Json = nlohmann::json;
 
 CheckStateFile::CheckStateFile(std::string path) : path_(std::move(path)) {
   std::ifstream file(path_);
-  Json document = Json::parse(file, nullptr, /*allow_exceptions=*/false);
+  std::string text;
+  std::getline(file, text, '\0');
+  Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!document.is_array()) return;
   for (const Json& item : document) {
     bool isGood = item.is_array() && item.size() == 4 && item[0].is_string() &&

@@ -1,4 +1,4 @@
-// zebstat: asks a gateway for its statistics, and shows, checks or exports the answer.
+// zebstat: asks a gateway for its statistics, and shows or checks the answer.
 //
 // Results go to standard output, messages to standard error, one line for each failure.
 #include <signal.h>
@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "check.h"
+#include "completion.h"
 #include "fault.h"
 #include "gateway.h"
 #include "options.h"
@@ -33,9 +34,9 @@ void setUpLibrary(const Options& options) {
 // Prints a fault here rather than in main: on the way there the gateway is closed, which may take
 // until the timeout.
 int askGateway(const Options& options) {
-  Gateway gateway({options.host, options.port}, options.timeoutSeconds);
+  Gateway gateway(options.gateways.front(), options.timeoutSeconds);
   try {
-    if (options.command == Command::kCheck) return runCheck(options, gateway);
+    if (options.command == Command::kCheck) return runCheck(options.check, gateway);
     return options.watchSeconds > 0 ? showWatched(options, gateway) : showOnce(options, gateway);
   } catch (const Fault& fault) {
     printMessage(fault.what());
@@ -46,10 +47,18 @@ int askGateway(const Options& options) {
 int run(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
-  bool isExporter = options->command == Command::kExporter;
-  if (isExporter || options->format == Format::kPrometheus) switchToPrometheus(argv);
-  setUpLibrary(*options);
-  return isExporter ? serveMetrics(*options) : askGateway(*options);
+  if (options->command == Command::kCompletion) {
+    writeOutput(writeCompletion(options->shell));
+    return kDone;
+  }
+  if (options->format == Format::kPrometheus) switchToPrometheus(argv);
+  try {
+    setUpLibrary(*options);
+  } catch (const Fault& fault) {
+    if (options->command == Command::kCheck) throw CheckUsageFault(fault.what());
+    throw;
+  }
+  return askGateway(*options);
 }
 
 }  // namespace
@@ -60,6 +69,8 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
   try {
     return zebtool::run(argc, argv);
+  } catch (const zebtool::CheckUsageFault& fault) {
+    return zebtool::reportCheckUsage(fault);
   } catch (const zebtool::Fault& fault) {
     zebtool::printMessage(fault.what());
     return fault.exitCode;

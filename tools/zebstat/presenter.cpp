@@ -52,7 +52,8 @@ std::string Presenter::render(const Report& report) {
     case Format::kCsv:
       return renderCsv(report, isFirst_ || file_.has_value());
     case Format::kPrometheus:
-      return renderPrometheus(report);
+      return renderPrometheus({report});
+    case Format::kValue:
     case Format::kTable:
       break;
   }

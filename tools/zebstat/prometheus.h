@@ -1,11 +1,11 @@
-// The parts that need the Prometheus libraries. Those would double the start-up time, so they are
-// linked into a second program, zebstat-prometheus, which zebstat executes for these parts.
+// --format prometheus needs the Prometheus libraries. Those would double the start-up time, so they
+// are linked into a second program, zebstat-prometheus, which zebstat executes for that format.
 #ifndef ZEBSTAT_PROMETHEUS_H
 #define ZEBSTAT_PROMETHEUS_H
 
 #include <string>
+#include <vector>
 
-#include "options.h"
 #include "report.h"
 
 namespace zebtool {
@@ -14,11 +14,8 @@ namespace zebtool {
 // zebstat-prometheus it does nothing.
 void switchToPrometheus(char** argv);
 
-// Returns the report in the text format of Prometheus. In zebstat, this and serveMetrics() throw.
-std::string renderPrometheus(const Report& report);
-
-// Runs the exporter. Returns the exit code; throws a Fault as runExporter() does.
-int serveMetrics(const Options& options);
+// Returns the reports in the text format of Prometheus. In zebstat it throws.
+std::string renderPrometheus(const std::vector<Report>& reports);
 
 }  // namespace zebtool
 

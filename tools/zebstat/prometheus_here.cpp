@@ -1,23 +1,20 @@
 // prometheus.h as zebstat-prometheus implements it.
-#include "exporter.h"
 #include "prometheus.h"
+
 #include "prometheus_names.h"
 
 namespace zebtool {
 
 void switchToPrometheus(char**) {}
 
-std::string renderPrometheus(const Report& report) {
-  PrometheusAnswer answer{report.gateway, {}};
-  for (const Entry& entry : report.answer.entries) {
-    answer.stats.push_back({entry.id, groupOf(entry, report.isByGroup), entry.value});
+std::string renderPrometheus(const std::vector<Report>& reports) {
+  std::vector<PrometheusAnswer> answers;
+  for (const Report& report : reports) {
+    PrometheusAnswer& answer = answers.emplace_back(PrometheusAnswer{report.gateway, {}});
+    for (const Entry& entry : report.answer.entries)
+      answer.stats.push_back({entry.id, groupOf(entry, report.isByGroup), entry.value});
   }
-  return writePrometheusText({answer});
-}
-
-int serveMetrics(const Options& options) {
-  runExporter({options.listen, options.gateways, options.timeoutSeconds});
-  return kDone;
+  return writePrometheusText(answers);
 }
 
 }  // namespace zebtool
