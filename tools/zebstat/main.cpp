@@ -31,17 +31,11 @@ void setUpLibrary(const Options& options) {
     throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
 }
 
-// Prints a fault here rather than in main: on the way there the gateway is closed, which may take
-// until the timeout.
-int askGateway(const Options& options) {
-  Gateway gateway(options.gateways.front(), options.timeoutSeconds);
-  try {
-    if (options.command == Command::kCheck) return runCheck(options.check, gateway);
-    return options.watchSeconds > 0 ? showWatched(options, gateway) : showOnce(options, gateway);
-  } catch (const Fault& fault) {
-    printMessage(fault.what());
-    return fault.exitCode;
-  }
+int askGateways(const Options& options) {
+  if (options.command != Command::kCheck)
+    return options.watchSeconds > 0 ? showWatched(options) : showOnce(options);
+  Gateway gateway(options.gateways.front(), options.timeoutSeconds, true);
+  return runCheck(options.check, gateway);
 }
 
 int run(int argc, char** argv) {
@@ -58,7 +52,7 @@ int run(int argc, char** argv) {
     if (options->command == Command::kCheck) throw CheckUsageFault(fault.what());
     throw;
   }
-  return askGateway(*options);
+  return askGateways(*options);
 }
 
 }  // namespace

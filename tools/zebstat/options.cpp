@@ -22,9 +22,14 @@ constexpr double kMaxSeconds = 86400;
 // Validators return an empty text if the value is valid, otherwise the message about it.
 using Validator = std::function<std::string(const std::string&)>;
 
+// People may leave out the digit before the point.
+std::optional<long double> parseTyped(const std::string& text) {
+  return parseNumber(text.starts_with('.') ? "0" + text : text);
+}
+
 Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
   return [=](const std::string& text) {
-    std::optional<long double> number = parseNumber(text);
+    std::optional<long double> number = parseTyped(text);
     bool isGood = number && *number >= low && *number <= high;
     if (isGood && isWhole) isGood = text.find_first_not_of("0123456789") == std::string::npos;
     return isGood ? std::string() : "'" + text + "' is not " + what;
@@ -60,7 +65,7 @@ std::string wantText(const std::string& text) {
 
 // A lone number is most probably meant for --watch.
 std::string wantName(const std::string& text) {
-  if (!parseNumber(text)) return wantText(text);
+  if (!parseTyped(text)) return wantText(text);
   return "'" + text + "' is not a name; to repeat every " + text + " seconds write --watch=" + text;
 }
 
@@ -88,7 +93,7 @@ std::vector<std::string> readArguments(int argc, char** argv) {
   std::vector<std::string> arguments;
   for (int i = argc - 1; i > 0; --i) {
     bool isWatch = std::string_view(argv[i]) == "--watch";
-    if (isWatch && !arguments.empty() && parseNumber(arguments.back())) {
+    if (isWatch && !arguments.empty() && parseTyped(arguments.back())) {
       arguments.back().insert(0, "--watch=");
     } else {
       arguments.emplace_back(argv[i]);
@@ -288,7 +293,7 @@ class Parser {
     if (*command.program != '\0')
       throw CLI::ValidationError(command.name, "write the command before its options");
     finishCheck();
-    if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseNumber(watch_));
+    if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseTyped(watch_));
     if (options_.outputFile == "-") options_.outputFile.clear();
     chooseGateways();
     chooseFormat();
@@ -328,7 +333,9 @@ class Parser {
   void readEnvironment() {
     const char* text = std::getenv("ZEBSTAT_GATEWAY");
     if (text == nullptr) return;
-    gateways_ = CLI::detail::split_up(text);
+    std::string list = text;
+    std::replace(list.begin(), list.end(), ',', ' ');
+    gateways_ = CLI::detail::split_up(list);
     for (const std::string& gateway : gateways_) {
       if (std::string message = wantAddress(gateway); !message.empty())
         throw CLI::ValidationError("ZEBSTAT_GATEWAY in the environment", message);
@@ -402,7 +409,9 @@ Question Options::question() const {
       return {Kind::kGroups, {}};
     default:
       if (isByGroup()) return {Kind::kStatsByGroup, groups};
-      return {ids.empty() ? Kind::kStats : Kind::kStatsById, ids};
+      if (ids.empty()) return {Kind::kStats, {}};
+      return {std::any_of(ids.begin(), ids.end(), isGlob) ? Kind::kStatsByGlob : Kind::kStatsById,
+              ids};
   }
 }
 
