@@ -259,6 +259,15 @@ asked="zebstat to a closed pipe" code=0
 timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/dev/null || code=$?
 [ "$code" = 0 ] && [ ! -s "$scratch/err" ] || complain "exit code $code: $(<"$scratch/err")"
 
+# Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
+start odd --odd-names
+for format in table json csv value; do
+  ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
+  ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \
+    '[\x00-\x1F\x7F-\x{9F}\x{61C}\x{200B}-\x{200F}\x{202A}-\x{202E}\x{2060}-\x{2069}\x{FEFF}]' ||
+    complain "raw characters"
+done
+
 # Both signals end the simulator cleanly, and then nobody listens there.
 for signal in INT TERM; do
   start "big$signal" --scale 40
