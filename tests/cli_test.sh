@@ -6,7 +6,7 @@ simulator=$2
 scratch=$(mktemp -d)
 started=()
 failures=0
-unset NO_COLOR
+unset NO_COLOR ZEBSTAT_GATEWAY
 export TERM=xterm
 
 clean_up() {
@@ -113,15 +113,18 @@ shows "  \"timestamp\": \"$stamp\"," "  \"gateway\": \"127.0.0.1:$port\"," '  "v
   '    \{"id":"REQ_JOURNAL","group":"REQ","value":"t=0 .* ok\\n.*"\}' '    \{"element":"NO_SUCH","code":-[0-9]+\}'
 ask 0 "${at[@]}" ids --format jsonl VM && lines 1
 shows '\{"version":1,.*,"ids":\[\{"id":"VM_NAME","group":"VM"\},.*\],"errors":\[\]\}'
-ask 0 "${at[@]}" groups --format csv && shows "$stamp,HOST"$'\r'
+ask 0 "${at[@]}" groups --format csv && shows "$stamp,HOST,127.0.0.1:$port"$'\r'
 ask 0 "${at[@]}" stats --format csv HOST_SITE VM_NAME
-shows $'timestamp,group,id,value\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\""$'\r'
+shows $'timestamp,group,id,value,gateway\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\",127.0.0.1:$port"$'\r'
+ask 0 "${at[@]}" stats --format value HOST_SITE HOST_CPUS --output - && lines 2 && shows 'Århus, hall 2' '16'
+ask 0 "${at[@]}" groups --format value && lines 6 && shows LINK
 ask 0 "${at[@]}" stats --format prometheus HOST_SITE HOST_CPUS
 shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' 'zebstats_info\{.*value="Århus, hall 2".*\} 1'
 
 # ---- Filters and files ----
 ask 0 "${at[@]}" ids --include '*_PEAK' --include 'VM_*' --exclude 'VM_HEAP*' --exclude 'NO_*'
 lines 12 1 && says "zebstat: --exclude 'NO_\\*' matched nothing"
+ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' 'VM_?PTIME' && lines 4 1 && says "$here: 'NO_\*' matched nothing"
 ask 5 "${at[@]}" groups --include 'host' && lines 1 1 && says "zebstat: --include 'host' matched nothing"
 
 file_is_kept() {
@@ -141,8 +144,22 @@ asked="zebstat --output to a full disk" code=0
 [ "$code" = 2 ] || complain "exit code $code, not 2"
 file_is_kept
 
+# ---- Several gateways ----
+start second --seed 2
+several=(--gateway "127.0.0.1:${at[3]}" --gateway 127.0.0.1:1 --gateway "localhost:$port")
+ask 3 stats HOST_CPUS "${several[@]}" && lines 3 1 && says 'zebstat: 127\.0\.0\.1:1: cannot connect .*'
+shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" "localhost:$port +HOST_CPUS +16"
+ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" --format csv && lines 3 2
+ask 3 stats HOST_CPUS "${several[@]}" --format jsonl && lines 3 1
+shows '\{.*"gateway":"127.0.0.1:1",.*"outage":\{"code":-135,"text":".*"\}\}'
+ask 3 stats HOST_CPUS "${several[@]}" --watch 0.1 --count 3 && lines 7 1
+export ZEBSTAT_GATEWAY="127.0.0.1:${at[3]},[::1]:1"
+ask 3 groups --format json && lines 24 1 && shows '\[' '\]' && ask 0 "${at[@]}" groups && lines 7
+unset ZEBSTAT_GATEWAY
+port=${at[3]}
+
 # ---- Watching ----
-ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 && lines 3 && shows '\{"version":1,.*\}'
+ask 0 "${at[@]}" stats VM_UPTIME --watch .1 --count 3 && lines 3 && shows '\{"version":1,.*\}'
 ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 --format csv && lines 4
 ask_on_terminal 'stty cols 60 rows 24' "${at[@]}" stats VM_NAME VM_UPTIME --watch=1.1 --count 3
 shows $'.*STATISTIC  VALUE  CHANGE  PER SECOND.*' $'.*VM_UPTIME +[0-9]+ +[12] +[0-9.]+\e.*'
@@ -152,6 +169,8 @@ shows $'\\.\\.\\. 54 more\e.*'
 
 start first --seed 1
 asked="zebstat --watch while the gateway is started again and then silent"
+"$zebstat" -p "$port" -t 1 stats VM_UPTIME --watch=0.2 >"$scratch/records" 2>/dev/null &
+started=($! "${started[@]}")
 "$zebstat" --port "$port" --timeout 1 stats VM_UPTIME --watch=0.2 --format table >"$scratch/watched" 2>"$scratch/words" &
 started=($! "${started[@]}")
 waits_for "$scratch/watched" 'VM_UPTIME +2 '
@@ -170,6 +189,8 @@ waits_for "$scratch/words" 'no answer within 1 s; trying again in 1 s'
 kill -CONT "${started[-1]}"
 waits_for "$scratch/words" 'it answers again'
 ends INT 0
+ends INT 0
+[ "$(grep -c '"outage":{"code":-1' "$scratch/records")" = 2 ] || complain "records: $(<"$scratch/records")"
 
 # ---- check ----
 check() { # CODE PATTERN ARGUMENT...
@@ -209,34 +230,37 @@ ask 1 "${at[@]}" stats HOST_CPUS NO_SUCH # a refused element does not hide the o
 lines 2 1 && shows 'HOST_CPUS  16' && says "$here: cannot get 'NO_SUCH': .* \(its code -[0-9]+\).*"
 for wrong in "stats --port abc" "stats --port 65536" "stats --port" "nonsense" "" "groups VM" "--nonsense groups" \
   "stats VM_NAME --group VM" "stats --format yaml" "stats --watch=soon" "stats --count 2" "stats --timeout 0" \
-  "ids --format prometheus" "stats --trace 6" "exporter" "exporter --port 1 --gateway a:1" "stats --include"; do
+  "ids --format prometheus" "stats --trace 6" "stats --include" "stats 5" "stats --group 5" "--port 1 live" \
+  "stats --host a:1 --port 2" "stats --host a --gateway b" "stats --host a:b"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 2 $wrong
   lines 0 1 && says 'zebstat: .*; see zebstat .*--help'
 done
 ask 2 "${at[@]}" stats ""
 ask 2 "${at[@]}" stats --trace 1 --trace-file "$scratch/no/file" && lines 0 1
-for command in "" stats ids groups check exporter; do
-  ask 0 ${command:+"$command"} --help
-  [ "$(count "$out")" -le 24 ] && ! grep -E '.{81}' <<<"$out" || complain "more than a screen"
-  [ "$(tail -3 <<<"$out" | head -1)" = Examples: ] || complain "does not end in two examples"
-done
+
+eval "$("$zebstat" completion bash)"
+offers() { # LINE WORD
+  asked="completion of $1" COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
+  PATH=$(dirname "$zebstat"):$PATH _zebstat || true
+  [[ " ${COMPREPLY[*]} " == *" $2 "* ]] || complain "$2 is not offered: ${COMPREPLY[*]}"
+}
+offers "zebstat " live && offers "zebstat stats ${at[*]} HOST_C" HOST_CPUS && offers "zebstat ids ${at[*]} L" LINK
+# live and exporter are programs of their own, which lie beside zebstat.
+mkdir "$scratch/bin" && cp "$zebstat" "$scratch/bin/zebstat"
+asked="zebstat live" code=0
+err=$("$scratch/bin/zebstat" live --any 2>&1) || code=$?
+[ "$code" = 2 ] && says 'zebstat: cannot start zebstat-live: it is not installed; .*' || complain "exit code $code"
+ln -s "$(type -P echo)" "$scratch/bin/zebstat-live"
+[ "$("$scratch/bin/zebstat" live -p 1 x)" = "-p 1 x" ] || complain "the arguments are lost"
+
+# ---- Why there is no connection ----
 
 ask 3 "${at[@]}" stats "$(printf '%032766d' 0)" && lines 0 1 && says "$here: cannot ask \(-2\): .*"
 ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 && says '.*: cannot connect \(-132\): .*'
 kill -STOP "${started[0]}"
-ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s"
-check 2 'CRITICAL: .*: no answer within 0\.3 s' --timeout 0.3 HOST_CPUS
-"$zebstat" exporter --listen 127.0.0.1:0 --timeout 20 --gateway "127.0.0.1:$port" --trace 3 \
-  --trace-file "$scratch/exported" >"$scratch/served" &
-started+=($!)
-waits_for "$scratch/served" listening
-asked="zebstat exporter that is ended while it waits for a gateway"
-IFS=: read -r _ scraped <"$scratch/served"
-exec {scrape}<>"/dev/tcp/127.0.0.1/$scraped"
-printf 'GET /metrics HTTP/1.0\r\n\r\n' >&"$scrape"
-waits_for "$scratch/exported" 'flowHandshakeRequest\('
-ends TERM -1
+ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s: it .* silent.*"
+check 2 'CRITICAL: .*: no answer within 0\.3 s.*' --timeout 0.3 HOST_CPUS
 kill -CONT "${started[0]}"
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
 [ -s "$scratch/trace" ] || complain "no trace"
@@ -247,6 +271,15 @@ says 'zebstat: cannot write to standard output: .*'
 asked="zebstat to a closed pipe" code=0
 timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/dev/null || code=$?
 [ "$code" = 0 ] && [ ! -s "$scratch/err" ] || complain "exit code $code: $(<"$scratch/err")"
+
+# Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
+start odd --odd-names
+for format in table json csv value; do
+  ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
+  ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \
+    '[\x00-\x1F\x7F-\x{9F}\x{61C}\x{200B}-\x{200F}\x{202A}-\x{202E}\x{2060}-\x{2069}\x{FEFF}]' ||
+    complain "raw characters"
+done
 
 # Both signals end the simulator cleanly, and then nobody listens there.
 for signal in INT TERM; do

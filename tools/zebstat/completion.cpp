@@ -39,6 +39,7 @@ _zebstat_offer() { # KIND [WORD...]
   case $1 in
     words) known=${*:2} ;;
     file) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
+    help) known=$("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]') ;;
     host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current") && return ;;
     ids | groups)
       for ((at = 1; at < ${#line[@]} - 2; ++at)); do
@@ -92,11 +93,11 @@ std::string writeBash() {
   }
   text += "  esac\n  case $command:$current in\n";
   for (const CommandRow& command : allCommands()) {
-    std::string options;
+    std::string options = *command.program != '\0' ? "help" : "words";
     for (const OptionRow& row : allOptions()) {
       if (hasOption(command.command, row)) options += " " + namesOf(row, " ");
     }
-    text += std::string("    ") + command.name + ":-*) _zebstat_offer words" + options + " ;;\n";
+    text += std::string("    ") + command.name + ":-*) _zebstat_offer " + options + " ;;\n";
     text += std::string("    ") + command.name + ":*) _zebstat_offer " +
             kindInBash(command.completion, command.words) + " ;;\n";
   }
@@ -117,6 +118,11 @@ _zebstat_ask() { # ids|groups
     esac
   done
   known=(${(f)"$(zebstat $1 --format value --timeout 1 $options 2>/dev/null)"})
+  compadd -a known
+}
+_zebstat_help() { # the options of a command that another program carries out
+  local -a known
+  known=(${(f)"$(zebstat $words[1] --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]')"})
   compadd -a known
 }
 _zebstat() {
@@ -158,8 +164,10 @@ std::string writeZshOption(const OptionRow& row, const char* name) {
 
 std::string writeZsh() {
   std::string text = kZshStart;
-  for (const CommandRow& row : allCommands())
-    text += "    " + quote(std::string(row.name) + ":" + row.summary) + "\n";
+  for (const CommandRow& row : allCommands()) {
+    if (*row.summary != '\0')
+      text += "    " + quote(std::string(row.name) + ":" + row.summary) + "\n";
+  }
   text += R"zsh(  )
   _arguments -C '1: :->command' '*:: :->argument'
   [[ $state != command ]] || _describe command commands
@@ -167,7 +175,8 @@ std::string writeZsh() {
   case $words[1] in
 )zsh";
   for (const CommandRow& command : allCommands()) {
-    text += std::string("    ") + command.name + ")\n      _arguments";
+    text += std::string("    ") + command.name + ")\n      ";
+    text += *command.program != '\0' ? "_zebstat_help" : "_arguments";
     for (const OptionRow& row : allOptions()) {
       if (!hasOption(command.command, row)) continue;
       if (*row.shortName != '\0') text += writeZshOption(row, row.shortName);

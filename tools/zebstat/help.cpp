@@ -65,7 +65,7 @@ std::string helpForAll() {
          "Shows the statistics of a transaction gateway.\n\n" +
          align(commands) + R"(
 zebstat COMMAND --help prints the options of a command, --version the version.
-ZEBSTAT_GATEWAY=HOST:PORT in the environment names the gateway to ask by default.
+ZEBSTAT_GATEWAY=HOST:PORT in the environment names the default gateway.
 
 Exit codes: 0 done, 1 the gateway answered an element with an error, 2 usage,
 3 not connected, 4 no answer in time, 5 nothing matched. check has its own.

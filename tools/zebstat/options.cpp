@@ -115,10 +115,16 @@ class Parser {
     for (const OptionRow& row : allOptions()) {
       if (isGeneral(row)) add(&app_, row);
     }
-    for (const CommandRow& row : allCommands()) addCommand(row);
   }
 
   std::optional<Options> parse(int argc, char** argv) {
+    unsigned added = 0;
+    for (int i = 1; i < argc; ++i) {
+      const CommandRow* row = findCommand(argv[i]);
+      if (row == nullptr || (added & bitOf(row->command)) != 0) continue;
+      added |= bitOf(row->command);
+      addCommand(*row);
+    }
     try {
       app_.parse(readArguments(argc, argv));
       finish();
@@ -145,8 +151,8 @@ class Parser {
     return row.option >= Option::kGateway && row.option <= Option::kTraceFile;
   }
 
-  // Adds a command. Its options are added only when it is given: adding those of all commands would
-  // double the start-up time.
+  // Adds a command, one that an argument names. Its options are added only when CLI11 meets it:
+  // adding those of all commands would double the start-up time.
   void addCommand(const CommandRow& command) {
     CLI::App* added = app_.add_subcommand(command.name);
     added->preparse_callback([this, &command, added](std::size_t) {
