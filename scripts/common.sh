@@ -40,6 +40,22 @@ install_missing() {
   rm -f "$log"
 }
 
+# install_without_starting PACKAGE...: the same for servers, but keeps the packages from starting
+# their services.
+install_without_starting() {
+  local policy=/usr/sbin/policy-rc.d package status=0 as_root=()
+  for package in "$@"; do
+    dpkg-query -W "$package" >/dev/null 2>&1 && continue
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    [ -e "$policy" ] && break
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$policy"
+    (install_missing "$@") || status=$?
+    "${as_root[@]}" rm -f "$policy"
+    return "$status"
+  done
+  install_missing "$@"
+}
+
 # The packages that every build needs, and those that the tests need too.
 BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libmicrohttpd-dev
   libncurses-dev)

@@ -6,7 +6,7 @@ simulator=$2
 scratch=$(mktemp -d)
 started=()
 failures=0
-unset NO_COLOR
+unset NO_COLOR ZEBSTAT_GATEWAY
 export TERM=xterm
 
 clean_up() {
@@ -113,15 +113,18 @@ shows "  \"timestamp\": \"$stamp\"," "  \"gateway\": \"127.0.0.1:$port\"," '  "v
   '    \{"id":"REQ_JOURNAL","group":"REQ","value":"t=0 .* ok\\n.*"\}' '    \{"element":"NO_SUCH","code":-[0-9]+\}'
 ask 0 "${at[@]}" ids --format jsonl VM && lines 1
 shows '\{"version":1,.*,"ids":\[\{"id":"VM_NAME","group":"VM"\},.*\],"errors":\[\]\}'
-ask 0 "${at[@]}" groups --format csv && shows "$stamp,HOST"$'\r'
+ask 0 "${at[@]}" groups --format csv && shows "$stamp,HOST,127.0.0.1:$port"$'\r'
 ask 0 "${at[@]}" stats --format csv HOST_SITE VM_NAME
-shows $'timestamp,group,id,value\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\""$'\r'
+shows $'timestamp,group,id,value,gateway\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\",127.0.0.1:$port"$'\r'
+ask 0 "${at[@]}" stats --format value HOST_SITE HOST_CPUS --output - && lines 2 && shows 'Århus, hall 2' '16'
+ask 0 "${at[@]}" groups --format value && lines 6 && shows LINK
 ask 0 "${at[@]}" stats --format prometheus HOST_SITE HOST_CPUS
 shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' 'zebstats_host_site_info\{.*value="Århus, hall 2".*\} 1'
 
 # ---- Filters and files ----
 ask 0 "${at[@]}" ids --include '*_PEAK' --include 'VM_*' --exclude 'VM_HEAP*' --exclude 'NO_*'
 lines 12 1 && says "zebstat: --exclude 'NO_\\*' matched nothing"
+ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' 'VM_?PTIME' && lines 4 1 && says "$here: 'NO_\*' matched nothing"
 ask 5 "${at[@]}" groups --include 'host' && lines 1 1 && says "zebstat: --include 'host' matched nothing"
 
 file_is_kept() {
@@ -141,8 +144,22 @@ asked="zebstat --output to a full disk" code=0
 [ "$code" = 2 ] || complain "exit code $code, not 2"
 file_is_kept
 
+# ---- Several gateways ----
+start second --seed 2
+several=(--gateway "127.0.0.1:${at[3]}" --gateway 127.0.0.1:1 --gateway "localhost:$port")
+ask 3 stats HOST_CPUS "${several[@]}" && lines 3 1 && says 'zebstat: 127\.0\.0\.1:1: cannot connect .*'
+shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" "localhost:$port +HOST_CPUS +16"
+ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" --format csv && lines 3 2
+ask 3 stats HOST_CPUS "${several[@]}" --format jsonl && lines 3 1
+shows '\{.*"gateway":"127.0.0.1:1",.*"outage":\{"code":-135,"text":".*"\}\}'
+ask 3 stats HOST_CPUS "${several[@]}" --watch 0.1 --count 3 && lines 7 1
+export ZEBSTAT_GATEWAY="127.0.0.1:${at[3]},[::1]:1"
+ask 3 groups --format json && lines 24 1 && shows '\[' '\]' && ask 0 "${at[@]}" groups && lines 7
+unset ZEBSTAT_GATEWAY
+port=${at[3]}
+
 # ---- Watching ----
-ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 && lines 3 && shows '\{"version":1,.*\}'
+ask 0 "${at[@]}" stats VM_UPTIME --watch .1 --count 3 && lines 3 && shows '\{"version":1,.*\}'
 ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 --format csv && lines 4
 ask_on_terminal 'stty cols 60 rows 24' "${at[@]}" stats VM_NAME VM_UPTIME --watch=1.1 --count 3
 shows $'.*STATISTIC  VALUE  CHANGE  PER SECOND.*' $'.*VM_UPTIME +[0-9]+ +[12] +[0-9.]+\e.*'
@@ -152,6 +169,8 @@ shows $'\\.\\.\\. 54 more\e.*'
 
 start first --seed 1
 asked="zebstat --watch while the gateway is started again and then silent"
+"$zebstat" -p "$port" -t 1 stats VM_UPTIME --watch=0.2 >"$scratch/records" 2>/dev/null &
+started=($! "${started[@]}")
 "$zebstat" --port "$port" --timeout 1 stats VM_UPTIME --watch=0.2 --format table >"$scratch/watched" 2>"$scratch/words" &
 started=($! "${started[@]}")
 waits_for "$scratch/watched" 'VM_UPTIME +2 '
@@ -170,6 +189,8 @@ waits_for "$scratch/words" 'no answer within 1 s; trying again in 1 s'
 kill -CONT "${started[-1]}"
 waits_for "$scratch/words" 'it answers again'
 ends INT 0
+ends INT 0
+[ "$(grep -c '"outage":{"code":-1' "$scratch/records")" = 2 ] || complain "records: $(<"$scratch/records")"
 
 # ---- check ----
 check() { # CODE PATTERN ARGUMENT...
@@ -177,43 +198,69 @@ check() { # CODE PATTERN ARGUMENT...
   shift 2
   ask "$wanted" "${at[@]}" check "$@"
   lines 1 && shows "$pattern"
-  [ "${#out}" -lt 80 ] || complain "${#out} characters"
 }
-check 0 'OK: HOST_CPUS is 16 \| HOST_CPUS=16;16;~:20' HOST_CPUS --warning 16 --critical '~:20'
-check 1 'WARNING: HOST_CPUS is 16, .* \| HOST_CPUS=16;@10:20;30' HOST_CPUS --warning @10:20 --critical 30
+long=$(printf 'X%.0s' {1..99})
+big=123456789012345678901234567890
+check 0 'OK: HOST_CPUS is 16 \| HOST_CPUS=16;16;~:20' HOST_CPUS -w 16 --critical '~:20'
+check 1 'WARNING: HOST_CPUS is 16, .* \| HOST_CPUS=16;@10:20;30' HOST_CPUS --warning @10:20 -c 30
 check 2 'CRITICAL: HOST_CPUS is 16, .* \| HOST_CPUS=16;;20:' HOST_CPUS --critical 20:
-check 2 'CRITICAL: HOST_CPUS .*' HOST_CPUS --warning 5 --critical -3:15.9
-check 3 'UNKNOWN: HOST_SITE is no number: Århus, hall 2' HOST_SITE
-check 3 'UNKNOWN: the gateway does not know X+\.\.\.' "$(printf 'X%.0s' {1..99})"
-ask 3 --port 1 check HOST_CPUS && lines 1 && shows 'UNKNOWN: 127\.0\.0\.1:1: cannot connect \(-135\): .*'
+check 2 'CRITICAL: LISTEN_PORT is 2980, .*, HOST_CPUS is 16, .*, HOST_SITE is no .* \| L.*=2980;9;5 H.*=16;9;17' \
+  HOST_SITE HOST_CPUS LISTEN_PORT -w 9 -c 17 -c LISTEN_PORT=5
+check 3 "UNKNOWN: the gateway does not know $long .*" "$long"
+check 0 'OK: LISTEN_STATE is accepting' LISTEN_STATE --equals accepting
+check 2 'CRITICAL: HOST_SITE is .*, expected is a match of \^x/y' HOST_SITE --matches '^x|y'
+printf '{"statistics": [{"id": "LISTEN_BYTES*", "unit": "bytes"}]}' >"$scratch/units"
+check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata "$scratch/units"
+rate=(LISTEN_BYTES_IN --rate --state "$scratch/rate" -w 0)
+check 0 'OK: LISTEN_BYTES_IN is [0-9]+, its rate is known from the next run on' "${rate[@]}"
+sed -i 's/,"[0-9]*"\]/,"1"]/' "$scratch/rate" # the gateway's values change only once a second
+check 1 'WARNING: .* grows by [0-9.]+ per second, .* \| LISTEN_BYTES_IN_per_second=[0-9.]+;0' "${rate[@]}"
+sed -i "s/,\"[0-9]*\"\]/,\"$big\"]/" "$scratch/rate"
+check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate" "${rate[@]}"
+ask 2 --port 1 check HOST_CPUS -v && lines 2 && shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
+ask 1 --port 1 check HOST_CPUS --unreachable warning && lines 1
+for wrong in "HOST_CPUS -w ten" "HOST_CPUS -c 20:10" "HOST_CPUS -c @" "HOST_CPUS -w ~" "HOST_CPUS -w NO=5" "" \
+  "A --rate" "A --matches (" "A --equals a -w 1" "A --unreachable ok" "A --metadata /" "A --trace 1 --trace-file /no/x"; do
+  # shellcheck disable=SC2086 # split into arguments on purpose
+  ask 3 "${at[@]}" check $wrong && lines 1 && shows 'UNKNOWN: .+'
+done
 
 # ---- What goes wrong ----
 ask 1 "${at[@]}" stats HOST_CPUS NO_SUCH # a refused element does not hide the others
 lines 2 1 && shows 'HOST_CPUS  16' && says "$here: cannot get 'NO_SUCH': .* \(its code -[0-9]+\).*"
 for wrong in "stats --port abc" "stats --port 65536" "stats --port" "nonsense" "" "groups VM" "--nonsense groups" \
   "stats VM_NAME --group VM" "stats --format yaml" "stats --watch=soon" "stats --count 2" "stats --timeout 0" \
-  "ids --format prometheus" "stats --trace 6" "stats --include"; do
+  "ids --format prometheus" "stats --trace 6" "stats --include" "stats 5" "stats --group 5" "--port 1 live" \
+  "stats --host a:1 --port 2" "stats --host a --gateway b" "stats --host a:b"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 2 $wrong
   lines 0 1 && says 'zebstat: .*; see zebstat .*--help'
 done
 ask 2 "${at[@]}" stats ""
 ask 2 "${at[@]}" stats --trace 1 --trace-file "$scratch/no/file" && lines 0 1
-for range in "" ten 20:10 10:20:30 @ '~' :; do
-  ask 3 check HOST_CPUS --warning "$range" # 2 would be an alarm
-  lines 0 1 && says "zebstat: --warning: '$range' is not a range such as .*"
-done
-for command in "" stats ids groups check; do
-  ask 0 ${command:+"$command"} --help
-  [ "$(count "$out")" -le 24 ] && ! grep -E '.{81}' <<<"$out" || complain "more than a screen"
-  [ "$(tail -3 <<<"$out" | head -1)" = Examples: ] || complain "does not end in two examples"
-done
+
+eval "$("$zebstat" completion bash)"
+offers() { # LINE WORD
+  asked="completion of $1" COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
+  PATH=$(dirname "$zebstat"):$PATH _zebstat || true
+  [[ " ${COMPREPLY[*]} " == *" $2 "* ]] || complain "$2 is not offered: ${COMPREPLY[*]}"
+}
+offers "zebstat " live && offers "zebstat stats ${at[*]} HOST_C" HOST_CPUS && offers "zebstat ids ${at[*]} L" LINK
+# live and exporter are programs of their own, which lie beside zebstat.
+mkdir "$scratch/bin" && cp "$zebstat" "$scratch/bin/zebstat"
+asked="zebstat live" code=0
+err=$("$scratch/bin/zebstat" live --any 2>&1) || code=$?
+[ "$code" = 2 ] && says 'zebstat: cannot start zebstat-live: it is not installed; .*' || complain "exit code $code"
+ln -s "$(type -P echo)" "$scratch/bin/zebstat-live"
+[ "$("$scratch/bin/zebstat" live -p 1 x)" = "-p 1 x" ] || complain "the arguments are lost"
+
+# ---- Why there is no connection ----
 
 ask 3 "${at[@]}" stats "$(printf '%032766d' 0)" && lines 0 1 && says "$here: cannot ask \(-2\): .*"
 ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 && says '.*: cannot connect \(-132\): .*'
 kill -STOP "${started[0]}"
-ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s"
-check 3 'UNKNOWN: .*: no answer within 0\.3 s' --timeout 0.3 HOST_CPUS
+ask 4 "${at[@]}" groups --timeout 0.3 && lines 0 1 && says "$here: no answer within 0\.3 s: it .* silent.*"
+check 2 'CRITICAL: .*: no answer within 0\.3 s.*' --timeout 0.3 HOST_CPUS
 kill -CONT "${started[0]}"
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
 [ -s "$scratch/trace" ] || complain "no trace"
@@ -224,6 +271,15 @@ says 'zebstat: cannot write to standard output: .*'
 asked="zebstat to a closed pipe" code=0
 timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/dev/null || code=$?
 [ "$code" = 0 ] && [ ! -s "$scratch/err" ] || complain "exit code $code: $(<"$scratch/err")"
+
+# Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
+start odd --odd-names
+for format in table json csv value; do
+  ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
+  ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \
+    '[\x00-\x1F\x7F-\x{9F}\x{61C}\x{200B}-\x{200F}\x{202A}-\x{202E}\x{2060}-\x{2069}\x{FEFF}]' ||
+    complain "raw characters"
+done
 
 # Both signals end the simulator cleanly, and then nobody listens there.
 for signal in INT TERM; do

@@ -13,7 +13,9 @@ class Live : public testing::Test {
  protected:
   // Gives the gateway's answer at that second: ids and values by turns.
   void answer(int second, const std::vector<Entry>& entries, std::size_t gateway = 0) {
-    history.take(gateway, {entries, {}}, start + seconds(second));
+    Answer given;
+    given.entries = entries;
+    history.take(gateway, given, start + seconds(second));
   }
   std::string shown(const View& view, int second) {
     std::string ids;

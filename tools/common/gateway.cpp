@@ -1,15 +1,18 @@
 #include "gateway.h"
 
 #include <arpa/inet.h>
+#include <fnmatch.h>
 #include <netdb.h>
 
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <span>
 #include <string_view>
 #include <utility>
 
+#include "diagnose.h"
 #include "text.h"
 
 namespace zebtool {
@@ -19,7 +22,9 @@ namespace {
 using Kind = Question::Kind;
 
 // Returns the library's code, its meaning, and what to try.
-std::string explain(int code) {
+std::string explain(int code, const std::string& cause) {
+  const std::string number = "(" + std::to_string(code) + "): ";
+  if (!cause.empty()) return number + cause;
   const char* meaning = zebstats::describe(code);
   const char* advice = "";
   switch (code) {
@@ -31,7 +36,10 @@ std::string explain(int code) {
       advice = "; ask for less at once";
       break;
     case ZEB_CONNECT_REFUSED:
-      advice = "; is it running?";
+      advice = "; is it running, and is this its statistics port?";
+      break;
+    case ZEB_HOST_UNKNOWN:
+      advice = "; check its spelling, or give its address";
       break;
     case ZEB_CONNECT_FAILED:
     case ZEB_COMMUNICATION_FAILED:
@@ -40,7 +48,7 @@ std::string explain(int code) {
     default:
       break;
   }
-  return "(" + std::to_string(code) + "): " + meaning + advice;
+  return number + meaning + advice;
 }
 
 // ---- Connecting ---------------------------------------------------------------------------------
@@ -101,6 +109,8 @@ class Asker {
       case Kind::kStatsByGroup:
       case Kind::kIdsByGroup:
         return askFor(question.kind, question.elements);
+      case Kind::kStatsByGlob:
+        return askByGlob(question.elements);
       case Kind::kGroups:
         break;
     }
@@ -125,6 +135,31 @@ class Asker {
     code = askFor(kind == Kind::kStats ? Kind::kStatsByGroup : Kind::kIdsByGroup, groups.ids());
     for (Entry& entry : answer_.entries) entry.element.clear();
     return code;
+  }
+
+  // Asks for the ids and those that a glob matches, each once.
+  int askByGlob(Elements globs) {
+    Asker all(connection_);
+    if (int code = all.askAll(Kind::kIds); code != ZEB_OK) return code;
+    std::vector<std::string> wanted;
+    std::set<std::string> known;
+    auto add = [&](const std::string& id) {
+      if (known.insert(id).second) wanted.push_back(id);
+    };
+    for (const std::string& glob : globs) {
+      if (!isGlob(glob)) {
+        add(glob);
+        continue;
+      }
+      bool hasMatched = false;
+      for (const Entry& entry : all.answer_.entries) {
+        if (fnmatch(glob.c_str(), entry.id.c_str(), 0) != 0) continue;
+        hasMatched = true;
+        add(entry.id);
+      }
+      if (!hasMatched) answer_.unmatched.push_back(glob);
+    }
+    return wanted.empty() ? ZEB_OK : askFor(Kind::kStatsById, wanted);
   }
 
   // If the answer is too large, asks for each half of the elements, and for the statistics of a
@@ -230,30 +265,38 @@ const char* nameOf(FaultReason reason) {
   return "lost";
 }
 
+bool isGlob(const std::string& text) {
+  return text.find_first_of("*?[") != std::string::npos;
+}
+
 void Gateway::connect() {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds_);
   int code = ZEB_HOST_UNKNOWN;
-  for (const std::string& host : resolve(address_.host)) {
+  std::vector<std::string> addresses = resolve(address_.host);
+  for (const std::string& host : addresses) {
     code = connection_.open(host.c_str(), address_.port).code();
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
-  if (code != ZEB_OK) fail("connect", code);
+  if (code == ZEB_OK) return;
+  fail("connect", code, isDiagnosing_ ? diagnose(addresses, address_.port) : "");
 }
 
-void Gateway::fail(const char* step, int code) const {
+void Gateway::fail(const char* step, int code, const std::string& cause) const {
   if (isTimeout(code)) {
-    throw GatewayFault(
-        kTimedOut, name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s", code);
+    throw GatewayFault(kTimedOut,
+                       name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s" +
+                           (cause.empty() ? "" : ": " + cause),
+                       code);
   }
-  throw GatewayFault(kNotConnected, name() + ": cannot " + step + " " + explain(code), code);
+  throw GatewayFault(kNotConnected, name() + ": cannot " + step + " " + explain(code, cause), code);
 }
 
 Answer Gateway::ask(const Question& question) {
   if (!connection_.isOpen()) connect();
   Asker asker(connection_);
   int code = asker.ask(question);
-  if (code != ZEB_OK) fail(asker.failedStep(), code);
+  if (code != ZEB_OK) fail(asker.failedStep(), code, "");
   return asker.takeAnswer();
 }
 

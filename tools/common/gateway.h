@@ -14,9 +14,9 @@ namespace zebtool {
 
 // Asks for everything of its kind, or only for what the elements name.
 struct Question {
-  enum class Kind { kStats, kStatsById, kStatsByGroup, kIds, kIdsByGroup, kGroups };
+  enum class Kind { kStats, kStatsById, kStatsByGlob, kStatsByGroup, kIds, kIdsByGroup, kGroups };
   Kind kind = Kind::kStats;
-  std::vector<std::string> elements;  // empty for kStats, kIds and kGroups
+  std::vector<std::string> elements;  // empty for kStats, kIds and kGroups; kStatsByGlob: ids too
 };
 
 // One id or statistic of an answer: bytes as the gateway sent them.
@@ -35,7 +35,11 @@ struct Refusal {
 struct Answer {
   std::vector<Entry> entries;
   std::vector<Refusal> refusals;
+  std::vector<std::string> unmatched;  // globs of the question that match no id
 };
+
+// Returns whether the text is a pattern for fnmatch rather than an id.
+bool isGlob(const std::string& text);
 
 // Why a gateway could not be asked.
 struct GatewayFault : Fault {
@@ -65,9 +69,12 @@ const char* nameOf(FaultReason reason);
 // closes the connection, which may take until the timeout.
 class Gateway {
  public:
-  // The timeout is only named in messages; the library must have been given the same.
-  Gateway(Address address, double timeoutSeconds)
-      : address_(std::move(address)), timeoutSeconds_(timeoutSeconds) {}
+  // The timeout is only named in messages; the library must have been given the same. If failures
+  // are to be diagnosed, one in connecting takes up to two seconds more and names its cause.
+  Gateway(Address address, double timeoutSeconds, bool isDiagnosing = false)
+      : address_(std::move(address)),
+        timeoutSeconds_(timeoutSeconds),
+        isDiagnosing_(isDiagnosing) {}
 
   // Returns HOST:PORT, an IPv6 address in brackets.
   [[nodiscard]] std::string name() const { return showAddress(address_); }
@@ -85,10 +92,11 @@ class Gateway {
 
  private:
   void connect();
-  [[noreturn]] void fail(const char* step, int code) const;
+  [[noreturn]] void fail(const char* step, int code, const std::string& cause) const;
 
   Address address_;
   double timeoutSeconds_;
+  bool isDiagnosing_;
   zebstats::Connection connection_;
 };
 

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "fault.h"
 #include "text.h"
@@ -52,8 +53,8 @@ int writeAll(int file, std::string_view text) {
   return 0;
 }
 
-Fault makeFileFault(const std::string& path, const std::string& what) {
-  return {kUsage, "--output: cannot write '" + path + "': " + what +
+Fault makeFileFault(const std::string& option, const std::string& path, const std::string& what) {
+  return {kUsage, option + ": cannot write '" + path + "': " + what +
                       "; name a file in a folder that can be written to"};
 }
 
@@ -94,22 +95,24 @@ void waitForReader(double seconds) {
   }
 }
 
-OutputFile::OutputFile(const std::string& path) : path_(path) {
+OutputFile::OutputFile(const std::string& path, std::string option)
+    : path_(path), option_(std::move(option)) {
   struct stat found {};
   char* target = realpath(path.c_str(), nullptr);  // null if the file does not exist yet
   if (target != nullptr) path_ = target;
   std::free(target);
   bool isThere = stat(path_.c_str(), &found) == 0;
-  if (isThere && !S_ISREG(found.st_mode)) throw makeFileFault(path, "it is not a regular file");
+  if (isThere && !S_ISREG(found.st_mode))
+    throw makeFileFault(option_, path, "it is not a regular file");
   if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
-    throw makeFileFault(path, std::strerror(errno));
+    throw makeFileFault(option_, path, std::strerror(errno));
 }
 
 void OutputFile::replace(const std::string& text) const {
   SignalsHeld held;
   std::string temporary = path_ + ".XXXXXX";
   int file = mkstemp(temporary.data());
-  if (file < 0) throw makeFileFault(path_, std::strerror(errno));
+  if (file < 0) throw makeFileFault(option_, path_, std::strerror(errno));
   struct stat replaced {};
   mode_t mask = umask(0);
   umask(mask);
@@ -121,7 +124,7 @@ void OutputFile::replace(const std::string& text) const {
   if (fault == 0 && rename(temporary.c_str(), path_.c_str()) != 0) fault = errno;
   if (fault == 0) return;
   unlink(temporary.c_str());
-  throw makeFileFault(path_, std::strerror(fault));
+  throw makeFileFault(option_, path_, std::strerror(fault));
 }
 
 }  // namespace zebtool

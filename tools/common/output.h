@@ -24,13 +24,15 @@ void waitForReader(double seconds);
 // A file that is replaced by a new one when that is complete.
 class OutputFile {
  public:
-  // Throws a Fault if no file can be written there; call it before asking for the content.
-  explicit OutputFile(const std::string& path);
+  // Throws a Fault if no file can be written there; call it before asking for the content. Messages
+  // name the option that has given the path.
+  explicit OutputFile(const std::string& path, std::string option = "--output");
   // Replaces the content. Throws a Fault; the file is as it was then.
   void replace(const std::string& text) const;
 
  private:
   std::string path_;  // not a symbolic link: what it points to is replaced
+  std::string option_;
 };
 
 }  // namespace zebtool

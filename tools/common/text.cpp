@@ -4,7 +4,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <system_error>
+#include <cstdlib>
+#include <limits>
 
 namespace zebtool {
 
@@ -55,83 +56,43 @@ void appendCharacter(std::string& out, std::uint32_t code) {
   put(0x80 | (code & 0x3F));
 }
 
-bool isPlainAscii(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+struct Span {
+  std::uint32_t first, last;
+};
+
+template <std::size_t count>
+bool isIn(const Span (&spans)[count], std::uint32_t code) {
+  return std::any_of(std::begin(spans), std::end(spans),
+                     [code](const Span& span) { return span.first <= code && code <= span.last; });
 }
 
-// Returns 2 for characters that terminals draw two columns wide, 0 for those that they draw onto
-// the previous character, otherwise 1.
-std::size_t columnsOfCharacter(std::uint32_t code) {
-  struct Span {
-    std::uint32_t first, last;
-  };
-  constexpr Span kCombining[] = {
-      {0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
-  constexpr Span kWide[] = {{0x1100, 0x115F},   {0x2E80, 0xA4CF},  {0xAC00, 0xD7A3},
-                            {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},  {0xFF00, 0xFF60},
-                            {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
-  auto holds = [&](const Span& span) { return code >= span.first && code <= span.last; };
-  if (std::any_of(std::begin(kCombining), std::end(kCombining), holds)) return 0;
-  return std::any_of(std::begin(kWide), std::end(kWide), holds) ? 2 : 1;
-}
-
-// Returns whether a character would move the cursor, change the direction of what follows, or not
-// be seen at all.
+// Characters that move the cursor, turn the direction of writing, or cannot be seen.
 bool isHidden(std::uint32_t code) {
-  struct Span {
-    std::uint32_t first, last;
-  };
   constexpr Span kHidden[] = {
       {0, 0x1F},        {0x7F, 0x9F},       {0xAD, 0xAD},      {0x34F, 0x34F},   {0x61C, 0x61C},
       {0x115F, 0x1160}, {0x17B4, 0x17B5},   {0x180B, 0x180F},  {0x200B, 0x200F}, {0x2028, 0x202E},
       {0x2060, 0x206F}, {0x3164, 0x3164},   {0xFE00, 0xFE0F},  {0xFEFF, 0xFEFF}, {0xFFA0, 0xFFA0},
       {0xFFF9, 0xFFFB}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF}};
-  return std::any_of(std::begin(kHidden), std::end(kHidden),
-                     [code](const Span& span) { return code >= span.first && code <= span.last; });
+  bool isPlain = code >= 0x20 && code < 0x7F;  // most are
+  return !isPlain && isIn(kHidden, code);
 }
 
-std::string escapeCharacter(std::uint32_t code) {
-  if (code == '\n') return "\\n";
-  char escape[16];
-  auto number = static_cast<unsigned>(code);
-  if (code < 0x100) {
-    std::snprintf(escape, sizeof escape, "\\x%02X", number);
-  } else if (code < 0x10000) {
-    std::snprintf(escape, sizeof escape, "\\u%04X", number);
-  } else {
-    std::snprintf(escape, sizeof escape, "\\U%08X", number);
-  }
-  return escape;
+// Appends the prefix, which begins an escape, and the code in that many hexadecimal digits.
+void appendHex(std::string& out, const char* prefix, std::uint32_t code, int digits) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%0*X", digits, code);
+  out += prefix;
+  out += text;
 }
 
-}  // namespace
-
-std::string toUtf8(std::string_view bytes) {
-  if (isPlainAscii(bytes)) return std::string(bytes);
-  std::string out;
-  for (std::size_t at = 0; at < bytes.size();) {
-    Character character = readCharacter(bytes, at);
-    at += character.length;
-    bool isHigh = character.code >= 0xD800 && character.code < 0xDC00;
-    Character low = isHigh && at < bytes.size() ? readCharacter(bytes, at) : Character();
-    if (isHigh && low.code >= 0xDC00 && low.code < 0xE000) {
-      at += low.length;
-      character.code = 0x10000 + ((character.code - 0xD800) << 10) + (low.code - 0xDC00);
-    }
-    bool isGood = character.code != kNone && (character.code < 0xD800 || character.code >= 0xE000);
-    appendCharacter(out, isGood ? character.code : kReplacement);
-  }
-  return out;
-}
-
-std::string toShown(std::string_view bytes) {
-  if (isPlainAscii(bytes)) return std::string(bytes);
-  std::string utf8 = toUtf8(bytes);
+// Appends valid UTF-8, with an escape for each character that isEscaped selects.
+template <typename Select, typename Escape>
+std::string escapeSome(std::string_view utf8, Select isEscaped, Escape escape) {
   std::string out;
   for (std::size_t at = 0; at < utf8.size();) {
     Character character = readCharacter(utf8, at);
-    if (isHidden(character.code)) {
-      out += escapeCharacter(character.code);
+    if (isEscaped(character.code)) {
+      escape(out, character.code);
     } else {
       out.append(utf8, at, character.length);
     }
@@ -140,28 +101,23 @@ std::string toShown(std::string_view bytes) {
   return out;
 }
 
-std::size_t columnsOf(std::string_view utf8) {
-  if (isPlainAscii(utf8)) return utf8.size();
-  std::size_t columns = 0;
-  for (std::size_t at = 0; at < utf8.size();) {
-    Character character = readCharacter(utf8, at);
-    columns += columnsOfCharacter(character.code);
-    at += character.length;
-  }
-  return columns;
+bool isPlainAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
 }
 
-std::string cutToColumns(std::string_view utf8, std::size_t columns) {
-  std::size_t at = 0;
-  for (std::size_t used = 0; at < utf8.size();) {
-    Character character = readCharacter(utf8, at);
-    used += columnsOfCharacter(character.code);
-    if (used > columns) break;
-    at += character.length;
-  }
-  return std::string(utf8.substr(0, at));
+// Returns 2 for characters that terminals draw two columns wide, 0 for those that they draw onto
+// the previous character, otherwise 1.
+std::size_t columnsOfCharacter(std::uint32_t code) {
+  constexpr Span kCombining[] = {
+      {0x300, 0x36F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+  constexpr Span kWide[] = {{0x1100, 0x115F},   {0x2E80, 0xA4CF},  {0xAC00, 0xD7A3},
+                            {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},  {0xFF00, 0xFF60},
+                            {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+  if (isIn(kCombining, code)) return 0;
+  return isIn(kWide, code) ? 2 : 1;
 }
 
+// Returns whether the text is a number as JSON writes it.
 bool isJsonNumber(std::string_view text) {
   std::size_t at = 0;
   auto skipDigits = [&] {
@@ -186,14 +142,92 @@ bool isJsonNumber(std::string_view text) {
   return at == text.size();
 }
 
+}  // namespace
+
+std::string toUtf8(std::string_view bytes) {
+  if (isPlainAscii(bytes)) return std::string(bytes);
+  std::string out;
+  for (std::size_t at = 0; at < bytes.size();) {
+    Character character = readCharacter(bytes, at);
+    at += character.length;
+    bool isHigh = character.code >= 0xD800 && character.code < 0xDC00;
+    Character low = isHigh && at < bytes.size() ? readCharacter(bytes, at) : Character();
+    if (isHigh && low.code >= 0xDC00 && low.code < 0xE000) {
+      at += low.length;
+      character.code = 0x10000 + ((character.code - 0xD800) << 10) + (low.code - 0xDC00);
+    }
+    bool isGood = character.code != kNone && (character.code < 0xD800 || character.code >= 0xE000);
+    appendCharacter(out, isGood ? character.code : kReplacement);
+  }
+  return out;
+}
+
+std::string toShown(std::string_view bytes) {
+  if (isPlainAscii(bytes)) return std::string(bytes);
+  return escapeSome(toUtf8(bytes), isHidden, [](std::string& out, std::uint32_t code) {
+    if (code == '\n') {
+      out += "\\n";
+    } else {
+      int digits = code < 0x100 ? 2 : code < 0x10000 ? 4 : 8;
+      appendHex(out, digits == 2 ? "\\x" : digits == 4 ? "\\u" : "\\U", code, digits);
+    }
+  });
+}
+
+std::string quoteJson(std::string_view bytes) {
+  auto isEscaped = [](std::uint32_t code) { return isHidden(code) || code == '"' || code == '\\'; };
+  auto escape = [](std::string& out, std::uint32_t code) {
+    if (code == '"' || code == '\\') {
+      out += {'\\', static_cast<char>(code)};
+    } else if (code == '\n') {
+      out += "\\n";
+    } else if (code < 0x10000) {
+      appendHex(out, "\\u", code, 4);
+    } else {
+      appendHex(out, "\\u", 0xD800 + ((code - 0x10000) >> 10), 4);
+      appendHex(out, "\\u", 0xDC00 + (code & 0x3FF), 4);
+    }
+  };
+  return '"' + escapeSome(toUtf8(bytes), isEscaped, escape) + '"';
+}
+
+std::string toCsvCell(std::string_view bytes) {
+  std::string text = toShown(bytes);
+  bool isFormula = !text.empty() && std::string_view("=+-@").find(text[0]) != std::string::npos;
+  if (isFormula && !parseNumber(text)) text.insert(0, "'");
+  if (text.find_first_of(",\"") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
+  return quoted + "\"";
+}
+
+std::size_t columnsOf(std::string_view utf8) {
+  if (isPlainAscii(utf8)) return utf8.size();
+  std::size_t columns = 0;
+  for (std::size_t at = 0; at < utf8.size();) {
+    Character character = readCharacter(utf8, at);
+    columns += columnsOfCharacter(character.code);
+    at += character.length;
+  }
+  return columns;
+}
+
+std::string cutToColumns(std::string_view utf8, std::size_t columns) {
+  std::size_t at = 0;
+  for (std::size_t used = 0; at < utf8.size();) {
+    Character character = readCharacter(utf8, at);
+    used += columnsOfCharacter(character.code);
+    if (used > columns) break;
+    at += character.length;
+  }
+  return std::string(utf8.substr(0, at));
+}
+
 std::optional<long double> parseNumber(std::string_view text) {
-  // strtold would also take leading blanks, a plus, hexadecimal digits and words.
-  if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos || text.starts_with('+'))
-    return std::nullopt;
+  if (!isJsonNumber(text)) return std::nullopt;
   const std::string number(text);
-  char* end = nullptr;
-  long double value = std::strtold(number.c_str(), &end);
-  if (number.empty() || *end != '\0' || !std::isfinite(value)) return std::nullopt;
+  long double value = std::strtold(number.c_str(), nullptr);
+  if (std::fabs(value) > std::numeric_limits<double>::max()) return std::nullopt;
   return value;
 }
 

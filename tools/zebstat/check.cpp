@@ -1,8 +1,15 @@
 #include "check.h"
 
+#include <regex.h>
+
 #include <algorithm>
+#include <chrono>
+#include <exception>
+#include <memory>
 #include <string_view>
 
+#include "check_state.h"
+#include "metadata.h"
 #include "output.h"
 #include "text.h"
 
@@ -10,83 +17,241 @@ namespace zebtool {
 
 namespace {
 
-enum State { kOk, kWarning, kCritical, kUnknown };
-
 constexpr const char* kStateNames[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
-constexpr std::size_t kMaxColumns = 79;
 
 struct Finding {
-  State state = kUnknown;
+  CheckState state = kStateUnknown;
   std::string message;
   std::string performance;  // empty if there is none
 };
 
-std::string cutMessage(const std::string& message, std::size_t columns) {
-  if (columnsOf(message) <= columns) return message;
-  return columns < 3 ? "" : cutToColumns(message, columns - 3) + "...";
+// The state that matters most: critical, then warning, then unknown.
+int weightOf(CheckState state) {
+  constexpr int kWeights[] = {0, 2, 3, 1};
+  return kWeights[state];
 }
 
-// Shortens the message; if less than kMinMessage columns would be left for it, leaves out the
-// performance data.
-std::string renderLine(const Finding& finding) {
-  std::string start = std::string(kStateNames[finding.state]) + ": ";
-  std::string message = toShown(finding.message);
-  std::replace(message.begin(), message.end(), '|', '/');  // '|' starts performance data
-  std::string performance = finding.performance.empty() ? "" : " | " + toShown(finding.performance);
-  constexpr std::size_t kMinMessage = 20;
-  if (start.size() + kMinMessage + columnsOf(performance) > kMaxColumns) performance.clear();
-  return start + cutMessage(message, kMaxColumns - start.size() - columnsOf(performance)) +
-         performance + "\n";
-}
-
-// Returns the value and its ranges as performance data, or an empty text if the id cannot be
-// written.
-std::string writePerformance(const Options& options, long double value) {
-  std::string label;
-  for (char c : options.checkedId) label += c == '\'' ? "''" : std::string(1, c);
-  if (label.find_first_of(" ='|") != std::string::npos) label = "'" + label + "'";
-  if (label.find('|') != std::string::npos) return {};
-  std::string text = label + "=" + showNumber(value, 6);
-  if (options.warning || options.critical)
-    text += ";" + (options.warning ? options.warning->text : "");
-  if (options.critical) text += ";" + options.critical->text;
+// Returns text that monitoring systems take as one line: '|' starts performance data.
+std::string onOneLine(const std::string& bytes) {
+  std::string text = toShown(bytes);
+  std::replace(text.begin(), text.end(), '|', '/');
   return text;
 }
 
-Finding judge(const Options& options, const Answer& answer) {
-  const std::string& id = options.checkedId;
-  auto hasId = [&](const Entry& entry) { return entry.id == id; };
-  auto found = std::find_if(answer.entries.begin(), answer.entries.end(), hasId);
-  if (found == answer.entries.end()) {
-    std::string code = answer.refusals.empty()
-                           ? ""
-                           : " (its code " + std::to_string(answer.refusals[0].code) + ")";
-    return {kUnknown, "the gateway does not know " + id + code, {}};
+bool matchesRegex(const std::string& pattern, const std::string& text) {
+  regex_t compiled;
+  if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+  std::unique_ptr<regex_t, decltype(&regfree)> owner(&compiled, regfree);
+  return regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+}
+
+// Returns the range of an id: its own, or the one for all.
+const Range* rangeFor(const std::vector<CheckRange>& ranges, const std::string& id) {
+  const Range* common = nullptr;
+  for (const CheckRange& range : ranges) {
+    if (range.id == id) return &range.range;
+    if (range.id.empty()) common = &range.range;
   }
-  std::optional<long double> value = parseNumber(found->value);
-  if (!value) return {kUnknown, id + " is no number: " + found->value, {}};
-  Finding finding{kOk, id + " is " + found->value, writePerformance(options, *value)};
-  if (options.critical && options.critical->alarms(*value)) {
-    finding.state = kCritical;
-    finding.message += ", critical is " + options.critical->text;
-  } else if (options.warning && options.warning->alarms(*value)) {
-    finding.state = kWarning;
-    finding.message += ", warning is " + options.warning->text;
+  return common;
+}
+
+// ---- Performance data ---------------------------------------------------------------------------
+
+std::string labelFor(const std::string& id) {
+  std::string label;
+  for (char c : onOneLine(id)) label += c == '\'' ? "''" : std::string(1, c);
+  bool isPlain = label.find_first_of(" ='") == std::string::npos;
+  return isPlain ? label : "'" + label + "'";
+}
+
+// Returns the unit as performance data writes it; most units have no such form.
+std::string unitFor(const StatInfo* info) {
+  if (info == nullptr) return "";
+  if (info->unit != nullptr) {
+    constexpr std::pair<std::string_view, const char*> kForms[] = {
+        {"seconds", "s"},    {"milliseconds", "ms"}, {"microseconds", "us"}, {"bytes", "B"},
+        {"kilobytes", "KB"}, {"megabytes", "MB"},    {"gigabytes", "GB"},    {"percent", "%"}};
+    for (const auto& [name, form] : kForms) {
+      if (info->unit->name == name) return form;
+    }
   }
-  return finding;
+  return info->unit == nullptr && info->type == StatType::kCounter ? "c" : "";
+}
+
+// Returns the value with the gateway's own digits, which are only written anew if performance data
+// cannot have them.
+std::string digitsOf(const std::string& value, long double number) {
+  bool isPlain = value.find_first_not_of("-.0123456789") == std::string::npos;
+  return isPlain ? value : showNumber(number, 6);
+}
+
+struct Measured {
+  std::string digits;
+  long double number = 0;
+};
+
+std::string writePerformance(const std::string& label, const Measured& measured,
+                             const std::string& unit, const Range* warning, const Range* critical) {
+  std::string text = label + "=" + measured.digits + unit;
+  if (warning != nullptr || critical != nullptr) {
+    text += ";" + (warning != nullptr ? warning->text : "");
+    if (critical != nullptr) text += ";" + critical->text;
+  }
+  return text;
+}
+
+// ---- Judging ------------------------------------------------------------------------------------
+
+class Judge {
+ public:
+  Judge(const CheckOptions& options, std::string gateway)
+      : options_(options), gateway_(std::move(gateway)) {
+    if (!options.metadataFile.empty()) metadata_ = Metadata(options.metadataFile);
+    if (options.isRate) earlier_.emplace(options.stateFile);
+  }
+
+  Finding judge(const std::string& id, const Answer& answer) {
+    auto hasId = [&](const Entry& entry) { return entry.id == id; };
+    auto found = std::find_if(answer.entries.begin(), answer.entries.end(), hasId);
+    if (found != answer.entries.end()) return judgeValue(id, found->value);
+    auto isRefused = [&](const Refusal& refusal) { return refusal.element == id; };
+    auto refused = std::find_if(answer.refusals.begin(), answer.refusals.end(), isRefused);
+    std::string code =
+        refused == answer.refusals.end() ? "" : " (its code " + std::to_string(refused->code) + ")";
+    return {kStateUnknown, "the gateway does not know " + id + code, {}};
+  }
+
+  void saveState() const {
+    if (earlier_) earlier_->save();
+  }
+
+ private:
+  Finding judgeValue(const std::string& id, const std::string& value) {
+    if (options_.equals || options_.matches) return judgeText(id, value);
+    std::optional<long double> number = parseNumber(value);
+    if (!number) return {kStateUnknown, id + " is no number: " + value, {}};
+    if (options_.isRate) return judgeRate(id, value, *number);
+    return judgeNumber(id + " is " + value, id, {digitsOf(value, *number), *number},
+                       unitFor(metadata_.find(id)));
+  }
+
+  [[nodiscard]] Finding judgeText(const std::string& id, const std::string& value) const {
+    std::string expected;
+    if (options_.equals && value != *options_.equals)
+      expected = "expected is " + *options_.equals;
+    else if (options_.matches && !matchesRegex(*options_.matches, value))
+      expected = "expected is a match of " + *options_.matches;
+    std::string message = id + " is " + value;
+    if (expected.empty()) return {kStateOk, message, {}};
+    return {kStateCritical, message + ", " + expected, {}};
+  }
+
+  // Without an earlier value, or if the value fell because a counter was restarted, there is no
+  // rate yet, which is no alarm.
+  Finding judgeRate(const std::string& id, const std::string& value, long double number) {
+    double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::optional<EarlierValue> earlier = earlier_->find(gateway_, id);
+    earlier_->set(gateway_, id, {now, value});
+    std::optional<long double> before = earlier ? parseNumber(earlier->value) : std::nullopt;
+    if (!before || earlier->seconds >= now)
+      return {kStateOk, id + " is " + value + ", its rate is known from the next run on", {}};
+    if (number < *before)
+      return {kStateOk, id + " fell from " + earlier->value + " to " + value + ", so no rate", {}};
+    long double rate = (number - *before) / static_cast<long double>(now - earlier->seconds);
+    std::string digits = showNumber(rate, 6);
+    return judgeNumber(id + " grows by " + digits + " per second", id, {digits, rate}, "");
+  }
+
+  [[nodiscard]] Finding judgeNumber(std::string message, const std::string& id,
+                                    const Measured& measured, const std::string& unit) const {
+    const Range* warning = rangeFor(options_.warnings, id);
+    const Range* critical = rangeFor(options_.criticals, id);
+    Finding finding{kStateOk, std::move(message),
+                    writePerformance(labelFor(options_.isRate ? id + "_per_second" : id), measured,
+                                     unit, warning, critical)};
+    if (critical != nullptr && critical->alarms(measured.number)) {
+      finding.state = kStateCritical;
+      finding.message += ", critical is " + critical->text;
+    } else if (warning != nullptr && warning->alarms(measured.number)) {
+      finding.state = kStateWarning;
+      finding.message += ", warning is " + warning->text;
+    }
+    return finding;
+  }
+
+  const CheckOptions& options_;
+  std::string gateway_;
+  Metadata metadata_;
+  std::optional<CheckStateFile> earlier_;
+};
+
+// ---- The result ---------------------------------------------------------------------------------
+
+// Prints the findings: the first line has the worst ones first and the performance data; further
+// lines, which monitoring systems show as details, have what -v asks for.
+CheckState report(std::vector<Finding> findings, const CheckOptions& options,
+                  const std::string& gateway) {
+  std::string details;
+  for (const Finding& finding : findings)
+    details += std::string(kStateNames[finding.state]) + ": " + onOneLine(finding.message) + "\n";
+  std::stable_sort(findings.begin(), findings.end(), [](const Finding& a, const Finding& b) {
+    return weightOf(a.state) > weightOf(b.state);
+  });
+  std::string messages, performance;
+  for (const Finding& finding : findings) {
+    messages += (messages.empty() ? "" : ", ") + onOneLine(finding.message);
+    if (!finding.performance.empty()) performance += " " + finding.performance;
+  }
+  CheckState worst = findings.front().state;
+  std::string text = std::string(kStateNames[worst]) + ": " + messages;
+  if (!performance.empty()) text += " |" + performance;
+  text += "\n";
+  if (options.verbosity >= 1) text += details;
+  if (options.verbosity >= 2) text += "asked " + onOneLine(gateway) + "\n";
+  writeOutput(text);
+  return worst;
+}
+
+std::vector<Finding> examine(const CheckOptions& options, Gateway& gateway) {
+  try {
+    Judge judge(options, gateway.name());
+    Answer answer = gateway.ask({Question::Kind::kStatsById, options.ids});
+    std::vector<Finding> findings;
+    for (const std::string& id : options.ids) findings.push_back(judge.judge(id, answer));
+    judge.saveState();
+    return findings;
+  } catch (const GatewayFault& fault) {
+    return {{options.unreachable, fault.what(), {}}};
+  } catch (const std::exception& fault) {
+    return {{kStateUnknown, fault.what(), {}}};
+  }
 }
 
 }  // namespace
 
-int runCheck(const Options& options, Gateway& gateway) {
-  Finding finding;
-  try {
-    finding = judge(options, gateway.ask(options.question()));
-  } catch (const Fault& fault) {
-    finding.message = fault.what();
-  }
-  writeOutput(renderLine(finding));
-  return finding.state;
+std::optional<CheckRange> parseCheckRange(const std::string& text) {
+  std::size_t equals = text.rfind('=');
+  std::string id = equals == std::string::npos ? "" : text.substr(0, equals);
+  std::optional<Range> range =
+      parseRange(equals == std::string::npos ? text : text.substr(equals + 1));
+  if (!range || (equals != std::string::npos && id.empty())) return std::nullopt;
+  return CheckRange{std::move(id), *range};
+}
+
+bool isRegex(const std::string& text) {
+  regex_t compiled;
+  if (regcomp(&compiled, text.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+  regfree(&compiled);
+  return true;
+}
+
+int runCheck(const CheckOptions& options, Gateway& gateway) {
+  return report(examine(options, gateway), options, gateway.name());
+}
+
+int reportCheckUsage(const CheckUsageFault& fault) {
+  return report({{kStateUnknown, fault.what(), {}}}, {}, {});
 }
 
 }  // namespace zebtool

@@ -1,16 +1,55 @@
-// The command check: a monitoring plug-in that judges one statistic.
+// The monitoring plug-in: judges statistics as monitoring plug-ins do.
 #ifndef ZEBSTAT_CHECK_H
 #define ZEBSTAT_CHECK_H
 
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "options.h"
+#include "gateway.h"
+#include "range.h"
 
 namespace zebtool {
 
-// Prints one line of less than 80 characters and returns the exit code of a plug-in: 0 OK, 1
-// WARNING, 2 CRITICAL, 3 UNKNOWN, also for a gateway that does not answer.
-int runCheck(const Options& options, Gateway& gateway);
+// The plug-in's states are also its exit codes.
+enum CheckState { kStateOk = 0, kStateWarning = 1, kStateCritical = 2, kStateUnknown = 3 };
+
+// A range that one statistic must keep, or each of those that are checked if id is empty.
+struct CheckRange {
+  std::string id;
+  Range range;
+};
+
+struct CheckOptions {
+  std::vector<std::string> ids;
+  std::vector<CheckRange> warnings;
+  std::vector<CheckRange> criticals;
+  std::optional<std::string> equals;   // the text that each statistic must have
+  std::optional<std::string> matches;  // an extended regular expression for the same
+  CheckState unreachable = kStateCritical;
+  bool isRate = false;       // judge the change per second since the previous run
+  std::string stateFile;     // has the values of the previous run
+  std::string metadataFile;  // has the units for performance data
+  int verbosity = 0;         // 1: a line for each statistic; 2: also where it was asked
+};
+
+// Parses RANGE or ID=RANGE. Returns nothing if the text is neither.
+std::optional<CheckRange> parseCheckRange(const std::string& text);
+
+// Returns whether the text is an extended regular expression.
+bool isRegex(const std::string& text);
+
+// Asks, prints the result and returns the state. Whatever fails is a part of the result.
+int runCheck(const CheckOptions& options, Gateway& gateway);
+
+// Wrong usage, which a plug-in reports as its result.
+struct CheckUsageFault : Fault {
+  explicit CheckUsageFault(const std::string& text)
+      : Fault(static_cast<ExitCode>(kStateUnknown), text) {}
+};
+
+// Prints the message as the plug-in's result, and returns its state.
+int reportCheckUsage(const CheckUsageFault& fault);
 
 }  // namespace zebtool
 

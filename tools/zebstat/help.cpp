@@ -1,99 +1,71 @@
 #include "help.h"
 
+#include <algorithm>
+#include <vector>
+
+#include "option_table.h"
+
 namespace zebtool {
 
 namespace {
 
-// The options of stats, ids and groups.
-constexpr char kShowOptions[] =
-    R"(  --watch[=SECONDS]   repeat on one connection, every 2 seconds; Ctrl-C ends it
-  --count N           end the watch after N rounds
-  --format FORMAT     table, json, jsonl, csv, prometheus (stats only)
-  --output FILE       replace FILE by the answer when that is complete
-  --include GLOB      show only ids that match; may be repeated, as may
-  --exclude GLOB      leave out ids that match
-  --host HOST         the gateway's name or address (127.0.0.1)
-  --port PORT         the gateway's statistics port (2980)
-  --timeout SECONDS   time for connecting, and for each answer (10)
-  --trace LEVEL       the library's trace: 0 nothing to 5 everything
-  --trace-file FILE   append the trace to FILE, not to standard error
-)";
+struct Line {
+  std::string term;
+  std::string text;
+};
 
-constexpr char kConnectOptions[] =
-    R"(  --host HOST         the gateway's name or address (127.0.0.1)
-  --port PORT         the gateway's statistics port (2980)
-  --timeout SECONDS   time for connecting, and for each answer (10)
-  --trace LEVEL       the library's trace: 0 nothing to 5 everything
-  --trace-file FILE   append the trace to FILE, not to standard error
-)";
-
-std::string helpForStats() {
-  return std::string(R"(Usage: zebstat stats [ID...] [OPTION...]
-       zebstat stats --group GROUP... [OPTION...]
-Shows statistics with their values: all, those named, or those of groups.
-
-  --group GROUP...    the statistics of these groups
-)") + kShowOptions +
-         R"(
-Examples:
-  zebstat stats WORK_BUSY WORK_QUEUED --host gateway-1
-  zebstat stats --group REQ --watch=5 --exclude '*_PEAK'
-)";
+// Returns the lines with their texts in one column.
+std::string align(const std::vector<Line>& lines) {
+  std::size_t width = 0;
+  for (const Line& line : lines) width = std::max(width, line.term.size());
+  std::string text;
+  for (const Line& line : lines) {
+    text += "  " + line.term + std::string(width - line.term.size() + 2, ' ') + line.text + "\n";
+  }
+  return text;
 }
 
-std::string helpForIds() {
-  return std::string(R"(Usage: zebstat ids [GROUP...] [OPTION...]
-Shows the ids of the statistics, of all groups or of those named.
-
-)") + kShowOptions +
-         R"(
-Examples:
-  zebstat ids LISTEN
-  zebstat ids --include '*_PEAK' --format csv
-)";
+std::string showName(const OptionRow& row) {
+  const std::string argument = row.argument;
+  std::string name = *row.shortName != '\0' ? std::string(row.shortName) + ", " : "    ";
+  name += row.name;
+  if (row.takes == Takes::kOptional) return name + "[=" + argument + "]";
+  return name + (argument.empty() ? "" : " " + argument) + (row.takes == Takes::kMany ? "..." : "");
 }
 
-std::string helpForGroups() {
-  return std::string(R"(Usage: zebstat groups [OPTION...]
-Shows the resource groups that the gateway has.
-
-)") + kShowOptions +
-         R"(
-Examples:
-  zebstat groups --host gateway-1
-  zebstat groups --format json --output groups.json
-)";
+std::string describe(const OptionRow& row) {
+  if (*row.help != '\0') return row.help;
+  std::string words;
+  for (std::string_view word : wordsOf(row))
+    words += (words.empty() ? "" : ", ") + std::string(word);
+  return words;
 }
 
-std::string helpForCheck() {
-  return std::string(R"(Usage: zebstat check ID [--warning RANGE] [--critical RANGE] [OPTION...]
-A monitoring plug-in: prints one line and exits with 0 OK, 1 WARNING,
-2 CRITICAL or 3 UNKNOWN.
-
-  --warning RANGE     a value outside is a warning
-  --critical RANGE    a value outside is critical
-)") + kConnectOptions +
-         R"(
-A RANGE is 10 (0 to 10), 10:20, 10: (10 and more) or ~:10 (10 and less); with @
-in front a value inside raises the alarm.
-
-Examples:
-  zebstat check WORK_QUEUED --warning 20 --critical 100
-  zebstat check LINK_SESSIONS --critical @0:0 --timeout 5
-)";
+std::string helpForCommand(const CommandRow& command) {
+  std::vector<Line> options;
+  for (const OptionRow& row : allOptions()) {
+    if (hasOption(command.command, row) && row.option != Option::kHelp)
+      options.push_back({showName(row), describe(row)});
+  }
+  std::string usage = std::string("Usage: zebstat ") + command.name;
+  if (*command.argument != '\0') usage += std::string(" ") + command.argument;
+  if (!options.empty()) usage += " [OPTION...]";
+  return usage + "\n" + command.about + "\n" + (options.empty() ? "" : align(options) + "\n") +
+         command.notes;
 }
 
 std::string helpForAll() {
-  return R"(Usage: zebstat COMMAND [OPTION...]
-Shows the statistics of a transaction gateway.
-
-  stats [ID...]     statistics with their values
-  ids [GROUP...]    the ids of the statistics
-  groups            the resource groups
-  check ID          a monitoring plug-in
-  exporter          starts zebstats-exporter, which serves them to Prometheus
-
+  std::vector<Line> commands;
+  for (const CommandRow& row : allCommands()) {
+    if (*row.summary == '\0') continue;
+    std::string argument = *row.argument != '\0' ? std::string(" ") + row.argument : "";
+    commands.push_back({row.name + argument, row.summary});
+  }
+  return "Usage: zebstat COMMAND [OPTION...]\n"
+         "Shows the statistics of a transaction gateway.\n\n" +
+         align(commands) + R"(
 zebstat COMMAND --help prints the options of a command, --version the version.
+ZEBSTAT_GATEWAY=HOST:PORT in the environment names the default gateway.
 
 Exit codes: 0 done, 1 the gateway answered an element with an error, 2 usage,
 3 not connected, 4 no answer in time, 5 nothing matched. check has its own.
@@ -107,11 +79,8 @@ Examples:
 }  // namespace
 
 std::string helpFor(std::string_view command) {
-  if (command == "stats") return helpForStats();
-  if (command == "ids") return helpForIds();
-  if (command == "groups") return helpForGroups();
-  if (command == "check") return helpForCheck();
-  return helpForAll();
+  const CommandRow* row = findCommand(command);
+  return row != nullptr ? helpForCommand(*row) : helpForAll();
 }
 
 }  // namespace zebtool

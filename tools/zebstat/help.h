@@ -1,4 +1,4 @@
-// The help texts: each fits a screen of 24 lines and 80 columns.
+// The help texts, made from the table of options. Each fits a screen of 24 lines and 80 columns.
 #ifndef ZEBSTAT_HELP_H
 #define ZEBSTAT_HELP_H
 

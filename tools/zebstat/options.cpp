@@ -2,13 +2,14 @@
 
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
+#include <algorithm>
+#include <cstdlib>
 #include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
 
+#include "execute.h"
 #include "help.h"
 #include "text.h"
 
@@ -17,36 +18,44 @@ namespace zebtool {
 namespace {
 
 constexpr double kMaxSeconds = 86400;
-constexpr char kCommands[] = "stats, ids, groups, check and exporter";
-constexpr std::array<std::pair<const char*, Format>, 5> kFormats{
-    {{"table", Format::kTable},
-     {"json", Format::kJson},
-     {"jsonl", Format::kJsonl},
-     {"csv", Format::kCsv},
-     {"prometheus", Format::kPrometheus}}};
 
 // Validators return an empty text if the value is valid, otherwise the message about it.
 using Validator = std::function<std::string(const std::string&)>;
 
+// People may leave out the digit before the point.
+std::optional<long double> parseTyped(const std::string& text) {
+  return parseNumber(text.starts_with('.') ? "0" + text : text);
+}
+
 Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
   return [=](const std::string& text) {
-    std::optional<long double> number = parseNumber(text);
+    std::optional<long double> number = parseTyped(text);
     bool isGood = number && *number >= low && *number <= high;
     if (isGood && isWhole) isGood = text.find_first_not_of("0123456789") == std::string::npos;
     return isGood ? std::string() : "'" + text + "' is not " + what;
   };
 }
 
-std::string wantFormat(const std::string& text) {
-  for (const auto& [name, format] : kFormats) {
-    if (text == name) return {};
-  }
-  return "'" + text + "' is not table, json, jsonl, csv or prometheus";
+// Wants one of the words of the row.
+Validator wantWord(const OptionRow& row) {
+  return [&row](const std::string& text) {
+    std::string known;
+    for (std::string_view word : wordsOf(row)) {
+      if (text == word) return std::string();
+      known += (known.empty() ? "" : ", ") + std::string(word);
+    }
+    return "'" + text + "' is none of " + known;
+  };
 }
 
 std::string wantRange(const std::string& text) {
-  return parseRange(text) ? std::string()
-                          : "'" + text + "' is not a range such as 10, 10:20, 10:, ~:10 or @10:20";
+  return parseCheckRange(text)
+             ? std::string()
+             : "'" + text + "' is not a range such as 10, 10:20, 10:, ~:10, @10:20, or ID=10:20";
+}
+
+std::string wantRegex(const std::string& text) {
+  return isRegex(text) ? std::string() : "'" + text + "' is not an extended regular expression";
 }
 
 std::string wantText(const std::string& text) {
@@ -54,8 +63,43 @@ std::string wantText(const std::string& text) {
                       : std::string();
 }
 
+// A lone number is most probably meant for --watch.
+std::string wantName(const std::string& text) {
+  if (!parseTyped(text)) return wantText(text);
+  return "'" + text + "' is not a name; to repeat every " + text + " seconds write --watch=" + text;
+}
+
 std::string wantPath(const std::string& text) {
   return text.empty() ? "an empty text is not a file name" : std::string();
+}
+
+std::string wantAddress(const std::string& text) {
+  return parseAddress(text)
+             ? std::string()
+             : "'" + text + "' is not HOST or HOST:PORT, such as gw-1:2980, [::1]:2980";
+}
+
+std::string nameCommands() {
+  std::string names;
+  for (const CommandRow& row : allCommands()) {
+    if (*row.summary != '\0') names += (names.empty() ? "" : ", ") + std::string(row.name);
+  }
+  return names;
+}
+
+// Returns the arguments in the reverse order that CLI11 wants. "--watch 5" becomes "--watch=5",
+// since the option's value is optional.
+std::vector<std::string> readArguments(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  for (int i = argc - 1; i > 0; --i) {
+    bool isWatch = std::string_view(argv[i]) == "--watch";
+    if (isWatch && !arguments.empty() && parseTyped(arguments.back())) {
+      arguments.back().insert(0, "--watch=");
+    } else {
+      arguments.emplace_back(argv[i]);
+    }
+  }
+  return arguments;
 }
 
 // Holds the raw options of a command line and combines them.
@@ -66,24 +110,31 @@ class Parser {
     app_.formatter_fn([](const CLI::App* app, const std::string&, CLI::AppFormatMode) {
       return helpFor(app->get_name());
     });
-    app_.set_version_flag("--version", "zebstat " ZEBSTATS_VERSION);
-    addConnectOptions();
-    addCommand(Command::kStats, "stats", &Parser::addStats);
-    addCommand(Command::kIds, "ids", &Parser::addIds);
-    addCommand(Command::kGroups, "groups", &Parser::addShowOptions);
-    addCommand(Command::kCheck, "check", &Parser::addCheck);
+    app_.set_version_flag(rowOf(Option::kVersion).name, "zebstat " ZEBSTATS_VERSION);
+    app_.set_help_flag(namesOf(rowOf(Option::kHelp)));
+    for (const OptionRow& row : allOptions()) {
+      if (isGeneral(row)) add(&app_, row);
+    }
   }
 
   std::optional<Options> parse(int argc, char** argv) {
+    unsigned added = 0;
+    for (int i = 1; i < argc; ++i) {
+      const CommandRow* row = findCommand(argv[i]);
+      if (row == nullptr || (added & bitOf(row->command)) != 0) continue;
+      added |= bitOf(row->command);
+      addCommand(*row);
+    }
     try {
-      app_.parse(argc, argv);
+      app_.parse(readArguments(argc, argv));
       finish();
     } catch (const CLI::Success& asked) {
       app_.exit(asked);
       return std::nullopt;
     } catch (const CLI::ExtrasError& fault) {
       if (!app_.get_subcommands().empty()) throw usage(fault.what());
-      throw usage(app_.remaining().front() + " is not a command; the commands are " + kCommands);
+      throw usage(app_.remaining().front() + " is not a command; the commands are " +
+                  nameCommands());
     } catch (const CLI::ParseError& fault) {
       throw usage(fault.what());
     }
@@ -91,94 +142,233 @@ class Parser {
   }
 
  private:
-  // Adds a command. Its options are added only when it is given: adding those of all commands would
-  // double the start-up time.
-  void addCommand(Command command, const char* name, void (Parser::*addOptions)(CLI::App*)) {
-    CLI::App* added = app_.add_subcommand(name);
-    added->preparse_callback([this, command, added, addOptions](std::size_t) {
-      options_.command = command;
-      (this->*addOptions)(added);
+  static std::string namesOf(const OptionRow& row) {
+    return (*row.shortName != '\0' ? row.shortName + std::string(",") : "") + row.name;
+  }
+
+  // Options that may stand before the command.
+  static bool isGeneral(const OptionRow& row) {
+    return row.option >= Option::kGateway && row.option <= Option::kTraceFile;
+  }
+
+  // Adds a command, one that an argument names. Its options are added only when CLI11 meets it:
+  // adding those of all commands would double the start-up time.
+  void addCommand(const CommandRow& command) {
+    CLI::App* added = app_.add_subcommand(command.name);
+    added->preparse_callback([this, &command, added](std::size_t) {
+      options_.command = command.command;
+      addPositional(added, command);
+      for (const OptionRow& row : allOptions()) {
+        if (hasOption(command.command, row) && !isGeneral(row)) add(added, row);
+      }
+      relate(added);
     });
   }
 
-  void addConnectOptions() {
-    app_.add_option("--host", options_.host)->type_name("HOST")->check(wantText);
-    app_.add_option("--port", options_.port)
-        ->type_name("PORT")
-        ->check(wantNumber(1, 65535, "a port from 1 to 65535", true));
-    app_.add_option("--timeout", options_.timeoutSeconds)
-        ->type_name("SECONDS")
-        ->check(wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
-    CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
-                             ->type_name("LEVEL")
-                             ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
-    app_.add_option("--trace-file", options_.traceFile)
-        ->type_name("FILE")
-        ->check(wantPath)
-        ->needs(level);
+  void addPositional(CLI::App* app, const CommandRow& command) {
+    switch (command.command) {
+      case Command::kStats:
+        app->add_option("ID", options_.ids)->check(wantName);
+        break;
+      case Command::kIds:
+        app->add_option("GROUP", options_.groups)->check(wantName);
+        break;
+      case Command::kCheck:
+        app->add_option("ID", options_.check.ids)->check(wantName)->required();
+        break;
+      case Command::kCompletion:
+        app->add_option("SHELL", options_.shell)->required();
+        break;
+      case Command::kLive:
+      case Command::kExporter:
+        app->prefix_command();
+        break;
+      case Command::kGroups:
+        break;
+    }
   }
 
-  void addStats(CLI::App* stats) {
-    CLI::Option* ids = stats->add_option("ID", options_.ids)->check(wantText);
-    stats->add_option("--group", options_.groups)
-        ->type_name("GROUP")
-        ->check(wantText)
-        ->excludes(ids);
-    addShowOptions(stats);
+  // Says which options need or exclude each other.
+  static void relate(CLI::App* app) {
+    auto find = [app](Option option) { return app->get_option_no_throw(rowOf(option).name); };
+    if (CLI::Option* groups = find(Option::kGroup)) groups->excludes(app->get_option("ID"));
+    if (CLI::Option* count = find(Option::kCount)) count->needs(find(Option::kWatch));
+    if (CLI::Option* rate = find(Option::kRate)) {
+      rate->needs(find(Option::kState));
+      find(Option::kState)->needs(rate);
+      for (Option text : {Option::kEquals, Option::kMatches}) {
+        find(text)->excludes(rate, find(Option::kWarning), find(Option::kCritical));
+      }
+      find(Option::kEquals)->excludes(find(Option::kMatches));
+    }
   }
 
-  void addIds(CLI::App* ids) {
-    ids->add_option("GROUP", options_.groups)->check(wantText);
-    addShowOptions(ids);
+  CLI::Option* addPlain(CLI::App* app, const OptionRow& row, auto& target) {
+    return app->add_option(namesOf(row), target)
+        ->type_name(row.argument)
+        ->allow_extra_args(row.takes == Takes::kMany);
   }
 
-  void addShowOptions(CLI::App* command) {
-    CLI::Option* watch =
-        command->add_flag("--watch{2}", watch_)
-            ->check(wantNumber(0.1L, kMaxSeconds, "a number of seconds from 0.1 to 86400", false));
-    command->add_option("--count", options_.rounds)
-        ->type_name("N")
-        ->check(wantNumber(1, 1e9L, "a number of rounds from 1 to 1000000000", true))
-        ->needs(watch);
-    command->add_option("--format", format_)->type_name("FORMAT")->check(wantFormat);
-    command->add_option("--output", options_.outputFile)->type_name("FILE")->check(wantPath);
-    command->add_option("--include", options_.included)
-        ->type_name("GLOB")
-        ->allow_extra_args(false)
-        ->check(wantText);
-    command->add_option("--exclude", options_.excluded)
-        ->type_name("GLOB")
-        ->allow_extra_args(false)
-        ->check(wantText);
-  }
-
-  void addCheck(CLI::App* check) {
-    check->add_option("ID", options_.checkedId)->check(wantText)->required();
-    check->add_option("--warning", warning_)->type_name("RANGE")->check(wantRange);
-    check->add_option("--critical", critical_)->type_name("RANGE")->check(wantRange);
+  void add(CLI::App* app, const OptionRow& row) {
+    constexpr char kSeconds[] = "a number of seconds from 0.1 to 86400";
+    switch (row.option) {
+      case Option::kGroup:
+        addPlain(app, row, options_.groups)->check(wantName);
+        break;
+      case Option::kWarning:
+        addPlain(app, row, warnings_)->check(wantRange);
+        break;
+      case Option::kCritical:
+        addPlain(app, row, criticals_)->check(wantRange);
+        break;
+      case Option::kEquals:
+        addPlain(app, row, options_.check.equals);
+        break;
+      case Option::kMatches:
+        addPlain(app, row, options_.check.matches)->check(wantRegex);
+        break;
+      case Option::kRate:
+        app->add_flag(namesOf(row), options_.check.isRate);
+        break;
+      case Option::kState:
+        addPlain(app, row, options_.check.stateFile)->check(wantPath);
+        break;
+      case Option::kUnreachable:
+        addPlain(app, row, unreachable_)->check(wantWord(row));
+        break;
+      case Option::kMetadata:
+        addPlain(app, row, options_.check.metadataFile)->check(wantPath);
+        break;
+      case Option::kVerbose:
+        app->add_flag(namesOf(row), options_.check.verbosity);
+        break;
+      case Option::kWatch:
+        app->add_flag(namesOf(row) + "{2}", watch_)
+            ->check(wantNumber(0.1L, kMaxSeconds, kSeconds, false));
+        break;
+      case Option::kCount:
+        addPlain(app, row, options_.rounds)
+            ->check(wantNumber(1, 1e9L, "a number of answers from 1 to 1000000000", true));
+        break;
+      case Option::kFormat:
+        addPlain(app, row, format_)->check(wantWord(row));
+        break;
+      case Option::kOutput:
+        addPlain(app, row, options_.outputFile)->check(wantPath);
+        break;
+      case Option::kInclude:
+        addPlain(app, row, options_.included)->check(wantText);
+        break;
+      case Option::kExclude:
+        addPlain(app, row, options_.excluded)->check(wantText);
+        break;
+      case Option::kGateway:
+        addPlain(app, row, gateways_)->check(wantAddress);
+        break;
+      case Option::kHost:
+        addPlain(app, row, host_)->check(wantAddress);
+        break;
+      case Option::kPort:
+        addPlain(app, row, port_)->check(wantNumber(1, 65535, "a port from 1 to 65535", true));
+        break;
+      case Option::kTimeout:
+        addPlain(app, row, options_.timeoutSeconds)
+            ->check(
+                wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
+        break;
+      case Option::kTrace:
+        addPlain(app, row, options_.traceLevel)
+            ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
+        break;
+      case Option::kTraceFile:
+        addPlain(app, row, options_.traceFile)
+            ->check(wantPath)
+            ->needs(app->get_option(rowOf(Option::kTrace).name));
+        break;
+      case Option::kHelp:  // CLI11 has added these two
+      case Option::kVersion:
+        break;
+    }
   }
 
   // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
-      throw CLI::ValidationError("give a command; the commands are " + std::string(kCommands));
-    if (!warning_.empty()) options_.warning = parseRange(warning_);
-    if (!critical_.empty()) options_.critical = parseRange(critical_);
-    if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseNumber(watch_));
+      throw CLI::ValidationError("give a command; the commands are " + nameCommands());
+    const CommandRow& command = rowOf(options_.command);
+    if (*command.program != '\0')
+      throw CLI::ValidationError(command.name, "write the command before its options");
+    finishCheck();
+    if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseTyped(watch_));
+    if (options_.outputFile == "-") options_.outputFile.clear();
+    chooseGateways();
     chooseFormat();
+  }
+
+  void finishCheck() {
+    CheckOptions& check = options_.check;
+    for (const std::string& text : warnings_) check.warnings.push_back(*parseCheckRange(text));
+    for (const std::string& text : criticals_) check.criticals.push_back(*parseCheckRange(text));
+    for (const auto* ranges : {&check.warnings, &check.criticals}) {
+      for (const CheckRange& range : *ranges) {
+        bool isChecked = range.id.empty() ||
+                         std::find(check.ids.begin(), check.ids.end(), range.id) != check.ids.end();
+        if (!isChecked)
+          throw CLI::ValidationError(range.id, "it has a range but is not checked");
+      }
+    }
+    if (unreachable_ == "warning") check.unreachable = kStateWarning;
+    if (unreachable_ == "unknown") check.unreachable = kStateUnknown;
+  }
+
+  void chooseGateways() {
+    bool isSingle = !host_.empty() || port_ != 0;
+    if (options_.command == Command::kCheck && !gateways_.empty())
+      throw CLI::ValidationError("--gateway",
+                                 "check asks one gateway; name it with --host HOST:PORT");
+    if (isSingle && !gateways_.empty())
+      throw CLI::ValidationError("--gateway", "it replaces --host and --port; give either");
+    if (!isSingle && gateways_.empty()) readEnvironment();
+    for (const std::string& gateway : gateways_)
+      options_.gateways.push_back(*parseAddress(gateway));
+    if (options_.gateways.empty()) options_.gateways.push_back(chooseHost());
+    if (options_.command == Command::kCheck && options_.gateways.size() > 1)
+      throw CLI::ValidationError("ZEBSTAT_GATEWAY", "check asks one gateway; name it with --host");
+  }
+
+  void readEnvironment() {
+    const char* text = std::getenv("ZEBSTAT_GATEWAY");
+    if (text == nullptr) return;
+    std::string list = text;
+    std::replace(list.begin(), list.end(), ',', ' ');
+    gateways_ = CLI::detail::split_up(list);
+    for (const std::string& gateway : gateways_) {
+      if (std::string message = wantAddress(gateway); !message.empty())
+        throw CLI::ValidationError("ZEBSTAT_GATEWAY in the environment", message);
+    }
+  }
+
+  [[nodiscard]] Address chooseHost() const {
+    if (host_.empty()) return {"127.0.0.1", port_ != 0 ? port_ : kStatisticsPort};
+    Address address = *parseAddress(host_, 0);
+    if (address.port != 0 && port_ != 0)
+      throw CLI::ValidationError("--port", "--host " + host_ + " has a port already");
+    if (address.port == 0) address.port = port_ != 0 ? port_ : kStatisticsPort;
+    return address;
   }
 
   void chooseFormat() {
     bool isWatch = options_.watchSeconds > 0;
-    for (const auto& [name, format] : kFormats) {
-      if (format_ == name) options_.format = format;
+    std::vector<std::string_view> words = wordsOf(rowOf(Option::kFormat));
+    for (std::size_t i = 0; i < words.size(); ++i) {
+      if (format_ == words[i]) options_.format = static_cast<Format>(i);
     }
     bool isToPipe = options_.outputFile.empty() && isatty(STDOUT_FILENO) == 0;
     if (format_.empty() && isWatch && isToPipe) options_.format = Format::kJsonl;
     if (options_.format != Format::kPrometheus) return;
     if (options_.command != Command::kStats) {
       throw CLI::ValidationError("--format",
-                                 "prometheus has no ids and groups; use table, json, jsonl or csv");
+                                 "prometheus has no ids and groups; use another format");
     }
     if (isWatch && options_.outputFile.empty()) {
       throw CLI::ValidationError("--format",
@@ -189,17 +379,30 @@ class Parser {
   Fault usage(const std::string& message) {
     std::vector<CLI::App*> commands = app_.get_subcommands();
     std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
-    return {command == " check" ? kNotConnected : kUsage,
-            message + "; see zebstat" + command + " --help"};
+    std::string text = message + "; see zebstat" + command + " --help";
+    if (command == " check") throw CheckUsageFault(text);
+    return {kUsage, text};
   }
 
   CLI::App app_{"", "zebstat"};
   Options options_;
+  std::vector<std::string> gateways_;
+  std::string host_;
+  int port_ = 0;       // 0: not given
   std::string watch_;  // a string: CLI11 would truncate a number
   std::string format_;
-  std::string warning_;
-  std::string critical_;
+  std::vector<std::string> warnings_;
+  std::vector<std::string> criticals_;
+  std::string unreachable_;
 };
+
+// Executes the program of the command, which parses the rest of the arguments.
+[[noreturn]] void handOver(const CommandRow& command, char** argv) {
+  std::string reason = executeProgram(command.program, argv + 1);
+  if (reason.empty())
+    reason = std::string("it is not installed; its Debian package is ") + command.package;
+  throw Fault(kUsage, std::string("cannot start ") + command.program + ": " + reason);
+}
 
 }  // namespace
 
@@ -210,15 +413,17 @@ Question Options::question() const {
       return {isByGroup() ? Kind::kIdsByGroup : Kind::kIds, groups};
     case Command::kGroups:
       return {Kind::kGroups, {}};
-    case Command::kCheck:
-      return {Kind::kStatsById, {checkedId}};
     default:
       if (isByGroup()) return {Kind::kStatsByGroup, groups};
-      return {ids.empty() ? Kind::kStats : Kind::kStatsById, ids};
+      if (ids.empty()) return {Kind::kStats, {}};
+      return {std::any_of(ids.begin(), ids.end(), isGlob) ? Kind::kStatsByGlob : Kind::kStatsById,
+              ids};
   }
 }
 
 std::optional<Options> parseOptions(int argc, char** argv) {
+  const CommandRow* command = argc > 1 ? findCommand(argv[1]) : nullptr;
+  if (command != nullptr && *command->program != '\0') handOver(*command, argv);
   return Parser().parse(argc, argv);
 }
 

@@ -6,24 +6,25 @@
 #include <string>
 #include <vector>
 
+#include "address.h"
+#include "check.h"
 #include "gateway.h"
-#include "range.h"
+#include "option_table.h"
 
 namespace zebtool {
 
-enum class Command { kStats, kIds, kGroups, kCheck };
-enum class Format { kTable, kJson, kJsonl, kCsv, kPrometheus };
+// In the order of the words of --format.
+enum class Format { kTable, kJson, kJsonl, kCsv, kValue, kPrometheus };
 
 struct Options {
   Command command = Command::kStats;
-  std::string host = "127.0.0.1";
-  int port = 2980;
+  std::vector<Address> gateways;  // one at least; exactly one for check
   double timeoutSeconds = 10;
   int traceLevel = 0;
   std::string traceFile;
 
   // stats, ids, groups
-  std::vector<std::string> ids;
+  std::vector<std::string> ids;  // globs among them
   std::vector<std::string> groups;
   double watchSeconds = 0;  // 0: ask once
   long rounds = 0;          // of a watch; 0: until a signal ends it
@@ -32,18 +33,18 @@ struct Options {
   std::vector<std::string> included;
   std::vector<std::string> excluded;
 
-  // check
-  std::string checkedId;
-  std::optional<Range> warning;
-  std::optional<Range> critical;
+  CheckOptions check;
+
+  // completion
+  std::string shell;
 
   [[nodiscard]] Question question() const;
   [[nodiscard]] bool isByGroup() const { return !groups.empty(); }
 };
 
-// Returns the options, or nothing after it has printed --help or --version. Throws a Fault for bad
-// arguments: its code is kUsage, but kNotConnected (3, UNKNOWN) for `check`, for which 2 is
-// CRITICAL.
+// Returns the options, or nothing after it has printed --help or --version. Does not return for a
+// command that another program carries out: executes that. Throws a Fault with kUsage for
+// bad arguments, or a CheckUsageFault for those of `check`.
 std::optional<Options> parseOptions(int argc, char** argv);
 
 }  // namespace zebtool

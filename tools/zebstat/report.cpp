@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-
 #include "text.h"
 
 namespace zebtool {
@@ -15,13 +13,9 @@ namespace {
 // The version of the JSON layout. Increment it on an incompatible change.
 constexpr int kDocumentVersion = 1;
 
-std::string quote(std::string_view bytes) {
-  return nlohmann::json(toUtf8(bytes)).dump();
-}
-
 // Writes a number with the gateway's own digits: a double would change them.
 std::string writeValue(std::string_view value) {
-  return isJsonNumber(value) ? std::string(value) : quote(value);
+  return parseNumber(value) ? std::string(value) : quoteJson(value);
 }
 
 // Builds a JSON document member by member; a pretty one has one entry per line.
@@ -29,7 +23,7 @@ class Document {
  public:
   explicit Document(bool isPretty) : isPretty_(isPretty) {}
   void addMember(const char* name, const std::string& value) {
-    text_ += (text_.empty() ? "{" : ",") + std::string(isPretty_ ? "\n  " : "") + quote(name) +
+    text_ += (text_.empty() ? "{" : ",") + std::string(isPretty_ ? "\n  " : "") + quoteJson(name) +
              (isPretty_ ? ": " : ":") + value;
   }
   template <typename Items, typename Write>
@@ -40,7 +34,7 @@ class Document {
     }
     addMember(name, array.empty() ? "[]" : array + (isPretty_ ? "\n  ]" : "]"));
   }
-  std::string finish() { return text_ + (isPretty_ ? "\n}\n" : "}\n"); }
+  std::string finish() { return text_ + (isPretty_ ? "\n}" : "}"); }
 
  private:
   bool isPretty_;
@@ -50,12 +44,12 @@ class Document {
 std::string renderDocument(const Report& report, bool isPretty) {
   Document document(isPretty);
   document.addMember("version", std::to_string(kDocumentVersion));
-  document.addMember("timestamp", quote(report.timestamp));
-  document.addMember("gateway", quote(report.gateway));
+  document.addMember("timestamp", quoteJson(report.timestamp));
+  document.addMember("gateway", quoteJson(report.gateway));
   auto writeEntry = [&](const Entry& entry) {
-    if (report.command == Command::kGroups) return quote(entry.id);
-    std::string text =
-        R"({"id":)" + quote(entry.id) + R"(,"group":)" + quote(groupOf(entry, report.isByGroup));
+    if (report.command == Command::kGroups) return quoteJson(entry.id);
+    std::string text = R"({"id":)" + quoteJson(entry.id) + R"(,"group":)" +
+                       quoteJson(groupOf(entry, report.isByGroup));
     if (report.command == Command::kStats) text += R"(,"value":)" + writeValue(entry.value);
     return text + "}";
   };
@@ -64,18 +58,14 @@ std::string renderDocument(const Report& report, bool isPretty) {
                                                        : "groups";
   document.addArray(name, report.answer.entries, writeEntry);
   document.addArray("errors", report.answer.refusals, [](const Refusal& refusal) {
-    return R"({"element":)" + quote(refusal.element) + R"(,"code":)" +
+    return R"({"element":)" + quoteJson(refusal.element) + R"(,"code":)" +
            std::to_string(refusal.code) + "}";
   });
+  if (report.outage) {
+    document.addMember("outage", R"({"code":)" + std::to_string(report.outage->libraryCode) +
+                                     R"(,"text":)" + quoteJson(report.outage->what()) + "}");
+  }
   return document.finish();
-}
-
-std::string quoteCsv(std::string_view bytes) {
-  std::string text = toUtf8(bytes);
-  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-  std::string quoted = "\"";
-  for (char c : text) quoted += c == '"' ? "\"\"" : std::string(1, c);
-  return quoted + "\"";
 }
 
 }  // namespace
@@ -100,29 +90,49 @@ std::string groupOf(const Entry& entry, bool isByGroup) {
   return isByGroup ? entry.element : entry.id.substr(0, entry.id.find('_'));
 }
 
-std::string renderJson(const Report& report) {
-  return renderDocument(report, true);
+const std::string& shownText(const Report& report, const Entry& entry) {
+  return report.command == Command::kStats ? entry.value : entry.id;
 }
 
-std::string renderJsonLine(const Report& report) {
-  return renderDocument(report, false);
+std::string renderJson(const Reports& reports, bool isArray) {
+  std::string text;
+  for (const Report& report : reports)
+    text += (text.empty() ? "" : ",\n") + renderDocument(report, true);
+  return isArray ? "[\n" + text + "\n]\n" : text + "\n";
+}
+
+std::string renderJsonLines(const Reports& reports) {
+  std::string text;
+  for (const Report& report : reports) text += renderDocument(report, false) + "\n";
+  return text;
 }
 
 // Lines end with CR LF, as RFC 4180 wants.
-std::string renderCsv(const Report& report, bool withHeading) {
+std::string renderCsv(const Reports& reports, bool withHeading) {
   std::string text;
-  if (withHeading) {
-    text = report.command == Command::kStats ? "timestamp,group,id,value\r\n"
-           : report.command == Command::kIds ? "timestamp,group,id\r\n"
-                                             : "timestamp,group\r\n";
+  for (const Report& report : reports) {
+    if (withHeading && text.empty()) {
+      text = report.command == Command::kStats ? "timestamp,group,id,value,gateway\r\n"
+             : report.command == Command::kIds ? "timestamp,group,id,gateway\r\n"
+                                               : "timestamp,group,gateway\r\n";
+    }
+    for (const Entry& entry : report.answer.entries) {
+      text += report.timestamp;
+      if (report.command != Command::kGroups)
+        text += "," + toCsvCell(groupOf(entry, report.isByGroup));
+      text += "," + toCsvCell(entry.id);
+      if (report.command == Command::kStats) text += "," + toCsvCell(entry.value);
+      text += "," + toCsvCell(report.gateway) + "\r\n";
+    }
   }
-  for (const Entry& entry : report.answer.entries) {
-    text += report.timestamp;
-    if (report.command != Command::kGroups)
-      text += "," + quoteCsv(groupOf(entry, report.isByGroup));
-    text += "," + quoteCsv(entry.id);
-    if (report.command == Command::kStats) text += "," + quoteCsv(entry.value);
-    text += "\r\n";
+  return text;
+}
+
+std::string renderValues(const Reports& reports) {
+  std::string text;
+  for (const Report& report : reports) {
+    for (const Entry& entry : report.answer.entries)
+      text += toShown(shownText(report, entry)) + "\n";
   }
   return text;
 }

@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
+#include <utility>
+#include <vector>
 
+#include "fleet.h"
 #include "output.h"
 #include "presenter.h"
-#include "text.h"
 
 namespace zebtool {
 
@@ -15,8 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kFirstPause = 1;
-constexpr double kMaxPause = 60;
+constexpr std::chrono::seconds kFirstPause(1);
+constexpr std::chrono::seconds kMaxPause(60);
+constexpr std::chrono::milliseconds kLookAgain(100);  // while an answer is late
 
 // A steady schedule: rounds that were missed are skipped.
 class Schedule {
@@ -24,11 +28,13 @@ class Schedule {
   explicit Schedule(double seconds)
       : step_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
   }
-  void waitForNext() {
-    Clock::time_point now = Clock::now();
-    next_ += step_;
-    if (next_ < now) next_ += step_ * ((now - next_) / step_ + 1);
-    waitForReader(std::chrono::duration<double>(next_ - now).count());
+  [[nodiscard]] Clock::time_point next() const { return next_; }
+  [[nodiscard]] Clock::duration step() const { return step_; }
+  // Returns whether a round is due, and then moves on to the next.
+  bool begin(Clock::time_point now) {
+    if (now < next_) return false;
+    next_ += step_ * ((now - next_) / step_ + 1);
+    return true;
   }
 
  private:
@@ -48,42 +54,150 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Asks until there is an answer. The pauses between attempts grow, so that the attempts do not
-// burden a gateway that is starting.
-Answer askUntilAnswered(Gateway& gateway, const Question& question, Presenter& presenter) {
-  for (double pause = kFirstPause;; pause = std::min(pause * 2, kMaxPause)) {
-    try {
-      Answer answer = gateway.ask(question);
-      if (pause > kFirstPause) presenter.interrupt(gateway.name() + ": it answers again");
-      return answer;
-    } catch (const Fault& fault) {
-      presenter.forget();
-      presenter.interrupt(fault.what() + std::string("; trying again in ") + showNumber(pause, 0) +
-                          " s");
-    }
-    waitForReader(pause);
-  }
+void waitUntil(Clock::time_point end) {
+  waitForReader(std::chrono::duration<double>(end - Clock::now()).count());
 }
+
+// Watches gateways, and asks those that fail again after pauses that grow, so that the attempts do
+// not burden a gateway that is starting.
+class Watch {
+ public:
+  explicit Watch(const Options& options)
+      : options_(options),
+        presenter_(options),
+        fleet_(options, false),
+        schedule_(options.watchSeconds),
+        states_(fleet_.size()) {}
+
+  int run() {
+    ExitCode code = kDone;
+    for (long rounds = 0; options_.rounds == 0 || rounds < options_.rounds;) {
+      waitUntil(nextWake());
+      askDue();
+      News news = collect();
+      if (!hasAnswered_ && haveAllFailed()) return presenter_.worstOf(reports());
+      if (!news.isAny) continue;
+      code = presenter_.present(reports());
+      for (State& state : states_) {
+        if (state.report) state.report->isNew = false;
+      }
+      if (news.hasAnswer) ++rounds;
+    }
+    if (fleet_.isAsking()) endNow(code);  // rather than wait for a gateway that is late
+    return code;
+  }
+
+ private:
+  struct State {
+    std::optional<Report> report;  // the latest
+    Clock::duration pause{};       // before the next attempt; 0: it answered, or was not asked yet
+    Clock::time_point retryAt;
+    [[nodiscard]] bool isDown() const { return pause > Clock::duration::zero(); }
+  };
+  struct News {
+    bool isAny = false;
+    bool hasAnswer = false;
+  };
+
+  Clock::time_point nextWake() {
+    Clock::time_point wake = schedule_.next();
+    for (std::size_t i = 0; i < states_.size(); ++i) {
+      if (fleet_.isAsking(i)) {
+        wake = std::min(wake, Clock::now() + kLookAgain);
+      } else if (states_[i].isDown()) {
+        wake = std::min(wake, states_[i].retryAt);
+      }
+    }
+    return wake;
+  }
+
+  // Asks the gateways that are due, and waits for those that are expected to answer.
+  void askDue() {
+    Clock::time_point now = Clock::now();
+    bool isRound = schedule_.begin(now);
+    for (std::size_t i = 0; i < states_.size(); ++i) {
+      const State& state = states_[i];
+      bool isDue = state.isDown() ? now >= state.retryAt : isRound;
+      if (isDue && !fleet_.isAsking(i)) fleet_.ask(i, !state.isDown());
+    }
+    fleet_.wait(now + std::max<Clock::duration>(schedule_.step(), kFirstPause));
+  }
+
+  // Of an outage only the begin is news.
+  News collect() {
+    News news;
+    for (std::size_t i = 0; i < states_.size(); ++i) {
+      std::optional<Outcome> outcome = fleet_.take(i);
+      if (!outcome) continue;
+      State& state = states_[i];
+      bool wasDown = state.isDown();
+      if (outcome->fault) {
+        plan(state, *outcome->fault);
+        if (wasDown) continue;
+      } else {
+        if (wasDown) presenter_.interrupt(fleet_.name(i) + ": it answers again");
+        state.pause = {};
+        news.hasAnswer = hasAnswered_ = true;
+      }
+      state.report = presenter_.makeReport(fleet_.name(i), std::move(*outcome));
+      news.isAny = true;
+    }
+    return news;
+  }
+
+  // Plans the next attempt after a failure. As long as there was no answer the watch may end, so the
+  // message promises nothing.
+  void plan(State& state, const GatewayFault& fault) {
+    state.pause =
+        state.isDown() ? std::min<Clock::duration>(state.pause * 2, kMaxPause) : kFirstPause;
+    state.retryAt = Clock::now() + state.pause;
+    std::string text = fault.what();
+    if (hasAnswered_) {
+      auto seconds = std::chrono::round<std::chrono::seconds>(state.pause).count();
+      text += "; trying again in " + std::to_string(seconds) + " s";
+    }
+    presenter_.interrupt(text);
+  }
+
+  [[nodiscard]] bool haveAllFailed() {
+    return !fleet_.isAsking() && std::all_of(states_.begin(), states_.end(),
+                                             [](const State& state) { return state.isDown(); });
+  }
+
+  [[nodiscard]] Reports reports() const {
+    Reports reports;
+    for (const State& state : states_) {
+      if (state.report) reports.push_back(*state.report);
+    }
+    return reports;
+  }
+
+  const Options& options_;
+  Presenter presenter_;
+  Fleet fleet_;
+  Schedule schedule_;
+  std::vector<State> states_;
+  bool hasAnswered_ = false;
+};
 
 }  // namespace
 
-int showOnce(const Options& options, Gateway& gateway) {
-  Presenter presenter(options, gateway.name());
-  return presenter.present(gateway.ask(options.question()));
+int showOnce(const Options& options) {
+  Presenter presenter(options);
+  Fleet fleet(options, true);
+  for (std::size_t i = 0; i < fleet.size(); ++i) fleet.ask(i, true);
+  fleet.wait(std::nullopt);
+  Reports reports;
+  for (std::size_t i = 0; i < fleet.size(); ++i) {
+    Report& report = reports.emplace_back(presenter.makeReport(fleet.name(i), *fleet.take(i)));
+    if (report.outage) presenter.interrupt(report.outage->what());
+  }
+  return presenter.present(reports);
 }
 
-// The first failure ends the watch: it is probably the user's mistake.
-int showWatched(const Options& options, Gateway& gateway) {
-  Presenter presenter(options, gateway.name());
-  Question question = options.question();
+int showWatched(const Options& options) {
   endOnSignals();
-  Schedule schedule(options.watchSeconds);
-  ExitCode code = presenter.present(gateway.ask(question));
-  for (long round = 1; options.rounds == 0 || round < options.rounds; ++round) {
-    schedule.waitForNext();
-    code = presenter.present(askUntilAnswered(gateway, question, presenter));
-  }
-  return code;
+  return Watch(options).run();
 }
 
 }  // namespace zebtool

@@ -6,11 +6,13 @@
 
 namespace zebtool {
 
-// Both return the exit code of the last answer, and throw a Fault if the gateway cannot be asked or
-// the answer cannot be written. After its first answer, showWatched() does not throw for a gateway
-// that cannot be asked: it asks until the gateway answers.
-int showOnce(const Options& options, Gateway& gateway);
-int showWatched(const Options& options, Gateway& gateway);
+// Returns the exit code; if some gateways fail, the worst. Throws a Fault if the output cannot be
+// written.
+int showOnce(const Options& options);
+
+// The same for a watch: returns the exit code of its last answers. It ends early if no gateway answers
+// the first question; later a gateway that fails is asked again until it answers.
+int showWatched(const Options& options);
 
 }  // namespace zebtool
 

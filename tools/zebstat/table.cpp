@@ -17,12 +17,8 @@ namespace {
 
 constexpr char kBold[] = "\x1B[1m";
 constexpr char kGreen[] = "\x1B[32m";
+constexpr char kRed[] = "\x1B[31m";
 constexpr char kPlain[] = "\x1B[0m";
-
-struct Row {
-  std::vector<std::string> cells;
-  const char* colour = nullptr;  // of the whole line; null: none
-};
 
 // Rows under a heading. The last cell of a short row spans the remaining columns.
 class Table {
@@ -72,21 +68,31 @@ class Table {
 
 constexpr std::size_t kNoNumbers = 99;
 
-std::vector<std::string> headingFor(const Report& report) {
-  if (report.command == Command::kGroups) return {"GROUP"};
+std::vector<std::string> headingFor(const Report& report, bool hasSeveral) {
   std::vector<std::string> heading;
-  if (report.isByGroup) heading.emplace_back("GROUP");
-  heading.emplace_back("STATISTIC");
+  if (hasSeveral) heading.emplace_back("GATEWAY");
+  if (report.isByGroup || report.command == Command::kGroups) heading.emplace_back("GROUP");
+  if (report.command != Command::kGroups) heading.emplace_back("STATISTIC");
   if (report.command == Command::kStats) heading.emplace_back("VALUE");
   return heading;
 }
 
-std::vector<std::string> cellsFor(const Report& report, const Entry& entry) {
+std::vector<std::string> cellsFor(const Report& report, const Entry& entry, bool hasSeveral) {
   std::vector<std::string> cells;
+  if (hasSeveral) cells.push_back(toShown(report.gateway));
   if (report.isByGroup) cells.push_back(toShown(entry.element));
   cells.push_back(toShown(entry.id));
   if (report.command == Command::kStats) cells.push_back(toShown(entry.value));
   return cells;
+}
+
+// Returns the row for a gateway without an answer: its name, and why, from where that begins.
+Row outageRow(const Report& report) {
+  std::string text = report.outage->what();
+  std::string start = report.gateway + ": ";
+  return {{toShown(report.gateway),
+           toShown(text.starts_with(start) ? text.substr(start.size()) : text)},
+          kRed};
 }
 
 int countDecimals(const std::string& number) {
@@ -113,29 +119,41 @@ Screen lookAtScreen() {
   return screen;
 }
 
-Lines renderTable(const Report& report, const Screen& screen) {
-  Table table(headingFor(report), kNoNumbers);
-  for (const Entry& entry : report.answer.entries) table.add({cellsFor(report, entry)});
+Lines renderTable(const Reports& reports, bool hasSeveral, const Screen& screen) {
+  Table table(headingFor(reports.front(), hasSeveral), kNoNumbers);
+  for (const Report& report : reports) {
+    for (const Entry& entry : report.answer.entries)
+      table.add({cellsFor(report, entry, hasSeveral)});
+  }
   return table.render(screen);
 }
 
-Lines LiveTable::render(const Report& report, const Screen& screen) {
-  if (report.command != Command::kStats) return renderTable(report, screen);
-  std::vector<std::string> heading = headingFor(report);
+Lines LiveTable::render(const Reports& reports, bool hasSeveral, const Screen& screen) {
+  if (reports.front().command != Command::kStats) return renderTable(reports, hasSeveral, screen);
+  std::vector<std::string> heading = headingFor(reports.front(), hasSeveral);
   std::size_t firstNumber = heading.size() - 1;
   heading.insert(heading.end(), {"CHANGE", "PER SECOND"});
   Table table(std::move(heading), firstNumber);
+  for (const Report& report : reports) {
+    Shown& shown = shown_[report.gateway];
+    if (report.isNew) update(shown, report, hasSeveral);
+    for (const Row& row : shown.rows) table.add(row);
+  }
+  return table.render(screen);
+}
 
+void LiveTable::update(Shown& shown, const Report& report, bool hasSeveral) {
   Clock::time_point now = Clock::now();
-  long double seconds = std::chrono::duration<long double>(now - beforeAt_).count();
-  std::unordered_map<std::string, std::string> current;
+  long double seconds = std::chrono::duration<long double>(now - shown.at).count();
+  Shown current{{}, now, {}};
+  if (report.outage) current.rows.push_back(outageRow(report));
   for (const Entry& entry : report.answer.entries) {
-    Row row{cellsFor(report, entry)};
+    Row row{cellsFor(report, entry, hasSeveral)};
     std::string key = entry.element + '\n' + entry.id;
-    auto found = before_.find(key);
+    auto found = shown.values.find(key);
     std::optional<long double> value = parseNumber(entry.value);
     std::optional<long double> before =
-        found == before_.end() ? std::nullopt : parseNumber(found->second);
+        found == shown.values.end() ? std::nullopt : parseNumber(found->second);
     if (value && before) {
       int decimals = std::max(countDecimals(entry.value), countDecimals(found->second));
       row.cells.push_back(showNumber(*value - *before, decimals));
@@ -146,12 +164,10 @@ Lines LiveTable::render(const Report& report, const Screen& screen) {
     } else if (value) {
       row.cells.insert(row.cells.end(), {"-", "-"});
     }
-    table.add(std::move(row));
-    current.emplace(std::move(key), entry.value);
+    current.rows.push_back(std::move(row));
+    current.values.emplace(std::move(key), entry.value);
   }
-  before_ = std::move(current);
-  beforeAt_ = now;
-  return table.render(screen);
+  shown = std::move(current);
 }
 
 }  // namespace zebtool

@@ -26,20 +26,33 @@ Screen lookAtScreen();
 
 using Lines = std::vector<std::string>;
 
-// Returns the lines of a table. Lines that are too long for the screen are cut.
-Lines renderTable(const Report& report, const Screen& screen);
+struct Row {
+  std::vector<std::string> cells;
+  const char* colour = nullptr;  // of the whole line; null: none
+};
 
-// A table that also shows how numbers have changed. It remembers the values of the previous answer.
+// Returns the lines of a table, which has a column for the gateway if there are several. Lines that
+// are too long for the screen are cut.
+Lines renderTable(const Reports& reports, bool hasSeveral, const Screen& screen);
+
+// A table that also shows how numbers have changed. It remembers the values of previous answers.
 class LiveTable {
  public:
-  Lines render(const Report& report, const Screen& screen);
-  // Call it after a lost connection: the gateway may have been restarted.
-  void forget() { before_.clear(); }
+  Lines render(const Reports& reports, bool hasSeveral, const Screen& screen);
+  // Forgets the values of a gateway that has failed: it may have been restarted.
+  void forget(const std::string& gateway) { shown_.erase(gateway); }
 
  private:
   using Clock = std::chrono::steady_clock;
-  std::unordered_map<std::string, std::string> before_;  // values by element and id
-  Clock::time_point beforeAt_;
+  struct Shown {
+    std::unordered_map<std::string, std::string> values;  // by element and id
+    Clock::time_point at;
+    std::vector<Row> rows;
+  };
+
+  static void update(Shown& shown, const Report& report, bool hasSeveral);
+
+  std::unordered_map<std::string, Shown> shown_;  // by gateway
 };
 
 }  // namespace zebtool

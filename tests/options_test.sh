@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# options_test.sh ZEBSTAT MANUAL: help, manual page and completion have the same options and formats.
+set -euo pipefail
+zebstat=$1
+manual=$2
+failures=0
+complain() {
+  printf 'options_test: %s\n' "$*" >&2
+  failures=$((failures + 1))
+}
+
+eval "$("$zebstat" completion bash)"
+offers() { # LINE WORD...: bash completes the line with each of the words
+  local word COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
+  _zebstat || true
+  for word in "${@:2}"; do
+    [[ " ${COMPREPLY[*]} " == *" $word "* ]] || complain "bash: '$1' lacks $word"
+  done
+}
+zsh=$("$zebstat" completion zsh)
+helps=" h -help -version "
+for command in "" stats ids groups check completion; do
+  help=$("$zebstat" ${command:+"$command"} --help)
+  [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "$command: more than a screen"
+  [ "$(tail -3 <<<"$help" | head -1)" = Examples: ] || complain "$command: the help does not end in two examples"
+  [ -n "$command" ] || continue
+  mapfile -t names < <(sed -nE 's/^ +((-., )?--[^ =[]+).*/\1/p' <<<"$help" | tr -d , | tr ' ' '\n')
+  offers "zebstat $command -" "${names[@]}" --help
+  for name in "${names[@]}"; do
+    helps+=" ${name#-} "
+    grep -qE "^\.It .*Fl ${name#-}( |$)" "$manual" || complain "$manual lacks $name"
+    sed -n "/^    $command)/,/;;/p" <<<"$zsh" | grep -qE -- "'(\*|\([^)]*\))$name(=-)?\[" ||
+      complain "zsh: $command lacks $name"
+  done
+done
+while read -r name; do
+  [[ $helps == *" $name "* ]] || complain "no help has -$name of the manual page"
+done < <(grep '^\.It.*Fl' "$manual" | grep -oE 'Fl -?[a-zA-Z]+(-[a-z]+)*' | cut -c 4-)
+for format in $("$zebstat" stats --help | sed -n 's/.*--format FORMAT *//p' | tr -d ,); do
+  offers "zebstat stats --format " "$format"
+  grep -qx "\.It Cm $format" "$manual" || complain "$manual lacks the format $format"
+done
+
+[ "$failures" -eq 0 ] || exit 1

@@ -1,0 +1,132 @@
+#include "diagnose.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "text.h"
+
+namespace zebtool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The handshake request, which never differs. A gateway's reply begins with the same word.
+constexpr char kHandshake[] =
+    "Gate\0\x70\0\0\0\0\0\x05\0\0\0\0\0\0\0\0\0\0\0\x04"
+    "BASE\0\0\0\0\x12\0\x02"
+    "en\0\x02"
+    "GB\0\0\0\0\0\0\0\0\0";  // and the terminator, which belongs to the request
+static_assert(sizeof kHandshake == 51);
+constexpr std::string_view kGatewayWord = "Gate";
+
+class Socket {
+ public:
+  explicit Socket(int file) : file_(file) {}
+  ~Socket() {
+    if (file_ >= 0) close(file_);
+  }
+  Socket(Socket&& other) noexcept : file_(std::exchange(other.file_, -1)) {}
+  Socket& operator=(Socket&& other) noexcept {
+    std::swap(file_, other.file_);
+    return *this;
+  }
+
+  // Waits until the deadline. Returns whether there is an event.
+  [[nodiscard]] bool waitFor(short event, Clock::time_point deadline) const {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd waiting{file_, event, 0};
+    return poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0))) > 0;
+  }
+  [[nodiscard]] int file() const { return file_; }
+
+ private:
+  int file_;
+};
+
+// Returns 0 if it has connected, otherwise the errno; ETIMEDOUT at the deadline.
+int connectTo(const std::string& address, int port, Clock::time_point deadline, Socket& connected) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+    return EADDRNOTAVAIL;
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  Socket socket(::socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (socket.file() < 0) return errno;
+  if (connect(socket.file(), found->ai_addr, found->ai_addrlen) != 0) {
+    if (errno != EINPROGRESS) return errno;
+    if (!socket.waitFor(POLLOUT, deadline)) return ETIMEDOUT;
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(socket.file(), SOL_SOCKET, SO_ERROR, &error, &size);
+    if (error != 0) return error;
+  }
+  connected = std::move(socket);
+  return 0;
+}
+
+std::string explainConnect(int error) {
+  switch (error) {
+    case ECONNREFUSED:
+      return "connection refused: nothing listens on this port; is the gateway running, and is this "
+             "its statistics port?";
+    case ETIMEDOUT:
+      return "nothing answers at this address: the machine is down, or a firewall drops what is "
+             "sent to it";
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+    case EADDRNOTAVAIL:
+      return std::string("no route: ") + std::strerror(error) +
+             "; check the address and this machine's network";
+    default:
+      return std::string(std::strerror(error)) + "; check the address and this machine's network";
+  }
+}
+
+// Sends the handshake and explains what comes back.
+std::string explainAnswer(const Socket& socket, Clock::time_point deadline) {
+  (void)send(socket.file(), kHandshake, sizeof kHandshake, MSG_NOSIGNAL);
+  if (!socket.waitFor(POLLIN, deadline))
+    return "it accepts connections and stays silent: the gateway hangs, or this is not its "
+           "statistics port";
+  char answer[32];
+  ssize_t length = recv(socket.file(), answer, sizeof answer, 0);
+  if (length <= 0)
+    return "it accepts connections and closes them at once: the gateway is stopping or takes no "
+           "more, or this is not its statistics port";
+  std::string_view bytes(answer, static_cast<std::size_t>(length));
+  if (!bytes.starts_with(kGatewayWord.substr(0, bytes.size())))
+    return "this is not a gateway, it answers '" +
+           std::string(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
+  return "the gateway answers, but did not open a session in time or as agreed; try a longer "
+         "--timeout, or look at its log";
+}
+
+}  // namespace
+
+std::string diagnose(const std::vector<std::string>& addresses, int port) {
+  constexpr std::chrono::seconds kPatience(1);
+  Clock::time_point deadline = Clock::now() + kPatience;
+  std::string cause;
+  for (const std::string& address : addresses) {
+    Socket socket(-1);
+    int error = connectTo(address, port, deadline, socket);
+    if (error == 0) return explainAnswer(socket, Clock::now() + kPatience);
+    cause = explainConnect(error);
+  }
+  return cause;
+}
+
+}  // namespace zebtool

@@ -1,0 +1,45 @@
+#include "check_state.h"
+
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "output.h"
+#include "text.h"
+
+namespace zebtool {
+
+using Json = nlohmann::json;
+
+CheckStateFile::CheckStateFile(std::string path) : path_(std::move(path)) {
+  std::ifstream file(path_);
+  std::string text;
+  std::getline(file, text, '\0');
+  Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!document.is_array()) return;
+  for (const Json& item : document) {
+    bool isGood = item.is_array() && item.size() == 4 && item[0].is_string() &&
+                  item[1].is_string() && item[2].is_number() && item[3].is_string();
+    if (isGood) values_[{item[0], item[1]}] = {item[2], item[3]};
+  }
+}
+
+std::optional<EarlierValue> CheckStateFile::find(const std::string& gateway,
+                                                 const std::string& id) const {
+  auto found = values_.find({gateway, toUtf8(id)});
+  if (found == values_.end()) return std::nullopt;
+  return found->second;
+}
+
+void CheckStateFile::set(const std::string& gateway, const std::string& id, EarlierValue value) {
+  values_[{gateway, toUtf8(id)}] = std::move(value);
+}
+
+void CheckStateFile::save() const {
+  Json document = Json::array();
+  for (const auto& [key, value] : values_)
+    document.push_back({key.first, key.second, value.seconds, value.value});
+  OutputFile(path_, "--state").replace(document.dump() + "\n");
+}
+
+}  // namespace zebtool

@@ -1,0 +1,201 @@
+#include "completion.h"
+
+#include <vector>
+
+#include "option_table.h"
+
+namespace zebtool {
+
+namespace {
+
+std::string replaceAll(std::string text, std::string_view from, std::string_view to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+// Quotes a text for both shells.
+std::string quote(const std::string& text) {
+  return "'" + replaceAll(text, "'", "'\\''") + "'";
+}
+
+std::string namesOf(const OptionRow& row, const char* between) {
+  return (*row.shortName != '\0' ? std::string(row.shortName) + between : "") + row.name;
+}
+
+std::string commandNames(const char* between) {
+  std::string names;
+  for (const CommandRow& row : allCommands())
+    names += (names.empty() ? "" : between) + std::string(row.name);
+  return names;
+}
+
+// ---- bash ---------------------------------------------------------------------------------------
+
+// Bash splits words at ':' and '=', so the function splits the line itself.
+constexpr char kBashStart[] = R"(# Completes zebstat; printed by `zebstat completion bash`.
+_zebstat_offer() { # KIND [WORD...]
+  local known at options=()
+  case $1 in
+    words) known=${*:2} ;;
+    file) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
+    help) known=$("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]') ;;
+    host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current") && return ;;
+    ids | groups)
+      for ((at = 1; at < ${#line[@]} - 2; ++at)); do
+        case ${line[at]} in
+          -H | --host | -p | --port | --gateway) options+=("${line[at]}" "${line[at + 1]}") ;;
+        esac
+      done
+      known=$("${line[0]}" "$1" --format value --timeout 1 "${options[@]}" 2>/dev/null) ;;
+  esac
+  mapfile -t COMPREPLY < <(compgen -W "$known" -- "$current")
+}
+_zebstat() {
+  local line current word command='' option=''
+  read -ra line <<<"${COMP_LINE:0:COMP_POINT}x"
+  current=${line[-1]%x}
+  for word in "${line[@]:1:${#line[@]}-2}"; do
+    case $word in
+      -*) option=$word ;;
+      COMMANDS) [ -n "$command" ] || command=$word ;;
+    esac
+  done
+  COMPREPLY=()
+  [ "$option" != --group ] || [[ $current == -* ]] || { _zebstat_offer groups && return; }
+  case ${line[-2]} in
+)";
+
+std::string kindInBash(Completion completion, const char* words) {
+  switch (completion) {
+    case Completion::kWords:
+      return std::string("words ") + words;
+    case Completion::kFile:
+      return "file";
+    case Completion::kHost:
+      return "host";
+    case Completion::kId:
+      return "ids";
+    case Completion::kGroup:
+      return "groups";
+    case Completion::kNothing:
+      break;
+  }
+  return "words";
+}
+
+std::string writeBash() {
+  std::string text = replaceAll(kBashStart, "COMMANDS", commandNames(" | "));
+  for (const OptionRow& row : allOptions()) {
+    if (row.takes != Takes::kOne && row.takes != Takes::kRepeated) continue;
+    text += "    " + namesOf(row, " | ") + ") _zebstat_offer " +
+            kindInBash(row.completion, row.words) + " && return ;;\n";
+  }
+  text += "  esac\n  case $command:$current in\n";
+  for (const CommandRow& command : allCommands()) {
+    std::string options = *command.program != '\0' ? "help" : "words";
+    for (const OptionRow& row : allOptions()) {
+      if (hasOption(command.command, row)) options += " " + namesOf(row, " ");
+    }
+    text += std::string("    ") + command.name + ":-*) _zebstat_offer " + options + " ;;\n";
+    text += std::string("    ") + command.name + ":*) _zebstat_offer " +
+            kindInBash(command.completion, command.words) + " ;;\n";
+  }
+  return text + "    *) _zebstat_offer words " + commandNames(" ") +
+         " ;;\n  esac\n}\ncomplete -F _zebstat zebstat\n";
+}
+
+// ---- zsh ----------------------------------------------------------------------------------------
+
+constexpr char kZshStart[] = R"zsh(#compdef zebstat
+# Completes zebstat; printed by `zebstat completion zsh`.
+_zebstat_ask() { # ids|groups
+  local -a known options
+  local at
+  for ((at = 1; at < CURRENT - 1; ++at)); do
+    case $words[at] in
+      -H | --host | -p | --port | --gateway) options+=("$words[at]" "$words[at + 1]") ;;
+    esac
+  done
+  known=(${(f)"$(zebstat $1 --format value --timeout 1 $options 2>/dev/null)"})
+  compadd -a known
+}
+_zebstat_help() { # the options of a command that another program carries out
+  local -a known
+  known=(${(f)"$(zebstat $words[1] --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]')"})
+  compadd -a known
+}
+_zebstat() {
+  local state
+  local -a commands
+  commands=(
+)zsh";
+
+std::string actionInZsh(Completion completion, const char* words) {
+  switch (completion) {
+    case Completion::kWords:
+      return std::string("(") + words + ")";
+    case Completion::kFile:
+      return "_files";
+    case Completion::kHost:
+      return "_hosts";
+    case Completion::kId:
+      return "{_zebstat_ask ids}";
+    case Completion::kGroup:
+      return "{_zebstat_ask groups}";
+    case Completion::kNothing:
+      break;
+  }
+  return " ";
+}
+
+std::string writeZshOption(const OptionRow& row, const char* name) {
+  bool isRepeated = row.takes == Takes::kRepeated || row.takes == Takes::kMany;
+  std::string spec = isRepeated ? "*" : "(" + namesOf(row, " ") + ")";
+  spec += std::string(name) + (row.takes == Takes::kOptional ? "=-" : "");
+  spec += "[" + std::string(*row.help != '\0' ? row.help : row.words) + "]";
+  std::string argument =
+      replaceAll(row.argument, ":", "\\:") + ":" + actionInZsh(row.completion, row.words);
+  if (row.takes == Takes::kOptional) spec += "::" + argument;
+  if (row.takes == Takes::kOne || row.takes == Takes::kRepeated) spec += ":" + argument;
+  if (row.takes == Takes::kMany) spec += ":*-*:" + argument;
+  return " \\\n        " + quote(spec);
+}
+
+std::string writeZsh() {
+  std::string text = kZshStart;
+  for (const CommandRow& row : allCommands()) {
+    if (*row.summary != '\0')
+      text += "    " + quote(std::string(row.name) + ":" + row.summary) + "\n";
+  }
+  text += R"zsh(  )
+  _arguments -C '1: :->command' '*:: :->argument'
+  [[ $state != command ]] || _describe command commands
+  [[ $state == argument ]] || return
+  case $words[1] in
+)zsh";
+  for (const CommandRow& command : allCommands()) {
+    text += std::string("    ") + command.name + ")\n      ";
+    text += *command.program != '\0' ? "_zebstat_help" : "_arguments";
+    for (const OptionRow& row : allOptions()) {
+      if (!hasOption(command.command, row)) continue;
+      if (*row.shortName != '\0') text += writeZshOption(row, row.shortName);
+      text += writeZshOption(row, row.name);
+    }
+    if (*command.argument != '\0') {
+      text += " \\\n        " + quote("*:" + std::string(command.name) + ":" +
+                                      actionInZsh(command.completion, command.words));
+    }
+    text += " ;;\n";
+  }
+  return text + "  esac\n}\n_zebstat \"$@\"\n";
+}
+
+}  // namespace
+
+std::string writeCompletion(std::string_view shell) {
+  if (shell == "bash") return writeBash();
+  return shell == "zsh" ? writeZsh() : std::string();
+}
+
+}  // namespace zebtool

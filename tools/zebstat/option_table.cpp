@@ -1,0 +1,151 @@
+#include "option_table.h"
+
+#include <algorithm>
+
+namespace zebtool {
+
+namespace {
+
+constexpr CommandRow kCommands[] = {
+    {Command::kStats, "stats", "[ID...]", Completion::kId, "", "statistics with their values", "",
+     "",
+     "Shows statistics with their values: all, those named, or those of groups.\n"
+     "An ID may be a pattern, such as 'REQ_*'.\n",
+     "Examples:\n"
+     "  zebstat stats WORK_BUSY 'REQ_*' --host gateway-1\n"
+     "  zebstat stats --group REQ --watch=5 --gateway gw-1:2980 --gateway gw-2:2980\n"},
+    {Command::kIds, "ids", "[GROUP...]", Completion::kGroup, "", "the ids of the statistics", "",
+     "", "Shows the ids of the statistics, of all groups or of those named.\n",
+     "Examples:\n"
+     "  zebstat ids LISTEN\n"
+     "  zebstat ids --include '*_PEAK' --format csv\n"},
+    {Command::kGroups, "groups", "", Completion::kNothing, "", "the resource groups", "", "",
+     "Shows the resource groups that the gateway has.\n",
+     "Examples:\n"
+     "  zebstat groups --host gateway-1\n"
+     "  zebstat groups --format json --output groups.json\n"},
+    {Command::kCheck, "check", "ID...", Completion::kId, "", "a monitoring plug-in", "", "",
+     "A monitoring plug-in: prints one line and exits with 0 OK, 1 WARNING,\n"
+     "2 CRITICAL or 3 UNKNOWN. Of several ids the worst counts.\n",
+     "A RANGE is 10 (0 to 10), 10:20, 10: (10 and more) or ~:10 (10 and less); with @\n"
+     "in front a value inside raises the alarm. ID=RANGE holds for one id only.\n"
+     "\n"
+     "Examples:\n"
+     "  zebstat check WORK_QUEUED -w 20 -c 100 -H gateway-1 -t 5\n"
+     "  zebstat check LINK_LOST --rate --state /var/tmp/link_lost -c 0.1\n"},
+    {Command::kLive, "live", "", Completion::kNothing, "", "a full screen that follows the values",
+     "zebstat-live", "zebstats-live", "", ""},
+    {Command::kExporter, "exporter", "", Completion::kNothing, "",
+     "serves the statistics of gateways to Prometheus", "zebstats-exporter", "zebstats-exporter",
+     "", ""},
+    {Command::kCompletion, "completion", "SHELL", Completion::kWords, "bash zsh", "", "", "",
+     "Prints the completion of commands, options and ids for bash or zsh, which the\n"
+     "installation has already put in its place.\n",
+     "Examples:\n"
+     "  source <(zebstat completion bash)\n"
+     "  zebstat completion zsh > ~/.zsh/completions/_zebstat\n"},
+};
+
+constexpr unsigned kShow = bitOf(Command::kStats) | bitOf(Command::kIds) | bitOf(Command::kGroups);
+constexpr unsigned kAsk = kShow | bitOf(Command::kCheck);
+constexpr unsigned kEvery = kAsk | bitOf(Command::kCompletion);
+
+// In the order of the help.
+constexpr OptionRow kOptions[] = {
+    {Option::kGroup, "--group", "", "GROUP", Takes::kMany, bitOf(Command::kStats),
+     "the statistics of these groups", Completion::kGroup, ""},
+    {Option::kWarning, "--warning", "-w", "RANGE", Takes::kRepeated, bitOf(Command::kCheck),
+     "a value outside is a warning", Completion::kNothing, ""},
+    {Option::kCritical, "--critical", "-c", "RANGE", Takes::kRepeated, bitOf(Command::kCheck),
+     "a value outside is critical", Completion::kNothing, ""},
+    {Option::kEquals, "--equals", "", "TEXT", Takes::kOne, bitOf(Command::kCheck),
+     "any other text is critical", Completion::kNothing, ""},
+    {Option::kMatches, "--matches", "", "REGEX", Takes::kOne, bitOf(Command::kCheck),
+     "a text that does not match is critical", Completion::kNothing, ""},
+    {Option::kRate, "--rate", "", "", Takes::kNothing, bitOf(Command::kCheck),
+     "judge the change per second since the last run", Completion::kNothing, ""},
+    {Option::kState, "--state", "", "FILE", Takes::kOne, bitOf(Command::kCheck),
+     "where --rate keeps the values of the last run", Completion::kFile, ""},
+    {Option::kUnreachable, "--unreachable", "", "STATE", Takes::kOne, bitOf(Command::kCheck),
+     "for a gateway that does not answer (critical)", Completion::kWords,
+     "critical warning unknown"},
+    {Option::kMetadata, "--metadata", "", "FILE", Takes::kOne, bitOf(Command::kCheck),
+     "has the units of performance data", Completion::kFile, ""},
+    {Option::kVerbose, "--verbose", "-v", "", Takes::kNothing, bitOf(Command::kCheck),
+     "a line for each ID; -vv also where it was asked", Completion::kNothing, ""},
+    {Option::kWatch, "--watch", "", "SECONDS", Takes::kOptional, kShow,
+     "repeat, every 2 seconds by default; Ctrl-C ends it", Completion::kNothing, ""},
+    {Option::kCount, "--count", "", "N", Takes::kOne, kShow, "end the watch after N answers",
+     Completion::kNothing, ""},
+    {Option::kFormat, "--format", "", "FORMAT", Takes::kOne, kShow, "", Completion::kWords,
+     "table json jsonl csv value prometheus"},
+    {Option::kOutput, "--output", "", "FILE", Takes::kOne, kShow,
+     "replace FILE by the answer when that is complete", Completion::kFile, ""},
+    {Option::kInclude, "--include", "", "GLOB", Takes::kRepeated, kShow,
+     "show only ids that match; may be repeated, as may", Completion::kNothing, ""},
+    {Option::kExclude, "--exclude", "", "GLOB", Takes::kRepeated, kShow, "leave out ids that match",
+     Completion::kNothing, ""},
+    {Option::kGateway, "--gateway", "", "HOST:PORT", Takes::kRepeated, kShow,
+     "a gateway; repeat it to ask several at once", Completion::kHost, ""},
+    {Option::kHost, "--host", "-H", "HOST", Takes::kOne, kAsk,
+     "the gateway's name or address (127.0.0.1)", Completion::kHost, ""},
+    {Option::kPort, "--port", "-p", "PORT", Takes::kOne, kAsk,
+     "the gateway's statistics port (2980)", Completion::kNothing, ""},
+    {Option::kTimeout, "--timeout", "-t", "SECONDS", Takes::kOne, kAsk,
+     "time for connecting, and for each answer (10)", Completion::kNothing, ""},
+    {Option::kTrace, "--trace", "", "LEVEL", Takes::kOne, kAsk,
+     "the library's trace: 0 nothing to 5 everything", Completion::kWords, "0 1 2 3 4 5"},
+    {Option::kTraceFile, "--trace-file", "", "FILE", Takes::kOne, kAsk,
+     "append the trace to FILE, not to standard error", Completion::kFile, ""},
+    {Option::kHelp, "--help", "-h", "", Takes::kNothing, kEvery, "print this help and exit",
+     Completion::kNothing, ""},
+    {Option::kVersion, "--version", "", "", Takes::kNothing, 0, "print the version and exit",
+     Completion::kNothing, ""},
+};
+
+template <typename Row, std::size_t count, typename Id>
+constexpr bool isInOrder(const Row (&rows)[count], Id Row::*id) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (rows[i].*id != static_cast<Id>(i)) return false;
+  }
+  return true;
+}
+static_assert(isInOrder(kCommands, &CommandRow::command));
+static_assert(isInOrder(kOptions, &OptionRow::option));
+
+}  // namespace
+
+std::span<const CommandRow> allCommands() {
+  return kCommands;
+}
+
+std::span<const OptionRow> allOptions() {
+  return kOptions;
+}
+
+const CommandRow& rowOf(Command command) {
+  return kCommands[static_cast<std::size_t>(command)];
+}
+
+const OptionRow& rowOf(Option option) {
+  return kOptions[static_cast<std::size_t>(option)];
+}
+
+const CommandRow* findCommand(std::string_view name) {
+  const auto* found = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                   [&](const CommandRow& row) { return row.name == name; });
+  return found == std::end(kCommands) ? nullptr : found;
+}
+
+std::vector<std::string_view> wordsOf(const OptionRow& row) {
+  std::vector<std::string_view> words;
+  std::string_view rest = row.words;
+  while (!rest.empty()) {
+    std::size_t end = std::min(rest.find(' '), rest.size());
+    words.push_back(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return words;
+}
+
+}  // namespace zebtool
