@@ -25,10 +25,8 @@ constexpr CommandRow kCommands[] = {
      "  zebstat groups --host gateway-1\n"
      "  zebstat groups --format json --output groups.json\n"},
     {Command::kCheck, "check", "ID...", Completion::kId, "", "a monitoring plug-in", "", "",
-     "A monitoring plug-in: prints one line and exits with 0 OK, 1 WARNING,\n"
-     "2 CRITICAL or 3 UNKNOWN. Of several ids the worst counts.\n",
-     "A RANGE is 10 (0 to 10), 10:20, 10: (10 and more) or ~:10 (10 and less); with @\n"
-     "in front a value inside raises the alarm. ID=RANGE holds for one id only.\n"
+     "A monitoring plug-in: exits with 0 OK, 1 WARNING, 2 CRITICAL or 3 UNKNOWN.\n",
+     "RANGE is 10 (0 to 10), 10:20, 10:, ~:10 or @10:20 (not inside), or ID=RANGE.\n"
      "\n"
      "Examples:\n"
      "  zebstat check WORK_QUEUED -w 20 -c 100 -H gateway-1 -t 5\n"
