@@ -8,6 +8,6 @@ constexpr char kBuildLevel[] = "b800-20101014";
 
 // The notice that each module exports, so that `strings` shows the version.
 #define ZEB_NOTICE(module) \
-  module " - zebstats, statistics API of the transaction gateway, version 1.2.0"
+  module " - zebstats, statistics API of the transaction gateway, version 1.3.0"
 
 #endif

@@ -31,7 +31,7 @@ from .errors import (
     make_error,
 )
 
-__version__ = "1.2.0"
+__version__ = "1.3.0"
 
 __all__ = [
     "DEFAULT_PORT",
