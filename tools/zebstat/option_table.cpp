@@ -34,7 +34,7 @@ constexpr CommandRow kCommands[] = {
      "  zebstat check WORK_QUEUED --warning 20 --critical 100\n"
      "  zebstat check LINK_SESSIONS -H gateway-1 -c @0:0 -t 5\n"},
     {Command::kLive, "live", "", Completion::kNothing, "", "a full screen that follows the values",
-     "zebstat-live", "zebstats-live", "", ""},
+     "zebstat-live", "zebstats-tools", "", ""},
     {Command::kExporter, "exporter", "", Completion::kNothing, "",
      "serves the statistics of gateways to Prometheus", "zebstats-exporter", "zebstats-exporter",
      "", ""},
