@@ -80,8 +80,8 @@ int connectTo(const std::string& address, int port, Clock::time_point deadline, 
 std::string explainConnect(int error) {
   switch (error) {
     case ECONNREFUSED:
-      return "connection refused: nothing listens on this port; is the gateway running, and is this "
-             "its statistics port?";
+      return "connection refused: nothing listens on this port; is the gateway running, and is "
+             "this its statistics port?";
     case ETIMEDOUT:
       return "nothing answers at this address: the machine is down, or a firewall drops what is "
              "sent to it";

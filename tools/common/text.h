@@ -13,9 +13,9 @@ namespace zebtool {
 // UTF-8. Bytes that are neither become U+FFFD.
 std::string toUtf8(std::string_view bytes);
 
-// Returns valid UTF-8 on one line. Characters that move the cursor, turn the direction of writing or
-// cannot be seen are escaped, as \n, \x1B or \u200B, so that a text of a gateway cannot pretend to be
-// another or to come from the program.
+// Returns valid UTF-8 on one line. Characters that move the cursor, turn the direction of writing
+// or cannot be seen are escaped, as \n, \x1B or \u200B, so that a text of a gateway cannot pretend
+// to be another or to come from the program.
 std::string toShown(std::string_view bytes);
 
 // Returns the text as a JSON string; what toShown() escapes is written as \u001b or \u200b.

@@ -39,7 +39,9 @@ _zebstat_offer() { # KIND [WORD...]
   case $1 in
     words) known=${*:2} ;;
     file) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
-    help) known=$("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]') ;;
+    help)
+      known=$("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' |
+        grep -E '^--?[[:alpha:]]') ;;
     host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current") && return ;;
     ids | groups)
       for ((at = 1; at < ${#line[@]} - 2; ++at)); do
@@ -122,7 +124,8 @@ _zebstat_ask() { # ids|groups
 }
 _zebstat_help() { # the options of a command that another program carries out
   local -a known
-  known=(${(f)"$(zebstat $words[1] --help 2>/dev/null | tr -s ' ,=[' '\n' | grep -E '^--?[[:alpha:]]')"})
+  known=(${(f)"$(zebstat $words[1] --help 2>/dev/null | tr -s ' ,=[' '\n' |
+    grep -E '^--?[[:alpha:]]')"})
   compadd -a known
 }
 _zebstat() {

@@ -32,7 +32,7 @@ constexpr CommandRow kCommands[] = {
      "  zebstat check WORK_QUEUED -w 20 -c 100 -H gateway-1 -t 5\n"
      "  zebstat check LINK_LOST --rate --state /var/tmp/link_lost -c 0.1\n"},
     {Command::kLive, "live", "", Completion::kNothing, "", "a full screen that follows the values",
-     "zebstat-live", "zebstats-live", "", ""},
+     "zebstat-live", "zebstats-tools", "", ""},
     {Command::kExporter, "exporter", "", Completion::kNothing, "",
      "serves the statistics of gateways to Prometheus", "zebstats-exporter", "zebstats-exporter",
      "", ""},

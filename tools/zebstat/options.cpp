@@ -398,9 +398,11 @@ class Parser {
 
 // Executes the program of the command, which parses the rest of the arguments.
 [[noreturn]] void handOver(const CommandRow& command, char** argv) {
-  std::string reason = executeProgram(command.program, argv + 1);
+  std::string name = command.program;
+  argv[1] = name.data();  // which its messages begin with
+  std::string reason = executeProgram(name, argv + 1);
   if (reason.empty())
-    reason = std::string("it is not installed; its Debian package is ") + command.package;
+    reason = std::string("it is not installed; install the package ") + command.package;
   throw Fault(kUsage, std::string("cannot start ") + command.program + ": " + reason);
 }
 

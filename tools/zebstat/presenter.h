@@ -21,7 +21,7 @@ class Presenter {
 
   // Filters an answer.
   Report makeReport(const std::string& gateway, Outcome outcome);
-  // Formats and writes the reports, of which one at least is new, and prints what a gateway refused.
+  // Formats and writes the reports, of which one at least is new, and prints what was refused.
   // Lines are appended for new reports only. If no gateway has answered, only a watch or a question
   // to several gateways writes that, in JSON. Returns the worst exit code. Throws a Fault if it
   // cannot write.

@@ -90,10 +90,6 @@ std::string groupOf(const Entry& entry, bool isByGroup) {
   return isByGroup ? entry.element : entry.id.substr(0, entry.id.find('_'));
 }
 
-const std::string& shownText(const Report& report, const Entry& entry) {
-  return report.command == Command::kStats ? entry.value : entry.id;
-}
-
 std::string renderJson(const Reports& reports, bool isArray) {
   std::string text;
   for (const Report& report : reports)
@@ -132,7 +128,7 @@ std::string renderValues(const Reports& reports) {
   std::string text;
   for (const Report& report : reports) {
     for (const Entry& entry : report.answer.entries)
-      text += toShown(shownText(report, entry)) + "\n";
+      text += toShown(report.command == Command::kStats ? entry.value : entry.id) + "\n";
   }
   return text;
 }

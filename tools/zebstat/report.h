@@ -31,16 +31,13 @@ std::string makeTimestamp();
 // the part of the id before its first '_'.
 std::string groupOf(const Entry& entry, bool isByGroup);
 
-// Returns the text of a cell as the formats csv and value show it: the value, or what a report of ids
-// or groups has instead.
-const std::string& shownText(const Report& report, const Entry& entry);
-
-// Returns one object with a line for each entry or, if there are several gateways, an array of them.
+// Returns an object with a line for each entry; an array of such objects for several gateways.
 std::string renderJson(const Reports& reports, bool isArray);
 // Returns a line for each report.
 std::string renderJsonLines(const Reports& reports);
 // Returns a line for each entry.
 std::string renderCsv(const Reports& reports, bool withHeading);
+// Returns the value of each entry on a line of its own; its id if the report has no values.
 std::string renderValues(const Reports& reports);
 
 }  // namespace zebtool

@@ -145,8 +145,8 @@ class Watch {
     return news;
   }
 
-  // Plans the next attempt after a failure. As long as there was no answer the watch may end, so the
-  // message promises nothing.
+  // Plans the next attempt after a failure. As long as there was no answer the watch may end, so
+  // the message promises nothing.
   void plan(State& state, const GatewayFault& fault) {
     state.pause =
         state.isDown() ? std::min<Clock::duration>(state.pause * 2, kMaxPause) : kFirstPause;

@@ -10,8 +10,8 @@ namespace zebtool {
 // written.
 int showOnce(const Options& options);
 
-// The same for a watch: returns the exit code of its last answers. It ends early if no gateway answers
-// the first question; later a gateway that fails is asked again until it answers.
+// The same for a watch: returns the exit code of its last answers. It ends early if no gateway
+// answers the first question; later a gateway that fails is asked again until it answers.
 int showWatched(const Options& options);
 
 }  // namespace zebtool
