@@ -4,94 +4,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "gateway_statistics.h"
+
 namespace zebsim {
-
-enum class Motion {
-  kText,     // is constant
-  kCounter,  // grows at a varying rate, by low to high in a hundred seconds
-  kGauge,    // wanders between low and high
-  kRatio,    // a gauge in hundredths, written with two decimals
-  kPeak,     // rises slowly from low towards high, never falls
-  kUptime,   // the seconds since the start
-  kJournal,  // a long text: a line for each of the last hundred seconds
-};
-
-struct Definition {
-  const char* id;
-  Motion motion;
-  std::uint32_t low;
-  std::uint32_t high;
-  const char* text;
-};
 
 namespace {
 
 using enum Motion;
-
-// The values are consistent: a peak starts at the highest value of its gauge, and no gauge exceeds
-// its limit.
-constexpr Definition kDefinitions[] = {
-    {"LISTEN_ADDRESS", kText, 0, 0, "0.0.0.0"},
-    {"LISTEN_PORT", kText, 0, 0, "2980"},
-    {"LISTEN_STATE", kText, 0, 0, "accepting"},
-    {"LISTEN_OPEN", kGauge, 3, 60, ""},
-    {"LISTEN_OPEN_PEAK", kPeak, 60, 80, ""},
-    {"LISTEN_OPEN_LIMIT", kText, 0, 0, "100"},
-    {"LISTEN_ACCEPTED", kCounter, 40, 90, ""},
-    {"LISTEN_REFUSED", kCounter, 0, 2, ""},
-    {"LISTEN_TIMEOUTS", kCounter, 1, 4, ""},
-    {"LISTEN_BYTES_IN", kCounter, 900000, 2100000, ""},
-    {"WORK_THREADS", kGauge, 10, 40, ""},
-    {"WORK_THREADS_PEAK", kPeak, 40, 48, ""},
-    {"WORK_THREADS_LIMIT", kText, 0, 0, "50"},
-    {"WORK_BUSY", kGauge, 0, 10, ""},
-    {"WORK_QUEUED", kGauge, 0, 25, ""},
-    {"WORK_QUEUED_PEAK", kPeak, 25, 33, ""},
-    {"WORK_QUEUE_LIMIT", kText, 0, 0, "500"},
-    {"WORK_STARTED", kCounter, 5, 15, ""},
-    {"WORK_WAIT_TIMEOUTS", kCounter, 0, 2, ""},
-    {"WORK_LOAD", kRatio, 150, 9500, ""},
-    {"REQ_COUNT", kCounter, 700, 3000, ""},
-    {"REQ_FAILED", kCounter, 1, 9, ""},
-    {"REQ_REJECTED", kCounter, 0, 3, ""},
-    {"REQ_ACTIVE", kGauge, 0, 10, ""},
-    {"REQ_ACTIVE_PEAK", kPeak, 10, 16, ""},
-    {"REQ_RATE", kRatio, 700, 3000, ""},
-    {"REQ_MILLIS_MEAN", kRatio, 180, 4200, ""},
-    {"REQ_MILLIS_WORST", kPeak, 120, 2900, ""},
-    {"REQ_BYTES_OUT", kCounter, 2500000, 4200000, ""},
-    {"REQ_JOURNAL", kJournal, 100, 9999, ""},
-    {"LINK_TARGET", kText, 0, 0, "orders-east:7001"},
-    {"LINK_STATE", kText, 0, 0, "up"},
-    {"LINK_SESSIONS", kGauge, 2, 30, ""},
-    {"LINK_SESSIONS_LIMIT", kText, 0, 0, "32"},
-    {"LINK_SENT", kCounter, 650, 2900, ""},
-    {"LINK_RECEIVED", kCounter, 650, 2900, ""},
-    {"LINK_RETRIES", kCounter, 0, 5, ""},
-    {"LINK_LOST", kCounter, 0, 1, ""},
-    {"LINK_MILLIS_MEAN", kRatio, 90, 1900, ""},
-    {"LINK_LAST_ERROR", kText, 0, 0, ""},
-    {"VM_NAME", kText, 0, 0, "Runtime 17"},
-    {"VM_UPTIME", kUptime, 0, 0, ""},
-    {"VM_HEAP_USED", kGauge, 80000000, 410000000, ""},
-    {"VM_HEAP_PEAK", kPeak, 410000000, 480000000, ""},
-    {"VM_HEAP_LIMIT", kText, 0, 0, "536870912"},
-    {"VM_COLLECTIONS", kCounter, 4, 30, ""},
-    {"VM_COLLECTION_MILLIS", kCounter, 40, 600, ""},
-    {"VM_THREADS", kGauge, 30, 75, ""},
-    {"VM_CLASSES", kPeak, 7200, 9100, ""},
-    {"VM_CPU_SHARE", kRatio, 100, 7800, ""},
-    {"HOST_NAME", kText, 0, 0, "gateway-1"},
-    {"HOST_SITE", kText, 0, 0, "\xC3\x85rhus, hall 2"},  // not all texts are ASCII
-    {"HOST_SYSTEM", kText, 0, 0, "Linux"},
-    {"HOST_CPUS", kText, 0, 0, "16"},
-    {"HOST_LOAD", kRatio, 5, 1600, ""},
-    {"HOST_MEMORY_FREE", kGauge, 900000, 12000000, ""},
-    {"HOST_MEMORY", kText, 0, 0, "16384000"},
-    {"HOST_DISK_FREE", kGauge, 40000000, 47000000, ""},
-    {"HOST_OPEN_FILES", kGauge, 90, 700, ""},
-    {"HOST_INTERRUPTS", kCounter, 90000, 250000, ""},
-};
 
 // The most items that one answer may have: more than any monitor needs, and too few to exhaust the
 // memory of the host.
@@ -147,10 +66,13 @@ std::string writeJournal(const Definition& row, std::uint64_t noise, std::uint64
   return text + std::string(2400, '.') + " end";  // so that it is long from the start
 }
 
-std::string showValue(const Definition& row, std::uint64_t noise, std::uint64_t seconds) {
+std::string showValue(const Definition& row, std::uint64_t seed, std::uint64_t noise,
+                      std::uint64_t seconds) {
   switch (row.motion) {
     case kText:
-      return row.text;
+      return std::string(row.text);
+    case kName:
+      return "gateway-" + std::to_string(seed);
     case kCounter:
       return std::to_string(countUp(noise, seconds, row.low, row.high));
     case kGauge:
@@ -183,21 +105,22 @@ std::vector<std::string_view> splitQuery(std::string_view query) {
 
 }  // namespace
 
-GatewayModel::GatewayModel(const ModelOptions& options) {
+GatewayModel::GatewayModel(const ModelOptions& options) : seed_(options.seed) {
   if (options.scale < 1 || options.scale > kMaxScale)
     throw std::invalid_argument("scale out of range");
   for (unsigned copy = 1; copy <= options.scale; ++copy) {
-    for (const Definition& row : kDefinitions) {
-      addItem(copy == 1 ? row.id : row.id + ("_" + std::to_string(copy)), row, options.seed);
-    }
+    const std::string suffix = copy == 1 ? "" : "_" + std::to_string(copy);
+    for (const Definition& row : usualStatistics()) addItem(std::string(row.id) + suffix, row);
+    if (!options.hasOddNames) continue;
+    for (const Definition& row : oddStatistics()) addItem(std::string(row.id) + suffix, row);
   }
 }
 
-void GatewayModel::addItem(std::string id, const Definition& definition, std::uint64_t seed) {
+void GatewayModel::addItem(std::string id, const Definition& definition) {
   std::string groupId(groupOf(id));
   auto [group, isNew] = groups_.try_emplace(groupId);
   if (isNew) groupIds_.push_back(groupId);
-  std::uint64_t noise = mix(seed);
+  std::uint64_t noise = mix(seed_);
   for (char c : id) noise = mix(noise ^ static_cast<unsigned char>(c));
   group->second.byId.emplace(id, group->second.items.size());
   group->second.items.push_back({std::move(id), &definition, noise});
@@ -246,8 +169,8 @@ Answer GatewayModel::answer(std::string_view query, bool allowStatIds, MakeItem 
 }
 
 Answer GatewayModel::stats(std::string_view query, std::uint64_t seconds) const {
-  return answer<Stats>(query, true, [seconds](const Item& item) {
-    return Stat{item.id, showValue(*item.definition, item.noise, seconds)};
+  return answer<Stats>(query, true, [&](const Item& item) {
+    return Stat{item.id, showValue(*item.definition, seed_, item.noise, seconds)};
   });
 }
 

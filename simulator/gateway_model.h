@@ -24,6 +24,7 @@ struct ModelOptions {
   std::uint64_t seed = 1;  // gateways with the same seed have the same values
   // The number of copies of each statistic, 1 to kMaxScale: XX_NAME, XX_NAME_2, XX_NAME_3...
   unsigned scale = 1;
+  bool hasOddNames = false;  // adds statistics whose ids and values are hard to show
 };
 
 struct Definition;  // one row of the table of statistics
@@ -50,12 +51,13 @@ class GatewayModel {
     std::map<std::string, std::size_t, std::less<>> byId;
   };
 
-  void addItem(std::string id, const Definition& definition, std::uint64_t seed);
+  void addItem(std::string id, const Definition& definition);
   [[nodiscard]] std::vector<const Item*> findItems(std::string_view element,
                                                    bool allowStatIds) const;
   template <typename Items, typename MakeItem>
   Answer answer(std::string_view query, bool allowStatIds, MakeItem makeItem) const;
 
+  std::uint64_t seed_;
   std::vector<std::string> groupIds_;  // in the order of the answer
   std::map<std::string, Group, std::less<>> groups_;
 };

@@ -7,7 +7,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,16 +16,19 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
+#include "gateway_client.h"
 #include "gateway_session.h"
 
 namespace zebsim {
 namespace {
 
-constexpr std::size_t kMaxClients = 1000;
+constexpr std::size_t kMaxClients = 10000;
 constexpr int kAcceptPauseMillis = 200;
+constexpr std::chrono::milliseconds kPieceInterval(20);  // between the pieces of a slow reply
 
 [[noreturn]] void failWithErrno(const std::string& what) {
   throw std::runtime_error(what + ": " + std::generic_category().message(errno));
@@ -83,64 +86,44 @@ Descriptor openListener(const std::string& address, std::uint16_t port) {
   }
 }
 
+// The IPv6 address of all addresses accepts IPv4 too, but a host may lack IPv6.
+Descriptor openEveryListener(std::uint16_t port) {
+  try {
+    return openListener("::", port);
+  } catch (const std::runtime_error&) {
+    return openListener("0.0.0.0", port);
+  }
+}
+
+void addToEpoll(int epoll, int fd, void* owner) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = owner;
+  if (epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0) failWithErrno("epoll_ctl");
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
   if (fd_ >= 0) close(fd_);
 }
 
-struct GatewayServer::Client {
-  Client(Descriptor socketIn, std::string peerIn, std::uint32_t tag, GatewaySession::Bean bean)
-      : socket(std::move(socketIn)), peer(std::move(peerIn)), session(tag, std::move(bean)) {}
-
-  Descriptor socket;
-  std::string peer;
-  GatewaySession session;
-  Bytes in;              // received: nothing more is read while a reply is being sent
-  Bytes out;             // the reply that is being sent
-  std::size_t sent = 0;  // how much of `out` has been sent
-  bool isDropped = false;
-
-  [[nodiscard]] bool isReplying() const { return sent < out.size(); }
-  bool receive();
-  bool sendReply(std::size_t segment);
-};
-
-// Returns false if the client has closed the connection, or it failed.
-bool GatewayServer::Client::receive() {
-  std::array<char, 16384> piece;
-  ssize_t got = recv(socket.get(), piece.data(), piece.size(), 0);
-  if (got < 0) return errno == EAGAIN || errno == EINTR;
-  in.append(piece.data(), static_cast<std::size_t>(got));
-  return got > 0;
-}
-
-// Sends what the socket takes; with a segment size, one piece of at most that size. Returns false
-// if the connection failed.
-bool GatewayServer::Client::sendReply(std::size_t segment) {
-  std::size_t size = out.size() - sent;
-  if (segment > 0) size = std::min(size, segment);
-  ssize_t gone = send(socket.get(), out.data() + sent, size, MSG_NOSIGNAL);
-  if (gone < 0) return errno == EAGAIN || errno == EINTR;
-  sent += static_cast<std::size_t>(gone);
-  if (!isReplying()) {
-    out.clear();
-    sent = 0;
-  }
-  return true;
-}
-
 GatewayServer::GatewayServer(ServerOptions options)
     : options_(std::move(options)), model_(options_.model) {
   if (!options_.clock) options_.clock = realClock();
   if (!options_.log) options_.log = logToStandardError;
-  listener_ = openListener(options_.address, options_.port);
+  listener_ = options_.address.empty() ? openEveryListener(options_.port)
+                                       : openListener(options_.address, options_.port);
   std::string address = listenAddress();
   port_ = static_cast<std::uint16_t>(std::stoul(address.substr(address.rfind(':') + 1)));
   std::array<int, 2> wake{};
   if (pipe2(wake.data(), O_CLOEXEC | O_NONBLOCK) != 0) failWithErrno("no pipe");
   wakeReader_ = Descriptor(wake[0]);
   wakeWriter_ = Descriptor(wake[1]);
+  epoll_ = Descriptor(epoll_create1(EPOLL_CLOEXEC));
+  if (epoll_.get() < 0) failWithErrno("no epoll");
+  addToEpoll(epoll_.get(), wakeReader_.get(), &wakeReader_);
+  addToEpoll(epoll_.get(), listener_.get(), &listener_);
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -159,7 +142,7 @@ std::string GatewayServer::listenAddress() const {
 void GatewayServer::stop() {
   isRunning_ = false;
   if (!thread_.joinable()) return;
-  wakeWriter_ = Descriptor();  // closes the pipe, which wakes the thread's poll
+  wakeWriter_ = Descriptor();  // closes the pipe, which wakes the thread
   thread_.join();
 }
 
@@ -179,82 +162,183 @@ void GatewayServer::serve() {
   } catch (const std::exception& fault) {
     options_.log(std::string("the server gives up: ") + fault.what());
   }
+  pauses_.clear();
   clients_.clear();
   isRunning_ = false;
 }
 
 void GatewayServer::serveOnce() {
-  bool canAccept = clients_.size() < kMaxClients && !isAcceptPaused_;
-  std::vector<pollfd> ready;
-  ready.push_back({wakeReader_.get(), POLLIN, 0});
-  ready.push_back({listener_.get(), static_cast<short>(canAccept ? POLLIN : 0), 0});
-  for (const auto& client : clients_) {
-    ready.push_back(
-        {client->socket.get(), static_cast<short>(client->isReplying() ? POLLOUT : POLLIN), 0});
+  std::array<epoll_event, 64> ready;
+  int count = epoll_wait(epoll_.get(), ready.data(), ready.size(), millisToNextPiece());
+  if (count < 0 && errno != EINTR) failWithErrno("epoll_wait");
+  if (isAcceptPaused_) pauseAccepting(false);
+  bool canAccept = false;
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = ready[static_cast<std::size_t>(i)];
+    if (event.data.ptr == &listener_) {
+      canAccept = true;
+    } else if (event.data.ptr != &wakeReader_) {
+      serveClient(*static_cast<Client*>(event.data.ptr), event.events);
+    }
   }
-  int rc = poll(ready.data(), ready.size(), isAcceptPaused_ ? kAcceptPauseMillis : -1);
-  isAcceptPaused_ = false;
-  if (rc < 0 && errno != EINTR) failWithErrno("poll");
-  if (rc <= 0) return;
-  for (std::size_t i = 0; i < clients_.size(); ++i) {
-    if (ready[i + 2].revents != 0) serveClient(*clients_[i], !clients_[i]->isReplying());
-  }
-  std::erase_if(clients_, [](const auto& client) { return client->isDropped; });
-  if (ready[1].revents != 0) acceptClient();
+  continueSlowReplies();
+  if (canAccept) acceptClient();
+  dropped_.clear();
 }
 
 void GatewayServer::acceptClient() {
+  if (clients_.size() >= kMaxClients) makeRoom("no more clients are served");
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   Descriptor socket(accept4(listener_.get(), generic, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (socket.get() < 0) {
-    if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
-    options_.log("cannot accept a client: " + std::generic_category().message(errno));
-    isAcceptPaused_ =
-        true;  // out of descriptors, perhaps: the client waits in the listener's queue
-    return;
-  }
+  if (socket.get() >= 0) return addClient(std::move(socket), showAddress(generic, size));
+  if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
+  // The new client waits in the listener's queue.
+  if ((errno == EMFILE || errno == ENFILE) && !clients_.empty())
+    return makeRoom("no descriptor is left");
+  options_.log("cannot accept a client: " + std::generic_category().message(errno));
+  pauseAccepting(true);
+}
+
+void GatewayServer::addClient(Descriptor socket, std::string peer) {
   int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   auto bean = [this](const AdminCall& call) { return answerCall(call); };
-  clients_.push_back(std::make_unique<Client>(std::move(socket), showAddress(generic, size),
-                                              ++lastTag_, std::move(bean)));
+  clients_.emplace_back(std::move(socket), std::move(peer), ++lastTag_, std::move(bean));
+  Client& client = clients_.back();
+  client.self = std::prev(clients_.end());
+  client.isMute = options_.troubles.mute == Troubles::Mute::kHandshake;
+  addToEpoll(epoll_.get(), client.socket.get(), &client);
 }
 
-void GatewayServer::serveClient(Client& client, bool canRead) {
+// Drops the oldest client that has asked nothing; if there is none, the one that has been silent
+// for longest. New clients are served, however many silent ones there are.
+void GatewayServer::makeRoom(const std::string& reason) {
+  auto silent = std::find_if(clients_.begin(), clients_.end(),
+                             [](const Client& client) { return !client.hasAsked; });
+  dropClient(silent == clients_.end() ? clients_.front() : *silent,
+             "it has been silent for longest, and " + reason);
+}
+
+void GatewayServer::serveClient(Client& client, std::uint32_t events) {
   try {
-    if (canRead) {
-      if (!client.receive()) {
-        return dropClient(client,
-                          client.in.empty() ? "" : "the client left in the middle of a request");
-      }
-      answerRequests(client);
+    if (!client.isReplying()) {
+      readRequests(client);
+    } else if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
+      return dropClient(client, "the client does not take its reply");
     }
-    while (client.isReplying()) {
-      std::size_t before = client.sent;
-      if (!client.sendReply(options_.segment))
-        return dropClient(client, "the client does not take its reply");
-      if (client.isReplying() && client.sent == before) return;  // poll says when there is room
-      if (!client.isReplying()) answerRequests(client);
-    }
-    if (client.session.isClosed()) dropClient(client, "");
+    sendReply(client);
   } catch (const std::exception& fault) {
     dropClient(client, fault.what());
   }
 }
 
-// Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
-// until that reply has been sent.
-void GatewayServer::answerRequests(Client& client) {
-  Request request;
-  if (client.session.isClosed() || !takeRequest(client.in, request)) return;
-  client.out = client.session.answer(request);
+void GatewayServer::readRequests(Client& client) {
+  if (!client.receive()) {
+    return dropClient(client,
+                      client.in.empty() ? "" : "the client left in the middle of a request");
+  }
+  answerRequest(client);
 }
 
+// Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
+// until that reply has been sent.
+void GatewayServer::answerRequest(Client& client) {
+  client.out.clear();
+  client.sent = 0;
+  if (client.isMute) client.in.clear();
+  Request request;
+  if (client.session.isClosed() || !takeRequest(client.in, request)) return;
+  clients_.splice(clients_.end(), clients_, client.self);
+  client.hasAsked = true;
+  client.isQuery = isQuery(request);
+  client.asked = Client::Clock::now();
+  client.out = client.session.answer(request);
+  const Troubles& troubles = options_.troubles;
+  client.isMute = (client.isQuery && troubles.mute == Troubles::Mute::kQuery) ||
+                  (client.session.isClosed() && !troubles.hasCloseAnswer);
+  if (client.isMute) client.out.clear();
+}
+
+// Sends what may be sent now of the reply, then answers the next request. If all is done, waits for
+// more.
+void GatewayServer::sendReply(Client& client) {
+  while (client.isReplying()) {
+    std::size_t limit = limitOfReply(client);
+    if (!client.sendUntil(limit, options_.segment))
+      return dropClient(client, "the client does not take its reply");
+    if (client.sent < limit) return watch(client, EPOLLOUT);
+    if (client.isReplying()) return pauseReply(client);
+    answerRequest(client);
+  }
+  if (client.isDropped) return;
+  if (client.session.isClosed() && !client.isMute) return dropClient(client, "");
+  watch(client, EPOLLIN);
+}
+
+// Returns how many bytes of the reply may be sent by now.
+std::size_t GatewayServer::limitOfReply(const Client& client) const {
+  const Troubles& troubles = options_.troubles;
+  std::size_t size = client.out.size();
+  if (!client.isQuery) return size;
+  if (troubles.slow.count() > 0) size = client.countDue(Client::Clock::now(), troubles.slow);
+  return troubles.resetsAnswers ? std::min(size, client.out.size() / 2) : size;
+}
+
+// The reply is not whole, but no more of it may be sent now.
+void GatewayServer::pauseReply(Client& client) {
+  if (options_.troubles.resetsAnswers && client.sent >= client.out.size() / 2) {
+    client.resetAtClose();
+    return dropClient(client, "");
+  }
+  client.due = Client::Clock::now() + kPieceInterval;
+  pauses_.emplace(client.due, &client);
+  watch(client, 0);
+}
+
+void GatewayServer::continueSlowReplies() {
+  while (!pauses_.empty() && pauses_.begin()->first <= Client::Clock::now()) {
+    Client& client = *pauses_.begin()->second;
+    pauses_.erase(pauses_.begin());
+    serveClient(client, 0);
+  }
+}
+
+// Returns how long epoll may wait, -1 for ever.
+int GatewayServer::millisToNextPiece() const {
+  if (pauses_.empty()) return isAcceptPaused_ ? kAcceptPauseMillis : -1;
+  auto left = pauses_.begin()->first - Client::Clock::now();
+  auto millis = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  return static_cast<int>(std::max<std::int64_t>(millis, 0));
+}
+
+// The client is destroyed later, because the callers still use it.
 void GatewayServer::dropClient(Client& client, const std::string& reason) {
+  if (client.isDropped) return;
   client.isDropped = true;
+  client.out.clear();
+  pauses_.erase({client.due, &client});
+  dropped_.splice(dropped_.end(), clients_, client.self);
   if (!reason.empty()) options_.log("closed the connection from " + client.peer + ": " + reason);
+}
+
+void GatewayServer::watch(Client& client, std::uint32_t events) {
+  if (client.watched == events) return;
+  epoll_event event{};
+  event.events = client.watched = events;
+  event.data.ptr = &client;
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, client.socket.get(), &event) != 0)
+    failWithErrno("epoll_ctl");
+}
+
+void GatewayServer::pauseAccepting(bool isPaused) {
+  isAcceptPaused_ = isPaused;
+  epoll_event event{};
+  event.events = isPaused ? 0U : EPOLLIN;
+  event.data.ptr = &listener_;
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, listener_.get(), &event) != 0)
+    failWithErrno("epoll_ctl");
 }
 
 Bytes GatewayServer::answerCall(const AdminCall& call) {

@@ -5,17 +5,18 @@
 #define ZEBSIM_GATEWAY_SERVER_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "gateway_encoder.h"
 #include "gateway_model.h"
@@ -40,12 +41,22 @@ class Descriptor {
   int fd_ = -1;
 };
 
+// What a gateway in trouble does to its clients.
+struct Troubles {
+  enum class Mute { kNever, kHandshake, kQuery };
+  Mute mute = Mute::kNever;           // the first request that gets no reply, nor any later one
+  std::chrono::milliseconds slow{0};  // the time that it takes to send the answer to a query
+  bool resetsAnswers = false;         // resets the connection in the middle of such an answer
+  bool hasCloseAnswer = true;         // false: a close request gets no reply
+};
+
 struct ServerOptions {
-  std::string address = "127.0.0.1";
-  std::uint16_t port = 0;  // 0: any free port
+  std::string address = "127.0.0.1";  // empty: all addresses of this host
+  std::uint16_t port = 0;             // 0: any free port
   ModelOptions model = {};
   HeadBlocks blocks = HeadBlocks::kCut;  // how answers of more than 1,024 bytes of ids are written
   std::size_t segment = 0;               // the size of the pieces of a reply; 0: sent whole
+  Troubles troubles = {};
   // Returns the seconds since the start; if none is given, the server measures them.
   std::function<std::uint64_t()> clock = {};
   // Gets lines without a line end; if none is given, they go to standard error.
@@ -79,13 +90,24 @@ class GatewayServer {
 
  private:
   struct Client;
+  using TimePoint = std::chrono::steady_clock::time_point;
 
   void serve();
   void serveOnce();
   void acceptClient();
-  void serveClient(Client& client, bool canRead);
-  void answerRequests(Client& client);
+  void addClient(Descriptor socket, std::string peer);
+  void makeRoom(const std::string& reason);
+  void serveClient(Client& client, std::uint32_t events);
+  void readRequests(Client& client);
+  void answerRequest(Client& client);
+  void sendReply(Client& client);
+  void pauseReply(Client& client);
+  void continueSlowReplies();
   void dropClient(Client& client, const std::string& reason);
+  void watch(Client& client, std::uint32_t events);
+  void pauseAccepting(bool isPaused);
+  [[nodiscard]] std::size_t limitOfReply(const Client& client) const;
+  [[nodiscard]] int millisToNextPiece() const;
   Bytes answerCall(const AdminCall& call);
 
   ServerOptions options_;
@@ -93,9 +115,14 @@ class GatewayServer {
   Descriptor listener_;
   Descriptor wakeReader_;
   Descriptor wakeWriter_;
+  Descriptor epoll_;
   std::uint16_t port_ = 0;
   std::atomic<bool> isRunning_ = true;
-  std::vector<std::unique_ptr<Client>> clients_;  // used by the thread only, as the next two
+  // Used by the thread only, down to isAcceptPaused_. The client that has been silent for longest
+  // is the first in the list.
+  std::list<Client> clients_;
+  std::list<Client> dropped_;                       // to be closed after the events at hand
+  std::set<std::pair<TimePoint, Client*>> pauses_;  // the slow replies, and when they continue
   std::uint32_t lastTag_ = 0;
   bool isAcceptPaused_ = false;
   std::mutex answersLock_;

@@ -71,6 +71,10 @@ bool takeRequest(Bytes& in, Request& request) {
   return true;
 }
 
+bool isQuery(const Request& request) {
+  return request.header.name == kAdminName && request.data.starts_with(words({kInvoke}));
+}
+
 AdminCall readAdminCall(std::string_view data) {
   ByteReader reader(data);
   AdminCall call;

@@ -55,6 +55,9 @@ Bytes encodeHeader(const Header& header);
 // BadRequest as soon as the bytes received so far cannot be the start of a request.
 bool takeRequest(Bytes& in, Request& request);
 
+// Returns whether the request invokes an operation of the statistics bean.
+bool isQuery(const Request& request);
+
 // Decodes the data of an admin request. Throws BadRequest if the lengths, the counts, the bean or
 // the signature are wrong.
 AdminCall readAdminCall(std::string_view data);

@@ -1,45 +1,31 @@
 // The simulated gateway as a program.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <exception>
-#include <optional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "address.h"
 #include "gateway_server.h"
 
 namespace {
 
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
-
-struct Listen {
-  std::string address;
-  std::uint16_t port = 0;
-};
-
-// Parses ADDRESS:PORT, with an IPv6 address in brackets.
-std::optional<Listen> parseListen(const std::string& text) {
-  std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return std::nullopt;
-  std::string address = text.substr(0, colon);
-  std::string port = text.substr(colon + 1);
-  if (address.front() == '[' && address.back() == ']') {
-    address = address.substr(1, address.size() - 2);
-  } else if (address.find(':') != std::string::npos) {
-    return std::nullopt;
-  }
-  bool isNumber = !port.empty() && port.size() <= 5 &&
-                  port.find_first_not_of("0123456789") == std::string::npos;
-  if (address.empty() || !isNumber || std::stoul(port) > 0xFFFF) return std::nullopt;
-  return Listen{address, static_cast<std::uint16_t>(std::stoul(port))};
-}
+constexpr unsigned kMaxPorts = 1000;
 
 std::string checkListen(const std::string& text) {
-  if (parseListen(text)) return {};
+  if (zebtool::parseListenAddress(text, zebtool::kStatisticsPort)) return {};
   return "'" + text + "' is not an ADDRESS:PORT; write it like 127.0.0.1:2980 or [::1]:0";
 }
 
@@ -49,33 +35,158 @@ std::string checkNumber(const std::string& text) {
   return isNumber ? "" : "'" + text + "' is not a number from 0 up";
 }
 
-// Waits for one of the signals, which are blocked in every thread, so that they interrupt no call.
-// Looks once a second whether the server has failed.
-void waitForSignal(const sigset_t& signals, const zebsim::GatewayServer& server) {
-  const timespec second{1, 0};
-  while (server.isRunning() && sigtimedwait(&signals, nullptr, &second) < 0) {
-  }
+std::string checkSeconds(const std::string& text) {
+  bool isDecimal = text.find_first_not_of("0123456789.") == std::string::npos;
+  if (isDecimal && CLI::Range(0.001, 3600.0)(text).empty()) return {};
+  return "'" + text + "' is not a number of seconds from 0.001 to 3600";
 }
 
-int run(zebsim::ServerOptions options, const std::string& listen) {
+// CLI11 gives "true" to a flag without a value.
+std::string checkMute(const std::string& text) {
+  if (text == "true" || text == "handshake" || text == "query") return {};
+  return "'" + text + "' is neither handshake nor query";
+}
+
+struct Arguments {
+  zebsim::ServerOptions server;
+  std::string listen = "127.0.0.1:" + std::to_string(zebtool::kStatisticsPort);
+  unsigned ports = 1;
+  double slow = 0;
+  std::string mute;
+};
+
+// Each connection needs a descriptor. If the limit cannot be raised, silent clients are dropped
+// earlier.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+using Servers = std::vector<std::unique_ptr<zebsim::GatewayServer>>;
+
+// Starts a gateway on each port, or returns none, after a message, if one of them cannot listen.
+Servers startServers(const zebsim::ServerOptions& options, unsigned count) {
+  Servers servers;
+  for (unsigned i = 0; i < count; ++i) {
+    zebsim::ServerOptions one = options;
+    one.model.seed += i;
+    if (one.port != 0) one.port = static_cast<std::uint16_t>(one.port + i);
+    try {
+      servers.push_back(std::make_unique<zebsim::GatewayServer>(one));
+    } catch (const std::exception& fault) {
+      std::fprintf(stderr,
+                   "zebgatewaysim: cannot listen on %s: %s; choose another port with --listen "
+                   "ADDRESS:PORT, or port 0 for any free one\n",
+                   zebtool::showAddress({one.address, one.port}).c_str(), fault.what());
+      return {};
+    }
+  }
+  return servers;
+}
+
+bool areRunning(const Servers& servers) {
+  return std::all_of(servers.begin(), servers.end(),
+                     [](const auto& server) { return server->isRunning(); });
+}
+
+// Serves until one of the signals arrives. They are blocked in every thread, so that they interrupt
+// no call. Looks once a second whether a server has failed.
+int run(const Arguments& arguments) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  try {
-    zebsim::GatewayServer server(std::move(options));
-    std::printf("listening on %s\n", server.listenAddress().c_str());
-    std::fflush(stdout);
-    waitForSignal(signals, server);
-    return server.isRunning() ? 0 : kExitFailed;
-  } catch (const std::exception& fault) {
-    std::fprintf(
-        stderr,
-        "zebgatewaysim: cannot listen on %s: %s; choose another with --listen ADDRESS:PORT\n",
-        listen.c_str(), fault.what());
-    return kExitFailed;
+  raiseDescriptorLimit();
+  const Servers servers = startServers(arguments.server, arguments.ports);
+  if (servers.empty()) return kExitFailed;
+  for (const auto& server : servers) {
+    std::printf("listening on %s\n", server->listenAddress().c_str());
   }
+  std::fflush(stdout);
+  const timespec second{1, 0};
+  while (areRunning(servers)) {
+    if (sigtimedwait(&signals, nullptr, &second) > 0) return 0;
+  }
+  return kExitFailed;
+}
+
+void addGatewayOptions(CLI::App& app, Arguments& arguments) {
+  zebsim::ServerOptions& server = arguments.server;
+  app.add_option("--listen", arguments.listen,
+                 "where to listen; port 0 is any free port\n(127.0.0.1:2980)")
+      ->type_name("ADDRESS:PORT")
+      ->check(checkListen);
+  app.add_option("--ports", arguments.ports,
+                 "N gateways, on that port and those after it, each with\n"
+                 "values of its own; 1 to 1000 (1)")
+      ->type_name("N")
+      ->check(checkNumber)
+      ->check(CLI::Range(1U, kMaxPorts).description(""));
+  app.add_option("--seed", server.model.seed,
+                 "the same seed gives the same values, second for second (1)")
+      ->type_name("N")
+      ->check(checkNumber);
+  app.add_option("--scale", server.model.scale,
+                 "N copies of each statistic, for big answers; 1 to 1000 (1)")
+      ->type_name("N")
+      ->check(CLI::Range(1U, zebsim::kMaxScale).description(""));
+  app.add_option("--segment", server.segment,
+                 "send replies in pieces of N bytes; 0 sends them whole (0)")
+      ->type_name("N")
+      ->check(checkNumber);
+  app.add_flag_callback(
+      "--one-block", [&] { server.blocks = zebsim::HeadBlocks::kOne; },
+      "write all ids of a response as one block; otherwise\n"
+      "more than 1,024 bytes are cut as Java cuts them");
+}
+
+void addTroubleOptions(CLI::App& app, Arguments& arguments) {
+  zebsim::Troubles& troubles = arguments.server.troubles;
+  app.add_flag("--mute", arguments.mute,
+               "accept and read, but answer nothing, or nothing\n"
+               "from the first query on")
+      ->option_text("[=handshake|query]")
+      ->check(checkMute)
+      ->group("Troubles");
+  app.add_option("--slow", arguments.slow,
+                 "drip the answer to each query for that long, 0.001 to 3600")
+      ->type_name("SECONDS")
+      ->check(checkSeconds)
+      ->group("Troubles");
+  app.add_flag("--reset", troubles.resetsAnswers,
+               "reset the connection in the middle of such an answer")
+      ->group("Troubles");
+  app.add_flag_callback(
+         "--no-close-answer", [&] { troubles.hasCloseAnswer = false; },
+         "leave close requests unanswered")
+      ->group("Troubles");
+  app.add_flag("--odd-names", arguments.server.model.hasOddNames,
+               "add statistics with escapes, control and invisible\n"
+               "characters, many scripts, quotes, formulas, long names")
+      ->group("Troubles");
+}
+
+// Puts the arguments that need more than one option together. Returns a message if they are wrong.
+std::string finish(Arguments& arguments) {
+  zebsim::ServerOptions& server = arguments.server;
+  auto address = *zebtool::parseListenAddress(arguments.listen, zebtool::kStatisticsPort);
+  if (address.port != 0 && address.port + static_cast<int>(arguments.ports) - 1 > 0xFFFF)
+    return "the last of the --ports would be above 65535";
+  server.address = address.host;
+  server.port = static_cast<std::uint16_t>(address.port);
+  server.troubles.slow = std::chrono::milliseconds(std::lround(arguments.slow * 1000));
+  using Mute = zebsim::Troubles::Mute;
+  if (!arguments.mute.empty())
+    server.troubles.mute = arguments.mute == "query" ? Mute::kQuery : Mute::kHandshake;
+  return {};
+}
+
+int failUsage(const char* fault) {
+  std::fprintf(stderr, "zebgatewaysim: %s; see zebgatewaysim --help\n", fault);
+  return kExitUsage;
 }
 
 }  // namespace
@@ -87,44 +198,24 @@ int main(int argc, char** argv) {
       "it listens. A client that sends an invalid request is disconnected, with a message on\n"
       "standard error.",
       "zebgatewaysim");
-  std::string listen = "127.0.0.1:0";
-  zebsim::ServerOptions options;
-  app.add_option("--listen", listen, "where to listen; port 0 is any free port (127.0.0.1:0)")
-      ->type_name("ADDRESS:PORT")
-      ->check(checkListen);
-  app.add_option("--seed", options.model.seed,
-                 "the same seed gives the same values, second for second (1)")
-      ->type_name("N")
-      ->check(checkNumber);
-  app.add_option("--scale", options.model.scale,
-                 "N copies of each statistic, for big answers; 1 to 1000 (1)")
-      ->type_name("N")
-      ->check(CLI::Range(1U, zebsim::kMaxScale).description(""));
-  app.add_option("--segment", options.segment,
-                 "send replies in pieces of N bytes; 0 sends them whole (0)")
-      ->type_name("N")
-      ->check(checkNumber);
-  app.add_flag_callback(
-      "--one-block", [&] { options.blocks = zebsim::HeadBlocks::kOne; },
-      "write all ids of a response as one block; otherwise\n"
-      "more than 1,024 bytes are cut as Java cuts them");
+  Arguments arguments;
+  addGatewayOptions(app, arguments);
+  addTroubleOptions(app, arguments);
   app.set_version_flag("--version", "zebgatewaysim " ZEBSTATS_VERSION,
                        "print the version and exit");
   app.set_help_flag("--help,-h", "print this help and exit");
   app.footer(
       "Examples:\n"
-      "  zebgatewaysim --listen 127.0.0.1:2980\n"
-      "  zebgatewaysim --seed 7 --scale 20 --segment 100");
+      "  zebgatewaysim\n"
+      "  zebgatewaysim --listen 127.0.0.1:0 --ports 20\n"
+      "  zebgatewaysim --slow 3 --odd-names");
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& done) {
     return app.exit(done);
   } catch (const CLI::ParseError& fault) {
-    std::fprintf(stderr, "zebgatewaysim: %s; see zebgatewaysim --help\n", fault.what());
-    return kExitUsage;
+    return failUsage(fault.what());
   }
-  Listen endpoint = *parseListen(listen);
-  options.address = endpoint.address;
-  options.port = endpoint.port;
-  return run(std::move(options), listen);
+  std::string fault = finish(arguments);
+  return fault.empty() ? run(arguments) : failUsage(fault.c_str());
 }
