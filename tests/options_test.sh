@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# options_test.sh ZEBSTAT MANUAL: help, manual page and completion have the same options and formats.
+# options_test.sh ZEBSTAT MANUAL: help, manual pages and completion have the same options and formats.
 set -euo pipefail
 zebstat=$1
 manual=$2
@@ -39,6 +39,18 @@ done < <(grep '^\.It.*Fl' "$manual" | grep -oE 'Fl -?[a-zA-Z]+(-[a-z]+)*' | cut 
 for format in $("$zebstat" stats --help | sed -n 's/.*--format FORMAT *//p' | tr -d ,); do
   offers "zebstat stats --format " "$format"
   grep -qx "\.It Cm $format" "$manual" || complain "$manual lacks the format $format"
+done
+
+# The programs that zebstat executes have options and manual pages of their own.
+for page in live:zebstat-live exporter:zebstats-exporter; do
+  command=${page%%:*} manual=$(dirname "$2")/${page#*:}.1
+  help=$("$zebstat" "$command" --help)
+  [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "$command: more than a screen"
+  mapfile -t names < <(sed -nE 's/^ +((-., )?--[^ =[]+).*/\1/p' <<<"$help" | tr -d , | tr ' ' '\n')
+  offers "zebstat $command -" "${names[@]}"
+  for name in "${names[@]}"; do
+    grep -qE "^\.It .*Fl ${name#-}( |$)" "$manual" || complain "$manual lacks $name"
+  done
 done
 
 [ "$failures" -eq 0 ] || exit 1

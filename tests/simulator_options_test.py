@@ -1,3 +1,4 @@
+#!/usr/bin/env python3
 """simulator_options_test.py SIMULATOR: what a client gets from a gateway in trouble."""
 import random, re, socket, subprocess, sys, time, unittest
 from struct import pack
