@@ -9,6 +9,7 @@ complain() {
   failures=$((failures + 1))
 }
 
+PATH=$(dirname "$zebstat"):$PATH  # the completion executes it
 eval "$("$zebstat" completion bash)"
 offers() { # LINE WORD...: bash completes the line with each of the words
   local word COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
