@@ -80,8 +80,10 @@ if(ZEB_BUILD_TOOLS)
   install(FILES man/zebstats-exporter.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT exporter)
   install(FILES share/zebgatewaysim-metadata.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats COMPONENT exporter)
-  install(FILES prometheus/alerts.yml grafana/zebstats.json
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats COMPONENT exporter)
+  install(FILES prometheus/alerts.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats/prometheus COMPONENT exporter)
+  install(FILES grafana/zebstats.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats/grafana COMPONENT exporter)
   install(FILES docs/scale.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zebstats-exporter COMPONENT exporter)
 
