@@ -98,6 +98,26 @@ if(ZEB_BUILD_TOOLS)
   install(FILES man/zebstats-exporter.1 DESTINATION ${zeb_man_dir}/man1 COMPONENT exporter)
   install(FILES share/zebgatewaysim-metadata.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats COMPONENT exporter)
+  install(FILES prometheus/alerts.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats/prometheus COMPONENT exporter)
+  install(FILES grafana/zebstats.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zebstats/grafana COMPONENT exporter)
+  install(FILES docs/scale.md
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zebstats-exporter COMPONENT exporter)
+
+  # The service. A package has its defaults in /etc, any other installation below its prefix.
+  set(zeb_defaults_dir ${CMAKE_INSTALL_SYSCONFDIR}/default)
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(zeb_defaults_dir ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default)
+  endif()
+  cmake_path(ABSOLUTE_PATH zeb_defaults_dir
+    BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE ZEB_DEFAULTS_DIR)
+  configure_file(packaging/exporter/zebstats-exporter.service.in
+    ${PROJECT_BINARY_DIR}/zebstats-exporter.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/zebstats-exporter.service
+    DESTINATION lib/systemd/system COMPONENT exporter)
+  install(FILES packaging/exporter/zebstats-exporter.default RENAME zebstats-exporter
+    DESTINATION ${zeb_defaults_dir} COMPONENT exporter)
 endif()
 
 # ---- Debian packages -----------------------------------------------------------------------------
@@ -152,7 +172,11 @@ set(CPACK_DEBIAN_EXPORTER_PACKAGE_NAME zebstats-exporter)
 set(CPACK_DEBIAN_EXPORTER_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_EXPORTER_PACKAGE_DEPENDS
   "libzebstats${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})")
+set(zeb_control ${PROJECT_SOURCE_DIR}/packaging/exporter)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_CONTROL_EXTRA ${zeb_control}/conffiles ${zeb_control}/postinst
+  ${zeb_control}/prerm ${zeb_control}/postrm)
 set(CPACK_COMPONENT_EXPORTER_DESCRIPTION "serves gateway statistics to Prometheus
 zebstats-exporter asks any number of transaction gateways for their runtime
-statistics when a Prometheus server scrapes it.")
+statistics when a Prometheus server scrapes it. The package has its service,
+alerts for Prometheus and a dashboard for Grafana.")
 include(CPack)
