@@ -22,7 +22,7 @@ void callAdmin(int kind, const Injection& injection) {
   require(rc == 0 || call.callData == nullptr, "call data are handed over only on success");
   if (call.callData != nullptr) {
     const std::string all(reinterpret_cast<const char*>(call.callData), call.header.dataLength);
-    require(all.size() <= injection.received(), "the call data came from the gateway");
+    require(all.size() <= injection.received, "the call data came from the gateway");
   }
   std::free(call.callData);
 }

@@ -51,8 +51,7 @@ int runSession(std::uint8_t what, int queries) {
 std::string recordOpen() {
   const Injection injection;
   runSession(0, 0);
-  return injection.replies().substr(0,
-                                    injection.replies().size() - zebsim::reply("BASE", "").size());
+  return injection.replies.substr(0, injection.received - zebsim::reply("BASE", "").size());
 }
 
 }  // namespace
@@ -66,7 +65,7 @@ int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
     static const std::string open = recordOpen();
     replies.assign((what & kAfterOpen) != 0 ? open : "").append(input);
     std::vector<Fault> faults;
-    if ((how & kFewSends) != 0) faults = {{kSend, (how >> 5) + 1, true, EPIPE}};
+    if ((how & kFewSends) != 0) faults = {{"send", (how >> 5) + 1, true, EPIPE}};
     const Injection injection(
         faults, {.replies = replies,
                  .piece = (how & kPieces) != 0 ? how & std::size_t{kPieces} : SIZE_MAX,

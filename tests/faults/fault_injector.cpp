@@ -19,6 +19,8 @@
 
 #include "stapi_zeb_memory.h"
 
+extern "C" int __real_close(int descriptor);
+
 namespace zebtest {
 namespace {
 
@@ -43,7 +45,7 @@ int fail(int error) {
 }
 
 // Whether this call fails; then errno says how.
-bool fails(Call call) {
+bool fails(std::string_view call) {
   const int error = active->next(call);
   return error != 0 && fail(error) != 0;
 }
@@ -54,13 +56,18 @@ Block* book(Block* block) {
   return block;
 }
 
-// Returns whether the descriptor is that of a file.
-bool closeBooked(int descriptor) {
+int openSocket() {
+  static int last = kFirstSocket;
+  return *sockets.insert(++last).first;
+}
+
+// A token without a socket is closed like any other.
+int closeBooked(int descriptor) {
   closedForSending.erase(descriptor);
-  const bool isFile = files.erase(descriptor) > 0;
-  if (!isFile && sockets.erase(descriptor) == 0)
+  if (files.erase(descriptor) > 0) return __real_close(descriptor);
+  if (sockets.erase(descriptor) == 0 && descriptor >= 0)
     complaint += " closes " + std::to_string(descriptor) + ", which it has not opened;";
-  return isFile;
+  return descriptor >= 0 ? 0 : fail(EBADF);
 }
 
 zebsim::Bytes replyTo(const zebsim::Request& request) {
@@ -75,8 +82,8 @@ zebsim::Bytes replyTo(const zebsim::Request& request) {
 
 }  // namespace
 
-Injection::Injection(std::vector<Fault> faults, Wire wire)
-    : faults_(std::move(faults)), wire_(std::move(wire)) {
+Injection::Injection(std::vector<Fault> plan, Wire change)
+    : faults(std::move(plan)), wire(std::move(change)) {
   active = this;
 }
 
@@ -84,79 +91,77 @@ Injection::~Injection() {
   active = nullptr;
 }
 
-int Injection::next(Call call) {
-  const int count = ++counts_[call];
-  if (index_ == faults_.size() || faults_[index_].call != call || count < faults_[index_].at)
-    return 0;
-  const Fault& fault = faults_[index_];
-  ++strikes_;
-  if (!fault.onwards) {
-    ++index_;
-    strikes_ = 0;
-    counts_.fill(0);
-  }
+int Injection::next(std::string_view call) {
+  const int count = ++counts[call];
+  if (faults.empty() || faults[0].call != call || count < faults[0].at) return 0;
+  const Fault fault = faults[0];
+  ++strikes;
+  if (fault.onwards) return fault.error;
+  faults.erase(faults.begin());
+  strikes = 0;
+  counts.clear();
   return fault.error;
 }
 
-bool Injection::hasEnded(int error, bool isBounded) const {
-  return error == 0 || ((error == EINTR || error == EAGAIN) && isBounded && strikes_ > 3);
+bool Injection::goesOn(int error, bool isBounded) const {
+  return error == 0 || ((error == EINTR || error == EAGAIN) && isBounded && strikes > 3);
 }
 
 std::string_view Injection::stream() const {
-  return wire_.replies.value_or(replies_).substr(0, wire_.endsAt);
+  return wire.replies.value_or(replies).substr(0, wire.endsAt);
 }
 
 bool Injection::isReady(int socket) const {
-  return wire_.replies.has_value() || received_ < stream().size() || received_ >= wire_.endsAt ||
+  return wire.replies.has_value() || received < stream().size() || received >= wire.endsAt ||
          closedForSending.count(socket) > 0;
 }
 
 void Injection::serve(std::string_view bytes) {
-  sent_ += bytes;
-  if (wire_.replies.has_value()) return;
-  unread_ += bytes;
+  sent += bytes;
+  if (wire.replies.has_value()) return;
+  unread += bytes;
   try {
-    for (zebsim::Request request; zebsim::takeRequest(unread_, request);) {
-      const std::size_t start = replies_.size();
-      replies_ += replyTo(request);
-      for (std::size_t i = 0; i < wire_.change.size(); ++i) {
-        const std::size_t at = wire_.changedAt + i;
-        if (at >= start && at < replies_.size()) replies_[at] = wire_.change[i];
+    for (zebsim::Request request; zebsim::takeRequest(unread, request);) {
+      const std::size_t start = replies.size();
+      replies += replyTo(request);
+      for (std::size_t i = 0; i < wire.change.size(); ++i) {
+        const std::size_t at = wire.changedAt + i;
+        if (at >= start && at < replies.size()) replies[at] = wire.change[i];
       }
     }
   } catch (const zebsim::BadRequest& bad) {
-    wire_.endsAt = replies_.size();  // as a gateway does that had its reply changed on the way
-    if (wire_.change.empty()) complaint += std::string(" sends a bad request: ") + bad.what() + ";";
+    wire.endsAt = replies.size();  // as a gateway does that had its reply changed on the way
+    if (wire.change.empty()) complaint += std::string(" sends a bad request: ") + bad.what() + ";";
   }
 }
 
 ssize_t Injection::send(int socket, std::string_view bytes, int flags) {
   const bool isBounded = (flags & MSG_DONTWAIT) != 0;
-  const int error = next(kSend);
+  const int error = next("send");
   if (error == kEnd) return 0;
-  if (error < kShort && !hasEnded(error, isBounded)) return fail(error);
+  if (error < kShort && !goesOn(error, isBounded)) return fail(error);
   if (socket < 0 || closedForSending.count(socket) > 0) return fail(socket < 0 ? EBADF : EPIPE);
   const auto size = static_cast<ssize_t>(bytes.size());
-  if (received_ >= wire_.endsAt) return wire_.sendError != 0 ? fail(wire_.sendError) : size;
+  if (received >= wire.endsAt) return wire.sendError != 0 ? fail(wire.sendError) : size;
   if (error == kCut) closedForSending.insert(socket);
-  if (error == kCut) bytes = bytes.substr(0, bytes.size() / 2);
-  if (error == kShort && isBounded) bytes = bytes.substr(0, 1);
+  if (error == kCut || (error == kShort && isBounded))
+    bytes = bytes.substr(0, error == kCut ? bytes.size() / 2 : 1);
   serve(bytes);
   return error >= kShort ? 1 : size;
 }
 
 ssize_t Injection::receive(int socket, void* buffer, std::size_t size, int flags) {
-  const int error = next(kRecv);
+  const int error = next("recv");
   if (error == kEnd || closedForSending.count(socket) > 0) return 0;
-  if (error < kShort && !hasEnded(error, (flags & MSG_DONTWAIT) != 0)) return fail(error);
-  std::size_t most = std::min({size, wire_.piece, stream().size() - received_});
+  if (error < kShort && !goesOn(error, (flags & MSG_DONTWAIT) != 0)) return fail(error);
+  std::size_t most = std::min({size, wire.piece, stream().size() - received});
   if (error == kShort) most = std::min<std::size_t>(most, 1);
-  if (received_ < wire_.splitAt) most = std::min(most, wire_.splitAt - received_);
-  if ((flags & MSG_PEEK) != 0)  // what the fuzzers send is not there before it is asked for
-    return most > 0 && !wire_.replies.has_value() ? 1 : fail(EAGAIN);
-  if (most == 0 && wire_.receiveError != 0) return fail(wire_.receiveError);
-  std::copy_n(stream().data() + received_, most, static_cast<char*>(buffer));
-  received_ += most;
+  if (received < wire.splitAt) most = std::min(most, wire.splitAt - received);
+  if ((flags & MSG_PEEK) != 0)  // given replies are not there before they are asked for
+    return most > 0 && !wire.replies.has_value() ? 1 : fail(EAGAIN);
+  if (most == 0 && wire.receiveError != 0) return fail(wire.receiveError);
+  std::copy_n(stream().data() + received, most, static_cast<char*>(buffer));
+  received += most;
   return static_cast<ssize_t>(most);
 }
 
@@ -182,8 +187,11 @@ using namespace zebtest;
     __VA_ARGS__                                            \
   }
 // One that returns a value, or -1.
-#define ZEB_WRAP_FAILING(call, value, type, name, parameters, arguments) \
-  ZEB_WRAP(type, name, parameters, arguments, { return fails(call) ? -1 : (value); })
+#define ZEB_WRAP_VALUE(value, type, name, parameters, arguments) \
+  ZEB_WRAP(type, name, parameters, arguments, return fails(#name) ? -1 : (value);)
+// One that does its work and may fail all the same.
+#define ZEB_WRAP_DONE(work, name, parameters, arguments) \
+  ZEB_WRAP(int, name, parameters, arguments, const int rc = (work); return fails(#name) ? -1 : rc;)
 
 extern "C" {
 
@@ -195,7 +203,7 @@ void __wrap_free(void* block) {
 
 // What the memory held before is not zero.
 ZEB_WRAP(void*, malloc, (size_t size), (size), {
-  if (fails(kAllocate)) return nullptr;
+  if (fails("malloc")) return nullptr;
   if (size > kLargestWish) complaint += " wants " + std::to_string(size) + " bytes;";
   void* const block = size <= kLargestBlock ? book(__real_malloc(size)) : nullptr;
   return block != nullptr ? std::memset(block, 0xA5, size) : nullptr;
@@ -204,10 +212,9 @@ ZEB_WRAP(void*, malloc, (size_t size), (size), {
 ZEB_WRAP(int, getaddrinfo,
          (const char* host, const char* port, const addrinfo* hints, addrinfo** found),
          (host, port, hints, found), {
-           if (const int error = active->next(kGetaddrinfo); error != 0) return error;
            static sockaddr_in address = {};
+           if (const int error = active->next("getaddrinfo"); error != 0) return error;
            *found = book(new addrinfo{});
-           (*found)->ai_family = AF_INET;
            (*found)->ai_addr = reinterpret_cast<sockaddr*>(&address);
            return 0;
          })
@@ -216,28 +223,22 @@ ZEB_WRAP(void, freeaddrinfo, (addrinfo * found), (found), {
   delete found;
 })
 
-ZEB_WRAP(int, socket, (int family, int type, int protocol), (family, type, protocol), {
-  if (fails(kSocket)) return -1;
-  static int last = kFirstSocket;
-  return *sockets.insert(++last).first;
-})
-ZEB_WRAP_FAILING(kSetsockopt, 0, int, setsockopt,
-                 (int socket, int level, int option, const void* value, socklen_t size),
-                 (socket, level, option, value, size))
-ZEB_WRAP_FAILING(kIoctl, 0, int, ioctl, (int descriptor, unsigned long request, void* argument),
-                 (descriptor, request, argument))
-ZEB_WRAP_FAILING(kConnect, 0, int, connect, (int socket, const sockaddr* address, socklen_t size),
-                 (socket, address, size))
-ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how), {
-  closedForSending.insert(socket);
-  return 0;
-})
-
+ZEB_WRAP_VALUE(openSocket(), int, socket, (int family, int type, int protocol),
+               (family, type, protocol))
+ZEB_WRAP_VALUE(0, int, setsockopt,
+               (int socket, int level, int option, const void* value, socklen_t size),
+               (socket, level, option, value, size))
+ZEB_WRAP_VALUE(0, int, ioctl, (int descriptor, unsigned long request, void* argument),
+               (descriptor, request, argument))
+ZEB_WRAP_VALUE(0, int, connect, (int socket, const sockaddr* address, socklen_t size),
+               (socket, address, size))
+ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how),
+         return closedForSending.insert(socket).second ? 0 : 0;)
 ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout), (waited, count, timeout), {
   if (waited->fd == STDERR_FILENO) return __real_poll(waited, count, timeout);
-  const int error = active->next(kPoll);
+  const int error = active->next("poll");
   if (error == kEnd) return 0;
-  if (!active->hasEnded(error, timeout >= 0)) return fail(error);
+  if (!active->goesOn(error, timeout >= 0)) return fail(error);
   if ((waited->events & POLLIN) != 0 && !active->isReady(waited->fd))
     complaint += " waits for what nobody will send;";
   waited->revents = waited->events;
@@ -245,50 +246,36 @@ ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout), (waited, count
 })
 ZEB_WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* size),
          (socket, level, option, value, size), {
-           const int error = active->next(kGetsockopt);
+           const int error = active->next("getsockopt");
            if (error != 0 && error < kPending) return fail(error);
            *static_cast<int*>(value) = error != 0 ? error - kPending : 0;
            return 0;
          })
 ZEB_WRAP(ssize_t, send, (int socket, const void* data, size_t size, int flags),
-         (socket, data, size, flags), {
-           return active->send(socket, {static_cast<const char*>(data), size}, flags);
-         })
+         (socket, data, size, flags),
+         return active->send(socket, {static_cast<const char*>(data), size}, flags);)
 ZEB_WRAP(ssize_t, recv, (int socket, void* buffer, size_t size, int flags),
-         (socket, buffer, size, flags), { return active->receive(socket, buffer, size, flags); })
+         (socket, buffer, size, flags), return active->receive(socket, buffer, size, flags);)
 
-// These fail after they have closed.
-ZEB_WRAP(int, close, (int descriptor), (descriptor), {
-  if (descriptor < 0) return fail(EBADF);  // a token without a socket is closed like any other
-  const int rc = closeBooked(descriptor) ? __real_close(descriptor) : 0;
-  return fails(kClose) ? -1 : rc;
-})
-ZEB_WRAP(int, fclose, (FILE * stream), (stream), {
-  blocks.erase(stream);
-  const int rc = __real_fclose(stream);
-  return fails(kFclose) ? -1 : rc;
-})
-
-ZEB_WRAP(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), {
-  const int opened = fails(kOpen) ? -1 : __real_open(path, flags, mode);
-  if (opened >= 0) files.insert(opened);
-  return opened;
-})
+ZEB_WRAP_DONE(closeBooked(descriptor), close, (int descriptor), (descriptor))
+ZEB_WRAP_DONE((blocks.erase(stream), __real_fclose(stream)), fclose, (FILE * stream), (stream))
+ZEB_WRAP_VALUE(*files.insert(__real_open(path, flags, mode)).first, int, open,
+               (const char* path, int flags, mode_t mode), (path, flags, mode))
 ZEB_WRAP(FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode), {
-  if (fails(kFdopen)) return nullptr;
+  if (fails("fdopen")) return nullptr;
   files.erase(descriptor);
   return book(__real_fdopen(descriptor, mode));
 })
-ZEB_WRAP_FAILING(kFflush, __real_fflush(stream), int, fflush, (FILE * stream), (stream))
+ZEB_WRAP_VALUE(__real_fflush(stream), int, fflush, (FILE * stream), (stream))
 
 ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
          (mutex, attributes), {
-           const int error = active->next(kInitLock);
+           const int error = active->next("pthread_mutex_init");
            return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
          })
 ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), {
-  if (const int error = active->next(kLock); error != 0) return error;
-  if (std::find(heldLocks.begin(), heldLocks.end(), mutex) != heldLocks.end()) {
+  if (const int error = active->next("pthread_mutex_lock"); error != 0) return error;
+  if (std::count(heldLocks.begin(), heldLocks.end(), mutex) > 0) {
     complaint += " a lock is taken twice;";
     return EDEADLK;
   }
@@ -296,12 +283,9 @@ ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), {
   return __real_pthread_mutex_lock(mutex);
 })
 ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex), {
-  if (std::erase(heldLocks, mutex) == 0) {
-    complaint += " a lock is released that is not held;";
-    return EPERM;
-  }
+  if (std::erase(heldLocks, mutex) == 0) complaint += " a lock is released that is not held;";
   const int rc = __real_pthread_mutex_unlock(mutex);
-  const int error = active->next(kUnlock);
+  const int error = active->next("pthread_mutex_unlock");
   return error != 0 ? error : rc;
 })
 

@@ -8,8 +8,8 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,28 +20,6 @@
 
 namespace zebtest {
 
-enum Call {
-  kAllocate,
-  kGetaddrinfo,
-  kSocket,
-  kSetsockopt,
-  kIoctl,
-  kConnect,
-  kPoll,
-  kGetsockopt,
-  kSend,
-  kRecv,
-  kClose,
-  kOpen,
-  kFdopen,
-  kFflush,
-  kFclose,
-  kLock,
-  kUnlock,
-  kInitLock,
-  kCalls
-};
-
 // How a call fails: an errno, for getaddrinfo a code of its own, or one of these.
 constexpr int kShort = 0x10001;    // send returns 1, and recv delivers one byte
 constexpr int kCut = 0x10002;      // send sends half, and the connection takes no more
@@ -49,9 +27,9 @@ constexpr int kEnd = 0x10003;      // send, recv and poll return 0
 constexpr int kPending = 0x20000;  // added to the errno that getsockopt reports as the socket's
 
 struct Fault {
-  Call call;
-  int at;        // the call of this kind that fails, from 1
-  bool onwards;  // so do all of this kind after it
+  std::string_view call;  // the name of the function
+  int at;                 // the one of its calls that fails, from 1
+  bool onwards;           // so do all of this kind after it
   int error;
 };
 
@@ -82,41 +60,31 @@ inline zebsim::Bytes answerOf(const std::string& target) {
 }
 
 // Changes this thread's calls while it lives. Each fault waits for the one before it to strike.
-class Injection {
- public:
-  explicit Injection(std::vector<Fault> faults = {}, Wire wire = {});
+struct Injection {
+  explicit Injection(std::vector<Fault> plan = {}, Wire change = {});
   ~Injection();
   Injection(const Injection&) = delete;
   Injection& operator=(const Injection&) = delete;
 
-  int next(Call call);  // 0, or how the call fails
-  // Whether a call that was to fail goes on all the same: where the caller tries again until a
-  // deadline, signals come to an end.
-  [[nodiscard]] bool hasEnded(int error, bool isBounded) const;
-  [[nodiscard]] bool hasStruck() const { return index_ == faults_.size() || strikes_ > 0; }
-  // The number of calls of each kind since the last fault that strikes once.
-  [[nodiscard]] const std::array<int, kCalls>& counts() const { return counts_; }
-
+  int next(std::string_view call);  // 0, or how the call fails
+  [[nodiscard]] bool hasStruck() const { return faults.empty() || strikes > 0; }
+  // Whether the call goes on: signals come to an end if it is tried again until a deadline.
+  [[nodiscard]] bool goesOn(int error, bool isBounded) const;
+  [[nodiscard]] std::string_view stream() const;
+  [[nodiscard]] bool isReady(int socket) const;
+  void serve(std::string_view bytes);
   ssize_t send(int socket, std::string_view bytes, int flags);
   ssize_t receive(int socket, void* buffer, std::size_t size, int flags);
-  [[nodiscard]] bool isReady(int socket) const;
-  [[nodiscard]] const zebsim::Bytes& sent() const { return sent_; }
-  [[nodiscard]] const zebsim::Bytes& replies() const { return replies_; }
-  [[nodiscard]] std::size_t received() const { return received_; }
 
- private:
-  void serve(std::string_view bytes);
-  [[nodiscard]] std::string_view stream() const;
-
-  std::vector<Fault> faults_;
-  Wire wire_;
-  std::size_t index_ = 0;  // the fault that waits or, if it lasts, strikes
-  int strikes_ = 0;        // of that fault
-  std::array<int, kCalls> counts_{};
-  zebsim::Bytes sent_;
-  zebsim::Bytes unread_;
-  zebsim::Bytes replies_;
-  std::size_t received_ = 0;
+  std::vector<Fault> faults;  // the first one waits or, if it lasts, strikes
+  Wire wire;
+  int strikes = 0;  // of that fault
+  std::map<std::string_view, int> counts =
+      {};  // of the calls since the last fault that strikes once
+  std::string sent = {};
+  std::string unread = {};   // what the gateway has not answered yet
+  std::string replies = {};  // all of the gateway's
+  std::size_t received = 0;
 };
 
 // How many blocks, lists of addresses, sockets and files the library holds.

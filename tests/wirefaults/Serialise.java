@@ -10,6 +10,7 @@ import java.io.IOException;
 import java.io.ObjectInput;
 import java.io.ObjectOutput;
 import java.io.ObjectOutputStream;
+import java.util.concurrent.Callable;
 
 /**
  * Reads the descriptions of answers from standard input and writes each answer as a gateway does,
@@ -20,7 +21,7 @@ import java.io.ObjectOutputStream;
  * responses, and the responses: query element, code, number of items, and the items.
  */
 public final class Serialise {
-    public static void main(String[] arguments) throws IOException {
+    public static void main(String[] arguments) throws Exception {
         DataInputStream in = new DataInputStream(new BufferedInputStream(System.in, 1 << 16));
         try (DataOutputStream out = new DataOutputStream(new BufferedOutputStream(System.out, 1 << 16))) {
             for (int isStats = in.read(); isStats >= 0; isStats = in.read()) {
@@ -41,10 +42,6 @@ public final class Serialise {
     }
 }
 
-interface ItemReader {
-    Object read() throws IOException;
-}
-
 /** Not serialisable itself, so that the stream does not describe it. */
 class Written {
     public void readExternal(ObjectInput in) {
@@ -59,14 +56,13 @@ abstract class Reply extends Written implements Externalizable {
     private final int rc;
     private final Object[] items;
 
-    Reply(DataInputStream in, ItemReader reader) throws IOException {
+    Reply(DataInputStream in, Callable<Object> item) throws Exception {
         query = in.readUTF();
         rc = in.readInt();
         items = new Object[in.readInt()];
-        for (int i = 0; i < items.length; ++i) items[i] = reader.read();
+        for (int i = 0; i < items.length; ++i) items[i] = item.call();
     }
 
-    @Override
     public void writeExternal(ObjectOutput out) throws IOException {
         out.writeUTF(query);
         out.writeInt(rc);
@@ -82,7 +78,7 @@ abstract class Reply extends Written implements Externalizable {
 final class IdsReply extends Reply {
     private static final long serialVersionUID = 0x1122334455667788L;
 
-    IdsReply(DataInputStream in) throws IOException {
+    IdsReply(DataInputStream in) throws Exception {
         super(in, in::readUTF);
     }
 }
@@ -90,7 +86,7 @@ final class IdsReply extends Reply {
 final class StatsReply extends Reply {
     private static final long serialVersionUID = 0x1122334455667788L;
 
-    StatsReply(DataInputStream in) throws IOException {
+    StatsReply(DataInputStream in) throws Exception {
         super(in, () -> new Stat(in.readUTF(), in.readUTF()));
     }
 }
@@ -105,7 +101,6 @@ final class Stat extends Written implements Externalizable {
         this.value = value;
     }
 
-    @Override
     public void writeExternal(ObjectOutput out) throws IOException {
         out.writeUTF(id);
         out.writeUTF(value);

@@ -1,5 +1,5 @@
-// A second decoder of answers, slow and obvious: every field at the position that the layout gives
-// it, every byte through one bounds test. It shares no line with the library.
+// A second decoder of answers, slow and obvious: field by field as the layout has them, every byte
+// through one bounds test. It shares no line with the library.
 //
 //   answer      form 1: byte 0, number of responses (4), responses; else: byte 0, one response
 //   response    c+6 length A (2), A bytes, 13 bytes, h0: length B (2), B bytes, h: 13 bytes, marker,
@@ -32,172 +32,171 @@
 
 namespace zebtest {
 
+// Bytes that are taken from the front. Taking more than there are is an exception.
+struct SlowReader {
+  struct Malformed {};
+  std::string_view rest;
+
+  static void require(bool holds) {
+    if (!holds) throw Malformed();
+  }
+  std::string_view take(std::size_t size) {
+    require(size <= rest.size());
+    const std::string_view taken = rest.substr(0, size);
+    rest.remove_prefix(size);
+    return taken;
+  }
+  void skipUpTo(std::size_t size) { take(std::min(size, rest.size())); }
+  std::int64_t number(std::size_t width, bool isSigned = true) {
+    std::int64_t value = isSigned && !rest.empty() && rest[0] < 0 ? -1 : 0;
+    for (const char byte : take(width)) value = value << 8 | static_cast<std::uint8_t>(byte);
+    return value;
+  }
+  std::string_view text() { return sized(number(2)); }
+  std::string_view sized(std::int64_t size) {
+    require(size >= 0);
+    return take(static_cast<std::size_t>(size));
+  }
+
+  // The joined data of blocks, which this is moved past; a full one begins here. Empty, and not
+  // moved, if they are not as a serialiser cuts them or none of the followers comes after them.
+  std::string joinBlocks(std::string_view followers) {
+    SlowReader in = *this;
+    std::string joined;
+    try {
+      for (std::int64_t size = 1024;;) {
+        require(size >= 1 && size <= 1024);
+        joined += in.sized(size);
+        require(!in.rest.empty());
+        const char tag = in.rest[0];
+        if (size < 1024 || (tag != 'w' && tag != 'z')) {
+          require(joined.size() > 1024 && followers.find(tag) != followers.npos);
+          *this = in;
+          return joined;
+        }
+        in.take(1);
+        size = in.number(tag == 'w' ? 1 : 4, tag != 'w');
+      }
+    } catch (const Malformed&) {
+      return "";
+    }
+  }
+};
+
 class SlowDecoder {
  public:
-  SlowDecoder(std::string_view bytes, std::string& out) : bytes_(bytes), out_(out) {}
+  SlowDecoder(std::string_view answer, std::string& out) : in_{answer}, out_(out) {}
 
   // False: malformed, or too long for a result set buffer.
-  bool decode(bool isStats) {
-    const bool isList = byteAt(0) == 1;
-    const std::int64_t responses = isList ? intAt(1, 4) : 1;
+  bool decode(bool isStats) try {
+    const bool isList = in_.number(1) == 1;
+    const std::int64_t responses = isList ? in_.number(4) : 1;
     out_.assign(isStats ? "ZEBSTSET" : "ZEBIDSET");
     put(responses);
-    std::int64_t c = isList ? 5 : 1;
-    for (std::int64_t i = 0; i < responses && good_; ++i) c = decodeResponse(isStats, c);
-    return good_ && out_.size() <= 153600 - 4;
+    for (std::int64_t i = 0; i < responses; ++i) decodeResponse(isStats);
+    return out_.size() <= 153600 - 4;
+  } catch (const SlowReader::Malformed&) {
+    return false;
   }
 
  private:
   static constexpr std::int64_t kNoCount = INT64_MIN;  // of a response whose code is negative
 
-  void require(bool holds) { good_ = good_ && holds; }
-  std::uint8_t byteAt(std::int64_t at) {
-    require(at < std::ssize(bytes_));
-    return good_ ? static_cast<std::uint8_t>(bytes_[static_cast<std::size_t>(at)]) : 0;
-  }
-  std::int64_t intAt(std::int64_t at, int width) {
-    std::int64_t value = static_cast<std::int8_t>(byteAt(at));
-    for (int i = 1; i < width; ++i) value = value << 8 | byteAt(at + i);
-    return value;
-  }
-  // A length that counts bytes which must be there.
-  std::int64_t sizeAt(std::int64_t at) {
-    const std::int64_t size = intAt(at, 2);
-    require(size >= 0 && at + 2 + size <= std::ssize(bytes_));
-    return good_ ? size : 0;
-  }
-
-  void put(std::int64_t value) {
+  std::int64_t put(std::int64_t value) {
     const auto word = static_cast<std::int32_t>(value);
     out_.append(reinterpret_cast<const char*>(&word), sizeof word);
+    return value;
   }
-  void putBytes(std::int64_t at, std::int64_t size) {
-    require(size >= 0 && at + size <= std::ssize(bytes_));
-    if (good_) out_ += bytes_.substr(static_cast<std::size_t>(at), static_cast<std::size_t>(size));
-  }
-  // A text after its length. Returns the position after it.
-  std::int64_t putText(std::int64_t at) {
-    const std::int64_t size = sizeAt(at);
-    put(size);
-    putBytes(at + 2, size);
-    return at + 2 + size;
+  void putText(SlowReader& in) {
+    const std::string_view text = in.text();
+    put(std::ssize(text));
+    out_ += text;
   }
 
-  // The joined data of blocks, the first of which is a full one whose data begin at this position;
-  // `end` is set to where the last one ends. Empty if they are not as a serialiser cuts them, or if
-  // the byte after them is none of the followers.
-  std::string joinBlocks(std::int64_t at, std::string_view followers, std::int64_t& end) const {
-    std::string joined;
-    SlowDecoder head(bytes_, out_);  // writes nothing, but has its own idea of what is good
-    for (std::int64_t size = 1024;;) {
-      if (size < 1 || size > 1024 || at + size >= std::ssize(bytes_)) return "";
-      joined += bytes_.substr(static_cast<std::size_t>(at), static_cast<std::size_t>(size));
-      at += size;
-      const std::uint8_t tag = head.byteAt(at);
-      if (size < 1024 || (tag != 'w' && tag != 'z')) {
-        end = at;
-        return joined.size() > 1024 && followers.find(static_cast<char>(tag)) != followers.npos
-                   ? joined
-                   : "";
-      }
-      size = tag == 'w' ? head.byteAt(at + 1) : head.intAt(at + 1, 4);
-      at += tag == 'w' ? 2 : 5;
-      if (!head.good_) return "";
-    }
-  }
-  template <typename Decode>
-  void decodeJoined(const std::string& joined, Decode decode) {
-    const auto whole = bytes_;
-    bytes_ = joined;
-    decode();
-    bytes_ = whole;
-  }
-
-  std::int64_t decodeResponse(bool isStats, std::int64_t c) {
-    const std::int64_t h0 = c + 8 + sizeAt(c + 6) + 13;
-    const std::int64_t h = h0 + 2 + sizeAt(h0);
-    std::int64_t count = 0;
-    std::int64_t end = 0;
-    std::string joined;
-    if (byteAt(h + 13) == 'z' && intAt(h + 14, 4) == 1024) joined = joinBlocks(h + 18, "xs", end);
-    if (!joined.empty()) {
-      decodeJoined(joined, [&] { decodeHead(isStats, 0, count); });
+  void decodeResponse(bool isStats) {
+    in_.take(6);
+    in_.text();
+    in_.take(13);
+    in_.text();
+    in_.take(13);
+    const bool isShort = in_.take(1) == "w";
+    const bool isFull = in_.rest.starts_with(std::string_view("\0\0\4\0", 4));
+    const bool isLong = in_.rest.data()[-1] == 'z';
+    in_.take(isShort ? 1 : 4);
+    const std::string joined = isLong && isFull ? in_.joinBlocks("xs") : "";
+    SlowReader blocks = {joined};
+    const std::int64_t count = decodeHead(isStats, joined.empty() ? in_ : blocks);
+    if (isStats && count != kNoCount) {
+      decodeStats(count);
     } else {
-      end = decodeHead(isStats, byteAt(h + 13) == 'w' ? h + 15 : h + 18, count);
+      in_.skipUpTo(1);
     }
-    return isStats && count != kNoCount ? decodeStats(end, count) : end + 1;
   }
 
-  // From the query element to the last id, or to the count of statistics. Returns the position
-  // after that.
-  std::int64_t decodeHead(bool isStats, std::int64_t at, std::int64_t& count) {
-    const std::int64_t q = putText(at);
-    const std::int64_t rc = intAt(q, 4);
-    put(rc);
-    count = kNoCount;
-    if (rc < 0) return q + 4;
-    count = intAt(q + 4, 4);
-    put(count);
-    at = q + 8;
-    for (std::int64_t i = 0; !isStats && i < count && good_; ++i) at = putText(at);
-    return at;
-  }
-
-  std::int64_t decodeStats(std::int64_t at, std::int64_t count) {
-    if (count == 0 && good_ && endsAt(at)) return at + 1;
-    std::int64_t s = at + 12 + sizeAt(at + 2);
-    for (std::int64_t i = 0; i < count && good_; ++i) s = decodeRecord(s);
-    return s;
+  // From the query element to the last id, or to the count of statistics, which it returns.
+  std::int64_t decodeHead(bool isStats, SlowReader& in) {
+    putText(in);
+    if (put(in.number(4)) < 0) return kNoCount;
+    const std::int64_t count = put(in.number(4));
+    for (std::int64_t i = 0; !isStats && i < count; ++i) putText(in);
+    return count;
   }
 
   // After a count of 0 the object may just end: with the answer, or before the next one.
-  bool endsAt(std::int64_t at) const {
-    const std::string_view rest = bytes_.substr(static_cast<std::size_t>(at));
-    return rest == "x" || rest.starts_with(std::string_view("x\xAC\xED\0\5", 5));
-  }
-
-  std::int64_t decodeRecord(std::int64_t s) {
-    const bool isLong = byteAt(s + 5) == 'z';
-    const std::int64_t idAt = isLong ? s + 10 : s + 7;
-    if (isLong && intAt(s + 8, 2) == 1024 && intAt(idAt, 2) > 1020) {
-      std::int64_t end = 0;
-      const std::string joined = joinBlocks(idAt, "x", end);
-      decodeJoined(joined, [&] {
-        if (!joined.empty()) putText(putText(0));
-      });
-      if (!joined.empty()) return end + 2;
+  void decodeStats(std::int64_t count) {
+    const bool ends = in_.rest == "x" || in_.rest.starts_with(std::string_view("x\xAC\xED\0\5", 5));
+    if (count == 0 && ends) {
+      in_.take(1);
+      return;
     }
-    const std::int64_t lengthAt = putText(idAt);
-    if (!isLong) return putText(lengthAt) + 2;
-    const std::int64_t idSize = lengthAt - idAt - 2;
-    const std::int64_t room = static_cast<std::int16_t>(intAt(s + 8, 2) - idSize - 4);
-    const std::int64_t length = intAt(lengthAt, 2);
-    require(room >= 0 && length >= 0);
-    put(length);
-    const std::int64_t first = std::min(length, room);
-    putBytes(lengthAt + 2, first);
-    return decodePieces(lengthAt + 2 + first, length - first) + 2;
+    in_.take(2);
+    in_.text();
+    in_.skipUpTo(8);
+    for (std::int64_t i = 0; i < count; ++i) {
+      decodeRecord();
+      in_.skipUpTo(2);
+    }
   }
 
-  std::int64_t decodePieces(std::int64_t p, std::int64_t remaining) {
+  void decodeRecord() {
+    in_.take(5);
+    if (in_.take(1) != "z") {
+      in_.take(1);
+      putText(in_);
+      return putText(in_);
+    }
+    in_.take(2);
+    const std::int64_t block = in_.number(2);
+    if (block == 1024 && SlowReader(in_).number(2) > 1020) {
+      const std::string joined = in_.joinBlocks("x");
+      SlowReader blocks = {joined};
+      if (!joined.empty()) {
+        putText(blocks);
+        return putText(blocks);
+      }
+    }
+    const std::size_t before = in_.rest.size();
+    putText(in_);
+    const auto idSize = static_cast<std::int64_t>(before - in_.rest.size()) - 2;
+    const std::int64_t room = static_cast<std::int16_t>(block - idSize - 4);
+    const std::int64_t length = put(in_.number(2));
+    SlowReader::require(room >= 0 && length >= 0);
+    out_ += in_.sized(std::min(length, room));
     bool isShort = false;
-    while (remaining > 0 && good_) {
-      const std::uint8_t marker = byteAt(p);
+    for (std::int64_t left = length - room; left > 0;) {
+      const char marker = in_.take(1)[0];
       isShort = isShort || marker == 'w';
-      require(isShort || marker == 'z');
-      const std::int64_t n = isShort ? byteAt(p + 1) : intAt(p + 3, 2);
-      const std::int64_t head = isShort ? 2 : 5;
-      require(n <= remaining);
-      putBytes(p + head, n);
-      remaining -= n;
-      p += head + n;
+      SlowReader::require(isShort || marker == 'z');
+      if (!isShort) in_.take(2);
+      const std::int64_t size = isShort ? in_.number(1, false) : in_.number(2);
+      SlowReader::require(size <= left);
+      out_ += in_.sized(size);
+      left -= size;
     }
-    return p;
   }
 
-  std::string_view bytes_;
+  SlowReader in_;
   std::string& out_;
-  bool good_ = true;
 };
 
 // The content that a result set buffer is to hold, without its terminator.
