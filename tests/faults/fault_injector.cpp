@@ -1,11 +1,11 @@
 #include "fault_injector.h"
 
 #include <errno.h>
-#include <malloc.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sanitizer/asan_interface.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -14,10 +14,11 @@
 #include <algorithm>
 #include <cstring>
 #include <set>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 #include "stapi_zeb_memory.h"
+#include "zebstats_private.h"
 
 extern "C" int __real_close(int descriptor);
 
@@ -30,11 +31,11 @@ constexpr std::size_t kLargestWish = 17 << 20;     // no reply that is read anno
 
 thread_local Injection* active = nullptr;
 
-// Blocks as large as an answer's buffer are taken from the heap: mapping each takes too long.
-const bool keepsBlocks = mallopt(M_MMAP_THRESHOLD, static_cast<int>(2 * kLargestBlock)) == 1;
-
 // Of the one thread that has an Injection. The set is never destroyed: free() is called to the end.
-auto& blocks = *new std::unordered_set<const void*>;
+auto& blocks = *new std::unordered_map<const void*, std::size_t>;
+// Freed blocks of the size of an answer's buffer, which are used again: to map and unmap each one
+// takes a sanitiser longer than a session. Until then nobody may touch them.
+auto& kept = *new std::vector<void*>;
 std::set<int> sockets, closedForSending, files;
 std::vector<const pthread_mutex_t*> heldLocks;
 std::string complaint;
@@ -51,8 +52,8 @@ bool fails(std::string_view call) {
 }
 
 template <typename Block>
-Block* book(Block* block) {
-  if (block != nullptr) blocks.insert(block);
+Block* book(Block* block, std::size_t size = 0) {
+  if (block != nullptr) blocks[block] = size;
   return block;
 }
 
@@ -197,16 +198,23 @@ extern "C" {
 
 void __real_free(void* block);
 void __wrap_free(void* block) {
-  if (!blocks.empty()) blocks.erase(block);
-  __real_free(block);
+  if (block == nullptr) return;
+  const auto booked = blocks.extract(block);
+  if (booked.empty() || booked.mapped() != kResultSetBufferSize) return __real_free(block);
+  ASAN_POISON_MEMORY_REGION(block, kResultSetBufferSize);
+  kept.push_back(block);
 }
 
 // What the memory held before is not zero.
 ZEB_WRAP(void*, malloc, (size_t size), (size), {
   if (fails("malloc")) return nullptr;
   if (size > kLargestWish) complaint += " wants " + std::to_string(size) + " bytes;";
-  void* const block = size <= kLargestBlock ? book(__real_malloc(size)) : nullptr;
-  return block != nullptr ? std::memset(block, 0xA5, size) : nullptr;
+  const bool isKept = size == kResultSetBufferSize && !kept.empty();
+  void* block = isKept ? kept.back() : size <= kLargestBlock ? __real_malloc(size) : nullptr;
+  if (isKept) kept.pop_back();
+  if (block == nullptr) return nullptr;
+  ASAN_UNPOISON_MEMORY_REGION(block, size);
+  return std::memset(book(block, size), 0xA5, std::min<size_t>(size, 4096));
 })
 
 ZEB_WRAP(int, getaddrinfo,
