@@ -29,7 +29,7 @@ constexpr int kPort = 2980;
 // ---- The public calls, and what a fault may make of them ----------------------------------------
 
 enum Family { kLocal, kOpen, kQuery, kTextQuery, kClosing };
-enum Needs { kNothing, kConnection, kStats, kIds, kCopy };
+enum Needs { kNothing, kStats, kIds };  // a connection, its answer and a copy of that
 
 struct Target {
   const char* name;
@@ -65,6 +65,10 @@ int switchTraceLevel(Session&) {
   const int rc = getAPITraceLevel(&level);
   return rc != 0 ? rc : setAPITraceLevel(level);
 }
+int copyAgain(Session& s) {
+  freeResultSet(&s.copy);
+  return copyResultSet(s.answer, &s.copy);
+}
 int closeOne(Session& s) {
   s.answer = nullptr;  // it goes with the connection
   return closeGatewayConnection(&s.token);
@@ -81,18 +85,18 @@ std::vector<Target> listTargets() {
       {"open in progress", kOpen, kNothing, openSession, {{"connect", 1, false, EINPROGRESS}}},
       {"walk of statistics", kLocal, kStats, walkAll},
       {"walk of ids", kLocal, kIds, walkAll},
-      {"copy", kLocal, kStats, [](Session& s) { return copyResultSet(s.answer, &s.copy); }},
-      {"free", kLocal, kCopy, [](Session& s) { return freeResultSet(&s.copy); }},
+      {"copy", kLocal, kStats, copyAgain},
+      {"free", kLocal, kStats, [](Session& s) { return freeResultSet(&s.copy); }},
       {"dump", kLocal, kStats, [](Session& s) { return dumpResultSet(s.answer); }},
       {"id query", kLocal, kIds, [](Session& s) { return getIdQuery(s.answer, &s.text); }},
-      {"dump of the state", kLocal, kConnection, [](Session&) { return dumpState(); }},
+      {"dump of the state", kLocal, kStats, [](Session&) { return dumpState(); }},
       {"trace file", kLocal, kNothing, switchTraceFile},
       {"trace level", kLocal, kNothing, switchTraceLevel},
       {"version", kLocal, kNothing, [](Session& s) { return getStatsAPIVersion(&s.text); }},
-      {"close", kClosing, kCopy, closeOne},
+      {"close", kClosing, kStats, closeOne},
       {"close all", kClosing, kStats, closeAll}};
   for (const Query& query : kQueries)
-    all.push_back({query.name, query.hasText ? kTextQuery : kQuery, kConnection, query.ask});
+    all.push_back({query.name, query.hasText ? kTextQuery : kQuery, kStats, query.ask});
   return all;
 }
 const std::vector<Target> kTargets = listTargets();
@@ -123,11 +127,6 @@ Codes errorsOf(std::string_view call, const Mode& mode) {
   return listed;
 }
 
-int connectCode(int error) {
-  if (error == ECONNREFUSED) return ZEB_CONNECT_REFUSED;
-  return error == ENETUNREACH ? ZEB_NETWORK_UNREACHABLE : ZEB_CONNECT_FAILED;
-}
-
 // What a call may return if this fails under it.
 Codes codesUnder(const Target& target, const Mode& mode, const Fault& fault) {
   const auto& [call, at, onwards, error] = fault;
@@ -153,8 +152,9 @@ Codes codesUnder(const Target& target, const Mode& mode, const Fault& fault) {
   if (call == "getaddrinfo")  // a numeric address that is refused once is taken as it is
     return {onwards ? ZEB_HOST_UNKNOWN : 0};
   if (call == "socket" || call == "setsockopt") return {ZEB_CONNECT_FAILED};
-  if (call == "connect" || call == "getsockopt") return {connectCode(error % kPending)};
-  return {0};
+  if (call != "connect" && call != "getsockopt") return {0};
+  if (error % kPending == ECONNREFUSED) return {ZEB_CONNECT_REFUSED};
+  return {error % kPending == ENETUNREACH ? ZEB_NETWORK_UNREACHABLE : ZEB_CONNECT_FAILED};
 }
 
 // ---- One point ----------------------------------------------------------------------------------
@@ -167,14 +167,6 @@ struct Outcome {
   std::string seen = {};       // what a call that went well handed out
   std::string complaint = {};  // empty: all is well
 };
-
-void prepare(const Target& target, Session& s) {
-  if (target.needs == kNothing) return;
-  s.open();
-  if (target.needs == kIds) getStatIds(s.token, &s.answer);
-  if (target.needs == kStats || target.needs == kCopy) getStats(s.token, &s.answer);
-  if (target.needs == kCopy) copyResultSet(s.answer, &s.copy);
-}
 
 // What must hold of the caller's arguments, and of the connection: it is gone after a query that
 // failed on the way, and otherwise good for another query.
@@ -195,14 +187,11 @@ std::string checkSession(const Target& target, int rc, Session& s) {
 
 std::string checkNextSession() {
   Session s = {.port = kPort};
-  const int opened = s.open();
-  const int asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
+  const int opened = s.open(), asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
   const std::string seen = s.tell();
-  const int closed = s.release();
-  if (asked == 0 && closed == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;"))
-    return "";
-  return formatText(" the next session gets open=%d query=%d close=%d %s;", opened, asked, closed,
-                    seen.c_str());
+  const bool isGood =
+      s.release() == 0 && asked == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;");
+  return isGood ? "" : formatText(" the next session gets %d, %d, ", opened, asked) + seen + ";";
 }
 
 // Makes the target's call with the faults under it, and then what must succeed.
@@ -213,7 +202,11 @@ Outcome tryPoint(const Target& target, const Mode& mode, const std::vector<Fault
   Session s = {.port = kPort};
   {
     const Injection quiet;
-    prepare(target, s);
+    if (target.needs != kNothing) {
+      s.open();
+      target.needs == kIds ? getStatIds(s.token, &s.answer) : getStats(s.token, &s.answer);
+      copyResultSet(s.answer, &s.copy);
+    }
     if (target.isQuery()) s.answer = nullptr;
     setAPITraceLevel(mode.level);
     setAPITimeout(mode.timeout);
