@@ -1,28 +1,20 @@
-// Checks and helpers that the harnesses share.
+// Checks that the harnesses share. One that fails ends the process, and the fuzzer reports that as
+// a finding.
 #ifndef ZEBFUZZ_HARNESS_H
 #define ZEBFUZZ_HARNESS_H
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <span>
+#include <string_view>
 
-#include "stapi_zeb_resultsetbuffer.h"
-#include "zebstats_private.h"
+#include "fault_injector.h"
+#include "walk_answer.h"
 
-namespace zebfuzz {
+using namespace zebtest;
 
-using Input = std::span<const std::uint8_t>;
-
-// Both end the process if the check fails, which the fuzzer reports as a finding.
-inline void require(bool holds, const char* fact) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", fact);
-  std::abort();
-}
 inline void requireOneOf(int rc, std::initializer_list<int> documented, const char* call) {
   if (std::find(documented.begin(), documented.end(), rc) != documented.end()) return;
   std::fprintf(stderr, "%s returned %d\n", call, rc);
@@ -31,77 +23,31 @@ inline void requireOneOf(int rc, std::initializer_list<int> documented, const ch
 
 // Takes the next byte of an input, or 0 if there is none. The first bytes of an input say what is
 // done with the rest.
-inline std::uint8_t takeByte(Input& input) {
-  if (input.empty()) return 0;
-  const std::uint8_t first = input.front();
-  input = input.subspan(1);
+inline std::uint8_t takeByte(std::string_view& input) {
+  const auto first = static_cast<std::uint8_t>(input.empty() ? 0 : input.front());
+  input.remove_prefix(std::min<std::size_t>(input.size(), 1));
   return first;
 }
 
-// Makes the library's first call, which allocates memory that is never freed, so that it is not
-// counted.
-inline void startLibrary() {
-  static const bool started = [] {
-    int level;
-    return getAPITraceLevel(&level) == 0;
-  }();
-  require(started, "the library starts");
+// What an input leaves allocated or open, or what it did wrong on the way, is a finding. The
+// library's first call, whose memory is never freed, is made before.
+template <typename Run>
+void runClean(Run run) {
+  static int level;
+  static const int started = getAPITraceLevel(&level);
+  require(started == 0, "the library starts");
+  run();
+  const std::string complaint = takeComplaint();
+  require(complaint.empty(), complaint.c_str());
+  require(countHoldings() == 0, "nothing is left open or allocated");
 }
 
-// Returns a result set buffer of the exact size, which lives as long as the process.
-inline char* sealedBuffer() {
-  static char* const buffer = [] {
-    auto* made = static_cast<char*>(std::calloc(kResultSetBufferSize, 1));
-    std::memcpy(made + zeb::kContentSize, &kTerminator, sizeof kTerminator);
-    return made;
-  }();
-  return buffer;
-}
-
-// Walks a result set to its end and returns the last code. Every text must lie in the buffer, and
-// there cannot be more entries than the buffer has room for.
-template <typename Record, typename First, typename Next>
-int walkAll(ResultSetToken* resultSet, First getFirst, Next getNext) {
-  const char* const start = resultSet->head;
-  const char* const end = start + zeb::kContentSize;
-  const auto isInside = [&](const char* text, int length) {
-    return length >= 0 && text >= start && text <= end && length <= end - text;
-  };
-  Record record = {};
-  int rc = getFirst(resultSet, &record);
-  std::size_t entries = 0;
-  for (; rc == 0; rc = getNext(resultSet, &record)) {
-    require(++entries <= kResultSetBufferSize / 4, "a walk ends");
-    require(isInside(record.queryElementPtr, record.queryElementLen),
-            "a query element lies in the buffer");
-    if (record.queryElementRC < 0) continue;
-    if constexpr (requires { record.idPtr; }) {
-      require(isInside(record.idPtr, record.idLen), "an id lies in the buffer");
-    } else {
-      require(isInside(record.statIdPtr, record.statIdLen), "a statistic's id lies in the buffer");
-      require(isInside(record.statValuePtr, record.statValueLen), "a value lies in the buffer");
-    }
-  }
-  return rc;
-}
-
-// Walks a result set with the calls for its content, and requires that the others refuse. Returns
-// the last code.
-inline int walkAsContent(ResultSetToken* resultSet) {
-  const bool isStats = zeb::hasContent(resultSet->head, zeb::kStatsMarker);
-  StatData stat;
-  IdData id;
-  requireOneOf(isStats ? getFirstId(resultSet, &id) : getFirstStat(resultSet, &stat),
-               {ZEB_WRONG_CONTENT}, "a walk of the wrong kind");
-  return isStats ? walkAll<StatData>(resultSet, getFirstStat, getNextStat)
-                 : walkAll<IdData>(resultSet, getFirstId, getNextId);
-}
-
-// Walks, joins and copies a result set. If it may be damaged, the walk may end with
+// Walks, joins and copies a result set. Only the walk of a damaged one ends with
 // ZEB_WRONG_CONTENT.
 inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDamaged) {
+  const auto walk = [](ResultSetToken* walked) { return walkAnswer(walked, [](const Entry&) {}); };
   const int unknown = zeb::hasKnownContent(resultSet->head) ? 0 : ZEB_WRONG_CONTENT;
-  const int walked = walkAsContent(resultSet);
+  const int walked = walk(resultSet);
   requireOneOf(walked, {ZEB_END_OF_RESULTS, mayBeDamaged ? ZEB_WRONG_CONTENT : ZEB_END_OF_RESULTS},
                "walk");
   char* joined = nullptr;
@@ -114,12 +60,10 @@ inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDam
   if (unknown != 0) return;
   require(std::memcmp(copy->head, resultSet->head, kResultSetBufferSize) == 0,
           "a copy has every byte");
-  require(walkAsContent(copy) == walked, "a copy is walked like its source");
+  require(walk(copy) == walked, "a copy is walked like its source");
   require(freeResultSet(&copy) == 0, "a copy can be freed");
 }
 
-}  // namespace zebfuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size);
 
 #endif

@@ -1,32 +1,13 @@
-// soak [QUERIES [PAIRS]]: so many queries on one connection, then so many pairs of an open and a
-// close, against a simulated gateway in this process. Shows its progress, resident memory and
-// descriptors, and fails unless both stay flat behind the first tenth.
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string_view>
-#include <thread>
-
-#include "gateway_encoder.h"
-#include "gateway_server.h"
-#include "zebstats.h"
+// soak [QUERIES [PAIRS]]: makes QUERIES queries on one connection, then PAIRS pairs of an open and a
+// close, with a simulated gateway in another process. Shows its progress, resident memory and
+// descriptors, and fails unless both stay flat after the first tenth.
+#include "client_session.h"
 
 namespace {
 
-constexpr long kSlackKilobytes = 512;  // a byte lost in every query would be more
+using namespace zebtest;
 
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "soak: %s\n", what);
-  std::exit(1);
-}
+constexpr long kSlackKilobytes = 512;  // a byte lost in every query would be more
 
 long residentKilobytes() {
   long pages = 0;
@@ -34,62 +15,21 @@ long residentKilobytes() {
   return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-long openDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-struct Connection {
-  explicit Connection(int port) {
-    char* version = nullptr;
-    require(openGatewayConnection(port, &token, &version) == 0 && version != nullptr,
-            "an open failed");
-    std::free(version);
-  }
-  ~Connection() { require(closeGatewayConnection(&token) == 0, "a close failed"); }
-  GatewayToken* token = nullptr;
-};
-
-void askOnce(GatewayToken* token, long round) {
-  ResultSetToken* answer = nullptr;
-  ResultSetToken* copy = nullptr;
-  char* query = nullptr;
-  StatData stat;
-  const bool isStats = round % 2 == 0;
-  const int rc =
-      isStats ? getStatsByStatId(token, "GD_CALLS", &answer) : getStatIds(token, &answer);
-  require(rc == 0, "a query failed");
-  if (isStats) {
-    require(getFirstStat(answer, &stat) == 0 && std::string_view(stat.statValuePtr, 2) == "42",
-            "a wrong answer");
-  } else {
-    require(getIdQuery(answer, &query) == 0 && query == std::string_view("GD_CALLS"),
-            "a wrong query string");
-  }
-  if (round % 16 == 0)
-    require(copyResultSet(answer, &copy) == 0 && freeResultSet(&copy) == 0, "a copy failed");
-}
-
-// Runs all rounds, behind which so many descriptors are to be open.
 template <typename Round>
-void soak(const char* what, long rounds, long descriptors, Round round) {
-  const long step = std::max(rounds / 10, 1L);
+void soak(const char* what, long rounds, Round round) {
+  const auto descriptors = countDescriptors();
   long warm = 0;
-  long peak = 0;
-  for (long i = 0; i < rounds; ++i) {
-    round(i);
-    if ((i + 1) % step != 0) continue;
+  for (long i = 1; i <= rounds; ++i) {
+    round(static_cast<std::size_t>(i));
+    if (i % (rounds / 10) != 0) continue;
     const long resident = residentKilobytes();
     if (warm == 0) warm = resident;
-    peak = std::max(peak, resident);
-    std::printf("%9ld %s  %6ld KB resident  %3ld descriptors\n", i + 1, what, resident,
-                openDescriptors());
+    std::printf("%9ld %s  %6ld KB resident  %3td descriptors\n", i, what, resident,
+                countDescriptors());
     std::fflush(stdout);
+    require(countDescriptors() == descriptors, "no descriptor is lost");
+    require(resident <= warm + kSlackKilobytes, "memory does not grow");
   }
-  // The gateway's thread may be about to close its side of the last connection.
-  for (int wait = 0; wait < 100 && openDescriptors() != descriptors; ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  require(openDescriptors() == descriptors, "descriptors were lost");
-  require(peak <= warm + kSlackKilobytes, "resident memory grew");
   std::printf("EVIDENCE F14 points=%ld failures=0\n", rounds);
 }
 
@@ -99,16 +39,23 @@ int main(int argc, char** argv) {
   const long queries = argc > 1 ? std::atol(argv[1]) : 1000000;
   const long pairs = argc > 2 ? std::atol(argv[2]) : 100000;
   require(queries >= 10 && pairs >= 10, "usage: soak [QUERIES [PAIRS]], 10 or more of each");
-  zebsim::GatewayServer server;
-  const zebsim::Stats stats{{"GD_CALLS", "42"}};
-  const zebsim::Ids ids{"GD_CALLS"};
-  server.setAnswer("GET_STATS", zebsim::encodeAnswer({true, {{"GD_CALLS", 0, stats, {}}}}));
-  server.setAnswer("STAT_IDS", zebsim::encodeAnswer({true, {{"GD", 0, ids, {}}}}));
-  const long descriptors = openDescriptors();
-  {
-    const Connection connection(server.port());
-    soak("queries", queries, descriptors + 2, [&](long i) { askOnce(connection.token, i); });
-  }
-  soak("pairs of open and close", pairs, descriptors,
-       [&](long) { const Connection connection(server.port()); });
+  const GatewayProcess gateway;
+  Session s = {.port = gateway.port()};
+  require(s.open() == 0, "the connection opens");
+  std::array<std::string, kQueries.size()> expected;
+  soak("queries", queries, [&](std::size_t i) {
+    std::string& told = expected[i % kQueries.size()];
+    require(kQueries[i % kQueries.size()].ask(s) == 0, "a query succeeds");
+    require(getIdQuery(s.answer, &s.text) == 0, "its answer has ids");
+    if (i % 16 == 0) require(copyResultSet(s.answer, &s.copy) == 0, "it can be copied");
+    if (told.empty()) told = tellAnswer(s.answer);
+    require(tellAnswer(s.answer) == told, "it is what it was");
+    if (i % 16 == 0) require(freeResultSet(&s.copy) == 0, "the copy can be freed");
+  });
+  s.text = nullptr;
+  soak("pairs of open and close", pairs, [&](std::size_t) {
+    Session other = {.port = gateway.port()};
+    require(other.open() == 0 && other.release() == 0, "another connection opens and closes");
+  });
+  require(s.release() == 0, "the connection closes");
 }

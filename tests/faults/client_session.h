@@ -16,9 +16,10 @@
 
 #include <gtest/gtest.h>
 
-#include "gateway_encoder.h"
+#include "fault_injector.h"
 #include "gateway_server.h"
 #include "trace_capture.h"
+#include "walk_answer.h"
 
 namespace zebtest {
 
@@ -54,17 +55,12 @@ class GatewayProcess {
 
  private:
   [[noreturn]] static void serve(int portEnd) {
-    using namespace zebsim;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ServerOptions options;
+    zebsim::ServerOptions options;
     options.log = [](const std::string&) {};
-    GatewayServer server(options);
-    const Answer stats = {true,
-                          {{"GD", 0, Stats{{"GD_A", "1"}, {"GD_B", "two"}}}, {"XX", -11, Stats{}}}};
-    server.setAnswer("GET_STATS", encodeAnswer(stats));
-    server.setAnswer("STAT_IDS",
-                     encodeAnswer({true, {{"GD", 0, Ids{"GD_A", "GD_B"}}, {"XX", -11, Ids{}}}}));
-    server.setAnswer("RESOURCE_GROUPS", encodeAnswer({false, {{"", 0, Ids{"GD", "CM"}}}}));
+    zebsim::GatewayServer server(options);
+    for (const char* target : {"GET_STATS", "STAT_IDS", "RESOURCE_GROUPS"})
+      server.setAnswer(target, answerOf(target));
     const int port = server.port();
     if (write(portEnd, &port, sizeof port) != sizeof port) _exit(1);
     for (;;) pause();
@@ -77,21 +73,11 @@ class GatewayProcess {
 // All of an answer, and the code at its end.
 inline std::string tellAnswer(ResultSetToken* answer) {
   std::string told;
-  StatData stat;
-  IdData id;
-  int rc = getFirstStat(answer, &stat);
-  for (; rc == 0; rc = getNextStat(answer, &stat)) {
-    told += formatText("%.*s %d ", stat.queryElementLen, stat.queryElementPtr, stat.queryElementRC);
-    if (stat.queryElementRC == 0)
-      told += formatText("%.*s=%.*s ", stat.statIdLen, stat.statIdPtr, stat.statValueLen,
-                         stat.statValuePtr);
-  }
-  if (rc == ZEB_WRONG_CONTENT) rc = getFirstId(answer, &id);
-  for (; rc == 0; rc = getNextId(answer, &id)) {
-    told += formatText("%.*s %d ", id.queryElementLen, id.queryElementPtr, id.queryElementRC);
-    if (id.queryElementRC == 0) told += formatText("%.*s ", id.idLen, id.idPtr);
-  }
-  return told + formatText("%d;", rc);
+  const int rc = walkAnswer(answer, [&](const Entry& entry) {
+    told += std::string(entry.element) + " " + std::to_string(entry.rc) + " ";
+    if (entry.rc == 0) told += std::string(entry.id).append("=").append(entry.value) + " ";
+  });
+  return told + std::to_string(rc) + ";";
 }
 
 // What a caller holds of the library.

@@ -1,61 +1,90 @@
 #include "fault_injector.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sanitizer/asan_interface.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <filesystem>
-#include <unordered_set>
+#include <cstring>
+#include <set>
+#include <unordered_map>
+#include <utility>
 
 #include "stapi_zeb_memory.h"
+#include "zebstats_private.h"
+
+extern "C" int __real_close(int descriptor);
 
 namespace zebtest {
 namespace {
 
+constexpr int kFirstSocket = 1 << 20;              // not a descriptor of the system
+constexpr std::size_t kLargestBlock = 256 * 1024;  // of those that are granted
+constexpr std::size_t kLargestWish = 17 << 20;     // no reply that is read announces more
+
 thread_local Injection* active = nullptr;
 
-// Of the one thread that holds an Injection.
-std::unordered_set<const void*> blocks;
+// Of the one thread that has an Injection. The set is never destroyed: free() is called to the end.
+auto& blocks = *new std::unordered_map<const void*, std::size_t>;
+// Freed blocks of the size of an answer's buffer, which are used again: to map and unmap each one
+// takes a sanitiser longer than a session. Until then nobody may touch them.
+auto& kept = *new std::vector<void*>;
+std::set<int> sockets, closedForSending, files;
 std::vector<const pthread_mutex_t*> heldLocks;
-std::string lockComplaint;
+std::string complaint;
 
-int failureOf(Call call) {
-  return active != nullptr ? active->next(call) : 0;
-}
-
-template <typename Result, typename Real>
-Result failOr(Call call, Result failed, Real real) {
-  const int error = failureOf(call);
-  if (error == 0) return real();
+int fail(int error) {
   errno = error;
-  return failed;
+  return -1;
 }
 
-// The call is made, and fails all the same.
-template <typename Real>
-int failBehind(Call call, Real real) {
-  const int rc = real();
-  return failOr(call, -1, [rc] { return rc; });
+// Whether this call fails; then errno says how.
+bool fails(std::string_view call) {
+  const int error = active->next(call);
+  return error != 0 && fail(error) != 0;
 }
 
 template <typename Block>
-Block* book(Block* block) {
-  if (active != nullptr && block != nullptr) blocks.insert(block);
+Block* book(Block* block, std::size_t size = 0) {
+  if (block != nullptr) blocks[block] = size;
   return block;
+}
+
+int openSocket() {
+  static int last = kFirstSocket;
+  return *sockets.insert(++last).first;
+}
+
+// A token without a socket is closed like any other.
+int closeBooked(int descriptor) {
+  closedForSending.erase(descriptor);
+  if (files.erase(descriptor) > 0) return __real_close(descriptor);
+  if (sockets.erase(descriptor) == 0 && descriptor >= 0)
+    complaint += " closes " + std::to_string(descriptor) + ", which it has not opened;";
+  return descriptor >= 0 ? 0 : fail(EBADF);
+}
+
+zebsim::Bytes replyTo(const zebsim::Request& request) {
+  using namespace zebsim;
+  if (request.header.name == kBaseName) return reply(kBaseName, "");
+  if (request.header.name == kAuthName)
+    return reply(kAuthName, request.data.size() == 4 ? authFirstData(1, 2, 3) : authSecondData());
+  const AdminCall call = readAdminCall(request.data);
+  return reply(kAdminName,
+               call.kind == kOpening ? openingData(7) : callData(call.kind, answerOf(call.target)));
 }
 
 }  // namespace
 
-Injection::Injection(std::vector<Fault> faults) : faults_(std::move(faults)) {
+Injection::Injection(std::vector<Fault> plan, Wire change)
+    : faults(std::move(plan)), wire(std::move(change)) {
   active = this;
 }
 
@@ -63,185 +92,209 @@ Injection::~Injection() {
   active = nullptr;
 }
 
-int Injection::next(Call call) {
-  const int count = ++counts_[call];
-  if (index_ == faults_.size() || faults_[index_].call != call || count < faults_[index_].at)
-    return 0;
-  const Fault& fault = faults_[index_];
-  ++strikes_;
-  if (!fault.onwards) {
-    ++index_;
-    strikes_ = 0;
-    counts_.fill(0);
-  }
+int Injection::next(std::string_view call) {
+  const int count = ++counts[call];
+  if (faults.empty() || faults[0].call != call || count < faults[0].at) return 0;
+  const Fault fault = faults[0];
+  ++strikes;
+  if (fault.onwards) return fault.error;
+  faults.erase(faults.begin());
+  strikes = 0;
+  counts.clear();
   return fault.error;
 }
 
-std::pair<std::size_t, std::size_t> countHoldings() {
-  zeb::freeRetired();
-  const std::filesystem::directory_iterator open("/proc/self/fd");
-  return {blocks.size(), std::distance(begin(open), end(open))};
+bool Injection::goesOn(int error, bool isBounded) const {
+  return error == 0 || ((error == EINTR || error == EAGAIN) && isBounded && strikes > 3);
 }
 
-std::string takeLockComplaint() {
-  std::string complaint = std::exchange(lockComplaint, {});
+std::string_view Injection::stream() const {
+  return wire.replies.value_or(replies).substr(0, wire.endsAt);
+}
+
+bool Injection::isReady(int socket) const {
+  return wire.replies.has_value() || received < stream().size() || received >= wire.endsAt ||
+         closedForSending.count(socket) > 0;
+}
+
+void Injection::serve(std::string_view bytes) {
+  sent += bytes;
+  if (wire.replies.has_value()) return;
+  unread += bytes;
+  try {
+    for (zebsim::Request request; zebsim::takeRequest(unread, request);) {
+      const std::size_t start = replies.size();
+      replies += replyTo(request);
+      for (std::size_t i = 0; i < wire.change.size(); ++i) {
+        const std::size_t at = wire.changedAt + i;
+        if (at >= start && at < replies.size()) replies[at] = wire.change[i];
+      }
+    }
+  } catch (const zebsim::BadRequest& bad) {
+    wire.endsAt = replies.size();  // as a gateway does that had its reply changed on the way
+    if (wire.change.empty()) complaint += std::string(" sends a bad request: ") + bad.what() + ";";
+  }
+}
+
+ssize_t Injection::send(int socket, std::string_view bytes, int flags) {
+  const bool isBounded = (flags & MSG_DONTWAIT) != 0;
+  const int error = next("send");
+  if (error == kEnd) return 0;
+  if (error < kShort && !goesOn(error, isBounded)) return fail(error);
+  if (socket < 0 || closedForSending.count(socket) > 0) return fail(socket < 0 ? EBADF : EPIPE);
+  const auto size = static_cast<ssize_t>(bytes.size());
+  if (received >= wire.endsAt) return wire.sendError != 0 ? fail(wire.sendError) : size;
+  if (error == kCut) closedForSending.insert(socket);
+  if (error == kCut || (error == kShort && isBounded))
+    bytes = bytes.substr(0, error == kCut ? bytes.size() / 2 : 1);
+  serve(bytes);
+  return error >= kShort ? 1 : size;
+}
+
+ssize_t Injection::receive(int socket, void* buffer, std::size_t size, int flags) {
+  const int error = next("recv");
+  if (error == kEnd || closedForSending.count(socket) > 0) return 0;
+  if (error < kShort && !goesOn(error, (flags & MSG_DONTWAIT) != 0)) return fail(error);
+  std::size_t most = std::min({size, wire.piece, stream().size() - received});
+  if (error == kShort) most = std::min<std::size_t>(most, 1);
+  if (received < wire.splitAt) most = std::min(most, wire.splitAt - received);
+  if ((flags & MSG_PEEK) != 0)  // given replies are not there before they are asked for
+    return most > 0 && !wire.replies.has_value() ? 1 : fail(EAGAIN);
+  if (most == 0 && wire.receiveError != 0) return fail(wire.receiveError);
+  std::copy_n(stream().data() + received, most, static_cast<char*>(buffer));
+  received += most;
+  return static_cast<ssize_t>(most);
+}
+
+std::size_t countHoldings() {
+  zeb::freeRetired();
+  return blocks.size() + sockets.size() + files.size();
+}
+
+std::string takeComplaint() {
   if (!std::exchange(heldLocks, {}).empty()) complaint += " a lock is still held;";
-  return complaint;
+  return std::exchange(complaint, {});
 }
 
 }  // namespace zebtest
 
 using namespace zebtest;
 
-// What the linker's --wrap makes of the calls; __real_... are the C library's.
-#define ZEB_WRAP(type, name, parameters) \
-  decltype(name) __real_##name;          \
-  type __wrap_##name parameters
-#define ZEB_WRAP_FAILING(call, failed, type, name, parameters, arguments)       \
-  ZEB_WRAP(type, name, parameters) {                                            \
-    return failOr<type>(call, failed, [&] { return __real_##name arguments; }); \
+// __real_... are the functions of the C library.
+#define ZEB_WRAP(type, name, parameters, arguments, ...)   \
+  type __real_##name parameters;                           \
+  type __wrap_##name parameters {                          \
+    if (active == nullptr) return __real_##name arguments; \
+    __VA_ARGS__                                            \
   }
+// One that returns a value, or -1.
+#define ZEB_WRAP_VALUE(value, type, name, parameters, arguments) \
+  ZEB_WRAP(type, name, parameters, arguments, return fails(#name) ? -1 : (value);)
+// One that does its work and may fail all the same.
+#define ZEB_WRAP_DONE(work, name, parameters, arguments) \
+  ZEB_WRAP(int, name, parameters, arguments, const int rc = (work); return fails(#name) ? -1 : rc;)
 
 extern "C" {
 
-ZEB_WRAP(void*, malloc, (size_t size)) {
-  return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_malloc(size)); });
+void __real_free(void* block);
+void __wrap_free(void* block) {
+  if (block == nullptr) return;
+  const auto booked = blocks.extract(block);
+  if (booked.empty() || booked.mapped() != kResultSetBufferSize) return __real_free(block);
+  ASAN_POISON_MEMORY_REGION(block, kResultSetBufferSize);
+  kept.push_back(block);
 }
 
-ZEB_WRAP(void*, calloc, (size_t count, size_t size)) {
-  return failOr<void*>(kAllocate, nullptr, [&] { return book(__real_calloc(count, size)); });
-}
-
-ZEB_WRAP(void, free, (void* block)) {
-  if (!blocks.empty()) blocks.erase(block);
-  __real_free(block);
-}
+// What the memory held before is not zero.
+ZEB_WRAP(void*, malloc, (size_t size), (size), {
+  if (fails("malloc")) return nullptr;
+  if (size > kLargestWish) complaint += " wants " + std::to_string(size) + " bytes;";
+  const bool isKept = size == kResultSetBufferSize && !kept.empty();
+  void* block = isKept ? kept.back() : size <= kLargestBlock ? __real_malloc(size) : nullptr;
+  if (isKept) kept.pop_back();
+  if (block == nullptr) return nullptr;
+  ASAN_UNPOISON_MEMORY_REGION(block, size);
+  return std::memset(book(block, size), 0xA5, std::min<size_t>(size, 4096));
+})
 
 ZEB_WRAP(int, getaddrinfo,
-         (const char* host, const char* port, const addrinfo* hints, addrinfo** found)) {
-  if (const int error = failureOf(kGetaddrinfo); error != 0) return error;
-  const int rc = __real_getaddrinfo(host, port, hints, found);
-  if (rc == 0) book(*found);
-  return rc;
-}
-
-ZEB_WRAP(void, freeaddrinfo, (addrinfo * found)) {
+         (const char* host, const char* port, const addrinfo* hints, addrinfo** found),
+         (host, port, hints, found), {
+           static sockaddr_in address = {};
+           if (const int error = active->next("getaddrinfo"); error != 0) return error;
+           *found = book(new addrinfo{});
+           (*found)->ai_addr = reinterpret_cast<sockaddr*>(&address);
+           return 0;
+         })
+ZEB_WRAP(void, freeaddrinfo, (addrinfo * found), (found), {
   blocks.erase(found);
-  __real_freeaddrinfo(found);
-}
+  delete found;
+})
 
-ZEB_WRAP_FAILING(kSocket, -1, int, socket, (int family, int type, int protocol),
-                 (family, type, protocol))
-ZEB_WRAP_FAILING(kSetsockopt, -1, int, setsockopt,
-                 (int socket, int level, int option, const void* value, socklen_t length),
-                 (socket, level, option, value, length))
-ZEB_WRAP_FAILING(kFdopen, nullptr, FILE*, fdopen, (int descriptor, const char* mode),
-                 (descriptor, mode))
-ZEB_WRAP_FAILING(kFflush, EOF, int, fflush, (FILE * stream), (stream))
-
-ZEB_WRAP(int, open, (const char* path, int flags, ...)) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = va_arg(arguments, mode_t);
-  va_end(arguments);
-  return failOr(kOpen, -1, [&] { return __real_open(path, flags, mode); });
-}
-
-ZEB_WRAP(int, ioctl, (int descriptor, unsigned long request, ...)) {
-  va_list arguments;
-  va_start(arguments, request);
-  void* const argument = va_arg(arguments, void*);
-  va_end(arguments);
-  return failOr(kIoctl, -1, [&] { return __real_ioctl(descriptor, request, argument); });
-}
-
-// A connect in progress has been made.
-ZEB_WRAP(int, connect, (int socket, const sockaddr* address, socklen_t length)) {
-  const int error = failureOf(kConnect);
-  if (error == 0 || error == EINPROGRESS) {
-    const int rc = __real_connect(socket, address, length);
-    if (error == 0 || rc != 0) return rc;
-  }
-  errno = error;
-  return -1;
-}
-
-// The wait for a connect goes on after a signal, so there the signals must come to an end.
-ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout)) {
-  const int error = failureOf(kPoll);
-  const bool hasEnded = error == EINTR && timeout >= 0 && active->strikes() > 3;
-  if (error == 0 || hasEnded) return __real_poll(waited, count, timeout);
-  errno = error;
-  return -1;
-}
-
-ZEB_WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* length)) {
-  const int error = failureOf(kGetsockopt);
-  if (error == 0) return __real_getsockopt(socket, level, option, value, length);
-  if (error >= kPending) {
-    *static_cast<int*>(value) = error - kPending;
-    return 0;
-  }
-  errno = error;
-  return -1;
-}
-
-ZEB_WRAP(ssize_t, send, (int socket, const void* data, size_t size, int flags)) {
-  const int error = failureOf(kSend);
-  if (error == 0) return __real_send(socket, data, size, flags);
+ZEB_WRAP_VALUE(openSocket(), int, socket, (int family, int type, int protocol),
+               (family, type, protocol))
+ZEB_WRAP_VALUE(0, int, setsockopt,
+               (int socket, int level, int option, const void* value, socklen_t size),
+               (socket, level, option, value, size))
+ZEB_WRAP_VALUE(0, int, ioctl, (int descriptor, unsigned long request, void* argument),
+               (descriptor, request, argument))
+ZEB_WRAP_VALUE(0, int, connect, (int socket, const sockaddr* address, socklen_t size),
+               (socket, address, size))
+ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how),
+         return closedForSending.insert(socket).second ? 0 : 0;)
+ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout), (waited, count, timeout), {
+  if (waited->fd == STDERR_FILENO) return __real_poll(waited, count, timeout);
+  const int error = active->next("poll");
   if (error == kEnd) return 0;
-  if (error == kShort || error == kCut) {
-    const ssize_t sent = __real_send(socket, data, error == kCut ? size / 2 : size, flags);
-    if (error == kCut) shutdown(socket, SHUT_WR);
-    return std::min<ssize_t>(sent, 1);
+  if (!active->goesOn(error, timeout >= 0)) return fail(error);
+  if ((waited->events & POLLIN) != 0 && !active->isReady(waited->fd))
+    complaint += " waits for what nobody will send;";
+  waited->revents = waited->events;
+  return 1;
+})
+ZEB_WRAP(int, getsockopt, (int socket, int level, int option, void* value, socklen_t* size),
+         (socket, level, option, value, size), {
+           const int error = active->next("getsockopt");
+           if (error != 0 && error < kPending) return fail(error);
+           *static_cast<int*>(value) = error != 0 ? error - kPending : 0;
+           return 0;
+         })
+ZEB_WRAP(ssize_t, send, (int socket, const void* data, size_t size, int flags),
+         (socket, data, size, flags),
+         return active->send(socket, {static_cast<const char*>(data), size}, flags);)
+ZEB_WRAP(ssize_t, recv, (int socket, void* buffer, size_t size, int flags),
+         (socket, buffer, size, flags), return active->receive(socket, buffer, size, flags);)
+
+ZEB_WRAP_DONE(closeBooked(descriptor), close, (int descriptor), (descriptor))
+ZEB_WRAP_DONE((blocks.erase(stream), __real_fclose(stream)), fclose, (FILE * stream), (stream))
+ZEB_WRAP_VALUE(*files.insert(__real_open(path, flags, mode)).first, int, open,
+               (const char* path, int flags, mode_t mode), (path, flags, mode))
+ZEB_WRAP(FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode), {
+  if (fails("fdopen")) return nullptr;
+  files.erase(descriptor);
+  return book(__real_fdopen(descriptor, mode));
+})
+ZEB_WRAP_VALUE(__real_fflush(stream), int, fflush, (FILE * stream), (stream))
+
+ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
+         (mutex, attributes), {
+           const int error = active->next("pthread_mutex_init");
+           return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
+         })
+ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), {
+  if (const int error = active->next("pthread_mutex_lock"); error != 0) return error;
+  if (std::count(heldLocks.begin(), heldLocks.end(), mutex) > 0) {
+    complaint += " a lock is taken twice;";
+    return EDEADLK;
   }
-  errno = error;
-  return -1;
-}
-
-ZEB_WRAP(ssize_t, recv, (int socket, void* buffer, size_t size, int flags)) {
-  const int error = failureOf(kRecv);
-  if (error == 0) return __real_recv(socket, buffer, size, flags);
-  if (error == kShort) return __real_recv(socket, buffer, std::min<size_t>(size, 1), flags);
-  if (error == kEnd) return 0;
-  errno = error;
-  return -1;
-}
-
-ZEB_WRAP(int, close, (int descriptor)) {
-  return failBehind(kClose, [&] { return __real_close(descriptor); });
-}
-
-ZEB_WRAP(int, fclose, (FILE * stream)) {
-  return failBehind(kFclose, [&] { return __real_fclose(stream); });
-}
-
-ZEB_WRAP(int, pthread_mutex_init,
-         (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes)) {
-  const int error = failureOf(kInitLock);
-  return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
-}
-
-ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex)) {
-  if (const int error = failureOf(kLock); error != 0) return error;
-  if (active != nullptr) {
-    if (std::find(heldLocks.begin(), heldLocks.end(), mutex) != heldLocks.end()) {
-      lockComplaint += " a lock is taken twice;";
-      return EDEADLK;
-    }
-    heldLocks.push_back(mutex);
-  }
+  heldLocks.push_back(mutex);
   return __real_pthread_mutex_lock(mutex);
-}
-
-ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex)) {
-  if (active != nullptr && std::erase(heldLocks, mutex) == 0) {
-    lockComplaint += " a lock is released that is not held;";
-    return EPERM;
-  }
+})
+ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex), {
+  if (std::erase(heldLocks, mutex) == 0) complaint += " a lock is released that is not held;";
   const int rc = __real_pthread_mutex_unlock(mutex);
-  const int error = failureOf(kUnlock);
+  const int error = active->next("pthread_mutex_unlock");
   return error != 0 ? error : rc;
-}
+})
 
 }  // extern "C"

@@ -1,81 +1,97 @@
-// Makes chosen calls of the C library fail when the library under test makes them.
+// Stands between the library under test and the C library: chosen calls fail, a gateway in memory
+// answers the requests, and all that is allocated, opened or locked is counted.
 //
-// The linker sends these calls to the injector, whoever makes them; it looks only at those of a
-// thread that holds an Injection, and books there what is allocated and locked.
+// The linker sends the calls of the whole program here (--wrap). Only those of a thread that has an
+// Injection are changed.
 #ifndef ZEBTEST_FAULT_INJECTOR_H
 #define ZEBTEST_FAULT_INJECTOR_H
 
-#include <array>
-#include <cstddef>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
+
+#include "gateway_encoder.h"
+#include "gateway_wire.h"
 
 namespace zebtest {
 
-enum Call {
-  kAllocate,
-  kGetaddrinfo,
-  kSocket,
-  kSetsockopt,
-  kIoctl,
-  kConnect,
-  kPoll,
-  kGetsockopt,
-  kSend,
-  kRecv,
-  kClose,
-  kOpen,
-  kFdopen,
-  kFflush,
-  kFclose,
-  kLock,
-  kUnlock,
-  kInitLock,
-  kCalls
-};
-
-// How a call fails: an errno, of getaddrinfo its own code, or one of these.
-constexpr int kShort = 0x10001;  // send reports fewer bytes than it sent, recv delivers one
-constexpr int kCut = 0x10002;    // send sends half, and the connection takes no more
-constexpr int kEnd = 0x10003;    // send and recv return 0
-constexpr int kPending =
-    0x20000;  // getsockopt delivers the errno added to this as the socket's error
+// How a call fails: an errno, for getaddrinfo a code of its own, or one of these.
+constexpr int kShort = 0x10001;    // send returns 1, and recv delivers one byte
+constexpr int kCut = 0x10002;      // send sends half, and the connection takes no more
+constexpr int kEnd = 0x10003;      // send, recv and poll return 0
+constexpr int kPending = 0x20000;  // added to the errno that getsockopt reports as the socket's
 
 struct Fault {
-  Call call;
-  int at;        // the call of this kind that fails, from 1
-  bool onwards;  // and all of this kind behind it
+  std::string_view call;  // the name of the function
+  int at;                 // the one of its calls that fails, from 1
+  bool onwards;           // so do all of this kind after it
   int error;
 };
 
-// Watches this thread's calls while it lives. Each fault waits for the one ahead of it to strike.
-class Injection {
- public:
-  explicit Injection(std::vector<Fault> faults = {});
+// What happens to the gateway's replies, which count as one stream of bytes.
+struct Wire {
+  std::optional<std::string_view> replies = {};  // sent whatever is asked
+  std::size_t piece = SIZE_MAX;                  // the most bytes that one receive returns
+  std::size_t splitAt = 0;                       // a receive ends here
+  std::size_t endsAt = SIZE_MAX;                 // the connection ends here
+  int receiveError = 0;       // errno of the receives after the end; 0: they return 0
+  int sendError = 0;          // errno of the sends after the end; 0: they succeed
+  std::size_t changedAt = 0;  // from here the stream has these bytes
+  std::string change = {};
+};
+
+// What the gateways of these tests answer: two elements of statistics or ids, one of them refused,
+// two groups, or the protocol version.
+inline zebsim::Bytes answerOf(const std::string& target) {
+  using namespace zebsim;
+  if (target == "GET_STATS") {
+    return encodeAnswer(
+        {true, {{"GD", 0, Stats{{"GD_A", "1"}, {"GD_B", "two"}}}, {"XX", -11, Stats{}}}});
+  }
+  if (target == "STAT_IDS")
+    return encodeAnswer({true, {{"GD", 0, Ids{"GD_A", "GD_B"}}, {"XX", -11, Ids{}}}});
+  if (target == "RESOURCE_GROUPS") return encodeAnswer({false, {{"", 0, Ids{"GD", "CM"}}}});
+  return encodeProtocol(kOwnProtocol);
+}
+
+// Changes this thread's calls while it lives. Each fault waits for the one before it to strike.
+struct Injection {
+  explicit Injection(std::vector<Fault> plan = {}, Wire change = {});
   ~Injection();
   Injection(const Injection&) = delete;
   Injection& operator=(const Injection&) = delete;
 
-  [[nodiscard]] bool hasStruck() const { return index_ == faults_.size() || strikes_ > 0; }
-  // How many calls of each kind were made since the last fault that strikes once.
-  [[nodiscard]] const std::array<int, kCalls>& counts() const { return counts_; }
-  int next(Call call);  // 0, or how the call fails
-  [[nodiscard]] int strikes() const { return strikes_; }
+  int next(std::string_view call);  // 0, or how the call fails
+  [[nodiscard]] bool hasStruck() const { return faults.empty() || strikes > 0; }
+  // Whether the call goes on: signals come to an end if it is tried again until a deadline.
+  [[nodiscard]] bool goesOn(int error, bool isBounded) const;
+  [[nodiscard]] std::string_view stream() const;
+  [[nodiscard]] bool isReady(int socket) const;
+  void serve(std::string_view bytes);
+  ssize_t send(int socket, std::string_view bytes, int flags);
+  ssize_t receive(int socket, void* buffer, std::size_t size, int flags);
 
- private:
-  std::vector<Fault> faults_;
-  std::size_t index_ = 0;  // the fault that waits or, onwards, strikes
-  int strikes_ = 0;        // of that fault
-  std::array<int, kCalls> counts_{};
+  std::vector<Fault> faults;  // the first one waits or, if it lasts, strikes
+  Wire wire;
+  int strikes = 0;  // of that fault
+  std::map<std::string_view, int> counts =
+      {};  // of the calls since the last fault that strikes once
+  std::string sent = {};
+  std::string unread = {};   // what the gateway has not answered yet
+  std::string replies = {};  // all of the gateway's
+  std::size_t received = 0;
 };
 
-// The blocks of memory and lists of addresses that the library holds, and the descriptors of the
-// process.
-std::pair<std::size_t, std::size_t> countHoldings();
+// How many blocks, lists of addresses, sockets and files the library holds.
+std::size_t countHoldings();
 
-// The misuse of locks since the last call, and the locks still held. Empty is well.
-std::string takeLockComplaint();
+// What was wrong with the calls since this was asked last, locks that are still held included.
+std::string takeComplaint();
 
 }  // namespace zebtest
 

@@ -1,7 +1,8 @@
-// Whatever fails under a public call, the call returns a code documented for it, nothing is lost,
-// the locks are free and the next open and query succeed.
+// Whatever fails under a public call, and whatever happens to the gateway's replies, the call
+// returns a code documented for that, nothing is lost, the locks are free, and the next query and
+// the next session succeed.
 //
-// Each sweep tries every point it names and prints how many there were: "EVIDENCE F1 points=N
+// Each sweep tries all its points and prints how many there were: "EVIDENCE F1 points=N
 // failures=M".
 
 #include <errno.h>
@@ -13,195 +14,170 @@
 #include <random>
 
 #include "client_session.h"
-#include "fault_injector.h"
 #include "stapi_zeb_diag.h"
-#include "zebstats_private.h"
+#include "stapi_zeb_protocol.h"
+#include "stapi_zeb_socketcomms.h"
 
 namespace {
 
 using namespace zebtest;
 using Codes = std::vector<int>;
 
-std::string tracePath;
-std::string otherTracePath;
+const std::string tracePath = formatText("/proc/self/fd/%d", memfd_create("trace", 0));
+constexpr int kPort = 2980;
 
 // ---- The public calls, and what a fault may make of them ----------------------------------------
 
-enum class Family { local, open, query, textQuery, closing };
-enum class Needs { nothing, connection, stats, ids, copy };
+enum Family { kLocal, kOpen, kQuery, kTextQuery, kClosing };
+enum Needs { kNothing, kStats, kIds };  // a connection, its answer and a copy of that
 
 struct Target {
   const char* name;
   Family family;
   Needs needs;
-  std::function<int(Session&)> run;
-  std::vector<Fault> ahead = {};
-  [[nodiscard]] bool isQuery() const {
-    return family == Family::query || family == Family::textQuery;
-  }
+  int (*run)(Session& s);
+  std::vector<Fault> before = {};
+  [[nodiscard]] bool isQuery() const { return family == kQuery || family == kTextQuery; }
+};
+
+struct Mode {
+  int level;
+  int timeout;
 };
 
 constexpr int kNoVersion = 1;  // of an open call that returned 0
 
+int openSession(Session& s) {
+  const int rc = s.open();
+  return rc == 0 && s.version == nullptr ? kNoVersion : rc;
+}
+int walkAll(Session& s) {
+  s.walked = s.tell();
+  return 0;
+}
+int switchTraceFile(Session&) {
+  const int there = setAPITraceFile("/dev/null");
+  const int back = setAPITraceFile(tracePath.c_str());
+  return there != 0 ? there : back;
+}
+int switchTraceLevel(Session&) {
+  int level = 0;
+  const int rc = getAPITraceLevel(&level);
+  return rc != 0 ? rc : setAPITraceLevel(level);
+}
+int copyAgain(Session& s) {
+  freeResultSet(&s.copy);
+  return copyResultSet(s.answer, &s.copy);
+}
+int closeOne(Session& s) {
+  s.answer = nullptr;  // it goes with the connection
+  return closeGatewayConnection(&s.token);
+}
+int closeAll(Session& s) {
+  s.answer = nullptr;
+  s.token = nullptr;
+  return closeAllGatewayConnections();
+}
+
 std::vector<Target> listTargets() {
-  const auto open = [](Session& s) {
-    const int rc = s.open();
-    return rc == 0 && s.version == nullptr ? kNoVersion : rc;
-  };
-  std::vector<Target> all = {{"open", Family::open, Needs::nothing, open},
-                             {"open in progress",
-                              Family::open,
-                              Needs::nothing,
-                              open,
-                              {{kConnect, 1, false, EINPROGRESS}}}};
+  std::vector<Target> all = {
+      {"open", kOpen, kNothing, openSession},
+      {"open in progress", kOpen, kNothing, openSession, {{"connect", 1, false, EINPROGRESS}}},
+      {"walk of statistics", kLocal, kStats, walkAll},
+      {"walk of ids", kLocal, kIds, walkAll},
+      {"copy", kLocal, kStats, copyAgain},
+      {"free", kLocal, kStats, [](Session& s) { return freeResultSet(&s.copy); }},
+      {"dump", kLocal, kStats, [](Session& s) { return dumpResultSet(s.answer); }},
+      {"id query", kLocal, kIds, [](Session& s) { return getIdQuery(s.answer, &s.text); }},
+      {"dump of the state", kLocal, kStats, [](Session&) { return dumpState(); }},
+      {"trace file", kLocal, kNothing, switchTraceFile},
+      {"trace level", kLocal, kNothing, switchTraceLevel},
+      {"version", kLocal, kNothing, [](Session& s) { return getStatsAPIVersion(&s.text); }},
+      {"close", kClosing, kStats, closeOne},
+      {"close all", kClosing, kStats, closeAll}};
   for (const Query& query : kQueries)
-    all.push_back({query.name, query.hasText ? Family::textQuery : Family::query, Needs::connection,
-                   query.ask});
-  const auto add = [&all](const char* name, Family family, Needs needs, auto run) {
-    all.push_back({name, family, needs, run});
-  };
-  const auto walk = [](Session& s) {
-    s.walked = s.tell();
-    return 0;
-  };
-  add("walk of statistics", Family::local, Needs::stats, walk);
-  add("walk of ids", Family::local, Needs::ids, walk);
-  add("copyResultSet", Family::local, Needs::stats,
-      [](Session& s) { return copyResultSet(s.answer, &s.copy); });
-  add("freeResultSet", Family::local, Needs::copy,
-      [](Session& s) { return freeResultSet(&s.copy); });
-  add("dumpResultSet", Family::local, Needs::stats,
-      [](Session& s) { return dumpResultSet(s.answer); });
-  add("getIdQuery", Family::local, Needs::ids,
-      [](Session& s) { return getIdQuery(s.answer, &s.text); });
-  add("dumpState", Family::local, Needs::connection, [](Session&) { return dumpState(); });
-  add("setAPITraceFile", Family::local, Needs::nothing, [](Session&) {
-    const int there = setAPITraceFile(otherTracePath.c_str());
-    const int back = setAPITraceFile(tracePath.c_str());
-    return there != 0 ? there : back;
-  });
-  add("trace level", Family::local, Needs::nothing, [](Session&) {
-    int level = 0;
-    const int rc = getAPITraceLevel(&level);
-    return rc != 0 ? rc : setAPITraceLevel(level);
-  });
-  add("getStatsAPIVersion", Family::local, Needs::nothing, [](Session&) {
-    char* version = nullptr;
-    return getStatsAPIVersion(&version);
-  });
-  add("close", Family::closing, Needs::copy, [](Session& s) {
-    s.answer = nullptr;  // which the connection takes with it
-    return closeGatewayConnection(&s.token);
-  });
-  add("close all", Family::closing, Needs::stats, [](Session& s) {
-    s.answer = nullptr;
-    s.token = nullptr;
-    return closeAllGatewayConnections();
-  });
+    all.push_back({query.name, query.hasText ? kTextQuery : kQuery, kStats, query.ask});
   return all;
 }
 const std::vector<Target> kTargets = listTargets();
 
-int connectCode(int error) {
-  if (error == ECONNREFUSED) return ZEB_CONNECT_REFUSED;
-  return error == ENETUNREACH ? ZEB_NETWORK_UNREACHABLE : ZEB_CONNECT_FAILED;
+// How each call fails. The last one of poll, send and recv only occurs with a timeout.
+Codes errorsOf(std::string_view call, const Mode& mode) {
+  static const std::map<std::string_view, Codes> errors = {
+      {"malloc", {ENOMEM}},
+      {"getaddrinfo", {EAI_NONAME, EAI_AGAIN, EAI_MEMORY, EAI_SYSTEM, EAI_ADDRFAMILY}},
+      {"socket", {EMFILE, ENFILE, ENOBUFS, EINTR}},
+      {"setsockopt", {EINVAL, ENOMEM, EINTR}},
+      {"ioctl", {EBADF, EINTR}},
+      {"connect", {ECONNREFUSED, ENETUNREACH, EHOSTUNREACH, ETIMEDOUT, EINTR}},
+      {"poll", {EINTR, ENOMEM, EINVAL, kEnd}},
+      {"getsockopt", {EINTR, ECONNREFUSED, kPending + ECONNREFUSED, kPending + ENETUNREACH}},
+      {"send", {EINTR, EPIPE, ECONNRESET, kShort, kCut, kEnd, EAGAIN}},
+      {"recv", {EINTR, ECONNRESET, ETIMEDOUT, kShort, kEnd, EAGAIN}},
+      {"close", {EINTR, EIO}},
+      {"open", {EMFILE, EACCES, EINTR}},
+      {"fdopen", {ENOMEM}},
+      {"fflush", {ENOSPC, EINTR}},
+      {"fclose", {EIO, EINTR}},
+      {"pthread_mutex_lock", {EINVAL}},
+      {"pthread_mutex_unlock", {EPERM}},
+      {"pthread_mutex_init", {ENOMEM}}};
+  Codes listed = errors.at(call);
+  if (mode.timeout == 0 && (call == "poll" || call == "send" || call == "recv")) listed.pop_back();
+  return listed;
 }
 
-Codes openCodes(Call call, int error, bool isInProgress) {
-  switch (call) {
-    case kAllocate:
-      return {ZEB_NO_MEMORY, ZEB_CONNECT_FAILED, ZEB_COMMUNICATION_FAILED, kNoVersion};
-    case kGetaddrinfo:
-      return {ZEB_HOST_UNKNOWN, 0};  // a numeric address that is refused once is taken as it is
-    case kSocket:
-    case kSetsockopt:
-      return {ZEB_CONNECT_FAILED};
-    case kConnect:
-    case kGetsockopt:
-      return {connectCode(error >= kPending ? error - kPending : error)};
-    case kSend:
-    case kPoll:
-    case kRecv:
-      if (error == kShort) return {0};
-      if (call == kPoll && error == EINTR &&
-          isInProgress)  // a signal does not end the wait for a connect
-        return {0, ZEB_CONNECT_FAILED, ZEB_CONNECTION_LOST};
-      return {ZEB_CONNECT_FAILED, ZEB_CONNECTION_LOST};
-    default:
-      return {0};
+// What a call may return if this fails under it.
+Codes codesUnder(const Target& target, const Mode& mode, const Fault& fault) {
+  const auto& [call, at, onwards, error] = fault;
+  const bool isOpen = target.family == kOpen;
+  if (call == "open" || call == "fdopen") return {ZEB_TRACE_FILE_FAILED};
+  if (call == "malloc") {
+    if (isOpen) return {ZEB_NO_MEMORY, ZEB_CONNECT_FAILED, ZEB_COMMUNICATION_FAILED, kNoVersion};
+    if (target.isQuery())  // the first block of a query with text is its copy
+      return {target.family == kTextQuery && at == 1 ? ZEB_NO_MEMORY : ZEB_COMMUNICATION_FAILED};
+    return {target.family == kLocal ? ZEB_NO_MEMORY : 0};
   }
-}
-
-Codes queryCodes(Call call, int error, bool hasText) {
-  if (call == kAllocate)
-    return hasText ? Codes{ZEB_NO_MEMORY, ZEB_COMMUNICATION_FAILED}
-                   : Codes{ZEB_COMMUNICATION_FAILED};
-  const bool isExchange = call == kSend || call == kPoll || call == kRecv;
-  return {isExchange && error != kShort ? ZEB_CONNECTION_LOST : 0};
-}
-
-// What a call may return when this fails under it.
-Codes codesUnder(const Target& target, Call call, int error) {
-  if (target.family == Family::open) return openCodes(call, error, !target.ahead.empty());
-  if (target.isQuery()) return queryCodes(call, error, target.family == Family::textQuery);
-  if (target.family == Family::local && call == kAllocate) return {ZEB_NO_MEMORY};
-  return {call == kOpen || call == kFdopen ? ZEB_TRACE_FILE_FAILED : 0};
-}
-
-const Codes& errorsOf(Call call) {
-  static const std::array<Codes, kCalls> errors = {{
-      /* allocate */ {ENOMEM},
-      /* getaddrinfo */ {EAI_NONAME, EAI_AGAIN, EAI_MEMORY, EAI_SYSTEM},
-      /* socket */ {EMFILE, ENFILE, ENOBUFS, EINTR},
-      /* setsockopt */ {EINVAL, ENOMEM, EINTR},
-      /* ioctl */ {EBADF, EINTR},
-      /* connect */ {ECONNREFUSED, ENETUNREACH, EHOSTUNREACH, ETIMEDOUT, EINTR},
-      /* poll */ {EINTR, ENOMEM, EINVAL},
-      /* getsockopt */
-      {EINTR, ECONNREFUSED, kPending + ECONNREFUSED, kPending + ENETUNREACH, kPending + EINTR},
-      /* send */ {EINTR, EPIPE, ECONNRESET, kShort, kCut, kEnd},
-      /* recv */ {EINTR, ECONNRESET, ETIMEDOUT, kShort, kEnd},
-      /* close */ {EINTR, EIO},
-      /* open */ {EMFILE, EACCES, EINTR},
-      /* fdopen */ {ENOMEM},
-      /* fflush */ {ENOSPC, EINTR},
-      /* fclose */ {EIO, EINTR},
-      /* lock */ {EINVAL},
-      /* unlock */ {EPERM},
-      /* initLock */ {ENOMEM},
-  }};
-  return errors[call];
+  const bool isSend = call == "send", isPoll = call == "poll", isReceive = call == "recv";
+  if ((isSend || isPoll || isReceive) && (isOpen || target.isQuery())) {
+    if (error == kShort || error == EAGAIN) return {0};
+    if (mode.timeout > 0 && error == EINTR && !isReceive) return {0};  // it ends no call
+    if (isPoll && error == kEnd) return {isOpen ? ZEB_CONNECT_TIMED_OUT : ZEB_TIMED_OUT};
+    if (!isOpen) return {ZEB_CONNECTION_LOST};
+    Codes codes = {ZEB_CONNECT_FAILED, ZEB_CONNECTION_LOST};
+    if (isPoll && error == EINTR && !target.before.empty()) codes.push_back(0);  // of the connect
+    return codes;
+  }
+  if (!isOpen) return {0};
+  if (call == "getaddrinfo")  // a numeric address that is refused once is taken as it is
+    return {onwards ? ZEB_HOST_UNKNOWN : 0};
+  if (call == "socket" || call == "setsockopt") return {ZEB_CONNECT_FAILED};
+  if (call != "connect" && call != "getsockopt") return {0};
+  if (error % kPending == ECONNREFUSED) return {ZEB_CONNECT_REFUSED};
+  return {error % kPending == ENETUNREACH ? ZEB_NETWORK_UNREACHABLE : ZEB_CONNECT_FAILED};
 }
 
 // ---- One point ----------------------------------------------------------------------------------
 
 struct Outcome {
-  int rc;
-  bool hasStruck;
-  std::array<int, kCalls> counts;
-  std::string seen;       // what a call that went well handed out
-  std::string complaint;  // empty: all is well
+  int rc = 0;
+  bool hasStruck = true;
+  std::map<std::string_view, int> counts = {};
+  std::string replies = {};    // of the gateway, during the call
+  std::string seen = {};       // what a call that went well handed out
+  std::string complaint = {};  // empty: all is well
 };
 
-void prepare(const Target& target, Session& s) {
-  if (target.needs == Needs::nothing) return;
-  s.open();
-  if (target.needs == Needs::ids) getStatIds(s.token, &s.answer);
-  if (target.needs == Needs::stats || target.needs == Needs::copy) getStats(s.token, &s.answer);
-  if (target.needs == Needs::copy) copyResultSet(s.answer, &s.copy);
-}
-
-// What must hold of the caller's arguments and of the connection, which is gone after -102 and -122
-// and good for another query else.
+// What must hold of the caller's arguments, and of the connection: it is gone after a query that
+// failed on the way, and otherwise good for another query.
 std::string checkSession(const Target& target, int rc, Session& s) {
   std::string complaint;
-  if (rc < 0 && target.family == Family::open && (s.token != nullptr || s.version != nullptr))
+  if (rc < 0 && target.family == kOpen && (s.token != nullptr || s.version != nullptr))
     complaint += " a failed open writes to its arguments;";
   if (rc < 0 && target.isQuery() && s.answer != nullptr)
     complaint += " a failed query writes to its argument;";
   if (s.token == nullptr) return complaint;
-  const bool isLost =
-      target.isQuery() && (rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED);
+  const bool isLost = target.isQuery() && rc < 0 && rc != ZEB_NO_MEMORY;
   const int next = getStats(s.token, &s.answer);
   if (isLost) s.token = nullptr;
   if (next != (isLost ? ZEB_TOKEN_UNKNOWN : 0))
@@ -209,54 +185,58 @@ std::string checkSession(const Target& target, int rc, Session& s) {
   return complaint;
 }
 
-std::string checkNextSession(int port) {
-  Session s = {.port = port};
-  const int opened = s.open();
-  const int asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
+std::string checkNextSession() {
+  Session s = {.port = kPort};
+  const int opened = s.open(), asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
   const std::string seen = s.tell();
-  const int closed = s.release();
-  if (asked == 0 && closed == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;"))
-    return "";
-  return formatText(" the next session gets open=%d query=%d close=%d %s;", opened, asked, closed,
-                    seen.c_str());
+  const bool isGood =
+      s.release() == 0 && asked == 0 && seen.starts_with("GD 0 GD_A=1 GD 0 GD_B=two XX -11 -113;");
+  return isGood ? "" : formatText(" the next session gets %d, %d, ", opened, asked) + seen + ";";
 }
 
 // Makes the target's call with the faults under it, and then what must succeed.
-Outcome tryPoint(const Target& target, int port, int level, const std::vector<Fault>& faults) {
+Outcome tryPoint(const Target& target, const Mode& mode, const std::vector<Fault>& faults,
+                 const Wire& wire = {}) {
   const auto before = countHoldings();
-  Outcome outcome = {};
-  Session s = {.port = port};
+  Outcome outcome;
+  Session s = {.port = kPort};
   {
     const Injection quiet;
-    prepare(target, s);
+    if (target.needs != kNothing) {
+      s.open();
+      target.needs == kIds ? getStatIds(s.token, &s.answer) : getStats(s.token, &s.answer);
+      copyResultSet(s.answer, &s.copy);
+    }
     if (target.isQuery()) s.answer = nullptr;
-    setAPITraceLevel(level);
+    setAPITraceLevel(mode.level);
+    setAPITimeout(mode.timeout);
   }
   {
-    std::vector<Fault> plan = target.ahead;
+    std::vector<Fault> plan = target.before;
     plan.insert(plan.end(), faults.begin(), faults.end());
-    const Injection injection(plan);
+    const Injection injection(plan, wire);
+    errno = 0;  // no earlier error hides that a call has none
     outcome.rc = target.run(s);
     outcome.hasStruck = injection.hasStruck();
-    outcome.counts = injection.counts();
+    outcome.counts = injection.counts;
+    outcome.replies = injection.replies;
   }
-  outcome.complaint = takeLockComplaint();
+  outcome.complaint = takeComplaint();
   {
     const Injection quiet;
     setAPITraceLevel(0);
+    setAPITimeout(0);
     if (outcome.rc == 0) outcome.seen = s.tell();
     outcome.complaint += checkSession(target, outcome.rc, s);
-    if (s.release() != 0) outcome.complaint += " the connection can not be closed;";
-    outcome.complaint += checkNextSession(port);
+    if (s.release() != 0) outcome.complaint += " the connection cannot be closed;";
+    outcome.complaint += checkNextSession();
     if (setAPITraceFile(tracePath.c_str()) != 0 || truncate(tracePath.c_str(), 0) != 0)
       outcome.complaint += " no trace file;";
   }
-  outcome.complaint += takeLockComplaint();
+  outcome.complaint += takeComplaint();
   const auto after = countHoldings();
-  if (after != before) {
-    outcome.complaint += formatText(" holds %zu blocks and %zu descriptors, was %zu and %zu;",
-                                    after.first, after.second, before.first, before.second);
-  }
+  if (after != before)
+    outcome.complaint += formatText(" the library holds %zu, was %zu;", after, before);
   return outcome;
 }
 
@@ -271,58 +251,50 @@ std::string judge(const Outcome& outcome, const Outcome& clean, const Codes& all
   return complaint;
 }
 
+std::string show(const Target& target, const Mode& mode) {
+  return formatText("%s at level %d, timeout %d", target.name, mode.level, mode.timeout);
+}
 std::string show(const Fault& fault) {
-  return formatText(", call %d fails at %d%s with %d", fault.call, fault.at,
-                    fault.onwards ? " and on" : "", fault.error);
+  return ", " + std::string(fault.call) +
+         formatText(" fails at %d%s with %d", fault.at, fault.onwards ? " and on" : "",
+                    fault.error);
 }
 
 // ---- First calls --------------------------------------------------------------------------------
 
 // In a process that has not called the library yet: the first call and, while the fault lasts, the
 // second.
-std::string tryFirstCall(int port, const Fault& fault, int expected) {
-  Session s = {.port = port};
+std::string tryFirstCall(const Fault& fault, int expected) {
+  char* version = nullptr;
   const auto before = countHoldings();
   std::string complaint;
   {
     const Injection injection({fault});
-    const int first = getStatsAPIVersion(&s.text);
-    if (first != expected) complaint += formatText(" the first call returns %d;", first);
-    if (!injection.hasStruck()) complaint += " the fault was never reached;";
-    s.text = nullptr;
-    const int second = closeAllGatewayConnections();
-    if (second != (fault.onwards ? expected : 0))
-      complaint += formatText(" the second returns %d;", second);
-    complaint += takeLockComplaint();
+    const int first = getStatsAPIVersion(&version), second = closeAllGatewayConnections();
+    if (first != expected || second != (fault.onwards ? expected : 0) || !injection.hasStruck())
+      complaint = formatText(" the first calls return %d and %d;", first, second);
   }
-  {
-    const Injection quiet;
-    if (s.release() != 0) complaint += " the connection can not be closed;";
-    complaint += checkNextSession(port) + takeLockComplaint();
-  }
-  const auto after = countHoldings();  // the name of the trace file stays
-  if (after.first != before.first + 1 || after.second != before.second)
-    complaint += formatText(" holds %zu blocks more;", after.first - before.first);
+  const Injection quiet;
+  complaint += takeComplaint() + checkNextSession() + takeComplaint();
+  if (countHoldings() != before + 1) complaint += " more than the trace file's name stays;";
   return complaint;
 }
 
-TEST(FirstCall, ThatFailsHasItsCodeAndTheNextOneStartsTheLibrary) {
+TEST(FirstCall, thatFailsHasItsCodeAndTheNextOneStartsTheLibrary) {
   ASSERT_EQ(statAPITraceHandle, nullptr) << "this process has called the library already";
-  const GatewayProcess gateway;
-  const auto sweep = [&](const char* name, Call call, const Codes& expected) {
-    Row row(name);
-    for (std::size_t at = 0; at < expected.size(); ++at) {
-      for (const bool onwards : {false, true}) {
-        const Fault fault = {call, static_cast<int>(at) + 1, onwards, errorsOf(call)[0]};
-        row.add("first call" + show(fault),
-                inChild([&] { return tryFirstCall(gateway.port(), fault, expected[at]); }));
-      }
+  const std::vector<std::pair<std::string_view, Codes>> failing = {
+      {"malloc", {ZEB_NO_MEMORY}},
+      {"pthread_mutex_init", {ZEB_TRACE_LOCK_FAILED, -2}},
+      {"pthread_mutex_lock", {0, 0}},
+      {"pthread_mutex_unlock", {0, 0}}};
+  for (const auto& [call, codes] : failing) {
+    Row row(call == "malloc" ? "F1" : "F2");
+    for (int i = 0; i < 2 * std::ssize(codes); ++i) {
+      const Fault fault = {call, i / 2 + 1, i % 2 == 1, errorsOf(call, {})[0]};
+      const int code = codes[static_cast<std::size_t>(i / 2)];
+      row.add("first call" + show(fault), inChild([&] { return tryFirstCall(fault, code); }));
     }
-  };
-  sweep("F1", kAllocate, {ZEB_NO_MEMORY});
-  sweep("F2", kInitLock, {ZEB_TRACE_LOCK_FAILED, -2});
-  sweep("F2", kLock, {0, 0});
-  sweep("F2", kUnlock, {0, 0});
+  }
 }
 
 // ---- Sweeps -------------------------------------------------------------------------------------
@@ -330,145 +302,179 @@ TEST(FirstCall, ThatFailsHasItsCodeAndTheNextOneStartsTheLibrary) {
 class Faults : public testing::Test {
  protected:
   void SetUp() override {
-    tracePath = formatText("/proc/self/fd/%d", memfd_create("trace", 0));
-    otherTracePath = formatText("/proc/self/fd/%d", memfd_create("other", 0));
+    const Injection quiet;
     ASSERT_EQ(setAPITraceFile(tracePath.c_str()), 0);
-    ASSERT_EQ(checkNextSession(gateway_.port()), "");
+    ASSERT_EQ(checkNextSession(), "");
   }
   void TearDown() override { setAPITraceFile(nullptr); }
+};
 
-  Outcome tryClean(const Target& target, int level) {
-    Outcome clean = tryPoint(target, gateway_.port(), level, {});
-    EXPECT_EQ(clean.rc, 0) << target.name;
-    EXPECT_EQ(clean.complaint, "") << target.name;
-    return clean;
-  }
-  void tryFault(Row& row, const Target& target, int level, const Outcome& clean,
-                const Fault& fault) {
-    row.add(formatText("%s at level %d", target.name, level) + show(fault),
-            judge(tryPoint(target, gateway_.port(), level, {fault}), clean,
-                  codesUnder(target, fault.call, fault.error)));
-  }
-  void sweepCall(Row& row, const Target& target, int level, const Outcome& clean, Call call) {
-    for (int at = 1; at <= clean.counts[call]; ++at) {
-      for (const int error : errorsOf(call)) {
-        for (const bool onwards : {false, true})
-          tryFault(row, target, level, clean, {call, at, onwards, error});
-      }
-    }
-  }
-  // Of the calls that each line of the trace makes, on which nothing hangs: with one error, and all
-  // from the Nth on at every eighth, where a sanitizer does not slow it down. One query stands for
-  // all.
-  void sweepTrace(std::initializer_list<Call> calls) {
-    Row row("F2");
-    for (const Target& target : kTargets) {
-      if (!target.ahead.empty() ||
-          (target.isQuery() && target.name != std::string_view("getStatsByStatId")))
-        continue;
-      const Outcome clean = tryClean(target, 5);
-      for (const Call call : calls) {
-        for (int at = 1; at <= clean.counts[call]; ++at) {
-          const int error = errorsOf(call)[0];
-          if (at % 8 == 1) tryFault(row, target, 5, clean, {call, at, true, error});
-          if (at % 8 == 1 || !kIsSanitized)
-            tryFault(row, target, 5, clean, {call, at, false, error});
+// The target's call without any fault.
+const Outcome& tryClean(const Target& target, const Mode& mode) {
+  static std::map<std::string, Outcome> known;
+  const auto [clean, isNew] = known.try_emplace(show(target, mode));
+  if (isNew) clean->second = tryPoint(target, mode, {});
+  EXPECT_EQ(clean->second.rc, 0) << clean->first;
+  EXPECT_EQ(clean->second.complaint, "") << clean->first;
+  return clean->second;
+}
+
+constexpr Mode kPlain = {0, 0}, kTraced = {5, 0}, kTimed = {0, 60000};
+
+class FaultsWith : public Faults, public testing::WithParamInterface<Mode> {};
+
+// Each line of the trace flushes and locks, and no code depends on it: one error at the first 24 and
+// then at every eighth, all from there on at every eighth, and one query for all.
+TEST_P(FaultsWith, aFailingCallGivesADocumentedCode) {
+  Row allocations("F1"), systemCalls("F2");
+  const Mode mode = GetParam();
+  const auto isSkipped = [&](const Target& target, const Fault& fault) {
+    const bool isOfTrace = fault.call == "fflush" || fault.call.starts_with("pthread");
+    if (mode.level == 0 || !isOfTrace) return false;
+    return fault.error == EINTR || ((fault.at > 24 || fault.onwards) && fault.at % 8 != 1) ||
+           (target.isQuery() && target.name != std::string_view("getStatsByStatId"));
+  };
+  for (const Target& target : kTargets) {
+    const Outcome& clean = tryClean(target, mode);
+    for (const auto& [call, count] : clean.counts) {
+      for (int at = 1; at <= count; ++at) {
+        for (const int error : errorsOf(call, mode)) {
+          for (const bool onwards : {false, true}) {
+            const Fault fault = {call, at, onwards, error};
+            if (isSkipped(target, fault)) continue;
+            (call == "malloc" ? allocations : systemCalls)
+                .add(show(target, mode) + show(fault), judge(tryPoint(target, mode, {fault}), clean,
+                                                             codesUnder(target, mode, fault)));
+          }
         }
       }
     }
   }
-  GatewayProcess gateway_;
-};
-
-TEST_F(Faults, AnAllocationThatFailsGivesADocumentedCode) {
-  Row row("F1");
-  for (const Target& target : kTargets) {
-    for (const int level : {0, 5})
-      sweepCall(row, target, level, tryClean(target, level), kAllocate);
-  }
 }
+INSTANTIATE_TEST_SUITE_P(Modes, FaultsWith, testing::Values(kPlain, kTraced, kTimed));
 
-TEST_F(Faults, ASystemCallThatFailsGivesItsMappedCode) {
-  Row row("F2");
-  for (const Target& target : kTargets) {
-    for (const int level : {0, 5}) {
-      const Outcome clean = tryClean(target, level);
-      for (int call = kAllocate + 1; call < kCalls; ++call) {
-        const bool isOfTrace = call == kFflush || call == kLock || call == kUnlock;
-        if (level == 0 || !isOfTrace) sweepCall(row, target, level, clean, static_cast<Call>(call));
-      }
-    }
-  }
-}
-
-// As it does on a host that has only addresses of the other family.
-TEST(Resolver, ThatRefusesANumericAddressIsNotNeededForIt) {
-  const GatewayProcess gateway;
-  Session s = {.port = gateway.port()};
-  int rc;
-  {
-    const Injection refusal({{kGetaddrinfo, 1, false, EAI_ADDRFAMILY}});
-    rc = s.open();
-    EXPECT_TRUE(refusal.hasStruck());
-  }
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(getStats(s.token, &s.answer), rc == 0 ? 0 : ZEB_TOKEN_NULL);
-  EXPECT_EQ(s.release(), 0);
-  const Injection refusals({{kGetaddrinfo, 1, true, EAI_ADDRFAMILY}});
-  EXPECT_EQ(openRemoteGatewayConnection("localhost", gateway.port(), &s.token, &s.version),
-            ZEB_HOST_UNKNOWN);
-}
-
-TEST_F(Faults, AFlushOfTheTraceThatFailsChangesNoCode) {
-  sweepTrace({kFflush});
-}
-
-TEST_F(Faults, ALockOfTheTraceThatFailsChangesNoCode) {
-  sweepTrace({kLock, kUnlock});
-}
-
-TEST_F(Faults, AReplyThatEndsBehindItsFirstByteIsALostConnection) {
-  Row row("F3");
-  for (const Target& target : kTargets) {
-    const Outcome clean = tryClean(target, 0);
-    for (int at = 1; at <= clean.counts[kRecv]; ++at) {
-      const std::vector<Fault> pair = {{kRecv, at, false, kShort}, {kRecv, 1, false, kEnd}};
-      row.add(formatText("%s, reply part %d", target.name, at),
-              judge(tryPoint(target, gateway_.port(), 0, pair), clean,
-                    codesUnder(target, kRecv, kEnd)));
-    }
-  }
-}
-
-TEST_F(Faults, ASecondFaultInTheCleanUpOfTheFirstLosesNothing) {
+TEST_F(Faults, aSecondFaultInTheCleanUpOfTheFirstLosesNothing) {
   Row row("F3");
   std::mt19937 random(2000);
   const auto pick = [&](std::size_t count) { return random() % count; };
-  const auto pickFault = [&](Call call, int count) {
-    const Codes& errors = errorsOf(call);
-    const int at = 1 + static_cast<int>(pick(static_cast<std::size_t>(count)));
-    return Fault{call, at, false, errors[pick(errors.size())]};
-  };
-  std::map<std::pair<std::string, int>, Outcome> cleanOutcomes;
-  for (int pairs = 0; pairs < 2000;) {
+  for (int pairs = 0; pairs < 2050;) {
     const Target& target = kTargets[pick(kTargets.size())];
-    const int level = pick(8) == 0 ? 5 : 0;
-    const auto [known, isNew] = cleanOutcomes.try_emplace({target.name, level});
-    if (isNew) known->second = tryClean(target, level);
-    const Outcome& clean = known->second;
-    const std::size_t call = pick(kCalls);
-    if (clean.counts[call] == 0) continue;
+    const Mode mode = pick(8) == 0 ? kTraced : pick(2) == 0 ? kTimed : kPlain;
+    const Outcome& clean = tryClean(target, mode);
+    if (clean.counts.empty()) continue;
     ++pairs;
-    const Fault first = pickFault(static_cast<Call>(call), clean.counts[call]);
-    Fault second = pickFault(pick(2) == 0 ? first.call : static_cast<Call>(pick(kCalls)), 3);
-    second.onwards = pick(3) == 0;
-    Outcome outcome = tryPoint(target, gateway_.port(), level, {first, second});
+    const auto pickFault = [&](bool onwards) {
+      const auto& [call, count] = *std::next(clean.counts.begin(), pick(clean.counts.size()));
+      const Codes errors = errorsOf(call, mode);
+      return Fault{call, 1 + static_cast<int>(pick(count)), onwards, errors[pick(errors.size())]};
+    };
+    const Fault first = pickFault(false);
+    Fault second = pickFault(pick(3) == 0);
+    second.at = 1 + static_cast<int>(pick(3));
+    if (pick(2) == 0) second = {first.call, second.at, second.onwards, first.error};
+    Outcome outcome = tryPoint(target, mode, {first, second});
     outcome.hasStruck = true;  // the second need not
-    Codes allowed = codesUnder(target, first.call, first.error);
-    for (const int code : codesUnder(target, second.call, second.error)) allowed.push_back(code);
-    row.add(formatText("%s at level %d", target.name, level) + show(first) + show(second),
-            judge(outcome, clean, allowed));
+    Codes allowed = codesUnder(target, mode, first);
+    for (const int at : {1, 2}) {
+      for (const bool onwards : {false, true}) {
+        for (const int code : codesUnder(target, mode, {second.call, at, onwards, second.error}))
+          allowed.push_back(code);
+      }
+    }
+    row.add(show(target, mode) + show(first) + show(second), judge(outcome, clean, allowed));
   }
+}
+
+// ---- Replies ------------------------------------------------------------------------------------
+
+// Tries what is done to the replies of each call that gets any.
+template <typename Try>
+void sweepReplies(Mode mode, Try tryReplies) {
+  for (const Target& target : kTargets) {
+    if (target.family == kLocal) continue;
+    const Outcome& clean = tryClean(target, mode);
+    ASSERT_GT(clean.replies.size(), 0u) << target.name;
+    tryReplies(target, clean);
+  }
+}
+
+class RepliesWith : public FaultsWith {};
+
+// The connection ends after any byte, or the reply comes in single bytes or two parts.
+TEST_P(RepliesWith, aCutReplyIsACodeAndOneInPiecesIsTheSame) {
+  Row ends("F4"), pieces("F5");
+  const std::size_t connected =
+      (zebsim::reply("BASE", "") + zebsim::reply("Auth", zebsim::authFirstData(1, 2, 3)) +
+       zebsim::reply("Auth", zebsim::authSecondData()))
+          .size();
+  sweepReplies(GetParam(), [&](const Target& target, const Outcome& clean) {
+    const auto tryWire = [&](Row& row, const Wire& wire, int code) {
+      row.add(formatText("%s, end at %zu, %d, split at %zu", target.name, wire.endsAt,
+                         wire.sendError, wire.splitAt),
+              judge(tryPoint(target, GetParam(), {}, wire), clean, {code}));
+    };
+    for (std::size_t at = 0; at < clean.replies.size(); ++at) {
+      int code = target.family == kClosing ? 0 : ZEB_CONNECTION_LOST;
+      if (target.family == kOpen && at < connected) code = ZEB_CONNECT_FAILED;
+      tryWire(ends, {.endsAt = at}, code);
+      tryWire(ends, {.endsAt = at, .sendError = EPIPE}, code);
+      tryWire(ends, {.endsAt = at, .receiveError = ECONNRESET, .sendError = ECONNRESET}, code);
+      tryWire(pieces, {.piece = at == 0 ? 1 : SIZE_MAX, .splitAt = at}, 0);
+    }
+  });
+}
+INSTANTIATE_TEST_SUITE_P(Modes, RepliesWith, testing::Values(kPlain, kTimed));
+
+// Every bit, and at every byte the extremes of a field: all fields begin at some byte.
+TEST_F(Faults, aChangedReplyIsACodeOrAnotherAnswer) {
+  Row row("F6");
+  const auto change = [&](const Target& target, const Outcome& clean, std::size_t at,
+                          const std::string& value) {
+    if (clean.replies.compare(at, value.size(), value) == 0) return;
+    const Wire wire = {.changedAt = at, .change = value};
+    Outcome outcome = tryPoint(target, kPlain, {}, wire);
+    outcome.seen = clean.seen;
+    Codes allowed = {0, ZEB_CONNECTION_LOST, ZEB_COMMUNICATION_FAILED};
+    if (target.family == kOpen) allowed.push_back(ZEB_CONNECT_FAILED);
+    if (target.family == kClosing) allowed.resize(1);
+    row.add(formatText("%s, %zu bytes changed at %zu", target.name, value.size(), at),
+            judge(outcome, clean, allowed));
+  };
+  sweepReplies(kPlain, [&](const Target& target, const Outcome& clean) {
+    if (!target.before.empty() || target.family == kTextQuery) return;
+    for (std::size_t at = 0; at < clean.replies.size(); ++at) {
+      for (int bit = 0; bit < 8; ++bit)
+        change(target, clean, at, {static_cast<char>(clean.replies[at] ^ 1 << bit)});
+      for (const unsigned extreme : {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0xF004u}) {
+        for (const std::size_t width : {1, 2, 4}) {
+          const std::string value = zebsim::words({extreme});
+          if (at + width <= clean.replies.size())
+            change(target, clean, at, value.substr(extreme == 0xF004 ? 4 - width : 0, width));
+        }
+      }
+    }
+  });
+}
+
+// ---- What no session reaches --------------------------------------------------------------------
+
+// Records of other sizes than the library's own.
+TEST_F(Faults, aRequestIsSentWithoutWhatTheMemoryHeldOrNotAtAll) {
+  const auto request = [](const char* argument, std::uint32_t dataLength) {
+    AdminCallRecord call = {};
+    call.header = zeb::makeHeader("Admin", zeb::kCallMessage, dataLength);
+    call.callKind = zeb::kInvoke;
+    call.country = call.language = call.qualifier = call.beanName = call.action = call.signature =
+        "";
+    call.argument = argument;
+    reasons failure = {};
+    const Injection injection({}, {.replies = ""});
+    const int rc = flowAdminRequest(1, &call, &failure);
+    return rc == ZEB_NO_MEMORY ? "not sent" : injection.sent;
+  };
+  EXPECT_TRUE(request("x", 40 + 60).ends_with("\1" + std::string(2 + 60, '\0')));
+  EXPECT_EQ(request("x", 39), "not sent");
+  EXPECT_EQ(request(std::string(65536, 'x').c_str(), 70000), "not sent");
 }
 
 }  // namespace

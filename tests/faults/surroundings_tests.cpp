@@ -5,10 +5,10 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 
+#include <functional>
 #include <regex>
 
 #include "client_session.h"
-#include "zebstats_private.h"
 
 namespace {
 
@@ -24,77 +24,70 @@ class Surroundings : public testing::Test {
     expected = inChild([&] { return tellSession(gateway.port()); });
     ASSERT_TRUE(expected.ends_with("\nclose 0")) << expected;
   }
-  // A session in a child process that prepare has made hostile.
-  template <typename Prepare>
-  std::string tellAfter(Prepare prepare) const {
-    return inChild([&] {
+  // A point: a session, in a child process that prepare has made hostile.
+  void tryAfter(Row& row, const std::string& name, const std::string& wanted,
+                const std::function<void()>& prepare) const {
+    const auto tell = [&] {
       prepare();
       return tellSession(gateway.port());
-    });
+    };
+    row.add(name, differ(inChild(tell), wanted));
   }
   GatewayProcess gateway;
   std::string expected;
 };
 
-volatile std::sig_atomic_t alarms = 0;
-volatile std::sig_atomic_t brokenPipes = 0;
+volatile std::sig_atomic_t signals = 0;
 
-// Told as expected, up to a call that a signal has ended with a code documented for that.
-std::string checkInterrupted(const std::string& told, const std::string& expected) {
-  static const std::regex ending("(^open -1(18|02)|\nget[A-Za-z]+ -102);\nclose 0$");
-  std::smatch failed;
-  const bool isWell = told == expected || (std::regex_search(told, failed, ending) &&
-                                           expected.starts_with(failed.prefix().str()));
-  return isWell ? "" : differ(told, expected);
+void countSignals(int signal, int flags) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { signals = signals + 1; };
+  action.sa_flags = flags;
+  sigaction(signal, &action, nullptr);
+  signals = 0;
 }
 
-TEST_F(Surroundings, ASignalEndsACallWithADocumentedCodeOrNotAtAll) {
+// As expected, up to a call that a signal has ended with a code documented for that.
+TEST_F(Surroundings, aSignalEndsACallWithADocumentedCodeOrNotAtAll) {
+  static const std::regex ending("(^open -1(18|02)|\nget[A-Za-z]+ -102);\nclose 0$");
   Row row("F9");
   const TemporaryFile trace;
   ASSERT_EQ(setAPITraceFile(trace.path().c_str()), 0);
   for (const int flags : {0, SA_RESTART}) {
-    struct sigaction action = {};
-    action.sa_handler = [](int) { alarms = alarms + 1; };
-    action.sa_flags = flags;
-    sigaction(SIGALRM, &action, nullptr);
-    alarms = 0;
-    const itimerval often = {{0, 1000}, {0, 1000}};
+    countSignals(SIGALRM, flags);
+    const itimerval often = {{0, 1000}, {0, 1000}}, never = {};
     setitimer(ITIMER_REAL, &often, nullptr);
-    while (alarms < 1000) row.add("1 kHz", checkInterrupted(tellSession(gateway.port()), expected));
-    const itimerval never = {};
+    while (signals < 1000) {
+      const std::string told = tellSession(gateway.port());
+      std::smatch failed;
+      const bool isCut =
+          std::regex_search(told, failed, ending) && expected.starts_with(failed.prefix().str());
+      row.add("1 kHz", isCut ? "" : differ(told, expected));
+    }
     setitimer(ITIMER_REAL, &never, nullptr);
   }
   setAPITraceFile(nullptr);
 }
 
-TEST_F(Surroundings, ABrokenPipeReachesNoHandlerAndChangesNoMask) {
+TEST_F(Surroundings, aBrokenPipeReachesNoHandlerAndChangesNoMask) {
   Row row("F9");
-  const auto losesItsConnection = [&] {
+  sigset_t before, after;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  for (const bool isHandled : {false, true}) {
+    signal(SIGPIPE, SIG_DFL);
+    if (isHandled) countSignals(SIGPIPE, 0);
     Session s = {.port = gateway.port()};
     ASSERT_EQ(s.open(), 0);
-    ASSERT_EQ(getStats(s.token, &s.answer), 0);
     shutdown(s.token->socket, SHUT_WR);  // the next send breaks the pipe
     EXPECT_EQ(getStats(s.token, &s.answer), ZEB_CONNECTION_LOST);
     s.token = nullptr;  // the failure has removed it
     s.release();
-  };
-  signal(SIGPIPE, SIG_DFL);
-  losesItsConnection();
-  struct sigaction host = {};
-  host.sa_handler = [](int) { brokenPipes = brokenPipes + 1; };
-  sigaction(SIGPIPE, &host, nullptr);
-  sigset_t before, after;
-  pthread_sigmask(SIG_SETMASK, nullptr, &before);
-
-  losesItsConnection();
-  pthread_sigmask(SIG_SETMASK, nullptr, &after);
-  std::string changed;
-  for (int number = 1; number < SIGRTMAX; ++number) {
-    if (sigismember(&before, number) != sigismember(&after, number))
-      changed += formatText(" %d is changed;", number);
+    raise(isHandled ? SIGPIPE : 0);
+    row.add("handler's calls", isHandled && signals != 1 ? formatText(" %d", signals + 0) : "");
   }
-  row.add("mask of the thread", changed);
-  row.add("handler's calls", brokenPipes == 0 ? "" : " there were some");
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  for (int number = 1; number < SIGRTMAX; ++number)
+    EXPECT_EQ(sigismember(&before, number), sigismember(&after, number)) << number;
 }
 
 // Takes all descriptors below this one, and returns the first that is free.
@@ -105,20 +98,19 @@ int takeDescriptors(int below) {
   return taken;
 }
 
-TEST_F(Surroundings, DescriptorsMayBeHighFewOrTheStandardOnes) {
+TEST_F(Surroundings, descriptorsMayBeHighFewOrTheStandardOnes) {
   Row row("F10");
-  row.add("all below 1100 taken", differ(tellAfter([] { takeDescriptors(1100); }), expected));
+  tryAfter(row, "all below 1100 taken", expected, [] { takeDescriptors(1100); });
   for (const int free : {0, 1, 2}) {
     const auto leave = [free] {
       const rlimit limits = {static_cast<rlim_t>(takeDescriptors(0) + free), 2000};
       setrlimit(RLIMIT_NOFILE, &limits);
     };
-    row.add(formatText("%d descriptors left", free),
-            differ(tellAfter(leave), free > 0 ? expected : "open -118;\nclose 0"));
+    tryAfter(row, formatText("%d descriptors left", free),
+             free > 0 ? expected : "open -118;\nclose 0", leave);
     const auto openTrace = [&] {
       leave();
-      const int rc = setAPITraceFile("/proc/self/fd/2");
-      return std::to_string(rc);
+      return std::to_string(setAPITraceFile("/proc/self/fd/2"));
     };
     row.add(formatText("%d descriptors left for the trace", free),
             differ(inChild(openTrace), free > 0 ? "0" : "-130"));
@@ -146,14 +138,14 @@ TEST_F(Surroundings, DescriptorsMayBeHighFewOrTheStandardOnes) {
 }
 
 pid_t cloneRaw() {
-#if defined(__s390x__)  // where the stack comes first
+#if defined(__s390x__)  // the stack comes first
   return static_cast<pid_t>(syscall(SYS_clone, 0, SIGCHLD, 0, 0, 0));
 #else
   return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
 #endif
 }
 
-TEST_F(Surroundings, AChildMayNotUseItsParentsConnectionAndLeavesItWhole) {
+TEST_F(Surroundings, aChildMayNotUseItsParentsConnectionAndLeavesItWhole) {
   Row row("F12");
   Session s = {.port = gateway.port()};
   ASSERT_EQ(s.open(), 0);
@@ -163,49 +155,50 @@ TEST_F(Surroundings, AChildMayNotUseItsParentsConnectionAndLeavesItWhole) {
     std::string codes;
     for (const Query& query : kQueries) codes += formatText("%d ", query.ask(s));
     codes += tellAnswer(s.answer);
-    codes += formatText("%d %d %d\n", copyResultSet(s.answer, &s.copy), dumpResultSet(s.answer),
-                        getIdQuery(s.answer, &s.text));
-    return codes + tellSession(gateway.port());
+    return codes + formatText("%d %d %d ", copyResultSet(s.answer, &s.copy),
+                              dumpResultSet(s.answer), getIdQuery(s.answer, &s.text));
   };
-  // A child's closes only forget the connection, of which the gateway and its parent know nothing.
+  // A child's closes only forget the connection: the gateway and the parent notice nothing.
   const auto forget = [&] {
     GatewayToken* token = s.token;
-    std::string codes = formatText("%d ", closeGatewayConnection(&token));
-    return codes + formatText("%d ", closeGatewayConnection(&s.token)) +
-           tellSession(gateway.port());
+    const int first = closeGatewayConnection(&token);
+    return formatText("%d %d ", first, closeGatewayConnection(&s.token));
   };
   const auto forgetAll = [&] {
-    std::string codes = formatText("%d ", closeAllGatewayConnections());
-    return codes + formatText("%d ", closeGatewayConnection(&s.token)) +
-           tellSession(gateway.port());
+    const int first = closeAllGatewayConnections();
+    return formatText("%d %d ", first, closeGatewayConnection(&s.token));
   };
-  const std::string refused = "-123 -123 -123 -123 -123 -123 -123;-123 -123 -123\n";
-  for (pid_t (*spawn)() : std::array<pid_t (*)(), 2>{fork, cloneRaw}) {
+  const std::array<std::pair<std::function<std::string()>, const char*>, 3> children = {
+      {{useAll, "-123 -123 -123 -123 -123 -123 -123;-123 -123 -123 "},
+       {forget, "0 -101 "},
+       {forgetAll, "0 -101 "}}};
+  for (pid_t (*spawn)() : {static_cast<pid_t (*)()>(fork), &cloneRaw}) {
     if (kHasThreadSanitizer && spawn == &cloneRaw) {
-      printf("skipped: raw clone, whose child the thread sanitizer knows nothing of\n");
+      printf("skipped: raw clone, whose child the thread sanitizer does not know\n");
       continue;
     }
-    row.add("child", differ(inChild(useAll, spawn), refused + expected));
-    row.add("close", differ(inChild(forget, spawn), "0 -101 " + expected));
-    row.add("close-all", differ(inChild(forgetAll, spawn), "0 -101 " + expected));
-    row.add("parent behind it",
-            getStats(s.token, &s.answer) == 0 ? differ(s.tell(), told) : " has lost it");
+    for (const auto& [work, codes] : children) {
+      const auto tell = [&, &work = work] { return work() + tellSession(gateway.port()); };
+      row.add("child", differ(inChild(tell, spawn), codes + expected));
+      row.add("its parent",
+              getStats(s.token, &s.answer) == 0 ? differ(s.tell(), told) : " has lost it");
+    }
   }
   EXPECT_EQ(s.release(), 0);
 }
 
-TEST_F(Surroundings, ATraceThatGoesNowhereChangesNoCode) {
+TEST_F(Surroundings, aTraceThatGoesNowhereChangesNoCode) {
   Row row("F15");
-  row.add("full disk",
-          differ(tellAfter([] { setAPITraceFile("/dev/full"), setAPITraceLevel(5); }), expected));
-  row.add("deleted file", differ(tellAfter([] {
-                                   const TemporaryFile file;
-                                   setAPITraceFile(file.path().c_str());
-                                   setAPITraceLevel(5);
-                                 }),
-                                 expected));
-  row.add("closed standard error",
-          differ(tellAfter([] { close(2), setAPITraceLevel(5); }), expected));
+  const auto traceTo = [](const char* path) {
+    setAPITraceFile(path);
+    setAPITraceLevel(5);
+  };
+  tryAfter(row, "full disk", expected, [&] { traceTo("/dev/full"); });
+  tryAfter(row, "deleted file", expected, [&] { traceTo(TemporaryFile().path().c_str()); });
+  tryAfter(row, "closed standard error", expected, [] {
+    close(2);
+    setAPITraceLevel(5);
+  });
 }
 
 }  // namespace
