@@ -67,6 +67,23 @@ inline constexpr PublicCall kPublicCalls[] = {
 };
 #undef ZEB_CALL
 
+// The variables of a caller.
+struct Variables {
+  GatewayToken* token = nullptr;
+  ResultSetToken *answer = nullptr, *copy = nullptr;
+  char* text = nullptr;
+  StatData stat = {};
+  IdData id = {};
+  int number = 0;
+
+  // Makes a call with right arguments.
+  int make(const PublicCall& call, int port, int level = 0, const char* path = "/dev/null") {
+    const bool isOfCopy = call.kind == Kind::kCopy || call.kind == Kind::kFree;
+    return call.make({token, &token, answer, isOfCopy ? &copy : &answer, "A", "127.0.0.1", path,
+                      &text, &stat, &id, level, port, &number});
+  }
+};
+
 inline bool isDocumented(const PublicCall& call, int rc) {
   const std::string codes = " " + std::string(call.codes) + " ";
   return codes.find(" " + std::to_string(rc) + " ") != codes.npos;
