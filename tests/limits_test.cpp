@@ -138,26 +138,27 @@ struct Row {
   int rc;
 };
 
+const Script kAuthorised = Script().answerConnect();
+const Row kWaiting[] = {
+    {"connect", {}, ZEB_CONNECT_TIMED_OUT},
+    {"handshake", Script().expect().silence(), ZEB_CONNECT_TIMED_OUT},
+    {"dripped handshake", Script().expect().then(dripped(reply("BASE", kLong))),
+     ZEB_CONNECT_TIMED_OUT},
+    {"authorisation", Script().answer(kBase).expect().silence(), ZEB_CONNECT_TIMED_OUT},
+    {"version's opening", Script(kAuthorised).expect().silence(), ZEB_CONNECT_TIMED_OUT},
+    {"version", Script(kAuthorised).answerOpening().expect().silence(), ZEB_CONNECT_TIMED_OUT},
+    {"opening", Script(kOpened).expect().silence(), ZEB_TIMED_OUT},
+    {"answer", Script(kAsked).silence(), ZEB_TIMED_OUT},
+    {"dripped answer", Script(kAsked).then(dripped(answered(kLong))), ZEB_TIMED_OUT},
+    {"half a header", answering(announced(9).substr(0, 20)), ZEB_TIMED_OUT},
+    {"16 MiB", answering(announced(16 << 20)), ZEB_TIMED_OUT},
+    {"close", Script(kClosing).silence(), 0},
+    {"dripped close", Script(kClosing).then(dripped(reply("BASE", kLong))), 0}};
+
 TEST_F(Waits, endAtTheTimeoutOrAtAnErrorWhateverTheSignals) {
-  const Script answeredBase = Script().answer(kBase), authorised = Script().answerConnect();
   const Bytes exception = reply("Admin", zebsim::callExceptionData(zebsim::kInvoke));
   const Bytes refusal = reply("Auth", zebsim::words({0, 7, 0, 0, 0}));
-  const Row timedRows[] = {
-      {"connect", {}, ZEB_CONNECT_TIMED_OUT},
-      {"handshake", Script().expect().silence(), ZEB_CONNECT_TIMED_OUT},
-      {"dripped handshake", Script().expect().then(dripped(reply("BASE", kLong))),
-       ZEB_CONNECT_TIMED_OUT},
-      {"authorisation", Script(answeredBase).expect().silence(), ZEB_CONNECT_TIMED_OUT},
-      {"version's opening", Script(authorised).expect().silence(), ZEB_CONNECT_TIMED_OUT},
-      {"version", Script(authorised).answerOpening().expect().silence(), ZEB_CONNECT_TIMED_OUT},
-      {"opening", Script(kOpened).expect().silence(), ZEB_TIMED_OUT},
-      {"answer", Script(kAsked).silence(), ZEB_TIMED_OUT},
-      {"dripped answer", Script(kAsked).then(dripped(answered(kLong))), ZEB_TIMED_OUT},
-      {"half a header", answering(announced(9).substr(0, 20)), ZEB_TIMED_OUT},
-      {"16 MiB", answering(announced(16 << 20)), ZEB_TIMED_OUT},
-      {"close", Script(kClosing).silence(), 0},
-      {"dripped close", Script(kClosing).then(dripped(reply("BASE", kLong))), 0}};
-  const Row otherRows[] = {
+  const Row failing[] = {
       {"slow close", Script(kClosing).then(dripped(kBase)), 0},
       {"gone", answering(reply("Admin", "", 0xF004)), ZEB_CONNECTION_LOST},
       {"another name length", answering(reply("Admins", "")), ZEB_CONNECTION_LOST},
@@ -166,7 +167,7 @@ TEST_F(Waits, endAtTheTimeoutOrAtAnErrorWhateverTheSignals) {
       {"no handshake", Script().answer(reply("Admin", "")).silence(), ZEB_CONNECT_FAILED},
       {"16 MiB and a byte", answering(announced((16 << 20) + 1)), ZEB_COMMUNICATION_FAILED},
       {"failed call", Script(kAsked).reply(exception).ignoreAll(), ZEB_COMMUNICATION_FAILED},
-      {"refusal", Script(answeredBase).answer(refusal).ignoreAll(), ZEB_CONNECT_FAILED}};
+      {"refusal", Script().answer(kBase).answer(refusal).ignoreAll(), ZEB_CONNECT_FAILED}};
   const std::regex limit("\\*EXC\\*.*\\b" + std::to_string(kLimit) + "\\b");
   const FullListener full;
   std::size_t which = 0;
@@ -183,8 +184,8 @@ TEST_F(Waits, endAtTheTimeoutOrAtAnErrorWhateverTheSignals) {
     EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
   };
   const auto expectEnds = [&] {
-    for (const Row& row : timedRows) expectEnd(row, true);
-    for (const Row& row : otherRows) expectEnd(row, false);
+    for (const Row& row : kWaiting) expectEnd(row, true);
+    for (const Row& row : failing) expectEnd(row, false);
   };
   expectEnds();
   const std::jthread signals = sendSignals();
@@ -258,28 +259,24 @@ GatewayToken* awaitDescriptor() {
 }
 
 TEST_F(Waits, endAtOnceWhenAnotherThreadClosesTheConnection) {
-  const Script version = Script().answerConnect().answerOpening().expect();
-  const Row rows[] = {{"connect", {}, ZEB_TOKEN_UNKNOWN},
-                      {"handshake", Script().expect().silence(), ZEB_TOKEN_UNKNOWN},
-                      {"version", Script(version).silence(), ZEB_TOKEN_UNKNOWN},
-                      {"opening", Script(kOpened).expect().silence(), ZEB_CONNECTION_LOST},
-                      {"answer", Script(kAsked).silence(), ZEB_CONNECTION_LOST},
-                      {"data", answering(announced(100)), ZEB_CONNECTION_LOST}};
   const FullListener full;
-  for (int i = 0; i < 24; ++i, ++points) {
-    const Row& row = rows[i / 4];
-    const bool all = i % 2 == 1, limited = i % 4 >= 2;
-    SCOPED_TRACE(formatText("%s, close all %d, with a timeout %d", row.what, all, limited));
-    EXPECT_EQ(setAPITimeout(limited ? kNever : 0), 0);
-    std::optional<ScriptedGateway> gateway;
-    if (row.script) gateway.emplace(*row.script);
-    std::thread supervisor([&] {
-      if (gateway) gateway->awaitSilence();
-      GatewayToken* token = awaitDescriptor();
-      EXPECT_EQ(all ? closeAllGatewayConnections() : closeCopy(token), 0);
-    });
-    EXPECT_EQ(timed(0, [&] { return runSession(gateway ? gateway->port() : full.port); }), row.rc);
-    supervisor.join();
+  for (const Row& row : kWaiting) {
+    if (row.rc == 0 || std::string_view(row.what).starts_with("dripped")) continue;
+    for (int i = 0; i < 4; ++i, ++points) {
+      const bool all = i % 2 == 1, limited = i >= 2;
+      SCOPED_TRACE(formatText("%s, close all %d, with a timeout %d", row.what, all, limited));
+      EXPECT_EQ(setAPITimeout(limited ? kNever : 0), 0);
+      std::optional<ScriptedGateway> gateway;
+      if (row.script) gateway.emplace(*row.script);
+      std::thread supervisor([&] {
+        if (gateway) gateway->awaitSilence();
+        GatewayToken* token = awaitDescriptor();
+        EXPECT_EQ(all ? closeAllGatewayConnections() : closeCopy(token), 0);
+      });
+      EXPECT_EQ(timed(0, [&] { return runSession(gateway ? gateway->port() : full.port); }),
+                row.rc == ZEB_TIMED_OUT ? ZEB_CONNECTION_LOST : ZEB_TOKEN_UNKNOWN);
+      supervisor.join();
+    }
   }
 }
 
@@ -373,24 +370,20 @@ TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClos
 TEST_F(Connections, beyond256AreRefusedUnconnectedAndLeaveNothing) {
   const GatewayServer server;
   const Listener untouched;
-  std::vector<GatewayToken*> tokens(256);
+  std::array<GatewayToken*, 256> tokens = {};
   GatewayToken* refused = nullptr;
-  for (const bool all : {false, true}) {
-    for (GatewayToken*& token : tokens) ASSERT_EQ(openOn(server.port(), &token), 0);
+  for (GatewayToken*& token : tokens) ASSERT_EQ(openOn(server.port(), &token), 0);
+  for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(openOn(untouched.port, &refused), ZEB_TOKEN_LIST_CORRUPT);
     EXPECT_EQ(closeGatewayConnection(&tokens[100]), 0);
     EXPECT_EQ(openOn(server.port(), &tokens[100]), 0);
-    EXPECT_EQ(ask(0, tokens[100]), 0);
-    if (all) break;
-    for (GatewayToken*& token : tokens) ASSERT_EQ(closeGatewayConnection(&token), 0);
   }
+  EXPECT_FALSE(untouched.hasClient());
   // A walk over the whole list takes it for a circle, and still closes all.
   const TraceCapture trace(0);
   EXPECT_EQ(dumpGatewayTokens(), kListRunaway);
   EXPECT_EQ(closeAllGatewayConnections(), ZEB_TOKEN_LIST_CORRUPT);
-  EXPECT_EQ(closeAllGatewayConnections(), 0);
-  EXPECT_EQ(closeGatewayConnection(&tokens.back()), ZEB_TOKEN_UNKNOWN);
-  EXPECT_FALSE(untouched.hasClient());
+  EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
   EXPECT_EQ(runSession(server.port()), 0);
 }
 
@@ -410,10 +403,9 @@ TEST_F(Connections, thatHaveEndedAreRefusedThroughAThousandMore) {
     ASSERT_TRUE(next.token != ended[0].token && next.token != ended[1].token) << i;
     if (i % 100 != 0) continue;
     for (const PublicCall& call : kPublicCalls) {
-      const bool isOfToken = call.kind == Kind::kQuery || call.kind == Kind::kClose;
-      if (!isOfToken && call.kind != Kind::kWalk && call.kind != Kind::kCopy &&
-          call.kind != Kind::kFree)
+      if (call.kind == Kind::kOther || call.kind == Kind::kOpen || call.kind == Kind::kCloseAll)
         continue;
+      const bool isOfToken = call.kind == Kind::kQuery || call.kind == Kind::kClose;
       const int wanted = isOfToken ? ZEB_TOKEN_UNKNOWN : ZEB_NO_RESULT_SET_BUFFER;
       for (Variables& one : ended) EXPECT_EQ(one.make(call, 0), wanted) << call.name;
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
 #include "trace_capture.h"
 
@@ -42,6 +43,18 @@ TEST(Lock, ReturnsAndTracesTheCodeOfEachOperation) {
     EXPECT_EQ(story.find("errno=4711\n") != story.npos, step.mutexRc != 0);
   }
   EXPECT_EQ(isLockInitialized(&lock), 0xCCDDEEFF);
+}
+
+TEST(Lock, OfTheListIsTakenBeforeTheOneOfTheTrace) {
+  zebtest::TraceCapture trace(5);
+  dumpState();
+  const std::string story = trace.story({{"TRACE", &traceLock}});
+  EXPECT_NE(story.find("requestLock(lockPtr=ADDRESS) mutexRc=0 rc=0\n"
+                       "ENTRY  stapi_zeb_lock.requestLock(lockPtr=TRACE)\n"),
+            story.npos);
+  EXPECT_NE(story.find("releaseLock(lockPtr=TRACE) mutexRc=0 rc=0\n"
+                       "ENTRY  stapi_zeb_lock.releaseLock(lockPtr=ADDRESS)\n"),
+            story.npos);
 }
 
 }  // namespace

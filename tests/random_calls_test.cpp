@@ -63,19 +63,15 @@ class RandomCaller {
     StatData stat;
     IdData id;
     int number = 0, rc = 0;
-    const Arguments a = {.token = token,
-                         .tokenPtr = orNull(&token),
-                         .answer = answer,
-                         .answerPtr = orNull(&output),
-                         .query = orNull(texts[below(std::size(texts))].c_str()),
-                         .host = orNull(below(200) == 0 ? "no such host" : "127.0.0.1"),
-                         .path = paths[below(std::size(paths))],
-                         .textPtr = orNull(&text),
-                         .stat = orNull(&stat),
-                         .id = orNull(&id),
-                         .number = static_cast<int>(below(8)) - 1,
-                         .port = below(8) == 0 ? static_cast<int>(below(3)) * 65536 - 1 : port_,
-                         .numberPtr = orNull(&number)};
+    const std::string& query = texts[below(std::size(texts))];
+    const char* const host = below(200) == 0 ? "no such host" : "127.0.0.1";
+    const char* const path = paths[below(std::size(paths))];
+    const int smallNumber = static_cast<int>(below(8)) - 1;
+    const int port = below(8) == 0 ? static_cast<int>(below(3)) * 65536 - 1 : port_;
+    const Arguments a = {
+        token,        orNull(&token), answer,         orNull(&output), orNull(query.c_str()),
+        orNull(host), path,           orNull(&text),  orNull(&stat),   orNull(&id),
+        smallNumber,  port,           orNull(&number)};
     const bool isElsewhere = call.kind == Kind::kOpen && below(4) == 0;
     const auto make = [&] { rc = call.make(a); };
     isElsewhere ? std::thread(make).join() : make();
