@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <future>
-#include <optional>
 
 #include "client_session.h"
 #include "public_calls.h"
@@ -276,36 +275,6 @@ TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack
         });
       }
     }
-  }
-}
-
-TEST_F(HostProcess, MayCancelAThreadThatHangsInACall) {
-  const Script waiting = Script().answerOpen().expect().ignoreAll();
-  const std::pair<Script, int> rows[] = {{Script().expect().ignoreAll(), ZEB_TOKEN_UNKNOWN},
-                                         {waiting, ZEB_CONNECTION_LOST},
-                                         {waiting, 0}};
-  for (const auto& [script, endRc] : rows) {
-    prove(formatText("until %d", endRc), [&, &hanging = script, wanted = endRc] {
-      std::optional<ScriptedGateway> silent(hanging);
-      std::atomic<int> rc = 1;
-      const Work work = [&] {
-        Session s = {.port = silent->port()};
-        int code = s.open();
-        if (wanted == ZEB_CONNECTION_LOST) code = getStats(s.token, &s.answer);
-        if (wanted == 0) code = closeGatewayConnection(&s.token);
-        rc = code;
-      };
-      const pthread_t thread = startThread(work);
-      silent->awaitSilence();
-      pthread_cancel(thread);
-      expectTracedSession();
-      EXPECT_EQ(rc, 1) << "ended too early";
-      EXPECT_EQ(closeAllGatewayConnections(), 0);
-      silent.reset();
-      joinCancelled(thread);
-      EXPECT_EQ(rc, wanted);
-      EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
-    });
   }
 }
 

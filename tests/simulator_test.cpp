@@ -91,10 +91,6 @@ TEST(SimulatedEncoder, reproduces_each_recorded_reply_byte_for_byte) {
 }
 
 TEST(SimulatedEncoder, cuts_block_data_after_each_1024_bytes_unless_it_is_to_be_one_block) {
-  const auto blocksOf = [](std::size_t size, HeadBlocks blocks) {
-    const Bytes written = encodeResponse({"", 0, Ids{Bytes(size - 12, 'v')}}, blocks);
-    return written.substr(written.rfind(wire("7870")) + 2);
-  };
   for (const std::size_t size : {255U, 256U, 1024U, 1025U, 1279U, 1280U, 2048U, 3072U + 255U}) {
     const Bytes data = wire("0000") + words({0, 1}) + text16(Bytes(size - 12, 'v'));
     const auto block = [&](std::size_t at, std::size_t most) {
@@ -104,8 +100,9 @@ TEST(SimulatedEncoder, cuts_block_data_after_each_1024_bytes_unless_it_is_to_be_
     };
     Bytes cut;
     for (std::size_t at = 0; at < size; at += 1024) cut += block(at, 1024);
-    EXPECT_EQ(blocksOf(size, HeadBlocks::kCut), cut + "x");
-    EXPECT_EQ(blocksOf(size, HeadBlocks::kOne), block(0, size) + "x");
+    const Response response = {"", 0, Ids{Bytes(size - 12, 'v')}};
+    EXPECT_TRUE(encodeResponse(response, HeadBlocks::kCut).ends_with("xp" + cut + "x"));
+    EXPECT_TRUE(encodeResponse(response, HeadBlocks::kOne).ends_with("xp" + block(0, size) + "x"));
   }
 }
 
