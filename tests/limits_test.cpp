@@ -6,7 +6,6 @@
 #include <csignal>
 #include <deque>
 #include <latch>
-#include <memory>
 #include <optional>
 #include <regex>
 
@@ -234,7 +233,10 @@ TEST_F(Waits, withoutATimeoutEndAtASignalUnlessTheyAreForAConnect) {
   other.join();
 }
 
-TEST_F(Waits, refuseABadDescriptor) {
+TEST_F(Waits, refuseABadDescriptorAndAnUnknownHost) {
+  GatewayToken* token = nullptr;
+  char* version = nullptr;
+  EXPECT_EQ(openRemoteGatewayConnection("no such host", 1, &token, &version), ZEB_HOST_UNKNOWN);
   short events = 0;
   EXPECT_EQ(zeb::waitForEvents(-1, POLLIN, &events), -1);
   for (const int bad : {-1, 99999}) {
@@ -331,25 +333,18 @@ TEST_F(Connections, thatCloseSlowlyHoldUpNeitherOtherThreadsNorTheirVariable) {
   }
 }
 
-std::unique_ptr<GatewayServer> serveOn(const char* address) {
-  try {
-    return std::make_unique<GatewayServer>(zebsim::ServerOptions{.address = address});
-  } catch (const std::runtime_error&) {
-    return nullptr;
-  }
-}
-
 TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClosed) {
   for (const char* host : {"127.0.0.1", "::1"}) {
-    const auto server = serveOn(host);
-    if (!server) GTEST_SKIP() << "this host lacks " << host;
+    if (*host == ':' && std::ifstream("/proc/net/if_inet6").peek() < 0) GTEST_SKIP() << "no IPv6";
+    const GatewayServer server({.address = host});
     std::array<GatewayToken*, 3> tokens = {};
     const auto open = [&](GatewayToken*& token) {
       char* version = nullptr;
-      EXPECT_EQ(openRemoteGatewayConnection(host, server->port(), &token, &version), 0);
+      EXPECT_EQ(openRemoteGatewayConnection(host, server.port(), &token, &version), 0);
       std::free(version);
     };
     for (GatewayToken*& token : tokens) open(token);
+    ASSERT_NE(tokens[0], nullptr);
     std::array<std::size_t, 3> order = {0, 1, 2};
     do {
       for (const std::size_t i : order) {
@@ -363,6 +358,7 @@ TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClos
     getsockopt(tokens[0]->socket, SOL_SOCKET, SO_KEEPALIVE, &keptAlive, &size);
     getsockopt(tokens[0]->socket, IPPROTO_TCP, TCP_NODELAY, &notDelayed, &size);
     EXPECT_TRUE(keptAlive == 1 && notDelayed == 1);
+    std::thread([&] { EXPECT_EQ(ask(0, tokens[0]), ZEB_OTHER_THREAD); }).join();
     EXPECT_EQ(closeAllGatewayConnections(), 0);
   }
 }

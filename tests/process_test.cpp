@@ -36,7 +36,7 @@ namespace {
 // Its expectations that fail are printed there, and are the complaint that this returns.
 std::string expectInChild(const Work& work) {
   return inChild([&]() noexcept {
-    alarm(kIsSanitized ? 240 : 60);
+    alarm(240);
     work();
     return std::string(testing::Test::HasFailure() ? " see above" : "");
   });
