@@ -1,19 +1,16 @@
 // zebstats.hpp as an outside C++17 program sees it, against the simulated gateway.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <regex>
 #include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 #include "gateway_server.h"
 #include "zebstats.hpp"
@@ -30,9 +27,9 @@ struct CanAsk<C, std::void_t<decltype(std::declval<C>().stats())>> : std::true_t
 static_assert(CanAsk<Connection&>::value && !CanAsk<Connection>::value,
               "a temporary's answer would dangle");
 static_assert(!std::is_copy_constructible_v<Connection> &&
-              std::is_nothrow_move_constructible_v<Connection>);
-static_assert(!std::is_copy_constructible_v<zebstats::StatSetCopy>);
-static_assert(std::is_nothrow_move_assignable_v<zebstats::StatSetCopy>);
+              std::is_nothrow_move_constructible_v<Connection> &&
+              !std::is_copy_constructible_v<zebstats::StatSetCopy> &&
+              std::is_nothrow_move_assignable_v<zebstats::StatSetCopy>);
 
 class Hpp : public testing::Test {
  protected:
@@ -58,16 +55,15 @@ void expectStale(View& view, const char* assertion, int code) {
 #endif
 }
 
-TEST_F(Hpp, AWalkMeetsGoodAndRefusedElementsAndTellsItsEnd) {
+TEST_F(Hpp, AWalkMeetsGoodAndRefusedElementsAndReportsItsEnd) {
   zebstats::StatSet answer = gateway.statsByIds("HOST_CPUS:NO_SUCH:LISTEN_PORT");
-  std::vector<std::string> met;
+  std::string met;
   for (const zebstats::Stat& stat : answer) {
     EXPECT_FALSE(answer.ended());
-    met.push_back(std::string(stat.element) + (stat.ok() ? " ok " : " refused ") +
-                  std::string(stat.id) + "=" + std::string(stat.value));
+    met += std::string(stat.element) + (stat.ok() ? " ok " : " refused ") + std::string(stat.id) +
+           "=" + std::string(stat.value) + "; ";
   }
-  EXPECT_EQ(met, (std::vector<std::string>{"HOST_CPUS ok HOST_CPUS=16", "NO_SUCH refused =",
-                                           "LISTEN_PORT ok LISTEN_PORT=2980"}));
+  EXPECT_EQ(met, "HOST_CPUS ok HOST_CPUS=16; NO_SUCH refused =; LISTEN_PORT ok LISTEN_PORT=2980; ");
   EXPECT_TRUE(answer.ended() && !answer.error());
   EXPECT_EQ(std::distance(answer.begin(), answer.end()), 3);  // begin() starts again
 }
@@ -86,7 +82,6 @@ TEST_F(Hpp, EachQueryAsksItsOwnQuestion) {
 
 TEST_F(Hpp, ACopyOutlivesQueryConnectionAndThread) {
   zebstats::IdSetCopy kept = gateway.groups().copy();
-  ASSERT_FALSE(kept.error());
   (void)gateway.stats();
   gateway.close();
   const char* query = "";
@@ -111,51 +106,27 @@ TEST_F(Hpp, AViewNoticesTheNextQueryAndTheEndOfItsConnection) {
   expectStale(second, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
 }
 
-TEST_F(Hpp, ALostConnectionIsToldOnceAndOpenedAgain) {
+TEST_F(Hpp, ALostOrSilentConnectionIsReportedOnceAndOpenedAgain) {
+  std::promise<void> end;
+  zebsim::ServerOptions options;
+  options.clock = [until = end.get_future().share()] { return until.wait(), 0U; };
+  zebsim::GatewayServer silent(options);
   zebstats::StatSet before = gateway.stats();
-  server = std::make_unique<zebsim::GatewayServer>();
+  server.reset();
   EXPECT_EQ(gateway.stats().error().code(), ZEB_CONNECTION_LOST);
   EXPECT_FALSE(gateway.isOpen());
   expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
   EXPECT_EQ(gateway.open("127.0.0.1", 0).code(), ZEB_PORT_INVALID);
-  ASSERT_FALSE(gateway.open("127.0.0.1", server->port()));
-  EXPECT_STREQ(gateway.protocolVersion(), "2_0_0_1");
-  EXPECT_FALSE(gateway.stats().error());
-}
-
-TEST_F(Hpp, ATimeoutEndsTheQueryOfASilentGatewayAndItsViews) {
-  ASSERT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
-  std::promise<void> end;
-  std::atomic<bool> isSilent = false;
-  zebsim::ServerOptions options;
-  options.clock = [&isSilent, until = end.get_future().share()] {
-    if (isSilent) until.wait();
-    return std::uint64_t{0};
-  };
-  zebsim::GatewayServer silent(options);
   ASSERT_FALSE(gateway.open("127.0.0.1", silent.port()));
-  zebstats::StatSet before = gateway.stats();
-  ASSERT_FALSE(zebstats::setTimeout(50));
+  EXPECT_STREQ(gateway.protocolVersion(), "2_0_0_1");
+  EXPECT_FALSE(gateway.ids().error());
+  EXPECT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
+  EXPECT_FALSE(zebstats::setTimeout(50));
   EXPECT_EQ(zebstats::timeout(), 50);
-  isSilent = true;
   EXPECT_EQ(gateway.stats().error().code(), ZEB_TIMED_OUT);
   EXPECT_FALSE(gateway.isOpen());
-  expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
   EXPECT_FALSE(zebstats::setTimeout(0));
   end.set_value();
-}
-
-TEST_F(Hpp, AForkedChildLeavesItsParentsSessionAlone) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool refused = gateway.stats().error().code() == ZEB_OTHER_PROCESS;
-    gateway = Connection();
-    _exit(refused ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_FALSE(gateway.stats().error());
 }
 
 std::string readFile(const char* path) {
@@ -163,20 +134,34 @@ std::string readFile(const char* path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-TEST(HppError, EveryCodeHasATextOfItsOwnAndTheHeaderAndTheManualPrintIt) {
+TEST(HppError, EveryCodeHasItsNumberAndATextThatTheHeaderAndTheManualPrint) {
   const std::string header = readFile(ZEB_PUBLIC_HEADER);
   const std::string manual = readFile(ZEB_MANUAL);
-  const std::regex codeLine(R"(\n\s+(ZEB_\w+) = (-?\d+))");
+  const std::regex codeLine(R"(\n\s+ZEB_(\w+) = (-?\d+))");
   std::set<std::string> texts = {zebstats::describe(1)};
+  std::map<int, std::string> names;
   for (std::sregex_iterator match(header.begin(), header.end(), codeLine), none; match != none;
        ++match) {
-    const std::string name = (*match)[1], text = zebstats::describe(std::stoi((*match)[2]));
+    const int code = std::stoi((*match)[2]);
+    const std::string name = names[code] = (*match)[1], text = zebstats::describe(code);
     EXPECT_TRUE(texts.insert(text).second) << name << ": " << text;
     EXPECT_NE(header.find("/* " + text + " */"), std::string::npos) << name << ": " << text;
-    EXPECT_NE(manual.find(".Dv " + name + " :\n" + text + "\n."), std::string::npos)
+    EXPECT_NE(manual.find(".Dv ZEB_" + name + " :\n" + text + "\n."), std::string::npos)
         << name << ": " << text;
   }
-  EXPECT_EQ(texts.size(), 38U);
+  EXPECT_EQ(names.size(), 37U);
+  EXPECT_EQ(names[0] + names[-2], "OKQUERY_TOO_LONG");
+  // Compiled programs hold these numbers, from -100 down; there are gaps.
+  std::string inOrder;
+  for (int code = -100; code >= -138; --code) inOrder += names[code] + " ";
+  EXPECT_EQ(inOrder,
+            "TOKEN_NULL TOKEN_UNKNOWN CONNECTION_LOST BUFFER_NULL TRACE_LEVEL_INVALID "
+            "VERSION_POINTER_NULL NOT_A_COPY PORT_INVALID TOKEN_POINTER_NULL OUTPUT_POINTER_NULL "
+            "NO_RESULT_SET_BUFFER NO_MEMORY  END_OF_RESULTS  TOKEN_LIST_CORRUPT OWNER_INVALID  "
+            "CONNECT_FAILED WRONG_CONTENT  TRACE_LOCK_FAILED COMMUNICATION_FAILED OTHER_PROCESS "
+            "OTHER_THREAD RESULT_SET_POINTER_NULL QUERY_NULL RESULT_SET_NULL ID_DATA_NULL "
+            "STAT_DATA_NULL TRACE_FILE_FAILED NO_GOOD_ID HOST_UNKNOWN HOST_NULL CONNECT_TIMED_OUT "
+            "CONNECT_REFUSED NETWORK_UNREACHABLE TIMEOUT_INVALID TIMED_OUT ");
 }
 
 }  // namespace

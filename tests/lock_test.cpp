@@ -1,61 +1,60 @@
-// The lock records: their codes and their lines.
+// The lock records: what each operation returns, and its trace.
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-
+#include "stapi_zeb_diag.h"
 #include "stapi_zeb_lock.h"
 #include "trace_capture.h"
-#include "zebstats_private.h"
 
 namespace {
 
-TEST(Lock, IsMadeOnceAndAnewBehindItsEnd) {
-  LockRecord lock = {};
-  EXPECT_EQ(initializeLock(&lock), 0);
-  EXPECT_EQ(initializeLock(&lock), 1);
-  EXPECT_EQ(isLockInitialized(&lock), 0xFFEEDDCC);
-  EXPECT_EQ(destroyLock(&lock), 0);
-  EXPECT_EQ(isLockInitialized(&lock), 0xCCDDEEFF);
-  EXPECT_EQ(requestLock(&lock), -1);
-  EXPECT_EQ(initializeLock(&lock), 0);
-  EXPECT_EQ(destroyLock(&lock), 0);
-}
-
-TEST(Lock, ReportsFailuresFromLevelOneOn) {
+TEST(Lock, ReturnsAndTracesTheCodeOfEachOperation) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "misuses a mutex on purpose";
 #endif
-  zebtest::TraceCapture trace(1);
   LockRecord lock = {};
-  EXPECT_EQ(requestLock(&lock), -1);
-  EXPECT_EQ(releaseLock(&lock), -1);
-  EXPECT_EQ(destroyLock(&lock), -1);
-  pthread_mutexattr_t checking;
-  pthread_mutexattr_init(&checking);
-  pthread_mutexattr_settype(&checking, PTHREAD_MUTEX_ERRORCHECK);
-  pthread_mutex_init(&lock.mutex, &checking);
-  lock.state = 0xFFEEDDCC;
-  errno = 4711;  // the calls on the mutex return their error and leave this as it is
-  EXPECT_EQ(releaseLock(&lock), -5);
-  EXPECT_EQ(requestLock(&lock), 0);
-  EXPECT_EQ(requestLock(&lock), -4);
-  EXPECT_EQ(destroyLock(&lock), -4);
-  EXPECT_EQ(trace.story({{"LOCK", &lock}}),
-            R"(*EXC*  stapi_zeb_lock.requestLock(lockPtr=LOCK) Lock not initialized
-*EXC*  stapi_zeb_lock.releaseLock(lockPtr=LOCK) Lock not initialized
-*EXC*  stapi_zeb_lock.destroyLock(lockPtr=LOCK) Lock not initialized
-*EXC*  stapi_zeb_lock.releaseLock(lockPtr=LOCK) Lock release failed errno=4711
-*EXC*  stapi_zeb_lock.requestLock(lockPtr=LOCK) Lock request failed errno=4711
-*EXC*  stapi_zeb_lock.destroyLock(lockPtr=LOCK) Lock destroy failed errno=4711
-)");
-  setAPITraceLevel(5);
-  trace.restart();
-  destroyLock(&lock);
-  EXPECT_NE(trace.story().find(zebtest::formatText(") mutexRc=%d rc=-4\n", EBUSY)),
-            std::string::npos);
-  EXPECT_EQ(isLockInitialized(&lock), 0xFFEEDDCC);
-  pthread_mutex_unlock(&lock.mutex);
+  // A lock whose mutex reports its misuse.
+  const auto initializeChecking = [](LockRecord* record) noexcept {
+    pthread_mutexattr_t checking;
+    pthread_mutexattr_init(&checking);
+    pthread_mutexattr_settype(&checking, PTHREAD_MUTEX_ERRORCHECK);
+    const int rc = initializeLock(record) + pthread_mutex_init(&record->mutex, &checking);
+    return isLockInitialized(record) == 0xFFEEDDCC ? rc : 1;
+  };
+  const struct {
+    int (*call)(LockRecord*) noexcept;
+    int mutexRc, rc;
+  } steps[] = {{requestLock, 0, -1},       {releaseLock, 0, -1},     {destroyLock, 0, -1},
+               {initializeLock, 0, 0},     {initializeLock, 0, 1},   {requestLock, 0, 0},
+               {releaseLock, 0, 0},        {destroyLock, 0, 0},      {requestLock, 0, -1},
+               {initializeChecking, 0, 0}, {releaseLock, EPERM, -5}, {requestLock, 0, 0},
+               {requestLock, EDEADLK, -4}, {destroyLock, EBUSY, -4}, {releaseLock, 0, 0},
+               {destroyLock, 0, 0}};
+  zebtest::TraceCapture trace(5);
+  for (const auto& step : steps) {
+    SCOPED_TRACE(&step - steps);
+    trace.restart();
+    errno = 4711;  // which the calls on the mutex leave as it is
+    EXPECT_EQ(step.call(&lock), step.rc);
+    const std::string story = trace.story();
+    const std::string end = zebtest::formatText("mutexRc=%d rc=%d\n", step.mutexRc, step.rc);
+    EXPECT_TRUE(story.ends_with(end)) << story;
+    EXPECT_EQ(story.find("*EXC*") != story.npos, step.rc < 0);
+    EXPECT_EQ(story.find("errno=4711\n") != story.npos, step.mutexRc != 0);
+  }
+  EXPECT_EQ(isLockInitialized(&lock), 0xCCDDEEFF);
+}
+
+TEST(Lock, OfTheListIsTakenBeforeTheOneOfTheTrace) {
+  zebtest::TraceCapture trace(5);
+  dumpState();
+  const std::string story = trace.story({{"TRACE", &traceLock}});
+  EXPECT_NE(story.find("requestLock(lockPtr=ADDRESS) mutexRc=0 rc=0\n"
+                       "ENTRY  stapi_zeb_lock.requestLock(lockPtr=TRACE)\n"),
+            story.npos);
+  EXPECT_NE(story.find("releaseLock(lockPtr=TRACE) mutexRc=0 rc=0\n"
+                       "ENTRY  stapi_zeb_lock.releaseLock(lockPtr=ADDRESS)\n"),
+            story.npos);
 }
 
 }  // namespace

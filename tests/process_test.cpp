@@ -3,15 +3,12 @@
 // that story alone.
 #include <dlfcn.h>
 #include <malloc.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <functional>
-#include <memory>
-#include <thread>
+#include <future>
 
 #include "client_session.h"
 #include "public_calls.h"
@@ -22,439 +19,286 @@
 namespace {
 
 using namespace zebtest;
+using Work = std::function<void()>;
 
-std::atomic<void (*)()> duringNextSend = nullptr;
+std::atomic<const Work*> duringNextSend = nullptr;
 
 }  // namespace
 
 // The library's sends, for what a host does while one is under way.
 extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
-  if (const auto work = duringNextSend.exchange(nullptr); work != nullptr) work();
+  if (const Work* work = duringNextSend.exchange(nullptr); work != nullptr) (*work)();
   return sendto(socket, data, size, flags, nullptr, 0);
 }
 
 namespace {
 
-constexpr unsigned kPatience = kIsSanitized ? 240 : 60;
-
-std::string unless(bool isWell, const std::string& complaint) {
-  return isWell ? "" : " " + complaint + ";";
-}
-
-std::string differ(const std::string& told, const std::string& expected) {
-  return unless(told == expected, "tells " + told + "\ninstead of " + expected);
+// Its expectations that fail are printed there, and are the complaint that this returns.
+std::string expectInChild(const Work& work) {
+  return inChild([&]() noexcept {
+    alarm(240);
+    work();
+    return std::string(testing::Test::HasFailure() ? " see above" : "");
+  });
 }
 
 class HostProcess : public testing::Test {
  protected:
-  // A point of the evidence: the work returns its complaints.
-  template <typename Work>
-  void prove(const std::string& point, Work work) {
-    row.add(point, inChild([&]() noexcept {
-              alarm(kPatience);
-              return work();
-            }));
+  // A point of the evidence.
+  void prove(const std::string& point, const Work& work) { row.add(point, expectInChild(work)); }
+  void expectTracedSession() const {
+    setAPITraceFile("/dev/null");
+    setAPITraceLevel(5);
+    EXPECT_EQ(tellSession(port), expected);
+  }
+  void repeatQueries(int rounds) const {
+    Session s = {.port = port};
+    EXPECT_EQ(s.open(), 0);
+    for (int i = 0; i < rounds; ++i) EXPECT_EQ(getStats(s.token, &s.answer), 0);
+    EXPECT_EQ(s.release(), 0);
   }
   GatewayProcess gateway;
   const int port = gateway.port();
+  const std::string expected = inChild([this] { return tellSession(port); });
   const TemporaryFile file;
   Row row{"F18"};
 };
 
-// ---- Signals ------------------------------------------------------------------------------------
+struct sigaction hostAction = {};
 
-void handlePipe(int /*number*/, siginfo_t* /*info*/, void* /*context*/) {}
-void handleOtherwise(int /*number*/) {}
-
-void setAction() {
+void setHostAction() {
   struct sigaction action = {};
-  action.sa_sigaction = handlePipe;
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
   sigaddset(&action.sa_mask, SIGUSR2);
   sigaction(SIGPIPE, &action, nullptr);
+  sigaction(SIGPIPE, nullptr, &hostAction);
 }
 
-bool isActionSet() {
+void expectHostAction() {
   struct sigaction found = {};
   sigaction(SIGPIPE, nullptr, &found);
-  return found.sa_sigaction == handlePipe &&
-         (found.sa_flags & (SA_SIGINFO | SA_RESTART | SA_NODEFER)) == (SA_SIGINFO | SA_RESTART) &&
-         sigismember(&found.sa_mask, SIGUSR2) == 1 && sigismember(&found.sa_mask, SIGUSR1) == 0;
+  EXPECT_TRUE(found.sa_handler == hostAction.sa_handler && found.sa_flags == hostAction.sa_flags &&
+              sigismember(&found.sa_mask, SIGUSR2) == 1);
 }
 
-void repeatQueries(int port, int rounds) {
-  Session s = {.port = port};
-  if (s.open() != 0) return;
-  for (int i = 0; i < rounds; ++i) getStats(s.token, &s.answer);
-  s.release();
-}
-
-TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySide) {
+TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySideAndInAForkedChild) {
   prove("a send that begins in another and ends after it", [&] {
-    static std::atomic<bool> isSecondInside = false, isFirstOver = false;
-    static std::thread second;
-    static const int gatewayPort = port;
-    setAction();
-    duringNextSend = [] {
-      duringNextSend = [] {
-        for (isSecondInside = true; !isFirstOver;) std::this_thread::yield();
-      };
-      second = std::thread(repeatQueries, gatewayPort, 1);
-      while (!isSecondInside) std::this_thread::yield();
+    std::promise<void> begun, ended;
+    std::thread second;
+    const Work inSecond = [&] { begun.set_value(), ended.get_future().wait(); };
+    const Work inFirst = [&] {
+      duringNextSend = &inSecond;
+      second = std::thread([&] { repeatQueries(1); });
+      begun.get_future().wait();
+      EXPECT_EQ(expectInChild(expectHostAction), "");
     };
-    repeatQueries(port, 1);
-    isFirstOver = true;
+    setHostAction();
+    duringNextSend = &inFirst;
+    repeatQueries(1);
+    ended.set_value();
     second.join();
-    return unless(isActionSet(), "another handler");
+    expectHostAction();
   });
   prove("a change by the host", [&] {
-    setAction();
-    duringNextSend = [] { std::signal(SIGPIPE, handleOtherwise); };
-    repeatQueries(port, 2);
-    return unless(duringNextSend == nullptr, "no send") +
-           unless(std::signal(SIGPIPE, SIG_DFL) == handleOtherwise, "the change is lost");
-  });
-  prove("a child", [&] {
-    static int status = -1;
-    setAction();
-    duringNextSend = [] {
-      std::thread([] {
-        const pid_t child = fork();
-        if (child == 0) _exit(isActionSet() ? 0 : 1);
-        waitpid(child, &status, 0);
-      }).join();
-    };
-    repeatQueries(port, 1);
-    return unless(status == 0, "the child has another handler") +
-           unless(isActionSet(), "another handler");
+    const Work change = setHostAction;
+    duringNextSend = &change;
+    repeatQueries(2);
+    expectHostAction();
   });
 }
-
-// ---- Names, children, unloading -----------------------------------------------------------------
 
 TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
   prove("the host of names", [&] {
-    const std::string number = std::to_string(port);
-    execl(ZEB_NAMES_HOST, ZEB_NAMES_HOST, number.c_str(), file.path().c_str(), nullptr);
-    return std::string("no host");
+    execl(ZEB_NAMES_HOST, ZEB_NAMES_HOST, std::to_string(port).c_str(), file.path().c_str(),
+          nullptr);
+    FAIL() << "no host";
   });
-  EXPECT_NE(file.text().find("EXIT   API.closeAllGatewayConnections()"), std::string::npos)
-      << "no trace";
-}
-
-std::string tellInherited() {
-  std::string told;
-  for (int descriptor = 0; descriptor < 2000; ++descriptor) {
-    const int flags = fcntl(descriptor, F_GETFD);
-    if (flags >= 0 && (flags & FD_CLOEXEC) == 0) told += formatText("%d ", descriptor);
-  }
-  return told;
+  EXPECT_NE(file.text().find("EXIT   API.closeAllGatewayConnections()"), std::string::npos);
 }
 
 TEST_F(HostProcess, HandsNoDescriptorToAProgramThatItExecutes) {
-  for (const bool isInputOpen : {true, false}) {
-    prove(formatText("standard input open: %d", isInputOpen), [&] {
-      if (!isInputOpen) close(0);  // so that the library moves its socket
-      const std::string inherited = tellInherited();
+  const auto countInherited = [] {
+    int count = 0;
+    for (int descriptor = 0; descriptor < 2000; ++descriptor)
+      count += (fcntl(descriptor, F_GETFD) + 1) % 2;  // -1: none, 1: closed by exec
+    return count;
+  };
+  for (const int closed : {0, 1, 2}) {  // so that the library moves its socket, and its file
+    prove(formatText("the first %d closed", closed), [&] {
+      for (int descriptor = 0; descriptor < closed; ++descriptor) close(descriptor);
+      const int inherited = countInherited();
       const auto count = countDescriptors();
       Session s = {.port = port};
-      const bool isOpen = setAPITraceFile(file.path().c_str()) == 0 && s.open() == 0;
-      return unless(isOpen && countDescriptors() == count + 2, "no trace file and socket") +
-             differ(tellInherited(), inherited);
+      EXPECT_EQ(initTrace() + initGTL(), 0);  // as in a start that fails half-way
+      EXPECT_EQ(s.open(), 0);
+      EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
+      EXPECT_EQ(countDescriptors(), count + 2);
+      EXPECT_GT(s.token->socket, 2);
+      EXPECT_EQ(countInherited(), inherited);
     });
   }
 }
 
 TEST_F(HostProcess, ForksAmidTracesAndOpensWithoutChildrenThatHang) {
-  prove("200 forks", [&] {
+  prove("100 forks", [&] {
     setAPITraceFile("/dev/null");
     setAPITraceLevel(5);
     std::atomic<bool> isOver = false;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-      threads.emplace_back([&] {
-        while (!isOver) repeatQueries(port, 1);
+    const auto repeat = [&](const Work& work) {
+      return std::thread([&isOver, work] {
+        while (!isOver) work();
       });
-    }
-    threads.emplace_back([&] {
-      while (!isOver) dumpState(), setAPITraceFile("/dev/null"), setAPITraceLevel(5);
-    });
-    std::string complaint;
-    for (int i = 0; i < 200 && complaint.empty(); ++i) {
-      const pid_t child = fork();
-      if (child == 0) {
-        alarm(kIsSanitized ? 60 : 10);
-        Session s = {.port = port};
-        const bool isWell = setAPITraceLevel(5) == 0 && dumpState() == 0 && s.open() == 0 &&
-                            getStats(s.token, &s.answer) == 0 && s.release() == 0;
-        _exit(isWell ? 0 : 1);
-      }
-      int status = -1;
-      waitpid(child, &status, 0);
-      complaint = unless(status == 0, formatText("child %d ends with status %d", i, status));
-    }
+    };
+    const Work query = [&] { repeatQueries(1); };
+    std::thread threads[] = {repeat(query), repeat(query), repeat([] {
+                               dumpState(), setAPITraceFile("/dev/null"), setAPITraceLevel(5);
+                             })};
+    for (int i = 0; i < 100 && !HasFailure(); ++i)
+      EXPECT_EQ(expectInChild([&] { dumpState(), repeatQueries(1); }), "") << i;
     isOver = true;
     for (std::thread& thread : threads) thread.join();
-    return complaint;
   });
 }
 
-// 0 under the address sanitiser, whose heap is another.
-std::size_t countHeldBytes() {
-  const struct mallinfo2 held = mallinfo2();
-  return held.uordblks + held.hblkhd;
+TEST_F(HostProcess, ForgetsInAChildTheConnectionWhoseQueryItsParentIsWaitingFor) {
+  prove("close-all in a child", [&] {
+    std::promise<void> asked, end;
+    zebsim::GatewayServer server(
+        {.clock = [&] { return asked.set_value(), end.get_future().wait(), 0U; }});
+    std::thread owner([&] {
+      Session s = {.port = server.port()};
+      EXPECT_EQ(s.open(), 0);
+      EXPECT_EQ(getStats(s.token, &s.answer), 0);
+      EXPECT_EQ(s.release(), 0);
+    });
+    asked.get_future().wait();
+    EXPECT_EQ(expectInChild([] {
+                const auto count = countDescriptors();
+                EXPECT_EQ(closeAllGatewayConnections(), 0);
+                EXPECT_EQ(countDescriptors(), count - 1);
+              }),
+              "");
+    end.set_value();
+    owner.join();
+  });
 }
 
 // A session of the library as the dynamic loader finds it.
-std::string runLoadedSession(void* library, int port, const char* traceFile) {
-#define LOOK_UP(name) const auto name##Of = reinterpret_cast<decltype(&name)>(dlsym(library, #name))
-  LOOK_UP(setAPITraceFile);
-  LOOK_UP(setAPITraceLevel);
-  LOOK_UP(openGatewayConnection);
-  LOOK_UP(getStats);
-  LOOK_UP(closeGatewayConnection);
-#undef LOOK_UP
+void runLoadedSession(void* library, int port) {
+#define LOADED(name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
   Session s;
-  int rc = setAPITraceFileOf(traceFile);
-  if (rc == 0) rc = setAPITraceLevelOf(5);
-  if (rc == 0) rc = openGatewayConnectionOf(port, &s.token, &s.version);
-  if (rc == 0) rc = getStatsOf(s.token, &s.answer);
-  if (rc == 0) rc = closeGatewayConnectionOf(&s.token);
+  EXPECT_EQ(LOADED(setAPITraceFile)("/dev/null"), 0);
+  EXPECT_EQ(LOADED(setAPITraceLevel)(5), 0);
+  EXPECT_EQ(LOADED(openGatewayConnection)(port, &s.token, &s.version), 0);
+  EXPECT_EQ(LOADED(getStats)(s.token, &s.answer), 0);
+  EXPECT_EQ(LOADED(closeGatewayConnection)(&s.token), 0);
   std::free(s.version);
-  return unless(rc == 0, formatText("a loaded session: %d", rc));
+#undef LOADED
 }
 
 TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
-  prove("1,000 cycles", [&] {
-    constexpr int kCycles = kIsSanitized ? 100 : 1000, kWarmUp = 20;
+  prove("cycles of loading and unloading", [&] {
+    constexpr int kCycles = 200, kWarmUp = 20;
+    // 0 under the address sanitiser, whose heap is another.
+    const auto countHeldBytes = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
     const std::ptrdiff_t descriptors = countDescriptors();
     std::size_t held = 0;
-    std::string complaints;
-    for (int i = 0; i < kCycles + kWarmUp && complaints.empty(); ++i) {
+    for (int i = 0; i < kCycles + kWarmUp && !HasFailure(); ++i) {
       if (i == kWarmUp) held = countHeldBytes();
       void* const library = dlopen(ZEB_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-      if (library == nullptr) return std::string(" no library");
-      complaints += runLoadedSession(library, port, "/dev/null");
-      if (i % 100 == 0) {  // of a thread that outlives the library, too
-        std::atomic<int> step = 0;
-        std::thread thread([&] {
-          complaints += runLoadedSession(library, port, "/dev/null");
-          for (step = 1; step != 2;) std::this_thread::yield();
-        });
-        while (step != 1) std::this_thread::yield();
-        dlclose(library);
-        step = 2;
-        thread.join();
-      } else {
-        dlclose(library);
-      }
+      ASSERT_NE(library, nullptr);
+      std::promise<void> used, unloaded;
+      std::thread outliving([&] {
+        runLoadedSession(library, port);
+        used.set_value();
+        unloaded.get_future().wait();
+      });
+      used.get_future().wait();
+      dlclose(library);
+      unloaded.set_value();
+      outliving.join();
     }
-    const auto grown = static_cast<std::ptrdiff_t>(countHeldBytes() - held);
-    complaints += unless(grown < kCycles, formatText("%td bytes more", grown));
-    complaints += unless(countDescriptors() == descriptors, "more descriptors");
+    EXPECT_LT(countHeldBytes(), held + 16 * kCycles);
+    EXPECT_EQ(countDescriptors(), descriptors);
     std::ifstream maps("/proc/self/maps");
     const std::string mapped((std::istreambuf_iterator<char>(maps)), {});
-    complaints += unless(mapped.find("libzebstats.so") == mapped.npos, "still mapped");
-    return complaints + inChild([] { return std::string(); });
+    EXPECT_EQ(mapped.find("libzebstats.so"), mapped.npos);
+    EXPECT_EQ(expectInChild([] {}), "");
   });
 }
 
-// ---- Each public call in turn -------------------------------------------------------------------
+// ---- Threads of the host ------------------------------------------------------------------------
 
-// Makes them with right arguments, and returns their codes.
-struct Caller {
-  int port;
-  int level = 5;
-  const char* path = "/dev/null";
-  GatewayToken* token = nullptr;
-  ResultSetToken *answer = nullptr, *copy = nullptr;
-  char* text = nullptr;
-  StatData stat = {};
-  IdData id = {};
-  int number = 0;
-
-  int make(const PublicCall& call) {
-    const bool isOfCopy = call.kind == Kind::kCopy || call.kind == Kind::kFree;
-    return call.make({token, &token, answer, isOfCopy ? &copy : &answer, "A", "127.0.0.1", path,
-                      &text, &stat, &id, level, port, &number});
-  }
-};
-
-TEST_F(HostProcess, KeepsItsErrnoThroughEachCallThatSucceeds) {
-  for (const int level : {0, 5}) {
-    for (const char* destination : {"/dev/null", "/dev/full"}) {
-      prove(formatText("level %d to %s", level, destination), [&] {
-        Caller c = {.port = port, .level = level, .path = destination};
-        std::string complaints;
-        for (const PublicCall& call : kPublicCalls) {
-          constexpr int kCanary = 4711;
-          errno = kCanary;
-          const int rc = c.make(call);
-          const int left = errno;
-          complaints += unless(rc == 0 && left == kCanary,
-                               formatText("%s %d, errno %d", call.name, rc, left));
-        }
-        return complaints;
-      });
-    }
-  }
-}
-
-// Runs the work in a thread of its own, which may be cancelled after it.
-pthread_t startThread(std::function<void()>& work, const pthread_attr_t* attributes = nullptr) {
+// Runs the work in a thread of its own with a stack of 32 KiB, which may be cancelled after it.
+pthread_t startThread(const Work& work) {
   pthread_t thread = {};
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  const long size = std::max(sysconf(_SC_THREAD_STACK_MIN), 32768L) * (kIsSanitized ? 16 : 1);
+  EXPECT_EQ(pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(size)), 0);
   const auto run = [](void* argument) -> void* {
-    (*static_cast<std::function<void()>*>(argument))();
+    (*static_cast<const Work*>(argument))();
     pthread_testcancel();
     return nullptr;
   };
-  if (pthread_create(&thread, attributes, run, &work) != 0) throw std::runtime_error("no thread");
+  EXPECT_EQ(pthread_create(&thread, &attributes, run, const_cast<Work*>(&work)), 0);
   return thread;
 }
 
-std::string joinCancelled(pthread_t thread) {
+void joinCancelled(pthread_t thread) {
   void* ending = nullptr;
   pthread_join(thread, &ending);
-  return unless(ending == PTHREAD_CANCELED, "the thread is not cancelled");
+  EXPECT_EQ(ending, PTHREAD_CANCELED);
 }
 
-TEST_F(HostProcess, MayCancelAThreadWhichEndsAfterItsCall) {
-  const std::string expected = inChild([&] { return tellSession(port); });
-  for (std::size_t i = 0; i < std::size(kPublicCalls); ++i) {
-    prove(formatText("ahead of %s", kPublicCalls[i].name), [&] {
-      Caller c = {.port = port};
-      int made = -1, rc = -1;
-      std::function<void()> work = [&] {
-        for (made = 0; static_cast<std::size_t>(made) < i; ++made) c.make(kPublicCalls[made]);
-        if (i < 3) setAPITraceLevel(5);
-        pthread_cancel(pthread_self());
-        rc = c.make(kPublicCalls[made]);
-      };
-      std::string complaints = joinCancelled(startThread(work));
-      complaints += unless(rc == 0, formatText("the call returns %d", rc));
-      complaints += unless(closeAllGatewayConnections() == 0, "close-all");
-      return complaints + differ(tellSession(port), expected);
-    });
+TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack) {
+  constexpr int kCanary = 4711;
+  for (const int level : {0, 5}) {
+    for (const char* destination : {"/dev/null", "/dev/full"}) {
+      for (const PublicCall& last : kPublicCalls) {
+        prove(formatText("%s, level %d to %s", last.name, level, destination), [&] {
+          int rc = -1, left = 0;
+          const Work work = [&] {
+            Variables variables;
+            for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
+              if (call == &last) pthread_cancel(pthread_self());
+              errno = kCanary;
+              rc = variables.make(*call, port, level, destination);
+              left = errno;
+            }
+          };
+          joinCancelled(startThread(work));
+          EXPECT_EQ(rc, 0);
+          EXPECT_EQ(left, kCanary);
+          EXPECT_EQ(closeAllGatewayConnections(), 0);
+        });
+      }
+    }
   }
-}
-
-TEST_F(HostProcess, MayCancelAThreadThatHangsInACall) {
-  const std::string expected = inChild([&] { return tellSession(port); });
-  enum { kOpen, kQuery, kClose };
-  for (const int hanging : {kOpen, kQuery, kClose}) {
-    prove(formatText("hanging in call %d", hanging), [&] {
-      auto silent = std::make_unique<ScriptedGateway>(
-          hanging == kOpen ? Script().expect() : Script().answerOpen().expect());
-      Session s = {.port = silent->port()};
-      GatewayToken* handle = nullptr;
-      std::atomic<int> rc = 1;
-      std::function<void()> work = [&] {
-        int code = s.open();
-        handle = s.token;
-        if (hanging == kQuery) code = getStats(s.token, &s.answer);
-        if (hanging == kClose) code = closeGatewayConnection(&s.token);
-        rc = code;
-      };
-      setAPITraceFile("/dev/null");
-      setAPITraceLevel(5);
-      const pthread_t thread = startThread(work);
-      usleep(
-          100000);  // long enough to reach the silence; a thread that has not is cancelled earlier
-      pthread_cancel(thread);
-      usleep(100000);
-      std::string complaints =
-          unless(rc == 1, "ended too early") + differ(tellSession(port), expected);
-      if (hanging == kOpen) complaints += unless(closeAllGatewayConnections() == 0, "close-all");
-      if (hanging == kQuery) complaints += unless(closeGatewayConnection(&handle) == 0, "close");
-      if (hanging == kClose) silent.reset();
-      complaints += joinCancelled(thread);
-      constexpr int kCodes[] = {ZEB_TOKEN_UNKNOWN, ZEB_CONNECTION_LOST, 0};
-      const TraceCapture trace(0);
-      dumpState();
-      return complaints +
-             unless(rc == kCodes[hanging], formatText("the call returns %d", rc.load())) +
-             unless(trace.text().find("List is EMPTY") != std::string::npos,
-                    "tokens left: " + trace.text());
-    });
-  }
-}
-
-TEST_F(HostProcess, MayHaveThreadStacksOf32KiB) {
-  const std::string expected = inChild([&] { return tellSession(port); });
-  prove("a session at level 5", [&] {
-    std::string told;
-    std::function<void()> work = [&] { told = tellSession(port); };
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    const long least = sysconf(_SC_THREAD_STACK_MIN);
-    const std::size_t size =
-        static_cast<std::size_t>(std::max(least, 32768L)) * (kIsSanitized ? 16 : 1);
-    if (pthread_attr_setstacksize(&attributes, size) != 0) return std::string(" no such stack");
-    setAPITraceFile("/dev/null");
-    setAPITraceLevel(5);
-    pthread_join(startThread(work, &attributes), nullptr);
-    return differ(told, expected);
-  });
 }
 
 TEST_F(HostProcess, ChangesItsTimeZoneForTheNextTimeStamp) {
-  prove("12 hours apart", [&] {
+  prove("12 hours apart", [] {
     const auto readHours = [](const char* zone) {
-      setenv("TZ", zone, 1);
       char text[24];
-      const TraceCapture trace(3);
-      const int ours = std::stoi(std::string(getTimestamp(text)).substr(9, 2));
-      setAPITimeout(0);
-      return std::array<int, 2>{ours, std::stoi(trace.text().substr(9, 2))};
+      setenv("TZ", zone, 1);
+      return std::stoi(std::string(getTimestamp(text)).substr(9, 2));
     };
-    const auto west = readHours("AAA0"), east = readHours("BBB-12");
-    std::string complaints;
-    for (const std::size_t i : {0U, 1U})
-      complaints +=
-          unless((east[i] - west[i] + 24) % 24 == 12, i == 0 ? "getTimestamp" : "the trace");
-    return complaints;
-  });
-}
-
-TEST_F(HostProcess, IsToldOfANullOutputPointer) {
-  prove("createGatewayToken", [&] {
-    dumpState();
-    return unless(createGatewayToken(nullptr, "127.0.0.1", port) == ZEB_TOKEN_POINTER_NULL,
-                  "another code");
+    const int west = readHours("AAA0");
+    EXPECT_EQ((readHours("BBB-12") - west + 24) % 24, 12);
   });
 }
 
 // ---- Trace destinations -------------------------------------------------------------------------
 
-constexpr std::array<int, 2> kWriteSignals = {SIGPIPE, SIGXFSZ};
-
-std::string tellSignals() {
-  std::string told;
-  sigset_t blocked, pending;
-  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-  sigpending(&pending);
-  for (const int number : kWriteSignals) {
-    struct sigaction action = {};
-    sigaction(number, nullptr, &action);
-    told += formatText("%d %s %d %d;", number, action.sa_handler == SIG_DFL ? "default" : "handled",
-                       sigismember(&blocked, number), sigismember(&pending, number));
-  }
-  return told;
-}
-
-enum class Before { kNothing, kBlocked, kPending };
-
-void prepareSignals(Before before) {
-  sigset_t both;
-  sigemptyset(&both);
-  for (const int number : kWriteSignals) {
-    signal(number, SIG_DFL);
-    sigaddset(&both, number);
-  }
-  if (before != Before::kNothing) pthread_sigmask(SIG_BLOCK, &both, nullptr);
-  if (before != Before::kPending) return;
-  raise(SIGPIPE);
-  kill(getpid(), SIGXFSZ);
+// The thread's pending and blocked signals, and the process's pending, ignored and handled ones.
+std::string describeSignals() {
+  std::ifstream status("/proc/thread-self/status");
+  std::string text;
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("ShdPnd") || (line.starts_with("Sig") && line[3] != 'Q')) text += line;
+  return text;
 }
 
 std::string readAll(int descriptor) {
@@ -466,79 +310,87 @@ std::string readAll(int descriptor) {
   return text;
 }
 
-std::string checkState(const std::string& trace) {
-  return unless(trace.find("Gateway Token List dump") != trace.npos, "no lines later: " + trace);
+// Makes standard error the writing end of a pipe, and returns the other end.
+int redirectStandardError() {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(pipe(ends), 0);
+  EXPECT_EQ(dup2(ends[1], 2), 2);
+  close(ends[1]);
+  return ends[0];
+}
+
+void limitFileSize(rlim_t size) {
+  const rlimit limit = {size, RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &limit);
 }
 
 TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
-  const std::string expected = inChild([&] { return tellSession(port); });
+  const TemporaryFile fifoFile;
+  const char *const fifo = fifoFile.path().c_str(), *const trace = file.path().c_str();
+  unlink(fifo);
+  ASSERT_EQ(mkfifo(fifo, 0600), 0);
+  int reader = -1;
+  const auto openFifo = [&] { reader = open(fifo, O_RDONLY | O_NONBLOCK); };
+  // What makes writes fail, and what makes them succeed again for the reader.
+  const struct {
+    const char* name;
+    Work obstruct, relieve;
+  } rows[] = {
+      {"full disk", [] { EXPECT_EQ(setAPITraceFile("/dev/full"), 0); }, {}},
+      {"standard error without reader", [] { close(redirectStandardError()); }, {}},
+      {"FIFO without reader", [&] { EXPECT_EQ(setAPITraceFile(fifo), ZEB_TRACE_FILE_FAILED); }, {}},
+      {"sleeping reader",
+       [&] {
+         reader = redirectStandardError();
+         setAPITraceLevel(5);
+         repeatQueries(200);
+       },
+       [&] { EXPECT_GT(readAll(reader).size(), 1000U); }},
+      {"FIFO whose reader goes and comes",
+       [&] {
+         openFifo();
+         EXPECT_EQ(setAPITraceFile(fifo), 0);
+         close(reader);
+       },
+       openFifo},
+      {"file at its size limit",
+       [&] {
+         limitFileSize(4000);
+         EXPECT_EQ(setAPITraceFile(trace), 0);
+       },
+       [&] {
+         limitFileSize(RLIM_INFINITY);
+         reader = open(trace, O_RDONLY);
+         readAll(reader);
+       }},
+  };
   // A traced session goes as one without trace, and leaves the host's signals as they were. A send,
   // for which SIGPIPE is ignored, takes one that is pending away, so that one is only traced over.
-  const auto checkSession = [&](Before before) {
-    const std::string signals = tellSignals();
-    setAPITraceLevel(5);
-    std::string complaints = unless(dumpState() == 0, "dumpState");
-    if (before != Before::kPending) complaints += differ(tellSession(port), expected);
-    return complaints + differ(tellSignals(), signals);
-  };
-  const TemporaryFile fifo;
-  unlink(fifo.path().c_str());
-  ASSERT_EQ(mkfifo(fifo.path().c_str(), 0600), 0);
-  for (const Before before : {Before::kNothing, Before::kBlocked, Before::kPending}) {
-    prove("full disk", [&] {
-      prepareSignals(before);
-      const int rc = setAPITraceFile("/dev/full");
-      return unless(rc == 0, "no file") + checkSession(before);
-    });
-    prove("file at its size limit", [&] {
-      prepareSignals(before);
-      rlimit limit = {4000, RLIM_INFINITY};
-      setrlimit(RLIMIT_FSIZE, &limit);
-      const int rc = setAPITraceFile(file.path().c_str());
-      std::string complaints = unless(rc == 0, "no file") + checkSession(before);
-      limit.rlim_cur = RLIM_INFINITY;
-      setrlimit(RLIMIT_FSIZE, &limit);
-      const std::size_t size = file.text().size();
-      dumpState();
-      complaints += checkState(file.text().substr(size));
-      return complaints + unless(truncate(file.path().c_str(), 0) == 0, "no empty file");
-    });
-    prove("standard error without reader", [&] {
-      prepareSignals(before);
-      int ends[2];
-      if (pipe(ends) != 0 || dup2(ends[1], 2) != 2) return std::string(" no pipe");
-      close(ends[0]);
-      close(ends[1]);
-      return checkSession(before);
-    });
-    prove("reader of a FIFO that goes and comes", [&] {
-      prepareSignals(before);
-      const int reader = open(fifo.path().c_str(), O_RDONLY | O_NONBLOCK);
-      std::string complaints = unless(setAPITraceFile(fifo.path().c_str()) == 0, "no FIFO");
-      close(reader);
-      complaints += checkSession(before);
-      const int next = open(fifo.path().c_str(), O_RDONLY | O_NONBLOCK);
-      dumpState();
-      return complaints + checkState(readAll(next));
-    });
+  enum { kNothing, kBlocked, kPending };
+  sigset_t both;
+  sigemptyset(&both);
+  sigaddset(&both, SIGPIPE);
+  sigaddset(&both, SIGXFSZ);
+  for (const auto& sink : rows) {
+    for (const int before : {kNothing, kBlocked, kPending}) {
+      prove(formatText("%s %d", sink.name, before), [&] {
+        sink.obstruct();
+        if (before != kNothing) pthread_sigmask(SIG_BLOCK, &both, nullptr);
+        if (before == kPending) raise(SIGPIPE), raise(SIGXFSZ);
+        const std::string signals = describeSignals();
+        const int flags = fcntl(2, F_GETFL);
+        setAPITraceLevel(5);
+        EXPECT_EQ(dumpState(), 0);
+        EXPECT_EQ(before != kPending ? tellSession(port) : expected, expected);
+        EXPECT_EQ(describeSignals(), signals);
+        EXPECT_EQ(fcntl(2, F_GETFL), flags);
+        if (!sink.relieve) return;
+        sink.relieve();
+        dumpState();
+        EXPECT_NE(readAll(reader).find("Gateway Token List dump"), std::string::npos);
+      });
+    }
   }
-  prove("FIFO without reader", [&] {
-    const int rc = setAPITraceFile(fifo.path().c_str());
-    return unless(rc == ZEB_TRACE_FILE_FAILED, formatText("code %d", rc)) +
-           checkSession(Before::kNothing);
-  });
-  prove("sleeping reader", [&] {
-    int ends[2];
-    if (pipe(ends) != 0 || dup2(ends[1], 2) != 2) return std::string(" no pipe");
-    const int flags = fcntl(2, F_GETFL);
-    setAPITraceLevel(5);
-    repeatQueries(port, 200);
-    std::string complaints = checkSession(Before::kNothing);
-    complaints += unless(fcntl(2, F_GETFL) == flags, "other flags");
-    complaints += unless(readAll(ends[0]).size() > 1000, "no lines at first");
-    dumpState();
-    return complaints + checkState(readAll(ends[0]));
-  });
 }
 
 }  // namespace
