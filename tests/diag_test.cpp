@@ -47,15 +47,22 @@ std::string standardErrorOf(Work work) {
   return testing::internal::GetCapturedStderr();
 }
 
-TEST(FirstCall, SwitchesTheTraceOff) {
+TEST(FirstCall, SwitchesTheTraceOffAndEachRiseOnStandardErrorWritesTheBanner) {
+  const TemporaryFile file;
   int level = -1;
+  statAPITrace = 5;
   const auto errors = standardErrorOf([&] {
-    statAPITrace = 5;
     EXPECT_EQ(getAPITraceLevel(&level), 0);
+    EXPECT_EQ(level, 0);
+    EXPECT_STREQ(statAPITraceFilename, "stderr");
+    for (const int next : {1, 2, 0, 0, 1}) setAPITraceLevel(next);  // twice
+    EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
+    for (const int next : {0, 1, 0, 2}) setAPITraceLevel(next);
+    EXPECT_EQ(setAPITraceFile(nullptr), 0);  // and once more
+    for (const int next : {0, 1}) setAPITraceLevel(next);
   });
-  EXPECT_EQ(level, 0);
-  EXPECT_EQ(errors, "");
-  EXPECT_STREQ(statAPITraceFilename, "stderr");
+  EXPECT_THAT(splitLines(file.text()), ElementsAre(kBanner)) << "once per file";
+  EXPECT_THAT(splitLines(errors), ElementsAre(kBanner, kBanner, kBanner));
 }
 
 TEST(TraceLine, AppearsFromTheLevelOfItsWordOnWithProcessAndThread) {
@@ -142,19 +149,6 @@ TEST(TraceLine, LeavesErrnoAlone) {
   EXPECT_EQ(errnoAfter([] { requestLock(&traceLock), releaseLock(&traceLock); }), 4711);
 }
 
-TEST(Banner, PrecedesEachRiseOnStandardErrorAndIsOncePerFile) {
-  const TemporaryFile file;
-  const auto errors = standardErrorOf([&] {
-    for (const int level : {1, 2, 0, 0, 1}) setAPITraceLevel(level);  // twice
-    EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
-    for (const int level : {0, 1, 0, 2}) setAPITraceLevel(level);
-    EXPECT_EQ(setAPITraceFile(nullptr), 0);  // and once more
-    for (const int level : {0, 1}) setAPITraceLevel(level);
-  });
-  EXPECT_THAT(splitLines(file.text()), ElementsAre(kBanner));
-  EXPECT_THAT(splitLines(errors), ElementsAre(kBanner, kBanner, kBanner));
-}
-
 TEST(TraceFile, IsAppendedToAndSwitchedAndStaysIfTheNewOneCannotBeOpened) {
   const TemporaryFile second;
   const TraceCapture first(4);
@@ -204,9 +198,13 @@ std::string dumped(const char* address, Dump dump) {
   return result;
 }
 
-TEST(StorageDump, WritesTheLengthAskedFor) {
-  const auto dump = [](int length, int width = 16) {
-    return dumped(kText.data(), [=] { return traceOutStorage(kText.data(), length, 0, width, 0); });
+TEST(StorageDump, EndsAtItsLengthOrAtTheStopWordAndStaysInsideTheStorage) {
+  const auto dump = [](int length, int width = 16, std::vector<std::size_t> stops = {}) {
+    std::string storage = kText;
+    for (const std::size_t at : stops) memcpy(&storage[at], &kTerminator, 4);
+    return dumped(storage.data(), [&] {
+      return traceOutStorage(storage.data(), length, stops.empty() ? 0 : kTerminator, width, 0);
+    });
   };
   EXPECT_EQ(dump(41), "41: " + kFullLine +
                           "6768696A 6B6C6D6E 6F707172 73747576 : ghijklmnopqrstuv \n" +
@@ -215,29 +213,19 @@ TEST(StorageDump, WritesTheLengthAskedFor) {
             "32: 30313233 34353637 38396162 63646566  6768696A 6B6C6D6E 6F707172 73747576 : "
             "0123456789abcdef ghijklmnopqrstuv \n");
   EXPECT_EQ(dump(16, 0) + dump(0) + dump(-1), "0: 0: 0: ");
-}
-
-TEST(StorageDump, EndsAtTheStopWordWhereverItIsAndStaysInsideTheStorage) {
-  const auto dump = [](std::vector<std::size_t> stops) {
-    std::string storage = kText;
-    for (const std::size_t at : stops) memcpy(&storage[at], &kTerminator, 4);
-    return dumped(storage.data(),
-                  [&] { return traceOutStorage(storage.data(), 0, kTerminator, 16, 0); });
-  };
   const std::string stopWord = formatText("%8.8X", htonl(kTerminator));
-  EXPECT_EQ(dump({21}), "21: " + kFullLine + "6768696A 6B                         : ghijk\n");
-  EXPECT_EQ(dump({14}), "14: 30313233 34353637 38396162 6364     : 0123456789abcd\n");
-  EXPECT_EQ(dump({0}), "0: " + stopWord + " 34353637 38396162 63646566 : \n")
+  EXPECT_EQ(dump(0, 16, {21}),
+            "21: " + kFullLine + "6768696A 6B                         : ghijk\n");
+  EXPECT_EQ(dump(0, 16, {14}), "14: 30313233 34353637 38396162 6364     : 0123456789abcd\n");
+  EXPECT_EQ(dump(0, 16, {0}), "0: " + stopWord + " 34353637 38396162 63646566 : \n")
       << "the whole line is shown";
-  EXPECT_EQ(dump({16}), "16: " + kFullLine + stopWord + " 6B6C6D6E 6F707172 73747576 : \n");
-  EXPECT_EQ(dump({3, 9}), "9: 303132                              : 012....78\n")
+  EXPECT_EQ(dump(0, 16, {16}), "16: " + kFullLine + stopWord + " 6B6C6D6E 6F707172 73747576 : \n");
+  EXPECT_EQ(dump(0, 16, {3, 9}), "9: 303132                              : 012....78\n")
       << "the later one moves the end";
   const std::unique_ptr<char[]> exact(new char[20]);
   memcpy(exact.get(), kText.data(), 20);
-  EXPECT_EQ(dumped(exact.get(),
-                   [&] {
-                     return zeb::dumpStorage({exact.get(), 0, kTerminator, 20});
-                   }),
+  const zeb::TracedStorage unended = {exact.get(), 0, kTerminator, 20};
+  EXPECT_EQ(dumped(exact.get(), [&] { return zeb::dumpStorage(unended); }),
             "20: " + kFullLine + "6768696A                            : ghij\n");
 }
 

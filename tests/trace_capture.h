@@ -43,15 +43,12 @@ inline std::string maskPrefix(const std::string& line) {
 
 // What printf makes of the arguments.
 [[gnu::format(printf, 1, 2)]] inline std::string formatText(const char* format, ...) {
-  char* text = nullptr;
+  std::string text(8192, '\0');
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = vasprintf(&text, format, arguments);
+  const int length = vsnprintf(text.data(), text.size(), format, arguments);
   va_end(arguments);
-  if (length < 0) throw std::runtime_error("no memory for a text");
-  const std::string result(text);
-  std::free(text);
-  return result;
+  return text.substr(0, static_cast<std::size_t>(length));
 }
 
 inline std::vector<std::string> splitLines(const std::string& text) {
