@@ -206,7 +206,7 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
            .answer(admin("")),
        -122},
   };
-  for (const std::size_t size : {0, 1, 28, 32, 33, 37, 40})
+  for (const std::size_t size : {0U, 1U, 28U, 32U, 33U, 37U, 40U})
     cases.push_back(
         {"handshake: cut short", Script().answer(cutAnywhere.substr(0, size)).halfClose(), -118});
   // The resolver opens its own descriptors at its first use. No host has such a name.
