@@ -72,8 +72,8 @@ ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexc
 // Reads what flow left in data: the reply's data, or the request's own bytes if the reply had none.
 ByteReader replyReader(const RequestHeader& header, const unsigned char* data,
                        int requestLength) noexcept {
-  const auto replied = static_cast<std::int32_t>(header.dataLength);
-  return ByteReader({data, static_cast<std::size_t>(replied > 0 ? replied : requestLength)});
+  const std::size_t replied = header.dataLength;
+  return ByteReader({data, replied > 0 ? replied : static_cast<std::size_t>(requestLength)});
 }
 
 // MSG_NOSIGNAL holds even if the disposition cannot be changed.
@@ -383,7 +383,7 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind,
     return kAdminFailed;
   }
   // Without reply data, data still holds the request.
-  if (static_cast<std::int32_t>(request.header.dataLength) <= 0) return refuseShortReply(0);
+  if (request.header.dataLength == 0) return refuseShortReply(0);
   return takeCallData(request, in);
 }
 

@@ -20,7 +20,8 @@ struct WalkCall {
   bool first;
   int refusedPoint;
   int noFirstPoint;
-  int headerPoint;
+  int cachedPoint;  // a query header, of a first call
+  int headerPoint;  // a query header, of a next call
   int negativePoint;
   int entryPoint;
   int endPoint;
@@ -30,9 +31,9 @@ struct WalkCall {
 // How the two walks differ.
 struct StatWalk {
   using Record = StatData;
-  static constexpr WalkCall kFirst = {"getFirstStat", true, 1135, 0, 1112, 0, 0, 1101, 1102};
-  static constexpr WalkCall kNext = {"getNextStat", false, 1136, 1111, 1113,
-                                     1114,          1115,  1116, 1117};
+  static constexpr WalkCall kFirst = {"getFirstStat", true, 1135, 0, 1112, 0, 0, 0, 1101, 1102};
+  static constexpr WalkCall kNext = {"getNextStat", false, 1136, 1111, 0,
+                                     1113,          1114,  1115, 1116, 1117};
   static constexpr const char* kMarker = kStatsMarker;
   static constexpr int kNullRecord = ZEB_STAT_DATA_NULL;
   static constexpr const char* kContentName = "statistics";
@@ -69,8 +70,9 @@ struct StatWalk {
 
 struct IdWalk {
   using Record = IdData;
-  static constexpr WalkCall kFirst = {"getFirstId", true, 1110, 0, 0, 1104, 0, 1108, 1109};
-  static constexpr WalkCall kNext = {"getNextId", false, 1140, 1119, 1120, 1121, 1122, 1123, 1118};
+  static constexpr WalkCall kFirst = {"getFirstId", true, 1110, 0, 0, 0, 1104, 0, 1108, 1109};
+  static constexpr WalkCall kNext = {"getNextId", false, 1140, 1119, 0,
+                                     1120,        1121,  1122, 1123, 1118};
   static constexpr const char* kMarker = kIdsMarker;
   static constexpr int kNullRecord = ZEB_ID_DATA_NULL;
   static constexpr const char* kContentName = "id data";
@@ -166,14 +168,15 @@ inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSe
   header.elementPtr = in.chars(header.elementLen);
   header.elementRC = in.integer();
   header.entryCount = in.ok() && header.elementRC >= 0 ? in.integer() : 0;
-  if (!in.ok() || call.headerPoint == 0) return;
-  if (call.first) {
+  if (!in.ok()) return;
+  if (call.cachedPoint != 0) {
     TRACE_DEBUG(
-        call.headerPoint,
+        call.cachedPoint,
         "API.%s Caching new query element details. Resultset=%p, Datacursor=%p, queryElementLen=%d, "
         "queryElementPtr=%p, queryElementRC=%d\n",
         call.name, &resultSet, cursor, header.elementLen, header.elementPtr, header.elementRC);
-  } else {
+  }
+  if (call.headerPoint != 0) {
     TRACE_DEBUG(
         call.headerPoint,
         "API.%s Processing query header %d of %d. Resultset=%p, Datacursor=%p, queryElementLen=%d, "

@@ -1,41 +1,31 @@
 #!/usr/bin/env bash
-# check_exports.sh LIBRARY NAMES: the built shared library against the list of names that it may define and the
-# properties that it must have. Every difference gets a line.
+# check_exports.sh LIBRARY NAMES [fortified]: compares the names that the built shared library defines with
+# the list, and its versions and properties with what they must be. Every difference gets a line.
 set -euo pipefail
 export LC_ALL=C
-library=$1
-names=$2
-failures=0
+library=$1 names=$2 failures=0
+header=$(dirname "$0")/../include/zebstats.h
 
 complain() {
   printf '%s: %s\n' "${library##*/}" "$*" >&2
   failures=$((failures + 1))
 }
-
 # expect PROPERTY WANTED FOUND
 expect() {
   [ "$2" = "$3" ] || complain "$1 is '$3', not '$2'"
 }
 
+# The names that the public header declares have a public version, all others the private one.
+while read -r name; do
+  version=ZEBSTATS_PRIVATE
+  ! grep -qE "^ZEB_API .*\b$name\(" "$header" || version=ZEBSTATS_1.0
+  case $name in getAPICodeText | getAPITimeout | setAPITimeout) version=ZEBSTATS_1.2 ;; esac
+  printf '%s@@%s\n' "$name" "$version"
+done <"$names" | sort | diff - <(nm -D --defined-only --with-symbol-versions "$library" |
+  # Absolute symbols are the version nodes themselves.
+  awk '$2 != "A" { print $3 }' | sort) >&2 || complain "its names (>) are not the listed ones (<)"
+
 dynamic=$(readelf -dW "$library")
-segments=$(readelf -lW "$library")
-# Absolute symbols of a name like ZEBSTATS_1.0 are the version nodes themselves.
-symbols=$(nm -D --defined-only --with-symbol-versions "$library" |
-  awk '$2 == "A" && $3 ~ /^ZEBSTATS_/ { next } { print $3 }' | sort)
-defined=$(cut -d@ -f1 <<<"$symbols" | sort)
-
-for name in $(comm -13 "$names" <(printf '%s\n' "$defined")); do complain "defines $name, which is not in the list"; done
-for name in $(comm -23 "$names" <(printf '%s\n' "$defined")); do complain "does not define $name"; done
-
-# What the public header declares carries a public version, all else the private one.
-header=$(dirname "$0")/../include/zebstats.h
-while read -r name version; do
-  wanted=ZEBSTATS_PRIVATE
-  ! grep -qE "^ZEB_API .*\b$name\(" "$header" || wanted=ZEBSTATS_1.0
-  case $name in getAPICodeText | getAPITimeout | setAPITimeout) wanted=ZEBSTATS_1.2 ;; esac
-  expect "the version of $name" "@@$wanted" "$version"
-done < <(awk -F@ '{ print $1, substr($0, length($1) + 1) }' <<<"$symbols")
-
 listed() {
   sed -n "s/.*($1).*\[\(.*\)\]/\1/p" <<<"$dynamic" | paste -sd' '
 }
@@ -43,10 +33,10 @@ listed() {
 expect "NEEDED" "libc.so.6" "$(listed NEEDED | sed 's/ ld-linux-[a-z0-9-]*\.so\.1//')"
 expect "SONAME" "libzebstats.so.1" "$(listed SONAME)"
 expect "RPATH" "" "$(listed RPATH)$(listed RUNPATH)"
-grep -q 'GNU_RELRO' <<<"$segments" || complain "has no RELRO segment"
 grep -qE 'BIND_NOW|FLAGS_1.*NOW' <<<"$dynamic" || complain "is not linked with BIND_NOW"
-expect "the stack's protection" "RW" "$(awk '$1 == "GNU_STACK" { print $7 }' <<<"$segments")"
 ! grep -q TEXTREL <<<"$dynamic" || complain "has text relocations"
+expect "its protected segments" "RELRO STACK:RW" \
+  "$(readelf -lW "$library" | awk '$1 == "GNU_RELRO" { r = "RELRO" } $1 == "GNU_STACK" { s = $7 } END { print r, "STACK:" s }')"
 
 undefined=$(nm -D --undefined-only "$library")
 grep -q __stack_chk_fail <<<"$undefined" || complain "has no stack protector"

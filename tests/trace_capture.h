@@ -1,4 +1,4 @@
-// Collects the library's trace in a temporary file while it lives.
+// Collects the library's trace in a temporary file while it lives, and compares whole traces.
 #ifndef ZEBTEST_TRACE_CAPTURE_H
 #define ZEBTEST_TRACE_CAPTURE_H
 
@@ -12,18 +12,20 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "zebstats.h"
 
 namespace zebtest {
 
-// Does the text begin in the shape of another? There "9" is any digit and "F" any hexadecimal one.
+// Whether the text begins in this shape, in which "9" is any digit and "F" any hexadecimal one.
 inline bool hasShape(std::string_view text, std::string_view shape) {
   const auto fits = [](char model, char c) {
     if (model == '9') return c >= '0' && c <= '9';
@@ -41,15 +43,12 @@ inline std::string maskPrefix(const std::string& line) {
 
 // What printf makes of the arguments.
 [[gnu::format(printf, 1, 2)]] inline std::string formatText(const char* format, ...) {
-  char* text = nullptr;
+  std::string text(8192, '\0');
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = vasprintf(&text, format, arguments);
+  const int length = vsnprintf(text.data(), text.size(), format, arguments);
   va_end(arguments);
-  if (length < 0) throw std::runtime_error("no memory for a text");
-  std::string result(text, static_cast<std::size_t>(length));
-  std::free(text);
-  return result;
+  return text.substr(0, static_cast<std::size_t>(length));
 }
 
 inline std::vector<std::string> splitLines(const std::string& text) {
@@ -61,7 +60,7 @@ inline std::vector<std::string> splitLines(const std::string& text) {
 
 // A block of storage that a text may name.
 struct Named {
-  const char* name;
+  std::string name;
   const void* start;
   std::size_t size = 1;
 };
@@ -69,12 +68,9 @@ struct Named {
 // The text with its addresses replaced: "RS" for the start of a named block, "BUFFER+12" inside of
 // one, and "ADDRESS" anywhere else.
 inline std::string nameAddresses(std::string text, const std::vector<Named>& names) {
-  for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
-    if (at > 0 &&
-        (std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0 || text[at - 1] == '.')) {
-      at += 2;  // the name of a temporary file may hold these letters, too
-      continue;
-    }
+  for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos; ++at) {
+    // The name of a temporary file may hold these letters, too.
+    if (at > 0 && (std::isalnum(text[at - 1]) != 0 || text[at - 1] == '.')) continue;
     const std::size_t end =
         std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
     const auto address = static_cast<std::uintptr_t>(std::strtoull(&text[at], nullptr, 16));
@@ -82,26 +78,21 @@ inline std::string nameAddresses(std::string text, const std::vector<Named>& nam
     for (const Named& block : names) {
       const std::size_t offset = address - reinterpret_cast<std::uintptr_t>(block.start);
       if (offset < block.size)
-        shown = formatText(offset == 0 ? "%s" : "%s+%zu", block.name, offset);
+        shown = block.name + (offset == 0 ? "" : "+" + std::to_string(offset));
     }
     text.replace(at, end - at, shown);
   }
   return text;
 }
 
-// The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses
-// replaced.
-inline std::string storyOf(const std::string& trace, const std::vector<Named>& names = {}) {
-  std::string story;
-  for (const std::string& line : splitLines(trace)) {
-    const std::string masked = maskPrefix(line);
-    if (masked.starts_with("TIME ")) story += masked.substr(masked.find("] ", 16) + 2) + "\n";
-  }
-  return nameAddresses(story, names);
-}
-
 inline std::ptrdiff_t countDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 // An empty file of its own, removed at the end of the scope.
@@ -117,17 +108,14 @@ class TemporaryFile {
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  [[nodiscard]] std::string text() const {
-    std::ifstream in(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
+  [[nodiscard]] std::string text() const { return readFile(path_); }
 
  private:
   std::string path_ = "/tmp/zebtrace.XXXXXX";
 };
 
-// The trace goes to the file from the constructor on, and back to standard error at the end,
-// switched off.
+// The trace goes to a file of its own; at the end of the scope it is switched off and goes to
+// standard error again.
 class TraceCapture {
  public:
   explicit TraceCapture(int level) {
@@ -142,19 +130,40 @@ class TraceCapture {
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // Forgets what has been traced so far; the constructor does so too, so that its own lines are not
-  // seen.
+  // Forgets what has been traced so far, as the constructor does with its own lines.
   void restart() { seen_ = file_.text().size(); }
-  // What was written since then, as it stands in the file.
+  // What was written since then.
   [[nodiscard]] std::string text() const { return file_.text().substr(seen_); }
-  // The same line by line, without newlines and with masked prefixes.
-  [[nodiscard]] std::vector<std::string> lines() const {
-    std::vector<std::string> all = splitLines(text());
-    for (std::string& line : all) line = maskPrefix(line);
-    return all;
-  }
+  // The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses
+  // replaced.
   [[nodiscard]] std::string story(const std::vector<Named>& names = {}) const {
-    return storyOf(text(), names);
+    std::string story;
+    for (const std::string& line : splitLines(text())) {
+      const std::string masked = maskPrefix(line);
+      if (masked.starts_with("TIME ")) story += masked.substr(masked.find("] ", 16) + 2) + "\n";
+    }
+    return nameAddresses(story, names);
+  }
+  // All of it, with everything replaced that changes from run to run: times, ids, addresses,
+  // descriptors, ports and file names.
+  [[nodiscard]] std::string masked(const std::vector<Named>& names = {}) const {
+    static const std::vector<std::pair<std::regex, const char*>> masks = {
+        {std::regex("^0x[0-9A-F]{8}: "), "ADDRESS: "},
+        {std::regex(R"(^(\*\*\* )\d\d/\d\d/\d\d )"), "$1DATE "},
+        {std::regex("(0x)+(?=[0-9a-f])"), "0x"},
+        {std::regex(R"((socketDesc|socketDescriptor|socket|port)(=|\()\d+)"), "$1$2NUMBER"},
+        {std::regex(R"((on socket|socketDescriptor\(|Created socket:) ?\d+)"), "$1 NUMBER"},
+        {std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT"},
+        {std::regex(R"(/tmp/zebtrace\.\w{6})"), "FILE"},
+        {std::regex(R"((owningPid|owningTid)\([0-9A-F]{8}\))"), "$1(ID)"}};
+    std::string all;
+    for (std::string line : splitLines(text())) {
+      line = maskPrefix(line);
+      for (const auto& [pattern, placeholder] : masks)
+        line = std::regex_replace(line, pattern, placeholder);
+      all += nameAddresses(line, names) + "\n";
+    }
+    return all;
   }
   [[nodiscard]] const std::string& path() const { return file_.path(); }
 
@@ -162,6 +171,22 @@ class TraceCapture {
   TemporaryFile file_;
   std::size_t seen_ = 0;
 };
+
+// Compares a masked trace with the recorded one. If they differ, the trace is written to a file of
+// that name in the temporary folder.
+inline void expectRecorded(const std::string& actual, const std::string& recordedPath) {
+  const std::string path =
+      testing::TempDir() + std::filesystem::path(recordedPath).filename().string();
+  const auto is = splitLines(actual), was = splitLines(readFile(recordedPath));
+  for (std::size_t i = 0; i < std::max(is.size(), was.size()); ++i) {
+    const std::string line = i < is.size() ? is[i] : "missing";
+    if (i < std::min(is.size(), was.size()) && line == was[i]) continue;
+    std::ofstream(path) << actual;
+    FAIL() << "line " << i + 1 << " of " << path << " is\n"
+           << line << "\nand not\n"
+           << (i < was.size() ? was[i] : "the end");
+  }
+}
 
 }  // namespace zebtest
 
