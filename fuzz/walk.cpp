@@ -45,8 +45,8 @@ int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
   const std::uint8_t what = takeByte(input);
   const std::uint8_t wanted = takeByte(input);
   const bool isSlow = (what & kSlow) == kSlow && wanted == 0;
-  std::size_t tail = takeByte(input);
-  tail = std::min(tail, input.size());
+  const std::size_t asked = takeByte(input);
+  const std::size_t tail = std::min(asked, input.size());
   const std::size_t marked = (what & kMarked) != 0 ? zeb::kMarkerLength : 0;
   const std::size_t head = std::min(input.size() - tail, zeb::kContentSize - marked);
 

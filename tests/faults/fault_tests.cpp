@@ -44,6 +44,9 @@ struct Mode {
   int level;
   int timeout;
 };
+void PrintTo(const Mode& mode, std::ostream* out) {
+  *out << "level " << mode.level << ", timeout " << mode.timeout;
+}
 
 constexpr int kNoVersion = 1;  // of an open call that returned 0
 
