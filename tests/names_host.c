@@ -25,10 +25,11 @@ int main(int argc, char** argv) {
   ResultSetToken* copy = NULL;
   StatData stat;
   IdData id;
+  char* version = NULL;
   char* text = NULL;
   int rc = 2;
   if (argc != 3 || (rc = setAPITraceFile(argv[2])) != 0 || (rc = setAPITraceLevel(5)) != 0 ||
-      (rc = openGatewayConnection(atoi(argv[1]), &token, &text)) != 0 ||
+      (rc = openGatewayConnection(atoi(argv[1]), &token, &version)) != 0 ||
       (rc = getStats(token, &answer)) != 0 || (rc = getFirstStat(answer, &stat)) != 0 ||
       (rc = getStatIdsByStatGroupId(token, "GD", &answer)) != 0 ||
       (rc = copyResultSet(answer, &copy)) != 0 || (rc = getFirstId(copy, &id)) != 0 ||
@@ -36,6 +37,7 @@ int main(int argc, char** argv) {
       (rc = freeResultSet(&copy)) != 0 || (rc = dumpState()) != 0 ||
       (rc = closeGatewayConnection(&token)) != 0 || (rc = closeAllGatewayConnections()) != 0)
     printf("a call returns %d\n", rc);
+  free(version);
 #define FUNCTION(name)
 #define DATA(name) \
   if (memcmp(name, untouched, sizeof untouched) != 0) rc = puts(#name " was changed") | 1;
