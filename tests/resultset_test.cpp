@@ -194,6 +194,7 @@ void checkArguments(bool isStats, Call first, Call next, int nullCode) {
   Record record;
   EXPECT_EQ(first(answer.token, &record), 0);
   EXPECT_EQ(memcmp(record.contentMarker, answer.token->head, 8), 0);
+  EXPECT_EQ(next(answer.token, nullptr), nullCode) << "under way";
   for (const Call call : {next, first}) {
     answer.token->head = other.token->head;
     EXPECT_EQ(call(nullptr, nullptr), -127);
