@@ -211,8 +211,7 @@ int countAnswer(const GatewayServer& server, const Bytes& bytes) {
   send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
   int count = 0;
   char byte;
-  while (zebtest::isReady(client, POLLIN, 20000) && recv(client.get(), &byte, 1, 0) > 0)
-    ++count;
+  while (zebtest::isReady(client, POLLIN, 20000) && recv(client.get(), &byte, 1, 0) > 0) ++count;
   EXPECT_TRUE(zebtest::isReady(client, POLLIN, 0)) << "the connection was not closed";
   return count;
 }

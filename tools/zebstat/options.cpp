@@ -313,8 +313,7 @@ class Parser {
       for (const CheckRange& range : *ranges) {
         bool isChecked = range.id.empty() ||
                          std::find(check.ids.begin(), check.ids.end(), range.id) != check.ids.end();
-        if (!isChecked)
-          throw CLI::ValidationError(range.id, "it has a range but is not checked");
+        if (!isChecked) throw CLI::ValidationError(range.id, "it has a range but is not checked");
       }
     }
     if (unreachable_ == "warning") check.unreachable = kStateWarning;
