@@ -358,8 +358,10 @@ TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClos
     getsockopt(tokens[0]->socket, SOL_SOCKET, SO_KEEPALIVE, &keptAlive, &size);
     getsockopt(tokens[0]->socket, IPPROTO_TCP, TCP_NODELAY, &notDelayed, &size);
     EXPECT_TRUE(keptAlive == 1 && notDelayed == 1);
-    std::thread([&] { EXPECT_EQ(ask(0, tokens[0]), ZEB_OTHER_THREAD); }).join();
-    EXPECT_EQ(closeAllGatewayConnections(), 0);
+    std::thread([&] {
+      EXPECT_EQ(ask(0, tokens[0]), ZEB_OTHER_THREAD);
+      EXPECT_EQ(closeAllGatewayConnections(), 0);
+    }).join();
   }
 }
 

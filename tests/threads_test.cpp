@@ -16,8 +16,8 @@ namespace {
 
 using namespace zebtest;
 
-// A message has one prefix, at its start; a line of a dump has its text in column 50; what is printed
-// without a prefix has none inside.
+// A message has one prefix, at its start; a line of a dump has its text in column 50; what is
+// printed without a prefix has none inside.
 bool isWhole(std::string_view line) {
   constexpr std::string_view mark = " [0x";
   const std::size_t at = line.find(mark);
