@@ -167,7 +167,7 @@ TEST_P(WalkOf, FindsEveryEntryAndJoinsTheGoodIds) {
 }
 
 TEST_P(WalkOf, RefusesDamagedBuffersAndStaysInside) {
-  const std::string all = "Q1(0)aa Q1(0)bb Q2(0)cc ";
+  const std::string all = "Q1(0)aa Q1(0)bb Q2(0)cc ", ids = "aa:bb:cc";
   const std::size_t second = isStats ? 54 : 38;          // where the second element begins
   const std::pair<std::size_t, std::size_t> lengths[] = {// and the size of what comes before
                                                          {12, 0},
@@ -181,8 +181,15 @@ TEST_P(WalkOf, RefusesDamagedBuffersAndStaysInside) {
       const int good = zeb::loadInteger(&answer.buffer[offset]);
       put(answer, offset, bad);
       EXPECT_EQ(walk(isStats, true, answer.token), all.substr(0, found) + "-119") << bad;
+      char* query = nullptr;
+      EXPECT_EQ(getIdQuery(answer.token, &query) == 0 ? query : "", ids.substr(0, found / 3));
       put(answer, offset, good);
     }
+  }
+  put(answer, isStats ? 40 : 32, kTerminator);
+  for (const int level : {0, 2}) {
+    const TraceCapture trace(level);
+    EXPECT_EQ(walk(isStats, true, answer.token), "Q1(0)aa -113") << "the end is where an entry was";
   }
   put(answer, 8, kTerminator);
   EXPECT_EQ(walk(isStats, true, answer.token), "-113") << "the end is where the count was";
