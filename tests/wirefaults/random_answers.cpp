@@ -246,8 +246,8 @@ class RandomAnswer {
   std::size_t padding_ = 40;
 };
 
-// What the parser does wrong, or null. The slow decoder's opinion is asked first; it has to agree if
-// the content is known. The answer is a block of its exact size, so that a sanitiser sees every step
+// What the parser does wrong, or null. The slow decoder is asked first; it has to agree if the
+// content is known. The answer is a block of its exact size, so that a sanitiser sees every step
 // outside.
 const char* check(bool isStats, const Bytes& wire, const Bytes* content) {
   static Bytes decoded;
