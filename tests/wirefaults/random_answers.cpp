@@ -107,12 +107,21 @@ class RandomAnswer {
     for (const Response& response : responses) writeFreely(out, response);
     return out;
   }
-  // One byte, or a field of two or four, becomes another; or the end is missing.
+  // One bit changes, or a field of one, two or four bytes, or the end is missing: anywhere, or in
+  // the head of a long block.
   void damage(Bytes& wire) {
-    const std::size_t at = pick(0, wire.size() - 1);
-    if (oneIn(4)) return wire.resize(at);
+    const std::size_t any = pick(0, wire.size() - 1), head = wire.find(Bytes("z\0\0", 3), any);
+    const std::size_t at =
+        head == Bytes::npos || oneIn(2) ? any : std::min(head + pick(0, 5), wire.size() - 1);
     const std::size_t width = std::min(wire.size() - at, std::size_t{1} << pick(0, 2));
-    wire.replace(at, width, oneIn(2) ? noise(width) : Bytes(width, oneOf({'\0', '\x7F', '\xFF'})));
+    if (oneIn(8)) {
+      wire.resize(at);
+    } else if (oneIn(2)) {
+      wire[at] = static_cast<char>(wire[at] ^ 1 << pick(0, 7));
+    } else {
+      wire.replace(at, width,
+                   oneIn(2) ? noise(width) : Bytes(width, oneOf({'\0', '\x7F', '\xFF'})));
+    }
   }
 
   struct Response {
@@ -270,9 +279,9 @@ TEST(RandomAnswers, areReadAsTheyWereMadeAndAsTheSlowDecoderReadsThem) {
     SCOPED_TRACE(number);
     RandomAnswer answer(number);
     answer.makeAny(number);
-    Bytes wire = number % 4 != 0   ? answer.writeFreely()
-                 : number % 8 != 0 ? answer.encode(HeadBlocks::kOne)
-                                   : answer.encode(HeadBlocks::kCut);
+    const Bytes wire = number % 4 < 2    ? answer.writeFreely()
+                       : number % 16 < 4 ? answer.encode(HeadBlocks::kOne)
+                                         : answer.encode(HeadBlocks::kCut);
     const Bytes content = answer.content();
     refused += content.size() > zeb::kContentSize;
     if (number % 512 == 0) setAPITraceLevel(4);  // the buffer is then written in another way
