@@ -1,5 +1,5 @@
-// soak [QUERIES [PAIRS]]: makes QUERIES queries on one connection, then PAIRS pairs of an open and a
-// close, with a simulated gateway in another process. Shows its progress, resident memory and
+// soak [QUERIES [PAIRS]]: makes QUERIES queries on one connection, then PAIRS pairs of an open and
+// a close, with a simulated gateway in another process. Shows its progress, resident memory and
 // descriptors, and fails unless both stay flat after the first tenth.
 #include "client_session.h"
 

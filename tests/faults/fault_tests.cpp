@@ -326,8 +326,8 @@ constexpr Mode kPlain = {0, 0}, kTraced = {5, 0}, kTimed = {0, 60000};
 
 class FaultsWith : public Faults, public testing::WithParamInterface<Mode> {};
 
-// Each line of the trace flushes and locks, and no code depends on it: one error at the first 24 and
-// then at every eighth, all from there on at every eighth, and one query for all.
+// Each line of the trace flushes and locks, and no code depends on it: one error at the first 24
+// and then at every eighth, all from there on at every eighth, and one query for all.
 TEST_P(FaultsWith, aFailingCallGivesADocumentedCode) {
   Row allocations("F1"), systemCalls("F2");
   const Mode mode = GetParam();
@@ -359,7 +359,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, FaultsWith, testing::Values(kPlain, kTraced, kTi
 TEST_F(Faults, aSecondFaultInTheCleanUpOfTheFirstLosesNothing) {
   Row row("F3");
   std::mt19937 random(2000);
-  const auto pick = [&](std::size_t count) { return random() % count; };
+  const auto pick = [&](auto count) { return random() % static_cast<std::size_t>(count); };
   for (int pairs = 0; pairs < 2050;) {
     const Target& target = kTargets[pick(kTargets.size())];
     const Mode mode = pick(8) == 0 ? kTraced : pick(2) == 0 ? kTimed : kPlain;
@@ -367,7 +367,8 @@ TEST_F(Faults, aSecondFaultInTheCleanUpOfTheFirstLosesNothing) {
     if (clean.counts.empty()) continue;
     ++pairs;
     const auto pickFault = [&](bool onwards) {
-      const auto& [call, count] = *std::next(clean.counts.begin(), pick(clean.counts.size()));
+      const auto& [call, count] =
+          *std::next(clean.counts.begin(), static_cast<long>(pick(clean.counts.size())));
       const Codes errors = errorsOf(call, mode);
       return Fault{call, 1 + static_cast<int>(pick(count)), onwards, errors[pick(errors.size())]};
     };
@@ -449,7 +450,7 @@ TEST_F(Faults, aChangedReplyIsACodeOrAnotherAnswer) {
       for (int bit = 0; bit < 8; ++bit)
         change(target, clean, at, {static_cast<char>(clean.replies[at] ^ 1 << bit)});
       for (const unsigned extreme : {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0xF004u}) {
-        for (const std::size_t width : {1, 2, 4}) {
+        for (const std::size_t width : {1u, 2u, 4u}) {
           const std::string value = zebsim::words({extreme});
           if (at + width <= clean.replies.size())
             change(target, clean, at, value.substr(extreme == 0xF004 ? 4 - width : 0, width));

@@ -20,50 +20,45 @@
 namespace zebtest {
 namespace {
 
-using zebsim::Bytes;
+using namespace zebsim;
 
 // The same number makes the same answer.
 class RandomAnswer {
  public:
   explicit RandomAnswer(std::uint64_t number) : random_(number) {}
 
-  // Mostly small; the first ones, and some of the others, fill a buffer to about its end.
+  // The first ones, and some of the others, fill a buffer to about its end.
   void makeAny(std::uint64_t number) {
     isStats = number % 2 == 0;
+    padding_ = oneIn(1000) ? 0x7FFF : 40;  // which can make megabytes of little content
     if (number < 32 || oneIn(100)) {
       fill(zeb::kContentSize - 6 + number / 2 % 16);
     } else if (oneIn(500)) {
       fill(1 << 20);
     } else {
-      padding_ = oneIn(1000) ? 0x7FFF : 40;  // which can make megabytes of little content
-      for (std::size_t i = oneIn(300) ? pick(100, 300) : pick(0, 5); i > 0; --i)
-        add(text(randomSize()), oneIn(5) ? random_() : pick(0, 1) * pick(0, 9), randomItems());
+      addSome();
     }
     isList = responses.size() != 1 || oneIn(2);
   }
   // Each size of block data up to 20,000 bytes of ids, or 5,000 before the statistics; each end of
   // a block in or about the lengths of a statistic; and any number of such. False after the last.
   bool makeCut(std::uint64_t number) {
-    constexpr std::uint64_t kIds = 20000, kHeads = 5000, kLengths = 41 * 41, kLists = 4000;
-    isStats = number >= kIds;
+    constexpr std::uint64_t kIds = 20000, kHeads = kIds + 5000, kLengths = kHeads + 41 * 41;
+    isStats = number >= kIds && (number < kLengths || oneIn(2));
+    isList = number >= kLengths;
     if (number < kIds) {
       addIds(6 + number);
-    } else if (number < kIds + kHeads) {
+    } else if (number < kHeads) {
       const std::size_t size = 6 + number - kIds;
       const bool isRefused = size < 10 || oneIn(4);
-      add(text(size - (isRefused ? 6 : 10)), isRefused ? -pick(1, 9) : 0,
-          isRefused ? 0 : pick(0, 2));
-    } else if (number < kIds + kHeads + kLengths) {
-      const std::size_t both = number - kIds - kHeads;
-      add("q", 0, {{text(1000 + both / 41), text(both % 41)}});
+      add(text(size - (isRefused ? 6 : 10)), isRefused ? -1 : 0, isRefused ? 0 : pick(0, 2));
+    } else if (number < kLengths) {
+      add("q", 0, 1);
+      responses[0].items[0] = {text(1000 + (number - kHeads) / 41), text((number - kHeads) % 41)};
     } else {
-      isList = true;
-      isStats = number % 4 != 0;
-      for (std::size_t i = pick(0, 4); i > 0; --i)
-        isStats ? add(text(oneIn(10) ? pick(1000, 3000) : pick(0, 20)), 0, pick(0, 5))
-                : addIds(pick(6, 5000));
+      addSome();
     }
-    return number < kIds + kHeads + kLengths + kLists;
+    return number < kLengths + 4000;
   }
 
   // What the result set is to hold or, if described, what Serialise.java reads: other numbers, and
@@ -73,11 +68,11 @@ class RandomAnswer {
     if (isDescribed) out = {static_cast<char>(isStats), static_cast<char>(isList)};
     const auto put = [&](auto value) {
       const auto word = static_cast<std::uint32_t>(value);
-      if (isDescribed) return zebsim::appendU32(out, word);
+      if (isDescribed) return appendU32(out, word);
       out.append(reinterpret_cast<const char*>(&word), sizeof word);
     };
     const auto putText = [&](const Bytes& text) {
-      if (isDescribed) return zebsim::appendText16(out, text);
+      if (isDescribed) return appendText16(out, text);
       put(text.size());
       out += text;
     };
@@ -95,10 +90,10 @@ class RandomAnswer {
     return out;
   }
   // As the simulated gateway writes it.
-  [[nodiscard]] Bytes encode(zebsim::HeadBlocks blocks) const {
-    zebsim::Answer answer{isList, {}};
+  [[nodiscard]] Bytes encode(HeadBlocks blocks) const {
+    Answer answer{isList, {}};
     for (const Response& response : responses) {
-      zebsim::Ids ids;
+      Ids ids;
       for (const auto& item : response.items) ids.push_back(item.id);
       answer.responses.push_back({response.query, response.rc, ids});
       if (isStats) answer.responses.back().items = response.items;
@@ -108,22 +103,31 @@ class RandomAnswer {
   // With all that is skipped at random, and values in any pieces that add up.
   Bytes writeFreely() {
     Bytes out(1, isList ? '\1' : oneOf({'\0', '\2', '\xFF'}));
-    if (isList) zebsim::appendU32(out, static_cast<std::uint32_t>(responses.size()));
+    if (isList) appendU32(out, static_cast<std::uint32_t>(responses.size()));
     for (const Response& response : responses) writeFreely(out, response);
     return out;
   }
-  // One byte, or a field of two or four, becomes another; or the end is missing.
+  // One bit changes, or a field of one, two or four bytes, or the end is missing: anywhere, or in
+  // the head of a long block.
   void damage(Bytes& wire) {
-    const std::size_t at = pick(0, wire.size() - 1);
-    if (oneIn(4)) return wire.resize(at);
+    const std::size_t any = pick(0, wire.size() - 1), head = wire.find(Bytes("z\0\0", 3), any);
+    const std::size_t at =
+        head == Bytes::npos || oneIn(2) ? any : std::min(head + pick(0, 5), wire.size() - 1);
     const std::size_t width = std::min(wire.size() - at, std::size_t{1} << pick(0, 2));
-    wire.replace(at, width, oneIn(2) ? noise(width) : Bytes(width, oneOf({'\0', '\x7F', '\xFF'})));
+    if (oneIn(8)) {
+      wire.resize(at);
+    } else if (oneIn(2)) {
+      wire[at] = static_cast<char>(wire[at] ^ 1 << pick(0, 7));
+    } else {
+      wire.replace(at, width,
+                   oneIn(2) ? noise(width) : Bytes(width, oneOf({'\0', '\x7F', '\xFF'})));
+    }
   }
 
   struct Response {
     Bytes query;
     std::int32_t rc;
-    zebsim::Stats items;
+    Stats items;
   };
   bool isStats = false;
   bool isList = false;
@@ -155,62 +159,56 @@ class RandomAnswer {
   }
   std::size_t randomSize() {
     if (oneIn(2000)) return 0x7FFF;
-    return oneIn(50) ? pick(0, 3000) : pick(0, 40);
+    return oneIn(8) ? pick(900, 7000) : pick(0, 40);
   }
-  zebsim::Stats randomItems() {
-    zebsim::Stats items(oneIn(1000) ? pick(1000, 4000) : pick(0, oneIn(4) ? 40 : 6));
-    for (auto& item : items) item = {text(randomSize()), text(randomSize())};
-    return items;
+  void add(const Bytes& query, std::int64_t rc, std::size_t count) {
+    responses.push_back({query, static_cast<std::int32_t>(rc), Stats(count)});
+    for (auto& item : responses.back().items) item = {text(randomSize()), text(randomSize())};
   }
-
-  template <typename Code>
-  void add(const Bytes& query, Code rc, const zebsim::Stats& items) {
-    responses.push_back({query, static_cast<std::int32_t>(rc), items});
-  }
-  // Statistics, many of which are longer than a block.
-  template <typename Code>
-  void add(const Bytes& query, Code rc, std::size_t count) {
-    zebsim::Stats items(count);
-    for (auto& item : items)
-      item = {text(oneIn(2) ? pick(1, 40) : pick(900, 7000)), text(pick(0, oneIn(3) ? 5000 : 40))};
-    add(query, rc, items);
+  void addSome() {
+    for (std::size_t i = oneIn(300) ? pick(100, 300) : pick(0, 5); i > 0; --i) {
+      const std::int64_t rc = oneIn(5) ? static_cast<std::int32_t>(random_()) : oneIn(2) * 7;
+      if (isStats)
+        add(text(randomSize()), rc, oneIn(1000) ? pick(1000, 4000) : pick(0, oneIn(4) ? 40 : 6));
+      else
+        addIds(pick(6, oneIn(4) ? 5000 : 200));
+    }
   }
   // A response whose block data have this size. The smallest are refused ones.
   void addIds(std::size_t size) {
-    if (size < 10) return add(text(size - 6), -1, zebsim::Stats{});
+    if (size < 10) return add(text(size - 6), -1, 0);
     const std::size_t query = std::min(size - 10, oneIn(10) ? pick(0, 2000) : pick(0, 20));
     const std::size_t longest = oneIn(4) ? 3000 : 40;
-    zebsim::Stats items;
+    Stats items;
     std::size_t left = size - 10 - query;
     for (; left >= 2; left -= 2 + items.back().id.size())
       items.push_back({text(std::min(left - 2, pick(0, longest))), ""});
-    add(text(query + left), pick(0, 3), items);  // an id needs two bytes
+    responses.push_back({text(query + left), oneIn(4) ? 7 : 0, items});  // an id needs two bytes
   }
   // Responses with long texts until the content has this size.
   void fill(std::size_t size) {
     const std::size_t integers = isStats ? 20 : 16;  // of a response, besides the last text
     for (std::size_t left = size - 12; left > 0;) {
       const std::size_t length = left > 0x7FFF + integers ? 30000 : left - integers;
-      add("", 0,
-          zebsim::Stats{isStats ? zebsim::Stat{"", text(length)} : zebsim::Stat{text(length), ""}});
+      responses.push_back({"", 0, {isStats ? Stat{"", text(length)} : Stat{text(length), ""}}});
       left -= length + integers;
     }
   }
 
   void writeFreely(Bytes& out, const Response& response) {
-    const auto skipped = [&] { zebsim::appendText16(out, noise(pick(0, padding_))); };
+    const auto skipped = [&] { appendText16(out, noise(pick(0, padding_))); };
     out += noise(6);
     skipped();
     out += noise(13);
     skipped();
     out += noise(13);
     out += oneIn(2) ? "w" + noise(1) : oneOf({'z', 'x', '\0'}) + noise(4);
-    zebsim::appendText16(out, response.query);
-    zebsim::appendU32(out, static_cast<std::uint32_t>(response.rc));
-    if (response.rc >= 0) zebsim::appendU32(out, static_cast<std::uint32_t>(response.items.size()));
+    appendText16(out, response.query);
+    appendU32(out, static_cast<std::uint32_t>(response.rc));
+    if (response.rc >= 0) appendU32(out, static_cast<std::uint32_t>(response.items.size()));
     if (!isStats || response.rc < 0) {
       for (std::size_t i = 0; response.rc >= 0 && i < response.items.size(); ++i)
-        zebsim::appendText16(out, response.items[i].id);
+        appendText16(out, response.items[i].id);
       out += noise(1);
       return;
     }
@@ -219,19 +217,19 @@ class RandomAnswer {
     out += noise(8);
     for (const auto& item : response.items) writeFreely(out, item);
   }
-  void writeFreely(Bytes& out, const zebsim::Stat& stat) {
+  void writeFreely(Bytes& out, const Stat& stat) {
     out += noise(5);
     if (oneIn(2)) {
       out += oneOf({'w', 'x', '\0'}) + noise(1);
-      zebsim::appendText16(out, stat.id);
-      zebsim::appendText16(out, stat.value);
+      appendText16(out, stat.id);
+      appendText16(out, stat.value);
     } else {
       const std::size_t most = oneIn(3) ? 0x7FFF : stat.value.size();
       const std::size_t room = oneIn(4) ? most : pick(0, most);
       out += "z" + noise(2);
-      zebsim::appendU16(out, static_cast<std::uint16_t>(stat.id.size() + 4 + room));
-      zebsim::appendText16(out, stat.id);
-      zebsim::appendU16(out, static_cast<std::uint16_t>(stat.value.size()));
+      appendU16(out, static_cast<std::uint16_t>(stat.id.size() + 4 + room));
+      appendText16(out, stat.id);
+      appendU16(out, static_cast<std::uint16_t>(stat.value.size()));
       out += stat.value.substr(0, room);
       if (room < stat.value.size()) writePieces(out, stat.value.substr(room));
     }
@@ -246,8 +244,8 @@ class RandomAnswer {
           isLong ? rest.size() - shortSize : std::min<std::size_t>(rest.size(), 255);
       const std::size_t size = pick(oneIn(9) ? 0 : 1, most);
       out += isLong ? "z" + noise(2) : Bytes(1, std::exchange(marker, oneOf({'w', 'z', '\0'})));
-      isLong ? zebsim::appendU16(out, static_cast<std::uint16_t>(size))
-             : zebsim::appendU8(out, static_cast<std::uint8_t>(size));
+      isLong ? appendU16(out, static_cast<std::uint16_t>(size))
+             : appendU8(out, static_cast<std::uint8_t>(size));
       out += rest.substr(0, size);
       rest.remove_prefix(size);
     }
@@ -257,8 +255,8 @@ class RandomAnswer {
   std::size_t padding_ = 40;
 };
 
-// What the parser does wrong, or null. The slow decoder's opinion is asked first; it has to agree if
-// the content is known. The answer is a block of its exact size, so that a sanitiser sees every step
+// What the parser does wrong, or null. The slow decoder is asked first; it has to agree if the
+// content is known. The answer is a block of its exact size, so that a sanitiser sees every step
 // outside.
 const char* check(bool isStats, const Bytes& wire, const Bytes* content) {
   static Bytes decoded;
@@ -281,9 +279,9 @@ TEST(RandomAnswers, areReadAsTheyWereMadeAndAsTheSlowDecoderReadsThem) {
     SCOPED_TRACE(number);
     RandomAnswer answer(number);
     answer.makeAny(number);
-    Bytes wire = number % 4 != 0   ? answer.writeFreely()
-                 : number % 8 != 0 ? answer.encode(zebsim::HeadBlocks::kOne)
-                                   : answer.encode(zebsim::HeadBlocks::kCut);
+    const Bytes wire = number % 4 < 2    ? answer.writeFreely()
+                       : number % 16 < 4 ? answer.encode(HeadBlocks::kOne)
+                                         : answer.encode(HeadBlocks::kCut);
     const Bytes content = answer.content();
     refused += content.size() > zeb::kContentSize;
     if (number % 512 == 0) setAPITraceLevel(4);  // the buffer is then written in another way
@@ -315,13 +313,13 @@ int exchangeWithJdk(bool describes) {
     }
     Bytes wire(4, '\0');
     if (std::fread(wire.data(), 1, wire.size(), stdin) != wire.size()) ++failures;
-    wire.resize(zebsim::ByteReader(wire).u32());
+    wire.resize(ByteReader(wire).u32());
     if (std::fread(wire.data(), 1, wire.size(), stdin) != wire.size()) ++failures;
     const Bytes content = answer.content();
     const char* problem = check(answer.isStats, wire, &content);
-    if (answer.encode(zebsim::HeadBlocks::kCut) != wire) problem = "the simulator writes another";
+    if (answer.encode(HeadBlocks::kCut) != wire) problem = "the simulator writes another";
     if (problem != nullptr && ++failures < 20) std::printf("answer %u: %s\n", points, problem);
-    cut += answer.encode(zebsim::HeadBlocks::kOne) != wire;
+    cut += answer.encode(HeadBlocks::kOne) != wire;
     ++points;
   }
   if (describes) return 0;

@@ -1,16 +1,14 @@
 // A second decoder of answers, slow and obvious: field by field as the layout has them, every byte
-// through one bounds test. It shares no line with the library.
+// through one bounds test. It shares no line with the library. The layout, with the sizes in bytes:
 //
-//   answer      form 1: byte 0, number of responses (4), responses; else: byte 0, one response
-//   response    c+6 length A (2), A bytes, 13 bytes, h0: length B (2), B bytes, h: 13 bytes, marker,
-//               then 1 byte after a 'w' or 4 after any other, query element (2 + Q), q: return
-//               code (4), body
-//   ids body    code < 0: 1 byte; else q+4 count (4), ids (2 + I each), 1 byte
-//   stats body  code < 0: 1 byte; else q+4 count (4), q+10 length D (2), D bytes, records from
-//               s = q+20+D
-//   record      s+5 marker; 'z': s+8 room C (2), s+10 id (2 + I), length L (2), C-I-4 bytes of the
-//               value and the rest of it in pieces; other: s+7 id (2 + I), value (2 + L); 2 bytes
-//   pieces      'z' blocks (length at p+3), then 'w' blocks (length at p+1) whatever their marker
+//   answer      a byte; if that is 1, the number of responses (4); the responses, otherwise one
+//   response    6 bytes, a text (its length (2) and the characters), 13 bytes, a text, 13 bytes, a
+//               tag, 1 byte after a 'w' or 4 after any other, query element, return code (4), body
+//   ids body    code < 0: 1 byte; otherwise count (4), ids, 1 byte
+//   stats body  code < 0: 1 byte; otherwise count (4), 2 bytes, a text, 8 bytes, records
+//   record      5 bytes, a tag; 'z': 2 bytes, room (2), id, length of the value (2), its part that
+//               fills the room, the rest of it in pieces; other: 1 byte, id, value; then 2 bytes
+//   pieces      'z' blocks (a 4-byte length), then 'w' blocks (1 byte) whatever their tag
 //
 // Block data of more than 1,024 bytes may be cut into blocks: full 'z' blocks of 1,024, then one of
 // any kind and length. From the query element to the last id or the count of statistics, and in a
