@@ -144,9 +144,9 @@ void nameFamilies(Families& families) {
     for (auto& [id, family] : families) {
       if (isUsual(id) != usual) continue;
       std::string name = makeName(id);
-      auto isTaken = [&] {
-        family.names = {makeNumberName(name, family.info), name + "_info"};
-        return taken.contains(family.names.number) || taken.contains(family.names.text);
+      auto isTaken = [&, &named = family] {  // clang++ 14 captures no part of a binding by itself
+        named.names = {makeNumberName(name, named.info), name + "_info"};
+        return taken.contains(named.names.number) || taken.contains(named.names.text);
       };
       while (isTaken()) name += makeSuffix(id);
       taken.insert({family.names.number, family.names.text});

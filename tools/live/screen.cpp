@@ -231,9 +231,9 @@ void Screen::drawTable(const History& history, ScreenState& state,
   for (std::size_t i = state.top; i < shown.size() && row < LINES; ++i) {
     bool isStale = !history.gateways()[shown[i]->gateway].trouble.empty();
     attr_t attributes = attributesFor(*shown[i], isStale);
-    attron(attributes);
+    attr_on(attributes, nullptr);
     printRow(rows[i]);
-    attroff(attributes);
+    attr_off(attributes, nullptr);
   }
 }
 
