@@ -142,6 +142,7 @@ ssize_t Injection::send(int socket, std::string_view bytes, int flags) {
   if (error == kEnd) return 0;
   if (error < kShort && !goesOn(error, isBounded)) return fail(error);
   if (socket < 0 || closedForSending.count(socket) > 0) return fail(socket < 0 ? EBADF : EPIPE);
+  if (hasEnded) complaint += " sends on a connection that has ended;";
   const auto size = static_cast<ssize_t>(bytes.size());
   if (received >= wire.endsAt) return wire.sendError != 0 ? fail(wire.sendError) : size;
   if (error == kCut) closedForSending.insert(socket);
@@ -160,7 +161,8 @@ ssize_t Injection::receive(int socket, void* buffer, std::size_t size, int flags
   if (received < wire.splitAt) most = std::min(most, wire.splitAt - received);
   if ((flags & MSG_PEEK) != 0)  // given replies are not there before they are asked for
     return most > 0 && !wire.replies.has_value() ? 1 : fail(EAGAIN);
-  if (most == 0 && wire.receiveError != 0) return fail(wire.receiveError);
+  hasEnded = most == 0;
+  if (hasEnded && wire.receiveError != 0) return fail(wire.receiveError);
   std::copy_n(stream().data() + received, most, static_cast<char*>(buffer));
   received += most;
   return static_cast<ssize_t>(most);

@@ -85,6 +85,7 @@ struct Injection {
   std::string unread = {};   // what the gateway has not answered yet
   std::string replies = {};  // all of the gateway's
   std::size_t received = 0;
+  bool hasEnded = false;  // as a receive has reported
 };
 
 // How many blocks, lists of addresses, sockets and files the library holds.
