@@ -302,7 +302,7 @@ class ExporterTest(unittest.TestCase):
                '{"statistics": [{"id": "A", "help": 1}]}': "statistics[0].help is not a text"}
         calls = [(["--gateway", "a", "--metadata", self.write(f"{i}.json", text)], f"/{i}.json: " + pattern)
                  for i, (text, pattern) in enumerate(bad.items())]
-        calls += [([], "give --gateway"), (["--gateway", "a b"], "'a b' is not a HOST"), (["--gateway", ""], "is not"),
+        calls += [([], "give --gateway"), (["--gateway", "a b"], "'a b' is not HOST"), (["--gateway", ""], "is not"),
                   (["--gateway", "a", "--timeout", "0"], "'0' is not a number of seconds"),
                   (["--gateway", "a", "--listen", ":http"], "':http' is not"), (["--nonsense"], "nonsense"),
                   (["--targets", self.folder], "cannot read"), (["--targets", "/no/such"], "cannot read /no/such"),

@@ -1,7 +1,5 @@
 #include "prometheus_text.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -14,6 +12,7 @@
 #include <set>
 #include <utility>
 
+#include "glob.h"
 #include "text.h"
 
 namespace zebtool {
@@ -261,9 +260,7 @@ std::string renderStats(const std::vector<GatewayStats>& gateways, const Metadat
   }
   for (auto& [id, family] : families) {
     family.info = metadata.find(id);
-    family.hasTexts = std::any_of(texts.begin(), texts.end(), [&id = id](const std::string& glob) {
-      return fnmatch(glob.c_str(), id.c_str(), 0) == 0;
-    });
+    family.hasTexts = matchesAnyGlob(texts, id);
   }
   nameFamilies(families);
   for (const GatewayStats& gateway : gateways) {
