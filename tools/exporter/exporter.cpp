@@ -79,9 +79,7 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   std::string name = showAddress(*address);
   if (!matchesAnyGlob(options_.allowedTargets, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
-  Targets::Probe probe = targets_.probe(*address);
-  ScrapeWorker& worker = probe.worker();
-  return render({{name, worker.await(worker.ask(), deadline)}});
+  return render({{name, targets_.probe(*address).await(deadline)}});
 }
 
 HttpResponse Exporter::render(const std::vector<Sample>& samples) const {
