@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """exporter_test.py EXPORTER ZEBSTAT SIMULATOR METADATA: what the exporter serves, to whom, and how long that takes."""
-import contextlib, http.client, pathlib, re, signal, socket, socketserver, subprocess, sys, tempfile, threading
-import time, unittest
+import contextlib, http.client, pathlib, re, resource, signal, socket, socketserver, subprocess, sys, tempfile
+import threading, time, unittest
 from concurrent.futures import ThreadPoolExecutor
 
 EXPORTER, ZEBSTAT, SIMULATOR, METADATA = (sys.argv.pop(1) for _ in range(4))
@@ -162,6 +162,10 @@ class ExporterTest(unittest.TestCase):
             self.assertLess(took, 5)
             self.assertEqual((scraped.up(good), scraped.up(silent)), (1, 0))
             self.assertLess(scraped.value("zebstats_scrape_duration_seconds", gateway=good), 1)
+        most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+        flood = [self.stack.enter_context(socket.create_connection((host, port), 5, ("127.0.0.2", 0))) for _ in range(1100)]
+        self.assertEqual((len(flood), self.get().up(good)), (1100, 1))
         rude[1].settimeout(15)
         self.assertEqual(rude[1].recv(1), b"")  # an unfinished request is given up
 
