@@ -79,3 +79,11 @@ sees "the end" '^ended 0'
 code=0
 message=$("$live" 2>&1 </dev/null) || code=$?
 [ "$code" = 2 ] && [[ $message == *"needs a terminal"* ]] || complain "exit code $code: $message"
+for wrong in "-H a:1 -p 2" "-p 65536" "--timeout 0" "--interval .05" "--gateway a:b" "--gateway a -p 1"; do
+  code=0
+  # shellcheck disable=SC2086 # split into arguments on purpose
+  message=$("$live" $wrong 2>&1) || code=$?
+  [ "$code" = 2 ] && [[ $message == *"; see zebstat live --help" ]] || complain "$wrong: exit code $code: $message"
+done
+message=$(ZEBSTAT_GATEWAY=gw,a:b "$live" 2>&1) || true
+[[ $message == *"ZEBSTAT_GATEWAY in the environment: 'a:b' is not"* ]] || complain "the environment: $message"

@@ -87,16 +87,16 @@ TEST(PrometheusText, MetadataGivesTypeUnitAndHelp) {
   Metadata metadata = metadataOf(R"({"statistics": [
     {"id": "A_*", "type": "counter", "unit": "milliseconds", "help": "Back\\slash\nline."},
     {"id": "*_TOTAL", "type": "counter"}, {"id": "P", "type": "gauge", "unit": "percent"},
-    {"id": "*_BYTES", "unit": "kibibytes"}, {"id": "*", "help": "Other."}]})");
+    {"id": "*_BYTES_IN", "unit": "kibibytes"}, {"id": "*", "help": "Other."}]})");
   std::vector<Entry> stats{
-      {"", "A_1", "1500"}, {"", "C_BYTES", "3"}, {"", "P", "12.5"}, {"", "Q_TOTAL", "2"}};
+      {"", "A_MILLIS_1", "1500"}, {"", "C_BYTES_IN", "3"}, {"", "P", "12.5"}, {"", "Q_TOTAL", "2"}};
   EXPECT_EQ(renderStats({{"g:1", &stats}}, metadata, {}),
             R"(# HELP zebstats_a_1_seconds_total Back\\slash\\nline.
 # TYPE zebstats_a_1_seconds_total counter
 zebstats_a_1_seconds_total{gateway="g:1"} 1.5
-# HELP zebstats_c_bytes Statistic C_BYTES of the gateway.
-# TYPE zebstats_c_bytes untyped
-zebstats_c_bytes{gateway="g:1"} 3072
+# HELP zebstats_c_in_bytes Statistic C_BYTES_IN of the gateway.
+# TYPE zebstats_c_in_bytes untyped
+zebstats_c_in_bytes{gateway="g:1"} 3072
 # HELP zebstats_p_ratio Statistic P of the gateway.
 # TYPE zebstats_p_ratio gauge
 zebstats_p_ratio{gateway="g:1"} 0.125

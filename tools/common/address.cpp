@@ -77,6 +77,13 @@ std::optional<Address> parseListenAddress(std::string_view text, int defaultPort
   return parse(text, defaultPort, true);
 }
 
+std::optional<Address> joinHostAndPort(const std::string& host, int port) {
+  std::optional<Address> address = parseAddress(host.empty() ? "127.0.0.1" : host, 0);
+  if (!address || (address->port != 0 && port != 0)) return std::nullopt;
+  if (address->port == 0) address->port = port != 0 ? port : kStatisticsPort;
+  return address;
+}
+
 std::string showAddress(const Address& address) {
   bool isIpv6 = address.host.find(':') != std::string::npos;
   return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(address.port);

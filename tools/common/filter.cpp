@@ -1,6 +1,6 @@
 #include "filter.h"
 
-#include <fnmatch.h>
+#include "glob.h"
 
 namespace zebtool {
 
@@ -13,7 +13,7 @@ Filter::Filter(const std::vector<std::string>& included, const std::vector<std::
 bool Filter::matchesAny(std::vector<Pattern>& patterns, const std::string& id) {
   bool matches = false;
   for (Pattern& pattern : patterns) {
-    if (fnmatch(pattern.glob.c_str(), id.c_str(), 0) != 0) continue;
+    if (!matchesGlob(pattern.glob, id)) continue;
     pattern.hasMatched = true;
     matches = true;
   }

@@ -1,7 +1,6 @@
 #include "gateway.h"
 
 #include <arpa/inet.h>
-#include <fnmatch.h>
 #include <netdb.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "diagnose.h"
+#include "glob.h"
 #include "text.h"
 
 namespace zebtool {
@@ -153,7 +153,7 @@ class Asker {
       }
       bool hasMatched = false;
       for (const Entry& entry : all.answer_.entries) {
-        if (fnmatch(glob.c_str(), entry.id.c_str(), 0) != 0) continue;
+        if (!matchesGlob(glob, entry.id)) continue;
         hasMatched = true;
         add(entry.id);
       }
@@ -265,8 +265,16 @@ const char* nameOf(FaultReason reason) {
   return "lost";
 }
 
-bool isGlob(const std::string& text) {
-  return text.find_first_of("*?[") != std::string::npos;
+void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& traceFile) {
+  if (!traceFile.empty() && zebstats::setTraceFile(traceFile.c_str())) {
+    throw Fault(kUsage, "--trace-file: cannot append to '" + traceFile +
+                            "'; name a file that can be written");
+  }
+  if (traceLevel > 0) (void)zebstats::setTraceLevel(traceLevel);
+  // No lround: it is in another shared library, and loading that would slow down each start.
+  int code = setAPITimeout(static_cast<int>(timeoutSeconds * 1000 + 0.5));
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
 }
 
 void Gateway::connect() {

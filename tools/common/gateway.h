@@ -1,4 +1,4 @@
-// Asks a gateway. No step takes longer than the library's timeout, which the program sets.
+// Asks a gateway. No step takes longer than the library's timeout.
 #ifndef ZEBTOOL_GATEWAY_H
 #define ZEBTOOL_GATEWAY_H
 
@@ -38,8 +38,9 @@ struct Answer {
   std::vector<std::string> unmatched;  // globs of the question that match no id
 };
 
-// Returns whether the text is a pattern for fnmatch rather than an id.
-bool isGlob(const std::string& text);
+// Sets the timeout of all calls of the library, in every thread, and its trace, which goes to
+// standard error if no file is named. Throws a Fault.
+void setUpLibrary(double timeoutSeconds, int traceLevel = 0, const std::string& traceFile = {});
 
 // Why a gateway could not be asked.
 struct GatewayFault : Fault {
@@ -69,7 +70,7 @@ const char* nameOf(FaultReason reason);
 // closes the connection, which may take until the timeout.
 class Gateway {
  public:
-  // The timeout is only named in messages; the library must have been given the same. If failures
+  // The timeout is only named in messages; setUpLibrary() must have been given the same. If failures
   // are to be diagnosed, one in connecting takes up to two seconds more and names its cause.
   Gateway(Address address, double timeoutSeconds, bool isDiagnosing = false)
       : address_(std::move(address)),

@@ -1,7 +1,5 @@
 #include "metadata.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -13,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fault.h"
+#include "glob.h"
 
 namespace zebtool {
 
@@ -130,7 +129,7 @@ Metadata::Metadata(const std::string& path) : infos_(Reader(path).read()) {}
 
 const StatInfo* Metadata::find(const std::string& id) const {
   for (const StatInfo& info : infos_) {
-    if (fnmatch(info.glob.c_str(), id.c_str(), 0) == 0) return &info;
+    if (matchesGlob(info.glob, id)) return &info;
   }
   return nullptr;
 }

@@ -1,7 +1,5 @@
 #include "prometheus_text.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -14,6 +12,7 @@
 #include <set>
 #include <utility>
 
+#include "glob.h"
 #include "text.h"
 
 namespace zebtool {
@@ -64,11 +63,20 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// Returns the id in lower case, with '_' for characters that a name cannot have. A refused word is
-// joined to the word before it.
-std::string makeName(const std::string& id) {
+// Returns whether the word names the unit that the end of the metric's name has, as BYTES and MILLIS
+// do in LISTEN_BYTES_IN and REQ_MILLIS_MEAN.
+bool isUnitWord(std::string_view word, const StatInfo* info) {
+  constexpr std::size_t kShortestWord = 4;
+  if (info == nullptr || info->unit == nullptr || word.size() < kShortestWord) return false;
+  return word == info->unit->base || info->unit->name.starts_with(word);
+}
+
+// Returns the id in lower case, with '_' for characters that a name cannot have. A word that names
+// the unit is left out, and a refused word is joined to the word before it.
+std::string makeName(const std::string& id, const StatInfo* info) {
   std::vector<std::string> words(1);
-  auto endWord = [&words] {
+  auto endWord = [&] {
+    if (isUnitWord(words.back(), info)) return words.pop_back();
     while (isRefusedWord(words.back())) {
       std::string word = std::move(words.back());
       words.pop_back();
@@ -113,10 +121,7 @@ std::string makeNumberName(std::string name, const StatInfo* info) {
   constexpr std::string_view kTotal = "_total";
   bool isCounter = info->type == StatType::kCounter;
   if (isCounter && name.ends_with(kTotal)) name.resize(name.size() - kTotal.size());
-  if (info->unit != nullptr) {
-    std::string suffix = "_" + std::string(info->unit->base);
-    if (!name.ends_with(suffix)) name += suffix;
-  }
+  if (info->unit != nullptr) name.append("_").append(info->unit->base);
   return isCounter ? name.append(kTotal) : name;
 }
 
@@ -143,7 +148,7 @@ void nameFamilies(Families& families) {
   for (bool usual : {true, false}) {
     for (auto& [id, family] : families) {
       if (isUsual(id) != usual) continue;
-      std::string name = makeName(id);
+      std::string name = makeName(id, family.info);
       auto isTaken = [&, &named = family] {  // clang++ 14 captures no part of a binding by itself
         named.names = {makeNumberName(name, named.info), name + "_info"};
         return taken.contains(named.names.number) || taken.contains(named.names.text);
@@ -255,9 +260,7 @@ std::string renderStats(const std::vector<GatewayStats>& gateways, const Metadat
   }
   for (auto& [id, family] : families) {
     family.info = metadata.find(id);
-    family.hasTexts = std::any_of(texts.begin(), texts.end(), [&id = id](const std::string& glob) {
-      return fnmatch(glob.c_str(), id.c_str(), 0) == 0;
-    });
+    family.hasTexts = matchesAnyGlob(texts, id);
   }
   nameFamilies(families);
   for (const GatewayStats& gateway : gateways) {

@@ -1,11 +1,10 @@
 #include "exporter.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <optional>
 #include <utility>
 
+#include "glob.h"
 #include "prometheus_text.h"
 #include "text.h"
 
@@ -78,17 +77,9 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   std::optional<Address> address = parseAddress(target);
   if (!address) return makeLine(400, "'" + toShown(target) + "' is not a HOST or HOST:PORT");
   std::string name = showAddress(*address);
-  if (!isAllowed(name)) return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
-  Targets::Probe probe = targets_.probe(*address);
-  ScrapeWorker& worker = probe.worker();
-  return render({{name, worker.await(worker.ask(), deadline)}});
-}
-
-bool Exporter::isAllowed(const std::string& target) const {
-  const std::vector<std::string>& globs = options_.allowedTargets;
-  return std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
-    return fnmatch(glob.c_str(), target.c_str(), 0) == 0;
-  });
+  if (!matchesAnyGlob(options_.allowedTargets, name))
+    return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
+  return render({{name, targets_.probe(*address).await(deadline)}});
 }
 
 HttpResponse Exporter::render(const std::vector<Sample>& samples) const {

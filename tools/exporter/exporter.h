@@ -32,7 +32,6 @@ class Exporter {
 
   HttpResponse answerMetrics(Clock::time_point deadline);
   HttpResponse answerProbe(const std::string& target, Clock::time_point deadline);
-  bool isAllowed(const std::string& target) const;
   HttpResponse render(const std::vector<Sample>& samples) const;
   void renderState(const std::vector<Sample>& samples, MetricWriter& writer) const;
 

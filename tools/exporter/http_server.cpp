@@ -19,6 +19,7 @@ namespace zebtool {
 namespace {
 
 constexpr unsigned kMaxConnections = 1000;
+constexpr unsigned kMaxConnectionsOfHost = 250;  // one rude host must not have them all
 constexpr unsigned kIdleSeconds = 5;
 constexpr std::size_t kStackBytes = 256 * 1024;
 
@@ -149,7 +150,8 @@ void HttpServer::start(HttpHandler handler) {
   MHD_Daemon* daemon = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, 0, nullptr,
       nullptr, handleRequest, &handler_, MHD_OPTION_LISTEN_SOCKET, socket_,
-      MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+      MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      kMaxConnectionsOfHost, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_THREAD_STACK_SIZE, kStackBytes, MHD_OPTION_END);
   if (daemon == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
 }

@@ -16,7 +16,6 @@
 #include "options.h"
 #include "output.h"
 #include "targets.h"
-#include "zebstats.hpp"
 
 namespace zebtool {
 
@@ -26,17 +25,6 @@ constexpr std::size_t kStackBytes = 256 * 1024;
 constexpr rlim_t kMaxFiles = 4096;
 // How long the end waits for gateways to be told. Those that hang are left.
 constexpr std::chrono::milliseconds kFarewellTime{150};
-
-void setUpLibrary(const ExporterOptions& options) {
-  if (!options.traceFile.empty() && zebstats::setTraceFile(options.traceFile.c_str())) {
-    throw Fault(kUsage, "--trace-file: cannot append to '" + options.traceFile +
-                            "'; name a file that can be written");
-  }
-  if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
-  int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK)
-    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
-}
 
 // Makes room for a thread and a socket for each gateway and each client.
 void setUpProcess() {
@@ -115,7 +103,7 @@ void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& f
 int run(int argc, char** argv) {
   std::optional<ExporterOptions> options = parseOptions(argc, argv);
   if (!options) return kDone;
-  setUpLibrary(*options);
+  setUpLibrary(options->timeoutSeconds, options->traceLevel, options->traceFile);
   serve(*options);
 }
 

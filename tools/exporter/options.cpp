@@ -1,12 +1,11 @@
 #include "options.h"
 
-#include <functional>
 #include <utility>
 
 #include <CLI/CLI.hpp>
 
 #include "fault.h"
-#include "text.h"
+#include "option_checks.h"
 
 namespace zebtool {
 
@@ -35,33 +34,8 @@ Examples:
   zebstats-exporter --listen :9480 --targets /etc/zebstats/targets
 )";
 
-constexpr double kMaxSeconds = 86400;
-
-// Returns an empty text if the value is valid, otherwise the message about it.
-using Validator = std::function<std::string(const std::string&)>;
-
-Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
-  return [=](const std::string& text) {
-    std::optional<long double> number = parseNumber(text);
-    bool isGood = number && *number >= low && *number <= high;
-    if (isGood && isWhole) isGood = text.find_first_not_of("0123456789") == std::string::npos;
-    return isGood ? std::string() : "'" + text + "' is not " + what;
-  };
-}
-
 std::string wantText(const std::string& text) {
   return text.empty() ? "an empty text matches nothing" : std::string();
-}
-
-std::string wantPath(const std::string& text) {
-  return text.empty() ? "an empty text is not a file name" : std::string();
-}
-
-std::string wantGateway(const std::string& text) {
-  return parseAddress(text) ? std::string()
-                            : "'" + text +
-                                  "' is not a HOST or HOST:PORT; write it like gateway-1, "
-                                  "gateway-1:2980 or [::1]:2980";
 }
 
 std::string wantListenAddress(const std::string& text) {
@@ -82,7 +56,7 @@ class Parser {
     app_.add_option("--listen", options_.listen)->type_name("ADDRESS")->check(wantListenAddress);
     CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
                              ->type_name("LEVEL")
-                             ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
+                             ->check(wantTraceLevel());
     app_.add_option("--trace-file", options_.traceFile)
         ->type_name("FILE")
         ->check(wantPath)
@@ -106,12 +80,12 @@ class Parser {
 
  private:
   void addTargetOptions() {
-    app_.add_option("--gateway", options_.gateways)->type_name("ADDRESS")->check(wantGateway);
+    app_.add_option("--gateway", options_.gateways)->type_name("ADDRESS")->check(wantAddress);
     app_.add_option("--targets", options_.targetsFile)->type_name("FILE")->check(wantPath);
     app_.add_option("--allow-target", options_.allowedTargets)->type_name("GLOB")->check(wantText);
     app_.add_option("--timeout", options_.timeoutSeconds)
         ->type_name("SECONDS")
-        ->check(wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
+        ->check(wantTimeout());
   }
 
   void addStatOptions() {

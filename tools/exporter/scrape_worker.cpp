@@ -78,6 +78,11 @@ Scrape ScrapeWorker::await(Question question, Clock::time_point deadline) {
   return {isDone ? report_ : kSilent, std::max(took.count(), 0.0), protocol_};
 }
 
+bool ScrapeWorker::isIdle() {
+  std::lock_guard lock(mutex_);
+  return wanted_ <= finished_;
+}
+
 void ScrapeWorker::stop() {
   std::lock_guard lock(mutex_);
   isStopping_ = true;

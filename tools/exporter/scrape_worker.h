@@ -64,6 +64,9 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
   // the next one.
   Scrape await(Question question, Clock::time_point deadline);
 
+  // Returns whether every question has been answered.
+  bool isIdle();
+
   // Lets the thread close the connection and end, and ends the scrapes that wait for it.
   void stop();
 

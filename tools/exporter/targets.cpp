@@ -10,8 +10,11 @@ namespace zebtool {
 
 namespace {
 
-// The library permits 256 connections; the rest is for probes that open and close one.
+// The library permits 256 connections; the rest is for probes that open and close one. If there are
+// more gateways than workers to keep, fewer are kept: otherwise the few connections that are left
+// would be those of silent gateways, for which all others wait.
 constexpr std::size_t kMaxStanding = 250;
+constexpr std::size_t kMaxStandingIfCrowded = 150;
 constexpr std::chrono::minutes kUnusedTime{5};
 
 }  // namespace
@@ -49,7 +52,7 @@ void Targets::configure(const std::vector<Address>& addresses) {
   });
   for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
   targets_.merge(added);
-  makeRoom(0);
+  dropOldest(kMaxStanding);
 }
 
 std::vector<WorkerPtr> Targets::configured() const {
@@ -69,19 +72,25 @@ Targets::Probe Targets::probe(const Address& address) {
     found->second.used = Clock::now();
     return {found->second.worker, true};
   }
-  if (targets_.size() >= kMaxStanding) return {makeWorker(address, true), false};
+  if (targets_.size() >= kMaxStanding) crowded_ = Clock::now();
+  if (crowded_) dropOldest(kMaxStandingIfCrowded);
+  if (targets_.size() >= (crowded_ ? kMaxStandingIfCrowded : kMaxStanding)) {
+    crowded_ = Clock::now();
+    return {makeWorker(address, true), false};
+  }
   Target& target = targets_[name] = {makeWorker(address, false), false, Clock::now()};
   return {target.worker, true};
 }
 
-// Drops the probed gateways that have been unused for the longest time, if there are too many
-// workers.
-void Targets::makeRoom(std::size_t wanted) {
-  while (targets_.size() + wanted > kMaxStanding) {
+// Drops idle workers of probed gateways, first those that have been unused for the longest time,
+// until there are no more than the limit.
+void Targets::dropOldest(std::size_t limit) {
+  while (targets_.size() > limit) {
     auto oldest = targets_.end();
     for (auto each = targets_.begin(); each != targets_.end(); ++each) {
-      bool isOlder = oldest == targets_.end() || each->second.used < oldest->second.used;
-      if (!each->second.isConfigured && isOlder) oldest = each;
+      const Target& target = each->second;
+      bool isOlder = oldest == targets_.end() || target.used < oldest->second.used;
+      if (!target.isConfigured && isOlder && target.worker->isIdle()) oldest = each;
     }
     if (oldest == targets_.end()) return;
     oldest->second.worker->stop();
@@ -97,6 +106,7 @@ void Targets::dropUnused() {
     if (isUnused) target.worker->stop();
     return isUnused;
   });
+  if (crowded_ && Clock::now() - *crowded_ > kUnusedTime) crowded_.reset();
 }
 
 void Targets::stopAll() {

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,24 +29,25 @@ class Targets {
 
   [[nodiscard]] std::vector<WorkerPtr> configured() const;
 
-  // A worker for one probe.
+  // A question of one probe to its gateway.
   class Probe {
    public:
     Probe(WorkerPtr worker, bool isStanding)
-        : worker_(std::move(worker)), isStanding_(isStanding) {}
+        : worker_(std::move(worker)), isStanding_(isStanding), question_(worker_->ask()) {}
     ~Probe() {
       if (!isStanding_) worker_->stop();
     }
     Probe(const Probe&) = delete;
     Probe& operator=(const Probe&) = delete;
-    ScrapeWorker& worker() { return *worker_; }
+    Scrape await(Clock::time_point deadline) { return worker_->await(question_, deadline); }
 
    private:
     WorkerPtr worker_;
     bool isStanding_;
+    ScrapeWorker::Question question_;
   };
-  // Returns the worker that the gateway has. A gateway without one gets one, which is kept as long
-  // as there are not too many, and otherwise serves this probe only. Throws std::system_error.
+  // Asks the worker that the gateway has. A gateway without one gets one, which is kept as long as
+  // there are not too many, and otherwise serves this probe only. Throws std::system_error.
   Probe probe(const Address& address);
 
   // Drops the workers of gateways that have not been probed for five minutes.
@@ -60,11 +62,12 @@ class Targets {
     Clock::time_point used;
   };
   WorkerPtr makeWorker(const Address& address, bool isQuiet) const;
-  void makeRoom(std::size_t wanted);
+  void dropOldest(std::size_t limit);
 
   const ScrapePlan plan_;
   mutable std::mutex mutex_;
-  std::map<std::string, Target> targets_;  // by HOST:PORT
+  std::map<std::string, Target> targets_;     // by HOST:PORT
+  std::optional<Clock::time_point> crowded_;  // when a gateway last got no worker to keep
 };
 
 // Reads a targets file: a HOST or HOST:PORT in each line, and comments after '#'. Throws a Fault

@@ -1,10 +1,9 @@
 #include "history.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <set>
 
+#include "glob.h"
 #include "text.h"
 
 namespace zebtool {
@@ -65,7 +64,7 @@ void History::add(Statistic& statistic, const std::string& value, LiveClock::tim
 Alarm History::judge(const std::string& id, long double value) const {
   Alarm alarm = Alarm::kNone;
   for (const Limit& limit : limits_) {
-    bool matches = fnmatch(limit.glob.c_str(), id.c_str(), 0) == 0;
+    bool matches = matchesGlob(limit.glob, id);
     if (matches && limit.range.alarms(value)) alarm = std::max(alarm, limit.alarm);
   }
   return alarm;

@@ -16,7 +16,6 @@
 #include "output.h"
 #include "poller.h"
 #include "screen.h"
-#include "zebstats.hpp"
 
 namespace zebtool {
 
@@ -182,9 +181,7 @@ int run(int argc, char** argv) {
   if (!options) return kDone;
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
     throw Fault(kUsage, "live needs a terminal; for pipes and files use zebstat stats --watch");
-  int code = setAPITimeout(static_cast<int>(options->poll.timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK)
-    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+  setUpLibrary(options->poll.timeoutSeconds);
   show(*options);
   return kDone;
 }

@@ -6,7 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "text.h"
+#include "glob.h"
+#include "option_checks.h"
 
 namespace zebtool {
 
@@ -39,23 +40,15 @@ shows all again; x clears the marks; h lists the keys; q ends.
   throw Fault(kUsage, message + "; see zebstat live --help");
 }
 
-double parseSeconds(const std::string& option, const std::string& text, double lowest) {
-  std::optional<long double> number = parseNumber(text);
-  if (!number || *number < lowest || *number > 86400)
-    refuse(option + ": '" + text + "' is not a number of seconds from " + showNumber(lowest, 3) +
-           " to 86400");
-  return static_cast<double>(*number);
-}
-
 // What CLI11 has read.
 struct RawOptions {
   std::vector<std::string> ids;
   std::vector<std::string> groups;
   std::vector<std::string> gateways;
   std::string host;
-  std::string port;
-  std::string interval = "2";
-  std::string timeout = "10";
+  int port = 0;  // 0: not given
+  double interval = 2;
+  double timeout = 10;
   std::vector<std::string> included;
   std::vector<std::string> excluded;
   std::vector<std::string> warnings;
@@ -67,11 +60,12 @@ struct RawOptions {
 void declareOptions(CLI::App& app, RawOptions& raw) {
   CLI::Option* ids = app.add_option("ID", raw.ids);
   app.add_option("--group", raw.groups)->excludes(ids);
-  CLI::Option* gateways = app.add_option("--gateway", raw.gateways)->allow_extra_args(false);
-  app.add_option("-H,--host", raw.host)->excludes(gateways);
-  app.add_option("-p,--port", raw.port)->excludes(gateways);
-  app.add_option("--interval", raw.interval);
-  app.add_option("-t,--timeout", raw.timeout);
+  CLI::Option* gateways =
+      app.add_option("--gateway", raw.gateways)->allow_extra_args(false)->check(wantAddress);
+  app.add_option("-H,--host", raw.host)->excludes(gateways)->check(wantAddress);
+  app.add_option("-p,--port", raw.port)->excludes(gateways)->check(wantPort());
+  app.add_option("--interval", raw.interval)->check(wantSeconds(0.1L));
+  app.add_option("-t,--timeout", raw.timeout)->check(wantTimeout());
   app.add_option("--include", raw.included)->allow_extra_args(false);
   app.add_option("--exclude", raw.excluded)->allow_extra_args(false);
   app.add_option("--warning", raw.warnings)->allow_extra_args(false);
@@ -80,24 +74,18 @@ void declareOptions(CLI::App& app, RawOptions& raw) {
   app.add_flag("--changed", raw.onlyChanged);
 }
 
-Address parseGateway(const std::string& option, const std::string& text) {
-  std::optional<Address> address = parseAddress(text);
-  if (!address)
-    refuse(option + ": '" + text + "' is not an address such as gateway-1:2980 or [::1]:2980");
-  return *address;
-}
-
 std::vector<Address> readGateways(const RawOptions& raw) {
   std::vector<Address> gateways;
-  for (const std::string& text : raw.gateways) gateways.push_back(parseGateway("--gateway", text));
-  if (!gateways.empty()) return gateways;
-  Address only = parseGateway("--host", raw.host.empty() ? "127.0.0.1" : raw.host);
-  if (!raw.port.empty()) {
-    std::optional<Address> withPort = parseAddress("host:" + raw.port);
-    if (!withPort) refuse("--port: '" + raw.port + "' is not a port from 1 to 65535");
-    only.port = withPort->port;
+  for (const std::string& text : raw.gateways) gateways.push_back(*parseAddress(text));
+  bool isSingle = !raw.host.empty() || raw.port != 0;
+  if (!isSingle && gateways.empty()) {
+    if (std::string message = readEnvironment(gateways); !message.empty())
+      refuse("ZEBSTAT_GATEWAY in the environment: " + message);
   }
-  return {only};
+  if (!gateways.empty()) return gateways;
+  std::optional<Address> only = joinHostAndPort(raw.host, raw.port);
+  if (!only) refuse("--port: --host " + raw.host + " has a port already");
+  return {*only};
 }
 
 Limit readLimit(Alarm alarm, const std::string& text) {
@@ -118,18 +106,11 @@ Order readOrder(const std::string& text) {
   refuse("--sort: '" + text + "' is not name, change or rate");
 }
 
-bool isGlob(const std::string& text) {
-  return text.find_first_of("*?[") != std::string::npos;
-}
-
 LiveOptions convert(RawOptions raw) {
-  LiveOptions options{{readGateways(raw),
-                       {},
-                       Filter(raw.included, raw.excluded),
-                       parseSeconds("--timeout", raw.timeout, 0.001),
-                       parseSeconds("--interval", raw.interval, 0.1)},
-                      {},
-                      {readOrder(raw.order), raw.onlyChanged, {}}};
+  LiveOptions options{
+      {readGateways(raw), {}, Filter(raw.included, raw.excluded), raw.timeout, raw.interval},
+      {},
+      {readOrder(raw.order), raw.onlyChanged, {}}};
   for (const std::string& text : raw.warnings)
     options.limits.push_back(readLimit(Alarm::kWarning, text));
   for (const std::string& text : raw.criticals)

@@ -12,23 +12,10 @@
 #include "options.h"
 #include "output.h"
 #include "show.h"
-#include "zebstats.hpp"
 
 namespace zebtool {
 
 namespace {
-
-void setUpLibrary(const Options& options) {
-  if (!options.traceFile.empty() && zebstats::setTraceFile(options.traceFile.c_str())) {
-    throw Fault(kUsage, "--trace-file: cannot append to '" + options.traceFile +
-                            "'; name a file that can be written");
-  }
-  if (options.traceLevel > 0) (void)zebstats::setTraceLevel(options.traceLevel);
-  // No lround: it is in another shared library, and loading that would slow down each start.
-  int code = setAPITimeout(static_cast<int>(options.timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK)
-    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
-}
 
 int askGateways(const Options& options) {
   if (options.command != Command::kCheck)
@@ -45,7 +32,7 @@ int run(int argc, char** argv) {
     return kDone;
   }
   try {
-    setUpLibrary(*options);
+    setUpLibrary(options->timeoutSeconds, options->traceLevel, options->traceFile);
   } catch (const Fault& fault) {
     if (options->command == Command::kCheck) throw CheckUsageFault(fault.what());
     throw;

@@ -10,34 +10,16 @@
 #include <CLI/CLI.hpp>
 
 #include "execute.h"
+#include "glob.h"
 #include "help.h"
-#include "text.h"
+#include "option_checks.h"
 
 namespace zebtool {
 
 namespace {
 
-constexpr double kMaxSeconds = 86400;
-
-// Validators return an empty text if the value is valid, otherwise the message about it.
-using Validator = std::function<std::string(const std::string&)>;
-
-// People may leave out the digit before the point.
-std::optional<long double> parseTyped(const std::string& text) {
-  return parseNumber(text.starts_with('.') ? "0" + text : text);
-}
-
-Validator wantNumber(long double low, long double high, const std::string& what, bool isWhole) {
-  return [=](const std::string& text) {
-    std::optional<long double> number = parseTyped(text);
-    bool isGood = number && *number >= low && *number <= high;
-    if (isGood && isWhole) isGood = text.find_first_not_of("0123456789") == std::string::npos;
-    return isGood ? std::string() : "'" + text + "' is not " + what;
-  };
-}
-
 // Wants one of the words of the row.
-Validator wantWord(const OptionRow& row) {
+OptionCheck wantWord(const OptionRow& row) {
   return [&row](const std::string& text) {
     std::string known;
     for (std::string_view word : wordsOf(row)) {
@@ -67,16 +49,6 @@ std::string wantText(const std::string& text) {
 std::string wantName(const std::string& text) {
   if (!parseTyped(text)) return wantText(text);
   return "'" + text + "' is not a name; to repeat every " + text + " seconds write --watch=" + text;
-}
-
-std::string wantPath(const std::string& text) {
-  return text.empty() ? "an empty text is not a file name" : std::string();
-}
-
-std::string wantAddress(const std::string& text) {
-  return parseAddress(text)
-             ? std::string()
-             : "'" + text + "' is not HOST or HOST:PORT, such as gw-1:2980, [::1]:2980";
 }
 
 std::string nameCommands() {
@@ -210,7 +182,6 @@ class Parser {
   }
 
   void add(CLI::App* app, const OptionRow& row) {
-    constexpr char kSeconds[] = "a number of seconds from 0.1 to 86400";
     switch (row.option) {
       case Option::kGroup:
         addPlain(app, row, options_.groups)->check(wantName);
@@ -243,12 +214,11 @@ class Parser {
         app->add_flag(namesOf(row), options_.check.verbosity);
         break;
       case Option::kWatch:
-        app->add_flag(namesOf(row) + "{2}", watch_)
-            ->check(wantNumber(0.1L, kMaxSeconds, kSeconds, false));
+        app->add_flag(namesOf(row) + "{2}", watch_)->check(wantSeconds(0.1L));
         break;
       case Option::kCount:
         addPlain(app, row, options_.rounds)
-            ->check(wantNumber(1, 1e9L, "a number of answers from 1 to 1000000000", true));
+            ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
         break;
       case Option::kFormat:
         addPlain(app, row, format_)->check(wantWord(row));
@@ -269,16 +239,13 @@ class Parser {
         addPlain(app, row, host_)->check(wantAddress);
         break;
       case Option::kPort:
-        addPlain(app, row, port_)->check(wantNumber(1, 65535, "a port from 1 to 65535", true));
+        addPlain(app, row, port_)->check(wantPort());
         break;
       case Option::kTimeout:
-        addPlain(app, row, options_.timeoutSeconds)
-            ->check(
-                wantNumber(0.001L, kMaxSeconds, "a number of seconds from 0.001 to 86400", false));
+        addPlain(app, row, options_.timeoutSeconds)->check(wantTimeout());
         break;
       case Option::kTrace:
-        addPlain(app, row, options_.traceLevel)
-            ->check(wantNumber(0, 5, "a trace level from 0 to 5", true));
+        addPlain(app, row, options_.traceLevel)->check(wantTraceLevel());
         break;
       case Option::kTraceFile:
         addPlain(app, row, options_.traceFile)
@@ -327,33 +294,21 @@ class Parser {
                                  "check asks one gateway; name it with --host HOST:PORT");
     if (isSingle && !gateways_.empty())
       throw CLI::ValidationError("--gateway", "it replaces --host and --port; give either");
-    if (!isSingle && gateways_.empty()) readEnvironment();
     for (const std::string& gateway : gateways_)
       options_.gateways.push_back(*parseAddress(gateway));
+    if (!isSingle && gateways_.empty()) {
+      if (std::string message = readEnvironment(options_.gateways); !message.empty())
+        throw CLI::ValidationError("ZEBSTAT_GATEWAY in the environment", message);
+    }
     if (options_.gateways.empty()) options_.gateways.push_back(chooseHost());
     if (options_.command == Command::kCheck && options_.gateways.size() > 1)
       throw CLI::ValidationError("ZEBSTAT_GATEWAY", "check asks one gateway; name it with --host");
   }
 
-  void readEnvironment() {
-    const char* text = std::getenv("ZEBSTAT_GATEWAY");
-    if (text == nullptr) return;
-    std::string list = text;
-    std::replace(list.begin(), list.end(), ',', ' ');
-    gateways_ = CLI::detail::split_up(list);
-    for (const std::string& gateway : gateways_) {
-      if (std::string message = wantAddress(gateway); !message.empty())
-        throw CLI::ValidationError("ZEBSTAT_GATEWAY in the environment", message);
-    }
-  }
-
   [[nodiscard]] Address chooseHost() const {
-    if (host_.empty()) return {"127.0.0.1", port_ != 0 ? port_ : kStatisticsPort};
-    Address address = *parseAddress(host_, 0);
-    if (address.port != 0 && port_ != 0)
-      throw CLI::ValidationError("--port", "--host " + host_ + " has a port already");
-    if (address.port == 0) address.port = port_ != 0 ? port_ : kStatisticsPort;
-    return address;
+    std::optional<Address> address = joinHostAndPort(host_, port_);
+    if (!address) throw CLI::ValidationError("--port", "--host " + host_ + " has a port already");
+    return *address;
   }
 
   void chooseFormat() {

@@ -1,0 +1,70 @@
+#include "option_checks.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+
+#include "text.h"
+
+namespace zebtool {
+
+std::optional<long double> parseTyped(const std::string& text) {
+  return parseNumber(text.starts_with('.') ? "0" + text : text);
+}
+
+OptionCheck wantNumber(long double low, long double high, const std::string& what) {
+  return [=](const std::string& text) {
+    std::optional<long double> number = parseTyped(text);
+    bool isGood = number && *number >= low && *number <= high;
+    return isGood ? std::string() : "'" + text + "' is not " + what;
+  };
+}
+
+OptionCheck wantWhole(long low, long high, const std::string& what) {
+  return [=](const std::string& text) {
+    bool isWhole = text.find_first_not_of("0123456789") == std::string::npos;
+    return wantNumber(isWhole ? low : high + 1, high, what)(text);
+  };
+}
+
+OptionCheck wantSeconds(long double lowest) {
+  constexpr long double kDay = 86400;
+  return wantNumber(lowest, kDay,
+                    "a number of seconds from " + showNumber(lowest, 3) + " to 86400");
+}
+
+OptionCheck wantTimeout() {
+  return wantSeconds(0.001L);
+}
+
+OptionCheck wantPort() {
+  return wantWhole(1, 65535, "a port from 1 to 65535");
+}
+
+OptionCheck wantTraceLevel() {
+  return wantWhole(0, 5, "a trace level from 0 to 5");
+}
+
+std::string wantAddress(const std::string& text) {
+  return parseAddress(text)
+             ? std::string()
+             : "'" + text + "' is not HOST or HOST:PORT, such as gw-1:2980, [::1]:2980";
+}
+
+std::string wantPath(const std::string& text) {
+  return text.empty() ? "an empty text is not a file name" : std::string();
+}
+
+std::string readEnvironment(std::vector<Address>& gateways) {
+  const char* set = std::getenv("ZEBSTAT_GATEWAY");
+  std::string names = set != nullptr ? set : "";
+  std::replace(names.begin(), names.end(), ',', ' ');
+  std::istringstream list(names);
+  for (std::string name; list >> name;) {
+    if (std::string message = wantAddress(name); !message.empty()) return message;
+    gateways.push_back(*parseAddress(name));
+  }
+  return {};
+}
+
+}  // namespace zebtool

@@ -1,0 +1,37 @@
+// Checks of the values of options that several programs have. Each returns an empty text if the value
+// is valid, otherwise the message about it.
+#ifndef ZEBTOOL_OPTION_CHECKS_H
+#define ZEBTOOL_OPTION_CHECKS_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "address.h"
+
+namespace zebtool {
+
+using OptionCheck = std::function<std::string(const std::string&)>;
+
+// Parses a number that a person has typed, who may leave out the digit before the point.
+std::optional<long double> parseTyped(const std::string& text);
+
+OptionCheck wantNumber(long double low, long double high, const std::string& what);
+// Wants a number without sign and point.
+OptionCheck wantWhole(long low, long high, const std::string& what);
+// Wants a number of seconds from that up to a day.
+OptionCheck wantSeconds(long double lowest);
+OptionCheck wantTimeout();
+OptionCheck wantPort();
+OptionCheck wantTraceLevel();
+
+std::string wantAddress(const std::string& text);
+std::string wantPath(const std::string& text);
+
+// Adds the gateways that ZEBSTAT_GATEWAY names, if it is set, with commas or blanks between them.
+std::string readEnvironment(std::vector<Address>& gateways);
+
+}  // namespace zebtool
+
+#endif  // ZEBTOOL_OPTION_CHECKS_H
