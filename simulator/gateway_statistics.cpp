@@ -116,6 +116,7 @@ constexpr OddText kOddTexts[] = {
     {"ODD_BIG", "18446744073709551616"},
     {"ODD_SMALL", "-9223372036854775809"},
     {"ODD_EXPONENT", "1e400"},
+    {"ODD_TINY", "-1.250e-7"},
     {"ODD_HEX", "0x1F"},
     {"ODD_NAN", "NaN"},
     {"ODD_INFINITY", "-Infinity"},

@@ -208,6 +208,7 @@ check 2 'CRITICAL: LISTEN_PORT is 2980, .*, HOST_CPUS is 16, .*, HOST_SITE is no
   HOST_SITE HOST_CPUS LISTEN_PORT -w 9 -c 17 -c LISTEN_PORT=5
 check 3 "UNKNOWN: the gateway does not know $long .*" "$long"
 check 0 'OK: LISTEN_STATE is accepting' LISTEN_STATE --equals accepting
+check 2 'CRITICAL: HOST_CPUS is 16, expected is 8 \| HOST_CPUS=16' HOST_CPUS --equals 8
 check 2 'CRITICAL: HOST_SITE is .*, expected is a match of \^x/y' HOST_SITE --matches '^x|y'
 printf '{"statistics": [{"id": "LISTEN_BYTES*", "unit": "bytes"}]}' >"$scratch/units"
 check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata "$scratch/units"
@@ -274,7 +275,8 @@ timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/
 
 # Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
 start odd --odd-names
-for format in table json csv value; do
+ask 0 -p "$port" check ODD_TINY ODD_BIG && shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
+for format in table json csv value prometheus; do
   ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
   ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \
     '[\x00-\x1F\x7F-\x{9F}\x{61C}\x{200B}-\x{200F}\x{202A}-\x{202E}\x{2060}-\x{2069}\x{FEFF}]' ||

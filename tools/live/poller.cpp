@@ -68,7 +68,7 @@ void Poller::setInterval(double seconds) {
 
 void Poller::serve(const std::shared_ptr<Shared>& shared, std::size_t index) {
   const PollOptions& options = shared->options;
-  Gateway gateway(options.gateways[index], options.timeoutSeconds);
+  Gateway gateway(options.gateways[index], options.timeoutSeconds, true);
   Filter filter = options.filter;
   std::unique_lock lock(shared->mutex);
   while (!shared->isStopping) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -78,11 +79,24 @@ std::string unitFor(const StatInfo* info) {
   return info->unit == nullptr && info->type == StatType::kCounter ? "c" : "";
 }
 
-// Returns the value with the gateway's own digits, which are only written anew if performance data
-// cannot have them.
-std::string digitsOf(const std::string& value, long double number) {
-  bool isPlain = value.find_first_not_of("-.0123456789") == std::string::npos;
-  return isPlain ? value : showNumber(number, 6);
+// Returns the number with the gateway's own digits. Performance data cannot have an exponent, so the
+// point is moved instead, which loses no digit.
+std::string digitsOf(const std::string& number) {
+  std::size_t end = number.find_first_of("eE");
+  if (end == std::string::npos) return number;
+  constexpr long kMost = 400;  // beyond it, a number that fits into a double is 0
+  long exponent = std::clamp(std::strtol(number.c_str() + end + 1, nullptr, 10), -kMost, kMost);
+  std::string sign = number[0] == '-' ? "-" : "";
+  std::string digits = number.substr(sign.size(), end - sign.size());
+  std::size_t point = std::min(digits.find('.'), digits.size());
+  if (point < digits.size()) digits.erase(point, 1);
+  long whole = static_cast<long>(point) + exponent;  // digits before the point
+  if (whole < 1) digits.insert(0, static_cast<std::size_t>(1 - whole), '0');
+  auto count = static_cast<std::size_t>(std::max(whole, 1L));
+  if (digits.size() < count) digits.append(count - digits.size(), '0');
+  if (digits.size() > count) digits.insert(count, ".");
+  std::size_t zeros = std::min(digits.find_first_not_of('0'), count - 1);
+  return sign + digits.substr(zeros);
 }
 
 struct Measured {
@@ -131,7 +145,7 @@ class Judge {
     std::optional<long double> number = parseNumber(value);
     if (!number) return {kStateUnknown, id + " is no number: " + value, {}};
     if (options_.isRate) return judgeRate(id, value, *number);
-    return judgeNumber(id + " is " + value, id, {digitsOf(value, *number), *number},
+    return judgeNumber(id + " is " + value, id, {digitsOf(value), *number},
                        unitFor(metadata_.find(id)));
   }
 
@@ -142,8 +156,12 @@ class Judge {
     else if (options_.matches && !matchesRegex(*options_.matches, value))
       expected = "expected is a match of " + *options_.matches;
     std::string message = id + " is " + value;
-    if (expected.empty()) return {kStateOk, message, {}};
-    return {kStateCritical, message + ", " + expected, {}};
+    std::string performance;
+    if (std::optional<long double> number = parseNumber(value))
+      performance = writePerformance(labelFor(id), {digitsOf(value), *number},
+                                     unitFor(metadata_.find(id)), nullptr, nullptr);
+    if (expected.empty()) return {kStateOk, message, performance};
+    return {kStateCritical, message + ", " + expected, performance};
   }
 
   // Without an earlier value, or if the value fell because a counter was restarted, there is no

@@ -7,10 +7,10 @@
 
 namespace zebtool {
 
-Fleet::Fleet(const Options& options, bool isDiagnosing) : question_(options.question()) {
+Fleet::Fleet(const Options& options) : question_(options.question()) {
   for (const Address& address : options.gateways) {
     members_.push_back({showAddress(address),
-                        Gateway(address, options.timeoutSeconds, isDiagnosing),
+                        Gateway(address, options.timeoutSeconds, true),
                         {},
                         false,
                         false,

@@ -28,7 +28,7 @@ class Fleet {
  public:
   using Clock = std::chrono::steady_clock;
 
-  Fleet(const Options& options, bool isDiagnosing);
+  explicit Fleet(const Options& options);
   // Closes the connections and waits for the threads, which may take until the timeout.
   ~Fleet();
   Fleet(const Fleet&) = delete;

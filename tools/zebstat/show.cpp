@@ -65,7 +65,7 @@ class Watch {
   explicit Watch(const Options& options)
       : options_(options),
         presenter_(options),
-        fleet_(options, false),
+        fleet_(options),
         schedule_(options.watchSeconds),
         states_(fleet_.size()) {}
 
@@ -184,7 +184,7 @@ class Watch {
 
 int showOnce(const Options& options) {
   Presenter presenter(options);
-  Fleet fleet(options, true);
+  Fleet fleet(options);
   for (std::size_t i = 0; i < fleet.size(); ++i) fleet.ask(i, true);
   fleet.wait(std::nullopt);
   Reports reports;
