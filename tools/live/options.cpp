@@ -118,11 +118,9 @@ LiveOptions convert(RawOptions raw) {
   using Kind = Question::Kind;
   if (!raw.groups.empty()) {
     options.poll.question = {Kind::kStatsByGroup, std::move(raw.groups)};
-  } else if (std::any_of(raw.ids.begin(), raw.ids.end(), isGlob)) {
-    raw.ids.insert(raw.ids.end(), raw.included.begin(), raw.included.end());
-    options.poll.filter = Filter(raw.ids, raw.excluded);
   } else if (!raw.ids.empty()) {
-    options.poll.question = {Kind::kStatsById, std::move(raw.ids)};
+    bool hasGlob = std::any_of(raw.ids.begin(), raw.ids.end(), isGlob);
+    options.poll.question = {hasGlob ? Kind::kStatsByGlob : Kind::kStatsById, std::move(raw.ids)};
   }
   return options;
 }
