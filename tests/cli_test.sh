@@ -275,6 +275,8 @@ timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/
 
 # Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
 start odd --odd-names
+ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'
+shows 'ODD_LONG_L{18}\.\.\.  v+\.\.\.' 'HOST_CPUS {23}16'
 ask 0 -p "$port" check ODD_TINY ODD_BIG && shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
 for format in table json csv value prometheus; do
   ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'

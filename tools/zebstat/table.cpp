@@ -45,13 +45,19 @@ class Table {
 
  private:
   [[nodiscard]] std::string renderRow(const Row& row, const Screen& screen) const {
+    // A long id must not push the values off the screen.
+    std::size_t most =
+        screen.columns > 0 ? std::max<std::size_t>(screen.columns / 2, 20) : std::string::npos;
     std::string line;
     for (std::size_t i = 0; i < row.cells.size(); ++i) {
-      std::size_t columns = columnsOf(row.cells[i]);
-      std::string padding(columns < widths_[i] ? widths_[i] - columns : 0, ' ');
       bool isLast = i + 1 == row.cells.size();
+      std::string cell = row.cells[i];
+      if (!isLast && columnsOf(cell) > most) cell = cutToColumns(cell, most - 3) + "...";
+      std::size_t columns = columnsOf(cell);
+      std::size_t width = std::min(widths_[i], most);
+      std::string padding(columns < width ? width - columns : 0, ' ');
       bool isNumber = i >= firstNumber_ && row.cells.size() == widths_.size();
-      line += isNumber ? padding + row.cells[i] : row.cells[i] + (isLast ? "" : padding);
+      line += isNumber ? padding + cell : cell + (isLast ? "" : padding);
       if (!isLast) line += "  ";
     }
     if (screen.columns > 3 && columnsOf(line) > screen.columns) {
