@@ -78,6 +78,7 @@ TEST_F(Live, TracesAMinuteByValueOrRate) {
   using Levels = std::vector<int>;
   auto traced = [&](int second) { return traceMinute(only(), 6, start + seconds(second)); };
   answer(40, {{"", "G", "10"}});
+  EXPECT_TRUE(traceMinute(only(), 0, start).empty());
   EXPECT_EQ(traced(40), Levels(6, -1));  // one sample is no course
   answer(50, {{"", "G", "24"}});
   answer(60, {{"", "G", "17"}});

@@ -59,12 +59,15 @@ press Escape
 sees "all again" ' 120 of 120 by rate'
 press n End
 sees "the last statistic" ' WORK_WAIT_TIMEOUTS '
+tmux resize-window -t live -x 80 -y 24
+sees "graphs on an ordinary terminal" 'WORK_BUSY .*[▁▂▃▄▅▆▇█]$'
 tmux resize-window -t live -x 60 -y 12
 sees "a smaller window" '^2 gateways .* 120 of 120 by name'
 press Home
 sees "the first statistic" 'HOST_CPUS'
 kill -KILL "${started[1]}"
 wait "${started[1]}" 2>/dev/null || true
+sees "its number" '^2 gateways, 1 down '
 sees "an outage" "^no answer since [0-9:]+ \([0-9]+ s\): $second: "
 start "$second"
 tries=100
@@ -76,6 +79,8 @@ press h
 sees "the keys" 'Page Up, Page Down'
 press h q
 sees "the end" '^ended 0'
+tmux respawn-pane -k -t live "'$live' NO_SUCH HOST_CPUS 'X*' --host $first"
+sees "what the gateway lacks" "^$first does not have X\*, NO_SUCH"
 code=0
 message=$("$live" 2>&1 </dev/null) || code=$?
 [ "$code" = 2 ] && [[ $message == *"needs a terminal"* ]] || complain "exit code $code: $message"

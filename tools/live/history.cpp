@@ -8,6 +8,18 @@
 
 namespace zebtool {
 
+namespace {
+
+std::string nameMissing(const Answer& answer) {
+  std::vector<std::string> names = answer.unmatched;
+  for (const Refusal& refusal : answer.refusals) names.push_back(refusal.element);
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+}  // namespace
+
 std::optional<long double> Statistic::change() const {
   if (samples.size() < 2) return std::nullopt;
   return samples.back().value - samples.front().value;
@@ -24,11 +36,14 @@ std::optional<long double> Statistic::rate() const {
 
 History::History(std::vector<std::string> gateways, std::vector<Limit> limits)
     : limits_(std::move(limits)) {
-  for (std::string& name : gateways) gateways_.push_back({std::move(name), {}, {}});
+  for (std::string& name : gateways) gateways_.push_back({std::move(name), {}, {}, false, {}});
 }
 
 void History::take(std::size_t gateway, const Answer& answer, LiveClock::time_point now) {
-  gateways_[gateway].trouble.clear();
+  GatewayState& state = gateways_[gateway];
+  state.trouble.clear();
+  state.hasReplied = true;
+  state.missing = nameMissing(answer);
   std::set<std::string> seen;
   for (const Entry& entry : answer.entries) {
     if (!seen.insert(entry.id).second) continue;
@@ -74,6 +89,7 @@ void History::lose(std::size_t gateway, const std::string& trouble) {
   GatewayState& state = gateways_[gateway];
   if (state.trouble.empty()) state.troubleSince = std::chrono::system_clock::now();
   state.trouble = trouble;
+  state.hasReplied = true;
   for (auto& [key, statistic] : statistics_) {
     if (statistic.gateway == gateway) statistic.samples.clear();
   }

@@ -57,6 +57,8 @@ struct GatewayState {
   std::string name;
   std::string trouble;  // why it cannot be asked; empty if it answers
   std::chrono::system_clock::time_point troubleSince;
+  bool hasReplied = false;  // whether it has answered, or failed to, at least once
+  std::string missing;      // the ids, groups and globs it was asked for that it does not have
 };
 
 class History {

@@ -19,6 +19,7 @@ namespace zebtool {
 namespace {
 
 constexpr std::size_t kTraceColumns = 20;
+constexpr std::size_t kEnoughTraceColumns = 11;  // what ids and gateways leave for it
 constexpr std::size_t kMaxIdColumns = 40;
 constexpr std::size_t kMaxGatewayColumns = 28;
 constexpr std::size_t kMaxValueColumns = 24;
@@ -50,9 +51,9 @@ std::string showChange(const std::optional<long double>& number) {
   return number ? showNumber(*number, 2) : "-";
 }
 
-std::string drawMinute(const Statistic& statistic, bool isUtf8) {
+std::string drawMinute(const Statistic& statistic, std::size_t columns, bool isUtf8) {
   std::string text;
-  for (int level : traceMinute(statistic, kTraceColumns, LiveClock::now())) {
+  for (int level : traceMinute(statistic, columns, LiveClock::now())) {
     auto index = static_cast<std::size_t>(level);
     text += level < 0 ? " " : isUtf8 ? kBars[index] : std::string(1, kAsciiBars[index]);
   }
@@ -84,7 +85,45 @@ struct Column {
   bool isRightAligned;
 
   void fit(const std::string& cell) { width = std::min(std::max(width, columnsOf(cell)), most); }
+  // Gives up columns as long as there are too many, and returns how many are still too many.
+  std::size_t shrink(std::size_t excess, std::size_t least) {
+    std::size_t given = std::min(excess, width > least ? width - least : 0);
+    width -= given;
+    return excess - given;
+  }
 };
+
+using Cells = std::vector<std::string>;
+
+// The last column, the graph, gets what the others leave.
+std::vector<Column> makeColumns(bool hasSeveral) {
+  std::vector<Column> columns{{"", 2, 2, false}};
+  if (hasSeveral) columns.push_back({"GATEWAY", 7, kMaxGatewayColumns, false});
+  columns.insert(columns.end(), {{"STATISTIC", 9, kMaxIdColumns, false},
+                                 {"VALUE", 8, kMaxValueColumns, true},
+                                 {"CHANGE", 8, kMaxValueColumns, true},
+                                 {"PER SECOND", 10, kMaxValueColumns, true},
+                                 {"LAST MINUTE", 0, kTraceColumns, false}});
+  return columns;
+}
+
+void fitColumns(std::vector<Column>& columns, const std::vector<Cells>& rows, int screenColumns) {
+  std::size_t graph = columns.size() - 1;
+  std::size_t id = graph - 4;
+  for (const Cells& cells : rows) {
+    bool hasNumber = cells.size() == graph;  // the value of another spans the columns after it
+    for (std::size_t i = 0; i <= (hasNumber ? graph - 1 : id); ++i) columns[i].fit(cells[i]);
+  }
+  std::size_t used = 0;
+  for (std::size_t i = 0; i < graph; ++i) used += columns[i].width + 2;
+  auto room = static_cast<std::size_t>(screenColumns);
+  std::size_t excess = used + kEnoughTraceColumns - std::min(room, used + kEnoughTraceColumns);
+  std::size_t had = excess;
+  excess = columns[id].shrink(excess, 18);
+  if (id > 1) excess = columns[1].shrink(excess, 15);
+  used -= had - excess;
+  columns[graph].width = std::min(room - std::min(room, used), kTraceColumns);
+}
 
 }  // namespace
 
@@ -125,13 +164,17 @@ int Screen::readKey(std::string& text) {
   return -1;
 }
 
-// Prints as much of the text as fits. A terminal without UTF-8 gets '?' for other characters.
+// Prints as much of the text as fits, and marks a cut. A terminal without UTF-8 gets '?' for other
+// characters.
 void Screen::print(int row, int column, const std::string& text, int width) {
   if (row < 0 || row >= LINES || column >= COLS || width <= 0) return;
-  std::string shown = cutToColumns(text, static_cast<std::size_t>(std::min(width, COLS - column)));
+  auto room = static_cast<std::size_t>(std::min(width, COLS - column));
+  bool isCut = columnsOf(text) > room;
+  std::string shown = cutToColumns(text, isCut ? room - 1 : room);
   if (!isUtf8_)
     std::replace_if(
         shown.begin(), shown.end(), [](char c) { return (c & 0x80) != 0; }, '?');
+  if (isCut) shown += isUtf8_ ? "…" : "~";
   mvaddstr(row, column, shown.c_str());
 }
 
@@ -148,9 +191,11 @@ void Screen::draw(const History& history, ScreenState& state) {
 }
 
 void Screen::drawHeader(const History& history, const ScreenState& state, std::size_t shown) {
-  std::string title = history.gateways().size() == 1
-                          ? history.gateways().front().name
-                          : std::to_string(history.gateways().size()) + " gateways";
+  const std::vector<GatewayState>& all = history.gateways();
+  auto down = std::count_if(all.begin(), all.end(),
+                            [](const GatewayState& gateway) { return !gateway.trouble.empty(); });
+  std::string title = all.size() == 1 ? all.front().name : std::to_string(all.size()) + " gateways";
+  if (down > 0) title += all.size() == 1 ? " down" : ", " + std::to_string(down) + " down";
   constexpr const char* kOrders[] = {"name", "change", "rate"};
   title += "  every " + showNumber(state.intervalSeconds, 1) + " s  " + std::to_string(shown) +
            " of " + std::to_string(history.statistics().size()) +
@@ -166,60 +211,64 @@ void Screen::drawHeader(const History& history, const ScreenState& state, std::s
     print(1, 0, "filter: " + toShown(state.view.filter) + (state.isTyping ? "_" : ""), COLS);
 }
 
-// Returns the first row below.
+// Draws what is wrong with the gateways, in at most half of the screen. Returns the first row below.
 int Screen::drawTroubles(const History& history) {
   int row = 2;
+  std::size_t waiting = 0;
+  auto printLine = [&](const std::string& text) {
+    if (row < LINES / 2) print(row++, 0, text, COLS);
+  };
   attron(COLOR_PAIR(kCritical));
   for (const GatewayState& gateway : history.gateways()) {
-    if (gateway.trouble.empty() || row >= LINES / 2) continue;
-    print(row++, 0,
-          "no answer since " + showTime(gateway.troubleSince) + " (" +
-              showAge(gateway.troubleSince) + "): " + toShown(gateway.trouble),
-          COLS);
+    if (!gateway.hasReplied) ++waiting;
+    if (!gateway.trouble.empty()) {
+      printLine("no answer since " + showTime(gateway.troubleSince) + " (" +
+                showAge(gateway.troubleSince) + "): " + toShown(gateway.trouble));
+    } else if (!gateway.missing.empty()) {
+      printLine(gateway.name + " does not have " + toShown(gateway.missing));
+    }
   }
   attroff(COLOR_PAIR(kCritical));
+  if (waiting > 0) {
+    printLine("waiting for the first answer" +
+              (history.gateways().size() == 1 ? "" : " of " + std::to_string(waiting)));
+  }
   return row;
 }
 
-// Returns the cells of a statistic. A text has no change, rate and last minute.
-std::vector<std::string> Screen::cellsFor(const History& history,
-                                          const Statistic& statistic) const {
+// Returns the cells of a statistic but for its graph. A text has no change and no rate.
+std::vector<std::string> Screen::cellsFor(const History& history, const Statistic& statistic) {
   std::vector<std::string> cells{markFor(statistic)};
   if (history.gateways().size() > 1)
     cells.push_back(toShown(history.gateways()[statistic.gateway].name));
   cells.insert(cells.end(), {toShown(statistic.id), toShown(statistic.value)});
   if (statistic.isNumber) {
-    cells.insert(cells.end(), {showChange(statistic.change()), showChange(statistic.rate()),
-                               drawMinute(statistic, isUtf8_)});
+    cells.insert(cells.end(), {showChange(statistic.change()), showChange(statistic.rate())});
   }
   return cells;
 }
 
 void Screen::drawTable(const History& history, ScreenState& state,
                        const std::vector<const Statistic*>& shown, int row) {
-  std::vector<Column> columns{{"", 2, kMaxIdColumns, false}};
-  if (history.gateways().size() > 1) columns.push_back({"GATEWAY", 7, kMaxGatewayColumns, false});
-  columns.insert(columns.end(), {{"STATISTIC", 9, kMaxIdColumns, false},
-                                 {"VALUE", 8, kMaxValueColumns, true},
-                                 {"CHANGE", 10, kMaxValueColumns, true},
-                                 {"PER SECOND", 10, kMaxValueColumns, true},
-                                 {"LAST MINUTE", kTraceColumns, kTraceColumns, false}});
-  std::vector<std::vector<std::string>> rows;
-  for (const Statistic* statistic : shown) {
-    rows.push_back(cellsFor(history, *statistic));
-    for (std::size_t i = 0; i < rows.back().size(); ++i) columns[i].fit(rows.back()[i]);
-  }
-  auto printRow = [&](const std::vector<std::string>& cells) {
+  std::vector<Column> columns = makeColumns(history.gateways().size() > 1);
+  std::size_t graph = columns.size() - 1;
+  std::vector<Cells> rows;
+  for (const Statistic* statistic : shown) rows.push_back(cellsFor(history, *statistic));
+  fitColumns(columns, rows, COLS);
+  auto printRow = [&](const Cells& cells) {
     int start = 0;
+    bool isWhole = cells.size() == columns.size();
     for (std::size_t i = 0; i < cells.size(); ++i) {
-      auto width = static_cast<int>(columns[i].width);
+      bool runsOn = i + 1 == cells.size() && !isWhole;
+      int width = runsOn ? COLS - start : static_cast<int>(columns[i].width);
       int used = std::min(static_cast<int>(columnsOf(cells[i])), width);
-      print(row, columns[i].isRightAligned ? start + width - used : start, cells[i], width);
+      bool isRight = columns[i].isRightAligned && !runsOn;
+      print(row, isRight ? start + width - used : start, cells[i], width);
       start += width + 2;
     }
     ++row;
   };
-  std::vector<std::string> heading;
+  Cells heading;
   for (const Column& column : columns) heading.emplace_back(column.heading);
   attron(A_REVERSE);
   mvhline(row, 0, ' ', COLS);
@@ -231,6 +280,7 @@ void Screen::drawTable(const History& history, ScreenState& state,
   for (std::size_t i = state.top; i < shown.size() && row < LINES; ++i) {
     bool isStale = !history.gateways()[shown[i]->gateway].trouble.empty();
     attr_t attributes = attributesFor(*shown[i], isStale);
+    if (shown[i]->isNumber) rows[i].push_back(drawMinute(*shown[i], columns[graph].width, isUtf8_));
     attr_on(attributes, nullptr);
     printRow(rows[i]);
     attr_off(attributes, nullptr);

@@ -41,8 +41,7 @@ class Screen {
   int drawTroubles(const History& history);
   void drawTable(const History& history, ScreenState& state,
                  const std::vector<const Statistic*>& shown, int row);
-  [[nodiscard]] std::vector<std::string> cellsFor(const History& history,
-                                                  const Statistic& statistic) const;
+  static std::vector<std::string> cellsFor(const History& history, const Statistic& statistic);
   void drawKeys();
   void print(int row, int column, const std::string& text, int width);
 

@@ -60,7 +60,7 @@ std::vector<const Statistic*> select(const History& history, const View& view,
 std::vector<int> traceMinute(const Statistic& statistic, std::size_t columns,
                              LiveClock::time_point now) {
   std::vector<int> levels(columns, -1);
-  if (statistic.samples.size() < 2) return levels;
+  if (statistic.samples.size() < 2 || columns == 0) return levels;
   bool isCounter = onlyGrows(statistic.samples);
   std::deque<Sample> samples = isCounter ? ratesOf(statistic.samples) : statistic.samples;
   auto isLess = [](const Sample& a, const Sample& b) { return a.value < b.value; };
