@@ -88,12 +88,14 @@ TEST(PrometheusText, MetadataGivesTypeUnitAndHelp) {
     {"id": "A_*", "type": "counter", "unit": "milliseconds", "help": "Back\\slash\nline."},
     {"id": "*_TOTAL", "type": "counter"}, {"id": "P", "type": "gauge", "unit": "percent"},
     {"id": "*_BYTES_IN", "unit": "kibibytes"}, {"id": "*", "help": "Other."}]})");
-  std::vector<Entry> stats{
-      {"", "A_MILLIS_1", "1500"}, {"", "C_BYTES_IN", "3"}, {"", "P", "12.5"}, {"", "Q_TOTAL", "2"}};
+  std::vector<Entry> stats{{"", "A_MILLIS_1", "24.65"},
+                           {"", "C_BYTES_IN", "3"},
+                           {"", "P", "12.5"},
+                           {"", "Q_TOTAL", "2"}};
   EXPECT_EQ(renderStats({{"g:1", &stats}}, metadata, {}),
             R"(# HELP zebstats_a_1_seconds_total Back\\slash\\nline.
 # TYPE zebstats_a_1_seconds_total counter
-zebstats_a_1_seconds_total{gateway="g:1"} 1.5
+zebstats_a_1_seconds_total{gateway="g:1"} 0.02465
 # HELP zebstats_c_in_bytes Statistic C_BYTES_IN of the gateway.
 # TYPE zebstats_c_in_bytes untyped
 zebstats_c_in_bytes{gateway="g:1"} 3072

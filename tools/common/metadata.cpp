@@ -21,9 +21,9 @@ using Json = nlohmann::json;
 
 constexpr Unit kUnits[] = {
     {"seconds", "seconds", 1},
-    {"milliseconds", "seconds", 1e-3},
-    {"microseconds", "seconds", 1e-6},
-    {"nanoseconds", "seconds", 1e-9},
+    {"milliseconds", "seconds", 1e-3L},
+    {"microseconds", "seconds", 1e-6L},
+    {"nanoseconds", "seconds", 1e-9L},
     {"minutes", "seconds", 60},
     {"hours", "seconds", 3600},
     {"days", "seconds", 86400},
@@ -35,7 +35,7 @@ constexpr Unit kUnits[] = {
     {"mebibytes", "bytes", 1048576},
     {"gibibytes", "bytes", 1073741824},
     {"ratio", "ratio", 1},
-    {"percent", "ratio", 0.01},
+    {"percent", "ratio", 0.01L},
     {"celsius", "celsius", 1},
     {"volts", "volts", 1},
     {"amperes", "amperes", 1},

@@ -16,7 +16,7 @@ enum class StatType { kUntyped, kCounter, kGauge };
 struct Unit {
   std::string_view name;
   std::string_view base;
-  double factor;
+  long double factor;
 };
 
 struct StatInfo {

@@ -177,9 +177,9 @@ std::string showDouble(double number) {
 std::optional<std::string> makeNumber(const std::string& value, const StatInfo* info) {
   std::optional<long double> number = parseNumber(value);
   if (!number || !std::isfinite(static_cast<double>(*number))) return std::nullopt;
-  double factor = info != nullptr && info->unit != nullptr ? info->unit->factor : 1;
+  long double factor = info != nullptr && info->unit != nullptr ? info->unit->factor : 1;
   if (factor == 1) return value;
-  return showDouble(static_cast<double>(*number * static_cast<long double>(factor)));
+  return showDouble(static_cast<double>(*number * factor));
 }
 
 // Cuts a text for a label if it is long. A character at the cut is left out as a whole.
