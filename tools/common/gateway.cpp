@@ -265,18 +265,6 @@ const char* nameOf(FaultReason reason) {
   return "lost";
 }
 
-void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& traceFile) {
-  if (!traceFile.empty() && zebstats::setTraceFile(traceFile.c_str())) {
-    throw Fault(kUsage, "--trace-file: cannot append to '" + traceFile +
-                            "'; name a file that can be written");
-  }
-  if (traceLevel > 0) (void)zebstats::setTraceLevel(traceLevel);
-  // No lround: it is in another shared library, and loading that would slow down each start.
-  int code = setAPITimeout(static_cast<int>(timeoutSeconds * 1000 + 0.5));
-  if (code != ZEB_OK)
-    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
-}
-
 void Gateway::connect() {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds_);

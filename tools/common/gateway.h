@@ -38,10 +38,6 @@ struct Answer {
   std::vector<std::string> unmatched;  // globs of the question that match no id
 };
 
-// Sets the timeout of all calls of the library, in every thread, and its trace, which goes to
-// standard error if no file is named. Throws a Fault.
-void setUpLibrary(double timeoutSeconds, int traceLevel = 0, const std::string& traceFile = {});
-
 // Why a gateway could not be asked.
 struct GatewayFault : Fault {
   GatewayFault(ExitCode exit, const std::string& text, int code)

@@ -7,13 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <utility>
 
 #include "fault.h"
+#include "process.h"
 #include "text.h"
 
 namespace zebtool {
@@ -70,10 +70,6 @@ void printMessage(const std::string& message) {
            program_invocation_short_name + std::string(": ") + toShown(message) + "\n");
 }
 
-void endNow(int exitCode) {
-  _exit(exitCode);
-}
-
 void writeOutput(const std::string& text) {
   SignalsHeld held;
   int fault = writeAll(STDOUT_FILENO, text);
@@ -81,18 +77,6 @@ void writeOutput(const std::string& text) {
   if (fault != 0)
     throw Fault(kNotConnected,
                 std::string("cannot write to standard output: ") + std::strerror(fault));
-}
-
-void waitForReader(double seconds) {
-  using Clock = std::chrono::steady_clock;
-  auto end = Clock::now() + std::chrono::duration<double>(seconds);
-  for (;;) {
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0) return;
-    pollfd reader{STDOUT_FILENO, 0, 0};
-    poll(&reader, 1, static_cast<int>(left));
-    if ((reader.revents & POLLERR) != 0) endNow(kDone);
-  }
 }
 
 OutputFile::OutputFile(const std::string& path, std::string option)

@@ -10,16 +10,10 @@ namespace zebtool {
 // Prints the message on one line of standard error, after the program's name.
 void printMessage(const std::string& message);
 
-// Ends the process at once, without destructors; a signal handler may call it.
-[[noreturn]] void endNow(int exitCode);
-
 // Writes the whole text to standard output; SIGINT, SIGTERM and SIGHUP end the program only
 // afterwards. If the reader of a pipe has gone, the process ends with code 0. Throws a Fault if
 // writing fails otherwise.
 void writeOutput(const std::string& text);
-
-// Waits; if the reader of standard output goes away meanwhile, ends the process with code 0.
-void waitForReader(double seconds);
 
 // A file that is replaced by a new one when that is complete.
 class OutputFile {

@@ -15,6 +15,7 @@
 #include "http_server.h"
 #include "options.h"
 #include "output.h"
+#include "process.h"
 #include "targets.h"
 
 namespace zebtool {

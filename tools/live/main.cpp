@@ -15,6 +15,7 @@
 #include "options.h"
 #include "output.h"
 #include "poller.h"
+#include "process.h"
 #include "screen.h"
 
 namespace zebtool {

@@ -11,6 +11,7 @@
 #include "gateway.h"
 #include "options.h"
 #include "output.h"
+#include "process.h"
 #include "show.h"
 
 namespace zebtool {

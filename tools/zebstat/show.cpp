@@ -11,6 +11,7 @@
 #include "fleet.h"
 #include "output.h"
 #include "presenter.h"
+#include "process.h"
 
 namespace zebtool {
 

@@ -1,0 +1,41 @@
+#include "process.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "fault.h"
+#include "zebstats.hpp"
+
+namespace zebtool {
+
+void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& traceFile) {
+  if (!traceFile.empty() && zebstats::setTraceFile(traceFile.c_str())) {
+    throw Fault(kUsage, "--trace-file: cannot append to '" + traceFile +
+                            "'; name a file that can be written");
+  }
+  if (traceLevel > 0) (void)zebstats::setTraceLevel(traceLevel);
+  // No lround: it is in another shared library, and loading that would slow down each start.
+  int code = setAPITimeout(static_cast<int>(timeoutSeconds * 1000 + 0.5));
+  if (code != ZEB_OK)
+    throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+}
+
+void endNow(int exitCode) {
+  _exit(exitCode);
+}
+
+void waitForReader(double seconds) {
+  using Clock = std::chrono::steady_clock;
+  auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  for (;;) {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (left <= 0) return;
+    pollfd reader{STDOUT_FILENO, 0, 0};
+    poll(&reader, 1, static_cast<int>(left));
+    if ((reader.revents & POLLERR) != 0) endNow(kDone);
+  }
+}
+
+}  // namespace zebtool
