@@ -154,15 +154,15 @@ std::string actionInZsh(Completion completion, const char* words) {
 
 std::string writeZshOption(const OptionRow& row, const char* name) {
   bool isRepeated = row.takes == Takes::kRepeated || row.takes == Takes::kMany;
-  std::string spec = isRepeated ? "*" : "(" + namesOf(row, " ") + ")";
-  spec += std::string(name) + (row.takes == Takes::kOptional ? "=-" : "");
-  spec += "[" + std::string(*row.help != '\0' ? row.help : row.words) + "]";
+  std::string text = isRepeated ? "*" : "(" + namesOf(row, " ") + ")";
+  text += std::string(name) + (row.takes == Takes::kOptional ? "=-" : "");
+  text += "[" + std::string(*row.help != '\0' ? row.help : row.words) + "]";
   std::string argument =
       replaceAll(row.argument, ":", "\\:") + ":" + actionInZsh(row.completion, row.words);
-  if (row.takes == Takes::kOptional) spec += "::" + argument;
-  if (row.takes == Takes::kOne || row.takes == Takes::kRepeated) spec += ":" + argument;
-  if (row.takes == Takes::kMany) spec += ":*-*:" + argument;
-  return " \\\n        " + quote(spec);
+  if (row.takes == Takes::kOptional) text += "::" + argument;
+  if (row.takes == Takes::kOne || row.takes == Takes::kRepeated) text += ":" + argument;
+  if (row.takes == Takes::kMany) text += ":*-*:" + argument;
+  return " \\\n        " + quote(text);
 }
 
 std::string writeZsh() {
