@@ -20,7 +20,9 @@ offers() { # LINE WORD...: bash completes the line with each of the words
 }
 zsh=$("$zebstat" completion zsh)
 helps=" h -help -version "
-for command in "" stats ids groups check completion; do
+for command in "" stats ids groups check live completion; do
+  page=$manual
+  [ "$command" != live ] || page=$(dirname "$manual")/zebstat-live.1
   help=$("$zebstat" ${command:+"$command"} --help)
   [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "$command: more than a screen"
   [ "$(tail -3 <<<"$help" | head -1)" = Examples: ] || complain "$command: the help does not end in two examples"
@@ -29,7 +31,7 @@ for command in "" stats ids groups check completion; do
   offers "zebstat $command -" "${names[@]}" --help
   for name in "${names[@]}"; do
     helps+=" ${name#-} "
-    grep -qE "^\.It .*Fl ${name#-}( |$)" "$manual" || complain "$manual lacks $name"
+    grep -qE "^\.It .*Fl ${name#-}( |$)" "$page" || complain "$page lacks $name"
     sed -n "/^    $command)/,/;;/p" <<<"$zsh" | grep -qE -- "'(\*|\([^)]*\))$name(=-)?\[" ||
       complain "zsh: $command lacks $name"
   done
@@ -42,16 +44,14 @@ for format in $("$zebstat" stats --help | sed -n 's/.*--format FORMAT *//p' | tr
   grep -qx "\.It Cm $format" "$manual" || complain "$manual lacks the format $format"
 done
 
-# The programs that zebstat executes have options and manual pages of their own.
-for page in live:zebstat-live exporter:zebstats-exporter; do
-  command=${page%%:*} manual=$(dirname "$2")/${page#*:}.1
-  help=$("$zebstat" "$command" --help)
-  [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "$command: more than a screen"
-  mapfile -t names < <(sed -nE 's/^ +((-., )?--[^ =[]+).*/\1/p' <<<"$help" | tr -d , | tr ' ' '\n')
-  offers "zebstat $command -" "${names[@]}"
-  for name in "${names[@]}"; do
-    grep -qE "^\.It .*Fl ${name#-}( |$)" "$manual" || complain "$manual lacks $name"
-  done
+# The exporter has a table of its own.
+manual=$(dirname "$manual")/zebstats-exporter.1
+help=$("$zebstat" exporter --help)
+[ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "exporter: more than a screen"
+mapfile -t names < <(sed -nE 's/^ +((-., )?--[^ =[]+).*/\1/p' <<<"$help" | tr -d , | tr ' ' '\n')
+offers "zebstat exporter -" "${names[@]}"
+for name in "${names[@]}"; do
+  grep -qE "^\.It .*Fl ${name#-}( |$)" "$manual" || complain "$manual lacks $name"
 done
 
 [ "$failures" -eq 0 ] || exit 1

@@ -45,6 +45,17 @@ OptionCheck wantTraceLevel() {
   return wantWhole(0, 5, "a trace level from 0 to 5");
 }
 
+OptionCheck wantWord(const OptionRow& row) {
+  return [&row](const std::string& text) {
+    std::string known;
+    for (std::string_view word : wordsOf(row)) {
+      if (text == word) return std::string();
+      known += (known.empty() ? "" : ", ") + std::string(word);
+    }
+    return "'" + text + "' is none of " + known;
+  };
+}
+
 std::string wantAddress(const std::string& text) {
   return parseAddress(text)
              ? std::string()

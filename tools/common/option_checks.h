@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "address.h"
+#include "option_table.h"
 
 namespace zebtool {
 
@@ -25,6 +26,8 @@ OptionCheck wantSeconds(long double lowest);
 OptionCheck wantTimeout();
 OptionCheck wantPort();
 OptionCheck wantTraceLevel();
+// Wants one of the words of the row.
+OptionCheck wantWord(const OptionRow& row);
 
 std::string wantAddress(const std::string& text);
 std::string wantPath(const std::string& text);

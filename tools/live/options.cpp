@@ -4,37 +4,14 @@
 #include <string>
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "glob.h"
+#include "help.h"
 #include "option_checks.h"
+#include "option_parser.h"
 
 namespace zebtool {
 
 namespace {
-
-constexpr char kHelp[] =
-    R"(Usage: zebstat live [ID...] [OPTION...]
-Shows statistics on the whole screen and keeps them up to date: all, those
-named or matched by a glob, or those of groups.
-
-  --group GROUP...        the statistics of these groups
-  --gateway HOST:PORT     a gateway (127.0.0.1:2980); may be repeated
-  -H, --host HOST         the same for one gateway, with
-  -p, --port PORT         its statistics port
-  --interval SECONDS      how often the gateways are asked (2)
-  -t, --timeout SECONDS   time for connecting, and for each answer (10)
-  --include GLOB          show only ids that match; may be repeated, as may
-  --exclude GLOB          leave out ids that match
-  --warning GLOB=RANGE    mark values outside the range: 10, 10:20, 10:, ~:10,
-  --critical GLOB=RANGE   or @10:20 for values inside; both may be repeated
-  --sort ORDER            name, change (in the last minute) or rate
-  --changed               show only what has changed in the last minute
-
-Keys: arrows, Page Up and Down, Home and End scroll; n, c and r sort by name,
-change and rate; a shows all or only what changed; / filters as you type, Esc
-shows all again; x clears the marks; h lists the keys; q ends.
-)";
 
 [[noreturn]] void refuse(const std::string& message) {
   throw Fault(kUsage, message + "; see zebstat live --help");
@@ -58,20 +35,20 @@ struct RawOptions {
 };
 
 void declareOptions(CLI::App& app, RawOptions& raw) {
+  auto add = [&app](Option option, auto& target) { return addOption(app, rowOf(option), target); };
   CLI::Option* ids = app.add_option("ID", raw.ids);
-  app.add_option("--group", raw.groups)->excludes(ids);
-  CLI::Option* gateways =
-      app.add_option("--gateway", raw.gateways)->allow_extra_args(false)->check(wantAddress);
-  app.add_option("-H,--host", raw.host)->excludes(gateways)->check(wantAddress);
-  app.add_option("-p,--port", raw.port)->excludes(gateways)->check(wantPort());
-  app.add_option("--interval", raw.interval)->check(wantSeconds(0.1L));
-  app.add_option("-t,--timeout", raw.timeout)->check(wantTimeout());
-  app.add_option("--include", raw.included)->allow_extra_args(false);
-  app.add_option("--exclude", raw.excluded)->allow_extra_args(false);
-  app.add_option("--warning", raw.warnings)->allow_extra_args(false);
-  app.add_option("--critical", raw.criticals)->allow_extra_args(false);
-  app.add_option("--sort", raw.order);
-  app.add_flag("--changed", raw.onlyChanged);
+  add(Option::kGroup, raw.groups)->excludes(ids);
+  add(Option::kWarning, raw.warnings);
+  add(Option::kCritical, raw.criticals);
+  add(Option::kInterval, raw.interval)->check(wantSeconds(0.1L));
+  add(Option::kSort, raw.order)->check(wantWord(rowOf(Option::kSort)));
+  app.add_flag(rowOf(Option::kChanged).name, raw.onlyChanged);
+  add(Option::kInclude, raw.included);
+  add(Option::kExclude, raw.excluded);
+  CLI::Option* gateways = add(Option::kGateway, raw.gateways)->check(wantAddress);
+  add(Option::kHost, raw.host)->excludes(gateways)->check(wantAddress);
+  add(Option::kPort, raw.port)->excludes(gateways)->check(wantPort());
+  add(Option::kTimeout, raw.timeout)->check(wantTimeout());
 }
 
 std::vector<Address> readGateways(const RawOptions& raw) {
@@ -100,10 +77,8 @@ Limit readLimit(Alarm alarm, const std::string& text) {
 }
 
 Order readOrder(const std::string& text) {
-  if (text == "name") return Order::kName;
   if (text == "change") return Order::kChange;
-  if (text == "rate") return Order::kRate;
-  refuse("--sort: '" + text + "' is not name, change or rate");
+  return text == "rate" ? Order::kRate : Order::kName;
 }
 
 LiveOptions convert(RawOptions raw) {
@@ -130,7 +105,7 @@ LiveOptions convert(RawOptions raw) {
 std::optional<LiveOptions> parseLiveOptions(int argc, char** argv) {
   CLI::App app("", "zebstat-live");
   app.formatter_fn(
-      [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return std::string(kHelp); });
+      [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return helpFor("live"); });
   app.set_version_flag("--version", "zebstat " ZEBSTATS_VERSION);
   RawOptions raw;
   declareOptions(app, raw);

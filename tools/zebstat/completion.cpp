@@ -1,5 +1,6 @@
 #include "completion.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "option_table.h"
@@ -19,8 +20,10 @@ std::string quote(const std::string& text) {
   return "'" + replaceAll(text, "'", "'\\''") + "'";
 }
 
-std::string namesOf(const OptionRow& row, const char* between) {
-  return (*row.shortName != '\0' ? std::string(row.shortName) + between : "") + row.name;
+// Whether the table has the options of the command, or only the help of another program.
+bool hasRows(const CommandRow& command) {
+  const auto isOfCommand = [&](const OptionRow& row) { return hasOption(command.command, row); };
+  return std::any_of(allOptions().begin(), allOptions().end(), isOfCommand);
 }
 
 std::string commandNames(const char* between) {
@@ -95,7 +98,7 @@ std::string writeBash() {
   }
   text += "  esac\n  case $command:$current in\n";
   for (const CommandRow& command : allCommands()) {
-    std::string options = *command.program != '\0' ? "help" : "words";
+    std::string options = hasRows(command) ? "words" : "help";
     for (const OptionRow& row : allOptions()) {
       if (hasOption(command.command, row)) options += " " + namesOf(row, " ");
     }
@@ -122,7 +125,7 @@ _zebstat_ask() { # ids|groups
   known=(${(f)"$(zebstat $1 --format value --timeout 1 $options 2>/dev/null)"})
   compadd -a known
 }
-_zebstat_help() { # the options of a command that another program carries out
+_zebstat_help() { # the options that the help of another program lists
   local -a known
   known=(${(f)"$(zebstat $words[1] --help 2>/dev/null | tr -s ' ,=[' '\n' |
     grep -E '^--?[[:alpha:]]')"})
@@ -179,7 +182,7 @@ std::string writeZsh() {
 )zsh";
   for (const CommandRow& command : allCommands()) {
     text += std::string("    ") + command.name + ")\n      ";
-    text += *command.program != '\0' ? "_zebstat_help" : "_arguments";
+    text += hasRows(command) ? "_arguments" : "_zebstat_help";
     for (const OptionRow& row : allOptions()) {
       if (!hasOption(command.command, row)) continue;
       if (*row.shortName != '\0') text += writeZshOption(row, row.shortName);

@@ -7,28 +7,15 @@
 #include <string_view>
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "execute.h"
 #include "glob.h"
 #include "help.h"
 #include "option_checks.h"
+#include "option_parser.h"
 
 namespace zebtool {
 
 namespace {
-
-// Wants one of the words of the row.
-OptionCheck wantWord(const OptionRow& row) {
-  return [&row](const std::string& text) {
-    std::string known;
-    for (std::string_view word : wordsOf(row)) {
-      if (text == word) return std::string();
-      known += (known.empty() ? "" : ", ") + std::string(word);
-    }
-    return "'" + text + "' is none of " + known;
-  };
-}
 
 std::string wantRange(const std::string& text) {
   return parseCheckRange(text)
@@ -83,7 +70,7 @@ class Parser {
       return helpFor(app->get_name());
     });
     app_.set_version_flag(rowOf(Option::kVersion).name, "zebstat " ZEBSTATS_VERSION);
-    app_.set_help_flag(namesOf(rowOf(Option::kHelp)));
+    app_.set_help_flag(namesOf(rowOf(Option::kHelp), ","));
     for (const OptionRow& row : allOptions()) {
       if (isGeneral(row)) add(&app_, row);
     }
@@ -114,10 +101,6 @@ class Parser {
   }
 
  private:
-  static std::string namesOf(const OptionRow& row) {
-    return (*row.shortName != '\0' ? row.shortName + std::string(",") : "") + row.name;
-  }
-
   // Options that may stand before the command.
   static bool isGeneral(const OptionRow& row) {
     return row.option >= Option::kGateway && row.option <= Option::kTraceFile;
@@ -129,6 +112,10 @@ class Parser {
     CLI::App* added = app_.add_subcommand(command.name);
     added->preparse_callback([this, &command, added](std::size_t) {
       options_.command = command.command;
+      if (*command.program != '\0') {
+        added->prefix_command();
+        return;
+      }
       addPositional(added, command);
       for (const OptionRow& row : allOptions()) {
         if (hasOption(command.command, row) && !isGeneral(row)) add(added, row);
@@ -151,11 +138,9 @@ class Parser {
       case Command::kCompletion:
         app->add_option("SHELL", options_.shell)->required();
         break;
+      case Command::kGroups:
       case Command::kLive:
       case Command::kExporter:
-        app->prefix_command();
-        break;
-      case Command::kGroups:
         break;
     }
   }
@@ -175,83 +160,80 @@ class Parser {
     }
   }
 
-  CLI::Option* addPlain(CLI::App* app, const OptionRow& row, auto& target) {
-    return app->add_option(namesOf(row), target)
-        ->type_name(row.argument)
-        ->allow_extra_args(row.takes == Takes::kMany);
-  }
-
   void add(CLI::App* app, const OptionRow& row) {
     switch (row.option) {
       case Option::kGroup:
-        addPlain(app, row, options_.groups)->check(wantName);
+        addOption(*app, row, options_.groups)->check(wantName);
         break;
       case Option::kWarning:
-        addPlain(app, row, warnings_)->check(wantRange);
+        addOption(*app, row, warnings_)->check(wantRange);
         break;
       case Option::kCritical:
-        addPlain(app, row, criticals_)->check(wantRange);
+        addOption(*app, row, criticals_)->check(wantRange);
         break;
       case Option::kEquals:
-        addPlain(app, row, options_.check.equals);
+        addOption(*app, row, options_.check.equals);
         break;
       case Option::kMatches:
-        addPlain(app, row, options_.check.matches)->check(wantRegex);
+        addOption(*app, row, options_.check.matches)->check(wantRegex);
         break;
       case Option::kRate:
-        app->add_flag(namesOf(row), options_.check.isRate);
+        app->add_flag(namesOf(row, ","), options_.check.isRate);
         break;
       case Option::kState:
-        addPlain(app, row, options_.check.stateFile)->check(wantPath);
+        addOption(*app, row, options_.check.stateFile)->check(wantPath);
         break;
       case Option::kUnreachable:
-        addPlain(app, row, unreachable_)->check(wantWord(row));
+        addOption(*app, row, unreachable_)->check(wantWord(row));
         break;
       case Option::kMetadata:
-        addPlain(app, row, options_.check.metadataFile)->check(wantPath);
+        addOption(*app, row, options_.check.metadataFile)->check(wantPath);
         break;
       case Option::kVerbose:
-        app->add_flag(namesOf(row), options_.check.verbosity);
+        app->add_flag(namesOf(row, ","), options_.check.verbosity);
         break;
       case Option::kWatch:
-        app->add_flag(namesOf(row) + "{2}", watch_)->check(wantSeconds(0.1L));
+        app->add_flag(namesOf(row, ",") + "{2}", watch_)->check(wantSeconds(0.1L));
         break;
       case Option::kCount:
-        addPlain(app, row, options_.rounds)
+        addOption(*app, row, options_.rounds)
             ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
         break;
       case Option::kFormat:
-        addPlain(app, row, format_)->check(wantWord(row));
+        addOption(*app, row, format_)->check(wantWord(row));
         break;
       case Option::kOutput:
-        addPlain(app, row, options_.outputFile)->check(wantPath);
+        addOption(*app, row, options_.outputFile)->check(wantPath);
         break;
       case Option::kInclude:
-        addPlain(app, row, options_.included)->check(wantText);
+        addOption(*app, row, options_.included)->check(wantText);
         break;
       case Option::kExclude:
-        addPlain(app, row, options_.excluded)->check(wantText);
+        addOption(*app, row, options_.excluded)->check(wantText);
         break;
       case Option::kGateway:
-        addPlain(app, row, gateways_)->check(wantAddress);
+        addOption(*app, row, gateways_)->check(wantAddress);
         break;
       case Option::kHost:
-        addPlain(app, row, host_)->check(wantAddress);
+        addOption(*app, row, host_)->check(wantAddress);
         break;
       case Option::kPort:
-        addPlain(app, row, port_)->check(wantPort());
+        addOption(*app, row, port_)->check(wantPort());
         break;
       case Option::kTimeout:
-        addPlain(app, row, options_.timeoutSeconds)->check(wantTimeout());
+        addOption(*app, row, options_.timeoutSeconds)->check(wantTimeout());
         break;
       case Option::kTrace:
-        addPlain(app, row, options_.traceLevel)->check(wantTraceLevel());
+        addOption(*app, row, options_.traceLevel)->check(wantTraceLevel());
         break;
       case Option::kTraceFile:
-        addPlain(app, row, options_.traceFile)
+        addOption(*app, row, options_.traceFile)
             ->check(wantPath)
             ->needs(app->get_option(rowOf(Option::kTrace).name));
         break;
+      case Option::kInterval:  // only zebstat-live has these three
+      case Option::kSort:
+      case Option::kChanged:
       case Option::kHelp:  // CLI11 has added these two
       case Option::kVersion:
         break;

@@ -1,7 +1,8 @@
-// The commands of zebstat and their options. The parser takes names from this table, --help and the
-// completion of bash and zsh are made from it, and a test compares the manual page with it.
-#ifndef ZEBSTAT_OPTION_TABLE_H
-#define ZEBSTAT_OPTION_TABLE_H
+// The commands of zebstat and their options. The parsers take names from this table, --help and the
+// completion of bash and zsh are made from it, and a test compares the manual pages with it.
+// zebstats-exporter has options of its own.
+#ifndef ZEBTOOL_OPTION_TABLE_H
+#define ZEBTOOL_OPTION_TABLE_H
 
 #include <span>
 #include <string>
@@ -50,6 +51,9 @@ enum class Option {
   kCount,
   kFormat,
   kOutput,
+  kInterval,
+  kSort,
+  kChanged,
   kInclude,
   kExclude,
   kGateway,
@@ -100,7 +104,9 @@ inline bool hasOption(Command command, const OptionRow& row) {
 
 // Returns the words of a row one by one.
 std::vector<std::string_view> wordsOf(const OptionRow& row);
+// Returns the short and the long name, with a text between them.
+std::string namesOf(const OptionRow& row, const char* between);
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_OPTION_TABLE_H
+#endif  // ZEBTOOL_OPTION_TABLE_H

@@ -1,6 +1,6 @@
 // The help texts, made from the table of options. Each fits a screen of 24 lines and 80 columns.
-#ifndef ZEBSTAT_HELP_H
-#define ZEBSTAT_HELP_H
+#ifndef ZEBTOOL_HELP_H
+#define ZEBTOOL_HELP_H
 
 #include <string>
 #include <string_view>
@@ -12,4 +12,4 @@ std::string helpFor(std::string_view command);
 
 }  // namespace zebtool
 
-#endif  // ZEBSTAT_HELP_H
+#endif  // ZEBTOOL_HELP_H

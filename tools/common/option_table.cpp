@@ -31,8 +31,16 @@ constexpr CommandRow kCommands[] = {
      "Examples:\n"
      "  zebstat check WORK_QUEUED -w 20 -c 100 -H gateway-1 -t 5\n"
      "  zebstat check LINK_LOST --rate --state /var/tmp/link_lost -c 0.1\n"},
-    {Command::kLive, "live", "", Completion::kNothing, "", "a full screen that follows the values",
-     "zebstat-live", "zebstats-tools", "", ""},
+    {Command::kLive, "live", "[ID...]", Completion::kId, "",
+     "a full screen that follows the values", "zebstat-live", "zebstats-tools",
+     "Shows statistics on the whole screen and keeps them up to date.\n",
+     "RANGE is GLOB=10 (a mark outside 0 to 10), GLOB=10:20, GLOB=~:10 or GLOB=@10:20.\n"
+     "Keys: arrows, Page Up and Down, Home and End scroll; n, c and r sort; a shows\n"
+     "all or what changed; / filters; x clears the marks; h lists the keys; q ends.\n"
+     "\n"
+     "Examples:\n"
+     "  zebstat live --group LINK --gateway gw-1 --gateway gw-2:2980\n"
+     "  zebstat live 'WORK_*' --host gateway-1 --warning 'WORK_QUEUED=20'\n"},
     {Command::kExporter, "exporter", "", Completion::kNothing, "",
      "serves the statistics of gateways to Prometheus", "zebstats-exporter", "zebstats-exporter",
      "", ""},
@@ -44,32 +52,34 @@ constexpr CommandRow kCommands[] = {
      "  zebstat completion zsh > ~/.zsh/completions/_zebstat\n"},
 };
 
+constexpr unsigned kLive = bitOf(Command::kLive);
+constexpr unsigned kCheck = bitOf(Command::kCheck);
 constexpr unsigned kShow = bitOf(Command::kStats) | bitOf(Command::kIds) | bitOf(Command::kGroups);
-constexpr unsigned kAsk = kShow | bitOf(Command::kCheck);
-constexpr unsigned kEvery = kAsk | bitOf(Command::kCompletion);
+constexpr unsigned kAsk = kShow | kCheck;
+constexpr unsigned kEvery = kAsk | kLive | bitOf(Command::kCompletion);
 
 // In the order of the help.
 constexpr OptionRow kOptions[] = {
-    {Option::kGroup, "--group", "", "GROUP", Takes::kMany, bitOf(Command::kStats),
+    {Option::kGroup, "--group", "", "GROUP", Takes::kMany, bitOf(Command::kStats) | kLive,
      "the statistics of these groups", Completion::kGroup, ""},
-    {Option::kWarning, "--warning", "-w", "RANGE", Takes::kRepeated, bitOf(Command::kCheck),
+    {Option::kWarning, "--warning", "-w", "RANGE", Takes::kRepeated, kCheck | kLive,
      "a value outside is a warning", Completion::kNothing, ""},
-    {Option::kCritical, "--critical", "-c", "RANGE", Takes::kRepeated, bitOf(Command::kCheck),
+    {Option::kCritical, "--critical", "-c", "RANGE", Takes::kRepeated, kCheck | kLive,
      "a value outside is critical", Completion::kNothing, ""},
-    {Option::kEquals, "--equals", "", "TEXT", Takes::kOne, bitOf(Command::kCheck),
-     "any other text is critical", Completion::kNothing, ""},
-    {Option::kMatches, "--matches", "", "REGEX", Takes::kOne, bitOf(Command::kCheck),
+    {Option::kEquals, "--equals", "", "TEXT", Takes::kOne, kCheck, "any other text is critical",
+     Completion::kNothing, ""},
+    {Option::kMatches, "--matches", "", "REGEX", Takes::kOne, kCheck,
      "a text that does not match is critical", Completion::kNothing, ""},
-    {Option::kRate, "--rate", "", "", Takes::kNothing, bitOf(Command::kCheck),
+    {Option::kRate, "--rate", "", "", Takes::kNothing, kCheck,
      "judge the change per second since the last run", Completion::kNothing, ""},
-    {Option::kState, "--state", "", "FILE", Takes::kOne, bitOf(Command::kCheck),
+    {Option::kState, "--state", "", "FILE", Takes::kOne, kCheck,
      "where --rate keeps the values of the last run", Completion::kFile, ""},
-    {Option::kUnreachable, "--unreachable", "", "STATE", Takes::kOne, bitOf(Command::kCheck),
+    {Option::kUnreachable, "--unreachable", "", "STATE", Takes::kOne, kCheck,
      "for a gateway that does not answer (critical)", Completion::kWords,
      "critical warning unknown"},
-    {Option::kMetadata, "--metadata", "", "FILE", Takes::kOne, bitOf(Command::kCheck),
+    {Option::kMetadata, "--metadata", "", "FILE", Takes::kOne, kCheck,
      "has the units of performance data", Completion::kFile, ""},
-    {Option::kVerbose, "--verbose", "-v", "", Takes::kNothing, bitOf(Command::kCheck),
+    {Option::kVerbose, "--verbose", "-v", "", Takes::kNothing, kCheck,
      "a line for each ID; -vv also where it was asked", Completion::kNothing, ""},
     {Option::kWatch, "--watch", "", "SECONDS", Takes::kOptional, kShow,
      "repeat, every 2 seconds by default; Ctrl-C ends it", Completion::kNothing, ""},
@@ -79,17 +89,23 @@ constexpr OptionRow kOptions[] = {
      "table json jsonl csv value prometheus"},
     {Option::kOutput, "--output", "", "FILE", Takes::kOne, kShow,
      "replace FILE by the answer when that is complete", Completion::kFile, ""},
-    {Option::kInclude, "--include", "", "GLOB", Takes::kRepeated, kShow,
+    {Option::kInterval, "--interval", "", "SECONDS", Takes::kOne, kLive,
+     "how often the gateways are asked (2)", Completion::kNothing, ""},
+    {Option::kSort, "--sort", "", "ORDER", Takes::kOne, kLive, "", Completion::kWords,
+     "name change rate"},
+    {Option::kChanged, "--changed", "", "", Takes::kNothing, kLive,
+     "show only what has changed in the last minute", Completion::kNothing, ""},
+    {Option::kInclude, "--include", "", "GLOB", Takes::kRepeated, kShow | kLive,
      "show only ids that match; may be repeated, as may", Completion::kNothing, ""},
-    {Option::kExclude, "--exclude", "", "GLOB", Takes::kRepeated, kShow, "leave out ids that match",
-     Completion::kNothing, ""},
-    {Option::kGateway, "--gateway", "", "HOST:PORT", Takes::kRepeated, kShow,
+    {Option::kExclude, "--exclude", "", "GLOB", Takes::kRepeated, kShow | kLive,
+     "leave out ids that match", Completion::kNothing, ""},
+    {Option::kGateway, "--gateway", "", "HOST:PORT", Takes::kRepeated, kShow | kLive,
      "a gateway; repeat it to ask several at once", Completion::kHost, ""},
-    {Option::kHost, "--host", "-H", "HOST", Takes::kOne, kAsk,
+    {Option::kHost, "--host", "-H", "HOST", Takes::kOne, kAsk | kLive,
      "the gateway's name or address (127.0.0.1)", Completion::kHost, ""},
-    {Option::kPort, "--port", "-p", "PORT", Takes::kOne, kAsk,
+    {Option::kPort, "--port", "-p", "PORT", Takes::kOne, kAsk | kLive,
      "the gateway's statistics port (2980)", Completion::kNothing, ""},
-    {Option::kTimeout, "--timeout", "-t", "SECONDS", Takes::kOne, kAsk,
+    {Option::kTimeout, "--timeout", "-t", "SECONDS", Takes::kOne, kAsk | kLive,
      "time for connecting, and for each answer (10)", Completion::kNothing, ""},
     {Option::kTrace, "--trace", "", "LEVEL", Takes::kOne, kAsk,
      "the library's trace: 0 nothing to 5 everything", Completion::kWords, "0 1 2 3 4 5"},
@@ -144,6 +160,10 @@ std::vector<std::string_view> wordsOf(const OptionRow& row) {
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return words;
+}
+
+std::string namesOf(const OptionRow& row, const char* between) {
+  return (*row.shortName != '\0' ? std::string(row.shortName) + between : "") + row.name;
 }
 
 }  // namespace zebtool

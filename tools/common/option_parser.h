@@ -1,0 +1,20 @@
+// Adds options of the table to a command line parser.
+#ifndef ZEBTOOL_OPTION_PARSER_H
+#define ZEBTOOL_OPTION_PARSER_H
+
+#include <CLI/CLI.hpp>
+
+#include "option_table.h"
+
+namespace zebtool {
+
+// Adds an option with an argument, which is stored in the target.
+CLI::Option* addOption(CLI::App& app, const OptionRow& row, auto& target) {
+  return app.add_option(namesOf(row, ","), target)
+      ->type_name(row.argument)
+      ->allow_extra_args(row.takes == Takes::kMany);
+}
+
+}  // namespace zebtool
+
+#endif  // ZEBTOOL_OPTION_PARSER_H
