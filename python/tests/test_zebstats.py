@@ -100,10 +100,11 @@ class Tables(unittest.TestCase):
             ("gw", ("gw", 2980)),
             ("gw:1", ("gw", 1)),
             ("[::1]", ("::1", 2980)),
+            ("::1", ("::1", 2980)),
             ("[fe80::1%lo]:65535", ("fe80::1%lo", 65535)),
         ):
             self.assertEqual(parse_address(text), parsed)
-        for text in ("", ":1", "gw:", "::1", "[::1", "[]:1", "gw:0", "gw:65536", "gw:\u0661"):
+        for text in ("", ":1", "gw:", "1:2:3", "[::1", "[]:1", "gw:0", "gw:65536", "gw:\u0661"):
             self.assertRaises(ValueError, parse_address, text)
 
     def test_a_missing_library_says_what_to_install(self):

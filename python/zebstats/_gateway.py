@@ -32,7 +32,10 @@ T = TypeVar("T")
 Names = Union[None, str, bytes, Iterable[Union[str, bytes]]]
 _Query = Callable[..., int]
 
-_ADDRESS = re.compile(r"(?:\[([^\[\]]+)\]|([^\[\]:]+))(?::([0-9]{1,5}))?")
+_ADDRESS = re.compile(
+    r"(?:\[([^\[\]]+)\]|([^\[\]:]+))(?::([0-9]{1,5}))?"  # [IPV6] or HOST, maybe with a port
+    r"|([^\[\]:]*:[^\[\]]*:[^\[\]]*)"  # IPV6
+)
 
 
 class Stat(NamedTuple):
@@ -308,16 +311,25 @@ class Gateway:
 
 
 def parse_address(address: str) -> Tuple[str, int]:
-    """Splits HOST, HOST:PORT, [IPV6] or [IPV6]:PORT into host and port."""
+    """Splits HOST, HOST:PORT, [IPV6], [IPV6]:PORT or IPV6 into host and port."""
     match = _ADDRESS.fullmatch(address)
-    if match is None:
+    ipv6 = match and (match[1] or match[4])
+    if match is None or (ipv6 and not _is_ipv6(ipv6)):
         raise ValueError(
             f"not an address: {address!r}; write it like gw, gw:2980, [::1] or [::1]:2980"
         )
     port = int(match[3] or DEFAULT_PORT)
     if not 1 <= port <= 65535:
         raise ArgumentError(codes.ZEB_PORT_INVALID, address)
-    return match[1] or match[2], port
+    return ipv6 or match[2], port
+
+
+def _is_ipv6(host: str) -> bool:
+    try:
+        socket.inet_pton(socket.AF_INET6, host.split("%")[0])
+    except (OSError, ValueError):  # a text with a NUL is a ValueError
+        return False
+    return True
 
 
 def connect(address: str, timeout: Optional[float] = DEFAULT_TIMEOUT) -> Gateway:
