@@ -116,6 +116,13 @@ std::string explainAnswer(const Socket& socket, Clock::time_point deadline) {
 
 }  // namespace
 
+bool canConnect(const std::string& address, int port, double seconds) {
+  auto patience =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  Socket socket(-1);
+  return connectTo(address, port, Clock::now() + patience, socket) == 0;
+}
+
 std::string diagnose(const std::vector<std::string>& addresses, int port) {
   constexpr std::chrono::seconds kPatience(1);
   Clock::time_point deadline = Clock::now() + kPatience;

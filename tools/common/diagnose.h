@@ -8,6 +8,10 @@
 
 namespace zebtool {
 
+// Returns whether a connection to the numeric address can be opened within that time. It is closed
+// at once.
+bool canConnect(const std::string& address, int port, double seconds);
+
 // Connects to the first of the numeric addresses that lets it, sends what a client sends first, and
 // waits for an answer. Takes up to a second for each of these two steps. Returns the cause and what
 // to do about it; an empty text if there are no addresses.

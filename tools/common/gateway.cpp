@@ -265,12 +265,18 @@ const char* nameOf(FaultReason reason) {
   return "lost";
 }
 
+// An address that drops everything would use up the library's timeout, so each but the last is
+// first tried with a share of it.
 void Gateway::connect() {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(timeoutSeconds_);
   int code = ZEB_HOST_UNKNOWN;
   std::vector<std::string> addresses = resolve(address_.host);
-  for (const std::string& host : addresses) {
+  for (std::size_t left = addresses.size(); left > 0; --left) {
+    const std::string& host = addresses[addresses.size() - left];
+    double share =
+        std::chrono::duration<double>(end - Clock::now()).count() / static_cast<double>(left);
+    if (left > 1 && !canConnect(host, address_.port, share)) continue;
     code = connection_.open(host.c_str(), address_.port).code();
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
