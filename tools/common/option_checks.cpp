@@ -66,6 +66,19 @@ std::string wantPath(const std::string& text) {
   return text.empty() ? "an empty text is not a file name" : std::string();
 }
 
+std::string wantText(const std::string& text) {
+  return text.empty() ? "an empty text is not a name; the commands ids and groups list them"
+                      : std::string();
+}
+
+OptionCheck wantName(const OptionRow& repeating) {
+  return [&repeating](const std::string& text) {
+    if (!parseTyped(text)) return wantText(text);
+    return "'" + text + "' is not a name; to repeat every " + text + " seconds write " +
+           repeating.name + "=" + text;
+  };
+}
+
 std::string readEnvironment(std::vector<Address>& gateways) {
   const char* set = std::getenv("ZEBSTAT_GATEWAY");
   std::string names = set != nullptr ? set : "";

@@ -31,6 +31,10 @@ OptionCheck wantWord(const OptionRow& row);
 
 std::string wantAddress(const std::string& text);
 std::string wantPath(const std::string& text);
+std::string wantText(const std::string& text);
+// Wants the name of a statistic or group. A lone number is refused: most probably it is meant for
+// the option that repeats the question.
+OptionCheck wantName(const OptionRow& repeating);
 
 // Adds the gateways that ZEBSTAT_GATEWAY names, if it is set, with commas or blanks between them.
 std::string readEnvironment(std::vector<Address>& gateways);

@@ -36,15 +36,16 @@ struct RawOptions {
 
 void declareOptions(CLI::App& app, RawOptions& raw) {
   auto add = [&app](Option option, auto& target) { return addOption(app, rowOf(option), target); };
-  CLI::Option* ids = app.add_option("ID", raw.ids);
-  add(Option::kGroup, raw.groups)->excludes(ids);
+  OptionCheck isName = wantName(rowOf(Option::kInterval));
+  CLI::Option* ids = app.add_option("ID", raw.ids)->check(isName);
+  add(Option::kGroup, raw.groups)->check(isName)->excludes(ids);
   add(Option::kWarning, raw.warnings);
   add(Option::kCritical, raw.criticals);
   add(Option::kInterval, raw.interval)->check(wantSeconds(0.1L));
   add(Option::kSort, raw.order)->check(wantWord(rowOf(Option::kSort)));
   app.add_flag(rowOf(Option::kChanged).name, raw.onlyChanged);
-  add(Option::kInclude, raw.included);
-  add(Option::kExclude, raw.excluded);
+  add(Option::kInclude, raw.included)->check(wantText);
+  add(Option::kExclude, raw.excluded)->check(wantText);
   CLI::Option* gateways = add(Option::kGateway, raw.gateways)->check(wantAddress);
   add(Option::kHost, raw.host)->excludes(gateways)->check(wantAddress);
   add(Option::kPort, raw.port)->excludes(gateways)->check(wantPort());

@@ -27,17 +27,6 @@ std::string wantRegex(const std::string& text) {
   return isRegex(text) ? std::string() : "'" + text + "' is not an extended regular expression";
 }
 
-std::string wantText(const std::string& text) {
-  return text.empty() ? "an empty text is not a name; the commands ids and groups list them"
-                      : std::string();
-}
-
-// A lone number is most probably meant for --watch.
-std::string wantName(const std::string& text) {
-  if (!parseTyped(text)) return wantText(text);
-  return "'" + text + "' is not a name; to repeat every " + text + " seconds write --watch=" + text;
-}
-
 std::string nameCommands() {
   std::string names;
   for (const CommandRow& row : allCommands()) {
@@ -127,13 +116,15 @@ class Parser {
   void addPositional(CLI::App* app, const CommandRow& command) {
     switch (command.command) {
       case Command::kStats:
-        app->add_option("ID", options_.ids)->check(wantName);
+        app->add_option("ID", options_.ids)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kIds:
-        app->add_option("GROUP", options_.groups)->check(wantName);
+        app->add_option("GROUP", options_.groups)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kCheck:
-        app->add_option("ID", options_.check.ids)->check(wantName)->required();
+        app->add_option("ID", options_.check.ids)
+            ->check(wantName(rowOf(Option::kWatch)))
+            ->required();
         break;
       case Command::kCompletion:
         app->add_option("SHELL", options_.shell)->required();
@@ -163,7 +154,7 @@ class Parser {
   void add(CLI::App* app, const OptionRow& row) {
     switch (row.option) {
       case Option::kGroup:
-        addOption(*app, row, options_.groups)->check(wantName);
+        addOption(*app, row, options_.groups)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Option::kWarning:
         addOption(*app, row, warnings_)->check(wantRange);
