@@ -151,9 +151,10 @@ class Judge {
 
   [[nodiscard]] Finding judgeText(const std::string& id, const std::string& value) const {
     std::string expected;
-    if (options_.equals && value != *options_.equals)
+    std::string text = toUtf8(value);
+    if (options_.equals && text != *options_.equals)
       expected = "expected is " + *options_.equals;
-    else if (options_.matches && !matchesRegex(*options_.matches, value))
+    else if (options_.matches && !matchesRegex(*options_.matches, text))
       expected = "expected is a match of " + *options_.matches;
     std::string message = id + " is " + value;
     std::string performance;
@@ -172,10 +173,14 @@ class Judge {
     std::optional<EarlierValue> earlier = earlier_->find(gateway_, id);
     earlier_->set(gateway_, id, {now, value});
     std::optional<long double> before = earlier ? parseNumber(earlier->value) : std::nullopt;
+    std::string label = labelFor(id + "_per_second");
+    std::string unknown = label + "=U";  // as plug-ins write a value that is not known
     if (!before || earlier->seconds >= now)
-      return {kStateOk, id + " is " + value + ", its rate is known from the next run on", {}};
-    if (number < *before)
-      return {kStateOk, id + " fell from " + earlier->value + " to " + value + ", so no rate", {}};
+      return {kStateOk, id + " is " + value + ", its rate is known from the next run on", unknown};
+    if (number < *before) {
+      return {kStateOk, id + " fell from " + earlier->value + " to " + value + ", so no rate",
+              unknown};
+    }
     long double rate = (number - *before) / static_cast<long double>(now - earlier->seconds);
     std::string digits = showNumber(rate, 6);
     return judgeNumber(id + " grows by " + digits + " per second", id, {digits, rate}, "");
