@@ -77,7 +77,9 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   std::optional<Address> address = parseAddress(target);
   if (!address) return makeLine(400, "'" + toShown(target) + "' is not a HOST or HOST:PORT");
   std::string name = showAddress(*address);
-  if (!matchesAnyGlob(options_.allowedTargets, name))
+  const auto& allowed = options_.allowedTargets;
+  bool isNamed = std::find(allowed.begin(), allowed.end(), name) != allowed.end();
+  if (!isNamed && !matchesAnyGlob(allowed, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
   return render({{name, targets_.probe(*address).await(deadline)}});
 }
