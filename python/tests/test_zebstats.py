@@ -88,7 +88,7 @@ class Tables(unittest.TestCase):
         for value, number in (("-7", -7), (big, int(big)), ("1.5", 1.5), ("2e3", 2000.0)):
             self.assertEqual(stat(value).number, number)
             self.assertIs(type(stat(value).number), type(number))
-        for value in ("", " 1", "1_0", "nan", "inf", "1e999", "0x1", "\u0661", "1\n", "up"):
+        for value in ("", " 1", "1_0", "nan", "inf", "1e999", "0x1", "\u0661", "1\n", "007", "+1"):
             self.assertIsNone(stat(value).number, value)
             self.assertRaisesRegex(ValueError, "ID is not", stat(value).as_float)
         self.assertEqual((stat("3").as_int(), stat("3").as_float()), (3, 3.0))

@@ -9,8 +9,9 @@ from typing import Optional, Tuple, Union
 _SURROGATES = re.compile(rb"\xed[\xa0-\xaf][\x80-\xbf](\xed[\xb0-\xbf][\x80-\xbf])")
 _SURROGATE = re.compile(rb"\xed[\xa0-\xbf][\x80-\xbf]")
 _BEYOND = re.compile("[\U00010000-\U0010ffff]")
-_INTEGER = re.compile(r"[+-]?[0-9]+")
-_DECIMAL = re.compile(r"[+-]?([0-9]+\.?[0-9]*|\.[0-9]+)([eE][+-]?[0-9]+)?")
+# What JSON calls a number: 007 and +1 are texts.
+_INTEGER = re.compile(r"-?(0|[1-9][0-9]*)")
+_DECIMAL = re.compile(_INTEGER.pattern + r"(\.[0-9]+)?([eE][+-]?[0-9]+)?")
 
 
 def _resume(failure: UnicodeError) -> Tuple[str, int]:
@@ -48,7 +49,7 @@ def encode(text: Union[str, bytes]) -> bytes:
 
 
 def parse_integer(text: str) -> Optional[int]:
-    """Returns the integer if the whole text is one: no blanks, no underscores."""
+    """Returns the integer if the whole text is one."""
     try:
         return int(text) if _INTEGER.fullmatch(text) else None
     except ValueError:  # Python refuses to convert thousands of digits
@@ -56,6 +57,6 @@ def parse_integer(text: str) -> Optional[int]:
 
 
 def parse_float(text: str) -> Optional[float]:
-    """Returns the number if the whole text is a finite decimal number."""
+    """Returns the number if the whole text is a finite one."""
     number = float(text) if _DECIMAL.fullmatch(text) else math.inf
     return number if math.isfinite(number) else None
