@@ -13,6 +13,7 @@
 #include "exporter.h"
 #include "fault.h"
 #include "http_server.h"
+#include "metadata.h"
 #include "options.h"
 #include "output.h"
 #include "process.h"
@@ -104,6 +105,11 @@ void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& f
 int run(int argc, char** argv) {
   std::optional<ExporterOptions> options = parseOptions(argc, argv);
   if (!options) return kDone;
+  if (options->isCheck) {
+    listGateways(*options);
+    if (!options->metadataFile.empty()) Metadata checked(options->metadataFile);
+    return kDone;
+  }
   setUpLibrary(options->timeoutSeconds, options->traceLevel, options->traceFile);
   serve(*options);
 }

@@ -26,6 +26,7 @@ Serves the statistics of gateways to Prometheus: /metrics asks all gateways.
   --exclude GLOB            leave out ids that match
   --texts GLOB...           export texts whose ids match as labels
   --metadata FILE           types, units and help of statistics, in JSON
+  --check                   only check the options and the files that they name
   --trace LEVEL             the library's trace: 0 nothing to 5 everything
   --trace-file FILE         append the trace to FILE, not to standard error
 
@@ -33,10 +34,6 @@ Examples:
   zebstats-exporter --gateway gateway-1 gateway-2:2981 --texts '*_STATE'
   zebstats-exporter --listen :9480 --targets /etc/zebstats/targets
 )";
-
-std::string wantText(const std::string& text) {
-  return text.empty() ? "an empty text matches nothing" : std::string();
-}
 
 std::string wantListenAddress(const std::string& text) {
   return parseListenAddress(text, 9480)
@@ -53,6 +50,7 @@ class Parser {
     app_.set_version_flag("--version", "zebstats-exporter " ZEBSTATS_VERSION);
     addTargetOptions();
     addStatOptions();
+    app_.add_flag("--check", options_.isCheck);
     app_.add_option("--listen", options_.listen)->type_name("ADDRESS")->check(wantListenAddress);
     CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
                              ->type_name("LEVEL")

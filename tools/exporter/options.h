@@ -21,6 +21,7 @@ struct ExporterOptions {
   std::vector<std::string> excluded;
   std::vector<std::string> texts;
   std::string metadataFile;  // empty: none
+  bool isCheck = false;      // only the options and the files are checked
   int traceLevel = 0;
   std::string traceFile;
 };
