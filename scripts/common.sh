@@ -60,4 +60,4 @@ install_without_starting() {
 BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libmicrohttpd-dev
   libncurses-dev)
 # shellcheck disable=SC2034 # used by the scripts that source this file
-TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev python3 tmux)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libgtest-dev libgmock-dev python3 tmux zsh)

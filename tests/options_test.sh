@@ -19,6 +19,7 @@ offers() { # LINE WORD...: bash completes the line with each of the words
   done
 }
 zsh=$("$zebstat" completion zsh)
+zsh -n <(printf '%s\n' "$zsh") || complain "zsh cannot read its completion"
 helps=" h -help -version "
 for command in "" stats ids groups check live completion; do
   page=$manual
