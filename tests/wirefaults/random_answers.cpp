@@ -135,7 +135,7 @@ class RandomAnswer {
   void addIds(std::size_t size) {
     if (size < 10) return answer.responses.push_back({text(size - 6), -1, Ids()});
     const std::size_t query = std::min(size - 10, oneIn(10) ? pick(0, 2000) : pick(0, 20));
-    const std::size_t longest = oneIn(4) ? 3000 : 40;
+    const std::size_t longest = oneIn(4) ? 40 : 600;
     Ids ids;
     std::size_t left = size - 10 - query;
     for (; left >= 2; left -= 2 + ids.back().size())
