@@ -17,12 +17,10 @@
 namespace zebtest {
 namespace {
 
-using zebsim::encodeAnswer;
-using zebsim::HeadBlocks;
+using namespace zebsim;
 
 // An answer in which every form of response and of value occurs.
 Bytes makeAnswer(bool isStats) {
-  using namespace zebsim;
   const Bytes longText(1100, 'v');
   if (!isStats)
     return encodeAnswer(
@@ -82,7 +80,7 @@ TEST(Answer, CutShortAnywhereOrChangedInAnyFieldIsReadAsTheSlowDecoderReadsIt) {
 
 // Once a block of a value is short, the next ones are read as short, whatever their marker.
 TEST(CutValue, OfShortBlocksIsReadWhateverTheirMarkers) {
-  const Bytes whole = encodeAnswer({false, {{"q", 0, zebsim::Stats{{"LONG", Bytes(1100, 'v')}}}}});
+  const Bytes whole = encodeAnswer({false, {{"q", 0, Stats{{"LONG", Bytes(1100, 'v')}}}}});
   Bytes content;
   ASSERT_TRUE(decodeSlowly(true, whole, content));
   Bytes other = whole;
@@ -100,8 +98,8 @@ TEST(UncutAnswer, ThatAnnouncesAFullBlockIsReadAsOneBlock) {
         wire("77 05 'ABCDE'"), wire("77 05 'ABCDEw'"), wire("7A 00000005 'ABCDE' 79"),
         wire("77 05 'ABCDE' 77 01 'A' 78"), fullBlock + fullBlock + fullBlock, wire("77 FF 'A'")}) {
     const Bytes id = Bytes(1024 - 12, 'v') + at1024 + Bytes(1025, 'v') + Bytes(300, 's');
-    Bytes answer = encodeAnswer({true, {{"", 0, zebsim::Ids{id}}, {"next", 0, zebsim::Ids{"ID"}}}},
-                                HeadBlocks::kOne);
+    Bytes answer =
+        encodeAnswer({true, {{"", 0, Ids{id}}, {"next", 0, Ids{"ID"}}}}, HeadBlocks::kOne);
     Bytes content;
     ASSERT_TRUE(decodeSlowly(false, answer, content));
     answer.replace(answer.find(wire("7870 7A")) + 3, 4, wire("00000400"));
@@ -117,7 +115,7 @@ TEST(UncutAnswer, OfWhichEachResponseBeginsALongWalkIsRefused) {
   static_assert(21 * 49 == 5 + 1024);
   ASSERT_EQ(response.size(), 49u);
   for (const std::uint32_t count : {100U, 19000U}) {
-    Bytes answer = wire("01") + zebsim::words({count});
+    Bytes answer = wire("01") + words({count});
     for (std::uint32_t i = 0; i < count; ++i) answer += response;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(answer.data());
     EXPECT_EQ(zeb::parseIds({bytes, answer.size()}, sealedBuffer()) == 0, count == 100);
@@ -125,7 +123,6 @@ TEST(UncutAnswer, OfWhichEachResponseBeginsALongWalkIsRefused) {
 }
 
 TEST(Answer, ReplacesTheOneBeforeAndReadsAsEmptyIfItIsRefused) {
-  using namespace zebsim;
   GatewayServer server({.segment = 16});
   const Connection connection(server.port());
   GatewayToken* const token = connection.token;
