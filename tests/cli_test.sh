@@ -166,11 +166,11 @@ check 2 'CRITICAL: HOST_SITE is .*, expected is a match of \^x/y' HOST_SITE --ma
 printf '{"statistics": [{"id": "LISTEN_BYTES*", "unit": "bytes"}]}' >"$scratch/units"
 check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata "$scratch/units"
 rate=(LISTEN_BYTES_IN --rate --state "$scratch/rate" -w 0)
-check 0 'OK: LISTEN_BYTES_IN is [0-9]+, its rate is known from the next run on' "${rate[@]}"
+check 0 'OK: LISTEN_BYTES_IN is [0-9]+, its rate is known from the next run on( \|.*=U)?' "${rate[@]}"
 sed -i 's/,"[0-9]*"\]/,"1"]/' "$scratch/rate" # the gateway's values change only once a second
 check 1 'WARNING: .* grows by [0-9.]+ per second, .* \| LISTEN_BYTES_IN_per_second=[0-9.]+;0' "${rate[@]}"
 sed -i "s/,\"[0-9]*\"\]/,\"$big\"]/" "$scratch/rate"
-check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate" "${rate[@]}"
+check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate( \|.*=U)?" "${rate[@]}"
 ask 2 --port 1 check HOST_CPUS -v && lines 2 && shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
 for wrong in "HOST_CPUS -w ten" "HOST_CPUS -c 20:10" "HOST_CPUS -w NO=5" "" "A --rate" \
   "A --matches (" "A --equals a -w 1" "A --metadata /" "A --trace 1 --trace-file /no/x"; do
@@ -246,7 +246,7 @@ waits_for "$scratch/records" VM_UPTIME
   "$zebstat" -p "$port" groups >/dev/null
   exec {_client}<>"/dev/tcp/127.0.0.1/$port"
   printf 'GET / HTTP/1.0\r\n\r\n' >&"$_client"
-  [ -z "$(timeout 10 cat <&"$_client")" ]
+  [ -z "$(timeout 10 cat <&"$_client" 2>/dev/null)" ]
 ) || complain "they shut out another client, or an invalid request is answered"
 grep -q 'no eyecatcher' "$scratch/simulators" || complain "an invalid request is not reported"
 : >"$scratch/records"
