@@ -3,13 +3,10 @@
 # the list, and its versions and properties with what they must be. Every difference gets a line.
 set -euo pipefail
 export LC_ALL=C
-library=$1 names=$2 failures=0
+library=$1 names=$2
 header=$(dirname "$0")/../include/zebstats.h
+. "$(dirname "$0")/program_test.sh"
 
-complain() {
-  printf '%s: %s\n' "${library##*/}" "$*" >&2
-  failures=$((failures + 1))
-}
 # expect PROPERTY WANTED FOUND
 expect() {
   [ "$2" = "$3" ] || complain "$1 is '$3', not '$2'"
@@ -42,6 +39,3 @@ undefined=$(nm -D --undefined-only "$library")
 grep -q __stack_chk_fail <<<"$undefined" || complain "has no stack protector"
 # Only optimised builds are fortified.
 [ -z "${3:-}" ] || grep -qE '__(vfprintf|snprintf|memcpy)_chk' <<<"$undefined" || complain "is not fortified"
-
-[ "$failures" -eq 0 ] || exit 1
-printf '%s names, all as listed\n' "$(wc -l <"$names")"

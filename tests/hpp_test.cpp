@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <future>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -27,16 +26,13 @@ struct CanAsk<C, std::void_t<decltype(std::declval<C>().stats())>> : std::true_t
 static_assert(CanAsk<Connection&>::value && !CanAsk<Connection>::value,
               "a temporary's answer would dangle");
 static_assert(!std::is_copy_constructible_v<Connection> &&
-              std::is_nothrow_move_constructible_v<Connection> &&
-              !std::is_copy_constructible_v<zebstats::StatSetCopy> &&
-              std::is_nothrow_move_assignable_v<zebstats::StatSetCopy>);
+              !std::is_copy_constructible_v<zebstats::StatSetCopy>);
 
 class Hpp : public testing::Test {
  protected:
   void SetUp() override {
     GTEST_FLAG_SET(death_test_style, "threadsafe");  // the server has a thread
-    const zebstats::Error failed = gateway.open("127.0.0.1", server->port());
-    ASSERT_FALSE(failed) << failed.text();
+    ASSERT_EQ(gateway.open("127.0.0.1", server->port()).code(), 0);
   }
   std::unique_ptr<zebsim::GatewayServer> server = std::make_unique<zebsim::GatewayServer>();
   Connection gateway;
@@ -44,14 +40,12 @@ class Hpp : public testing::Test {
 
 // A view used after its answer is gone: an assertion fails, or with NDEBUG it returns an error.
 template <typename View>
-void expectStale(View& view, const char* assertion, int code) {
+void expectStale(View& view, const char* assertion, [[maybe_unused]] int code) {
   EXPECT_DEBUG_DEATH((void)view.begin(), assertion);
 #ifdef NDEBUG
   EXPECT_EQ(view.begin(), view.end());
   EXPECT_EQ(view.error().code(), code);
   EXPECT_EQ(view.copy().error().code(), code);
-#else
-  (void)code;
 #endif
 }
 
@@ -107,26 +101,22 @@ TEST_F(Hpp, AViewNoticesTheNextQueryAndTheEndOfItsConnection) {
 }
 
 TEST_F(Hpp, ALostOrSilentConnectionIsReportedOnceAndOpenedAgain) {
-  std::promise<void> end;
   zebsim::ServerOptions options;
-  options.clock = [until = end.get_future().share()] { return until.wait(), 0U; };
-  zebsim::GatewayServer silent(options);
+  options.troubles.mute = zebsim::Troubles::Mute::kQuery;
+  const zebsim::GatewayServer silent(options);
   zebstats::StatSet before = gateway.stats();
   server.reset();
   EXPECT_EQ(gateway.stats().error().code(), ZEB_CONNECTION_LOST);
   EXPECT_FALSE(gateway.isOpen());
   expectStale(before, "connection was closed or lost", ZEB_TOKEN_UNKNOWN);
   EXPECT_EQ(gateway.open("127.0.0.1", 0).code(), ZEB_PORT_INVALID);
-  ASSERT_FALSE(gateway.open("127.0.0.1", silent.port()));
+  EXPECT_EQ(gateway.open("127.0.0.1", silent.port()).code(), 0);
   EXPECT_STREQ(gateway.protocolVersion(), "2_0_0_1");
-  EXPECT_FALSE(gateway.ids().error());
   EXPECT_EQ(zebstats::setTimeout(-1).code(), ZEB_TIMEOUT_INVALID);
   EXPECT_FALSE(zebstats::setTimeout(50));
   EXPECT_EQ(zebstats::timeout(), 50);
   EXPECT_EQ(gateway.stats().error().code(), ZEB_TIMED_OUT);
   EXPECT_FALSE(gateway.isOpen());
-  EXPECT_FALSE(zebstats::setTimeout(0));
-  end.set_value();
 }
 
 std::string readFile(const char* path) {
@@ -135,8 +125,7 @@ std::string readFile(const char* path) {
 }
 
 TEST(HppError, EveryCodeHasItsNumberAndATextThatTheHeaderAndTheManualPrint) {
-  const std::string header = readFile(ZEB_PUBLIC_HEADER);
-  const std::string manual = readFile(ZEB_MANUAL);
+  const std::string header = readFile(ZEB_PUBLIC_HEADER), manual = readFile(ZEB_MANUAL);
   const std::regex codeLine(R"(\n\s+ZEB_(\w+) = (-?\d+))");
   std::set<std::string> texts = {zebstats::describe(1)};
   std::map<int, std::string> names;
@@ -146,16 +135,14 @@ TEST(HppError, EveryCodeHasItsNumberAndATextThatTheHeaderAndTheManualPrint) {
     const std::string name = names[code] = (*match)[1], text = zebstats::describe(code);
     EXPECT_TRUE(texts.insert(text).second) << name << ": " << text;
     EXPECT_NE(header.find("/* " + text + " */"), std::string::npos) << name << ": " << text;
-    EXPECT_NE(manual.find(".Dv ZEB_" + name + " :\n" + text + "\n."), std::string::npos)
-        << name << ": " << text;
+    EXPECT_NE(manual.find(".Dv ZEB_" + name + " :\n" + text + "\n."), std::string::npos) << name;
   }
-  EXPECT_EQ(names.size(), 37U);
-  EXPECT_EQ(names[0] + names[-2], "OKQUERY_TOO_LONG");
-  // Compiled programs hold these numbers, from -100 down; there are gaps.
-  std::string inOrder;
+  // Compiled programs hold these numbers: 0, -2, and from -100 down; there are gaps.
+  std::string inOrder = names[0] + " " + names[-2] + " ";
   for (int code = -100; code >= -138; --code) inOrder += names[code] + " ";
   EXPECT_EQ(inOrder,
-            "TOKEN_NULL TOKEN_UNKNOWN CONNECTION_LOST BUFFER_NULL TRACE_LEVEL_INVALID "
+            "OK QUERY_TOO_LONG TOKEN_NULL TOKEN_UNKNOWN CONNECTION_LOST BUFFER_NULL "
+            "TRACE_LEVEL_INVALID "
             "VERSION_POINTER_NULL NOT_A_COPY PORT_INVALID TOKEN_POINTER_NULL OUTPUT_POINTER_NULL "
             "NO_RESULT_SET_BUFFER NO_MEMORY  END_OF_RESULTS  TOKEN_LIST_CORRUPT OWNER_INVALID  "
             "CONNECT_FAILED WRONG_CONTENT  TRACE_LOCK_FAILED COMMUNICATION_FAILED OTHER_PROCESS "

@@ -43,7 +43,6 @@ TEST_F(Live, MeasuresChangesOverTheLastMinute) {
   EXPECT_FALSE(only().change());
   EXPECT_EQ(only().value, "7");
   answer(120, {{"", "C", "up"}});
-  EXPECT_TRUE(history.gateways()[0].trouble.empty());
   EXPECT_FALSE(only().isNumber);
   answer(130, {{"", "D", "1"}});  // C is no longer there
   EXPECT_EQ(shown({}, 130), "D ");

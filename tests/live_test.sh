@@ -3,52 +3,25 @@
 set -euo pipefail
 live=$1
 simulator=$2
-scratch=$(mktemp -d)
+. "$(dirname "$0")/program_test.sh"
 export LC_ALL=C.UTF-8 TMUX_TMPDIR=$scratch
 unset TMUX
-started=()
 
-clean_up() {
-  tmux kill-server 2>/dev/null || true
-  for pid in "${started[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null
-  rm -rf --one-file-system "$scratch"
-}
-trap clean_up EXIT
-
-complain() {
-  printf 'live_test: %s\n' "$*" >&2
-  tmux capture-pane -p -t live >&2 || true
-  exit 1
-}
-
-# start ADDRESS: starts a simulator there and sets address.
-start() {
-  rm -f "$scratch/fifo"
-  mkfifo "$scratch/fifo"
-  "$simulator" --listen "$1" >"$scratch/fifo" &
-  started+=($!)
-  IFS= read -r -t 20 address <"$scratch/fifo"
-  address=${address#listening on }
-}
-
-# sees WHAT PATTERN: waits until a line of the screen matches.
-sees() {
-  local tries=100
-  while ((tries-- > 0)); do
-    if tmux capture-pane -p -t live | grep -qE -e "$2"; then return; fi
-    sleep 0.1
-  done
-  complain "not seen: $1 ($2)"
+# shows PATTERN: whether a line of the screen matches.
+shows() { tmux capture-pane -p -t live | grep -qE -e "$1"; }
+hides() { ! shows "$1"; }
+sees() { # WHAT PATTERN
+  await shows "$2" || { complain "not seen: $1 ($2)" && tmux capture-pane -p -t live >&2 && exit 1; }
 }
 press() { tmux send-keys -t live "$@"; }
 
-start 127.0.0.1:0
-first=$address
-start 127.0.0.1:0
-second=$address
+start
+first=127.0.0.1:$port
+start
+second=127.0.0.1:$port
 tmux -f /dev/null new-session -d -s live -x 110 -y 24 \
   "'$live' --gateway $first --gateway $second --interval 0.2 --critical 'LISTEN_PORT=1'; echo ended \$?; cat"
+server=$(tmux display-message -p '#{pid}')
 sees "statistics of both gateways" '^2 gateways  every 0.2 s  120 of 120 by name'
 press / listen_p
 sees "the filter" '^2 gateways .* 2 of 120 by name'
@@ -65,30 +38,26 @@ tmux resize-window -t live -x 60 -y 12
 sees "a smaller window" '^2 gateways .* 120 of 120 by name'
 press Home
 sees "the first statistic" 'HOST_CPUS'
-kill -KILL "${started[1]}"
-wait "${started[1]}" 2>/dev/null || true
+kill -KILL "$gateway"
+wait "$gateway" 2>/dev/null || true
 sees "its number" '^2 gateways, 1 down '
 sees "an outage" "^no answer since [0-9:]+ \([0-9]+ s\): $second: "
-start "$second"
-tries=100
-while tmux capture-pane -p -t live | grep -q '^no answer'; do
-  ((tries-- > 0)) || complain "the outage does not end"
-  sleep 0.1
-done
+listen=$second start
+await hides '^no answer' || complain "the outage does not end"
 press h
 sees "the keys" 'Page Up, Page Down'
 press h q
 sees "the end" '^ended 0'
 tmux respawn-pane -k -t live "'$live' NO_SUCH HOST_CPUS 'X*' --host $first"
 sees "what the gateway lacks" "^$first does not have X\*, NO_SUCH"
-code=0
-message=$("$live" 2>&1 </dev/null) || code=$?
-[ "$code" = 2 ] && [[ $message == *"needs a terminal"* ]] || complain "exit code $code: $message"
-for wrong in "-H a:1 -p 2" "-p 65536" "--timeout 0" "--interval .05" "--gateway a:b" "--gateway a -p 1"; do
-  code=0
+refuses() { # MESSAGE ARGUMENT...
+  local code=0 message
+  message=$("$live" "${@:2}" 2>&1 </dev/null) || code=$?
+  [ "$code" = 2 ] && [[ $message == *"$1"* ]] || complain "${*:2}: exit code $code: $message"
+}
+refuses "needs a terminal"
+for wrong in "-H a:1 -p 2" "-p 65536" "--timeout 0" "--interval .05" "--gateway a -p 1"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
-  message=$("$live" $wrong 2>&1) || code=$?
-  [ "$code" = 2 ] && [[ $message == *"; see zebstat live --help" ]] || complain "$wrong: exit code $code: $message"
+  refuses "; see zebstat live --help" $wrong
 done
-message=$(ZEBSTAT_GATEWAY=gw,a:b "$live" 2>&1) || true
-[[ $message == *"ZEBSTAT_GATEWAY in the environment: 'a:b' is not"* ]] || complain "the environment: $message"
+ZEBSTAT_GATEWAY=gw,a:b refuses "ZEBSTAT_GATEWAY in the environment: 'a:b' is not"

@@ -13,6 +13,7 @@ import threading
 import time
 import unittest
 import warnings
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from unittest import mock
 
@@ -28,31 +29,23 @@ class Simulator:
 
     def __init__(self, test, *options):
         program = [os.environ["ZEBGATEWAYSIM"], "--listen", "127.0.0.1:0", *options]
-        self.process = subprocess.Popen(program, stdout=subprocess.PIPE, text=True)
-        test.addCleanup(self.end)
+        self.process = test.enterContext(
+            subprocess.Popen(program, stdout=subprocess.PIPE, text=True)
+        )
+        test.addCleanup(self.process.kill)
         self.address = self.process.stdout.readline().split()[-1]
         self.port = int(self.address.split(":")[1])
 
-    def send(self, number):
-        self.process.send_signal(number)
-        if number == signal.SIGSTOP:  # some of its threads may still answer until it has stopped
-            os.waitpid(self.process.pid, os.WUNTRACED)
-
-    def end(self):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
-
 
 @contextlib.contextmanager
-def took(test, least, most):
+def took(test, least, most=5):
     start = time.monotonic()
     yield
     test.assertTrue(least <= time.monotonic() - start <= most, time.monotonic() - start)
 
 
-def run_soon(call, after=0.2):
-    timer = threading.Timer(after, call)
+def run_soon(call):
+    timer = threading.Timer(0.2, call)
     timer.start()
     return timer
 
@@ -69,14 +62,10 @@ class Tables(unittest.TestCase):
         self.assertEqual(zebstats.__version__, version[1])
 
     def test_texts_are_modified_utf8(self):
-        for text, data in (
-            ("plain", b"plain"),
-            ("a\0\u00e4\u20ac", b"a\xc0\x80\xc3\xa4\xe2\x82\xac"),
-            ("\U0001f600!", b"\xed\xa0\xbd\xed\xb8\x80!"),
-        ):
-            self.assertEqual(_text.decode(data), text)
-            self.assertEqual(_text.encode(text), data)
-        for data in (b"\xff", b"\xc0\x81"[:1], b"\xed\xa0\xbd", b"\xed\xb8\x80", b"\xc3"):
+        text = "a\0\u00e4\u20ac\U0001f600!"
+        data = b"a\xc0\x80\xc3\xa4\xe2\x82\xac\xed\xa0\xbd\xed\xb8\x80!"
+        self.assertEqual((_text.decode(data), _text.encode(text)), (text, data))
+        for data in (b"\xff", b"\xc0", b"\xed\xa0\xbd", b"\xed\xb8\x80", b"\xc3"):
             self.assertEqual(_text.decode(b"<" + data + b">"), "<\ufffd>", data)
         self.assertEqual(_text.decode(b"\xed\xa0\xbd\xed\xa0\xbd\xed\xb8\x80"), "\ufffd\U0001f600")
 
@@ -108,11 +97,10 @@ class Tables(unittest.TestCase):
             self.assertRaises(ValueError, parse_address, text)
 
     def test_a_missing_library_says_what_to_install(self):
-        for path, message in (("/no/lib.so", "install the package"), ("libc.so.6", "has no open")):
-            environment = {**os.environ, "ZEBSTATS_LIBRARY": path}
-            command = [sys.executable, "-c", "import zebstats"]
-            ended = subprocess.run(command, env=environment, stderr=subprocess.PIPE, text=True)
-            self.assertRegex(ended.stderr, f"ImportError: .*{message}.*libzebstats1")
+        environment = {**os.environ, "ZEBSTATS_LIBRARY": "/no/lib.so"}
+        command = [sys.executable, "-c", "import zebstats"]
+        ended = subprocess.run(command, env=environment, stderr=subprocess.PIPE, text=True)
+        self.assertRegex(ended.stderr, "ImportError: .*install the package.*libzebstats1")
 
 
 class Answers(unittest.TestCase):
@@ -129,7 +117,6 @@ class Answers(unittest.TestCase):
             cpus = gateway.stats(ids=["HOST_CPUS", b"LINK_STATE"])
             self.assertEqual(cpus[0], ("HOST_CPUS", "16", "HOST_CPUS", b"16"))
             self.assertEqual(gateway.stats(ids=[]), [])
-            self.assertRegex(gateway.version, r"^\d+_")
         self.assertEqual(len(stats), len(ids))  # answers outlive the connection
         self.assertFalse(gateway.is_open)
         self.assertEqual(os.listdir("/proc/self/fd"), open_files)
@@ -169,40 +156,37 @@ class Answers(unittest.TestCase):
 
 class Failures(unittest.TestCase):
     def test_each_failed_connect_has_its_class(self):
-        with socket.socket() as unused, socket.create_server(("127.0.0.1", 0)) as mute:
-            unused.bind(("127.0.0.1", 0))
-            refused = f"127.0.0.1:{unused.getsockname()[1]}"
-            silent = f"127.0.0.1:{mute.getsockname()[1]}"
-            for address, family, code in (
-                (refused, zebstats.ConnectError, codes.ZEB_CONNECT_REFUSED),
-                ("no.such.invalid", zebstats.ConnectError, codes.ZEB_HOST_UNKNOWN),
-                ("127.0.0.1:0", zebstats.ArgumentError, codes.ZEB_PORT_INVALID),
-                (silent, TimeoutError, codes.ZEB_CONNECT_TIMED_OUT),
-            ):
-                with self.assertRaises(family) as raised, took(self, 0, 5):
-                    zebstats.connect(address, timeout=0.5)
-                error = pickle.loads(pickle.dumps(raised.exception))
-                self.assertEqual((error.code, error.text), (code, zebstats.describe(code)))
-                self.assertIn(address, str(error))
-            self.assertRaises(zebstats.ArgumentError, zebstats.connect, silent, timeout=0)
-            with self.assertRaises(KeyboardInterrupt), took(self, 0.1, 5):
-                run_soon(lambda: os.kill(os.getpid(), signal.SIGINT))
-                zebstats.connect(silent, timeout=30)
+        silent = Simulator(self, "--mute").address
+        for address, family, code in (
+            ("127.0.0.1:1", zebstats.ConnectError, codes.ZEB_CONNECT_REFUSED),
+            ("no.such.invalid", zebstats.ConnectError, codes.ZEB_HOST_UNKNOWN),
+            ("127.0.0.1:0", zebstats.ArgumentError, codes.ZEB_PORT_INVALID),
+            (silent, TimeoutError, codes.ZEB_CONNECT_TIMED_OUT),
+        ):
+            with self.assertRaises(family) as raised, took(self, 0):
+                zebstats.connect(address, timeout=0.5)
+            error = pickle.loads(pickle.dumps(raised.exception))
+            self.assertEqual((error.code, error.text), (code, zebstats.describe(code)))
+            self.assertIn(address, str(error))
+        self.assertRaises(zebstats.ArgumentError, zebstats.connect, silent, timeout=0)
+        with self.assertRaises(KeyboardInterrupt), took(self, 0.1):
+            run_soon(lambda: os.kill(os.getpid(), signal.SIGINT))
+            zebstats.connect(silent, timeout=30)
 
     def test_each_address_of_a_name_is_tried_and_gets_a_share_of_the_time(self):
         simulator = Simulator(self)
-        with socket.create_server(("127.0.0.3", simulator.port)), mock.patch(
-            "socket.getaddrinfo"
-        ) as resolve:
-            for first, least in (("127.0.0.2", 0), ("127.0.0.3", 0.9)):
-                hosts = (first, "127.0.0.1")
-                resolve.return_value = [(2, 1, 6, "", (host, simulator.port)) for host in hosts]
-                with took(self, least, least + 2):
-                    zebstats.connect(f"gw:{simulator.port}", timeout=2).close()
-            hosts = ("127.0.0.4", "127.0.0.5")
+        self.enterContext(socket.create_server(("127.0.0.3", simulator.port)))
+        resolve = self.enterContext(mock.patch("socket.getaddrinfo"))
+
+        def connect(*hosts):
             resolve.return_value = [(2, 1, 6, "", (host, simulator.port)) for host in hosts]
-            with self.assertRaisesRegex(zebstats.ConnectError, "tried 127.0.0.4, 127.0.0.5"):
-                zebstats.connect(f"gw:{simulator.port}", timeout=2)
+            zebstats.connect(f"gw:{simulator.port}", timeout=2).close()
+
+        for first, least in (("127.0.0.2", 0), ("127.0.0.3", 0.9)):
+            with took(self, least, least + 2):
+                connect(first, "127.0.0.1")
+        with self.assertRaisesRegex(zebstats.ConnectError, "tried 127.0.0.4, 127.0.0.5"):
+            connect("127.0.0.4", "127.0.0.5")
 
     def test_what_ends_the_wait_for_a_silent_gateway(self):
         lost = zebstats.ConnectionLostError
@@ -210,15 +194,14 @@ class Failures(unittest.TestCase):
             (lambda gateway, simulator: None, TimeoutError),
             (lambda gateway, simulator: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt),
             (lambda gateway, simulator: gateway.close(), lost),
-            (lambda gateway, simulator: simulator.send(signal.SIGKILL), lost),
+            (lambda gateway, simulator: simulator.process.kill(), lost),
         ):
-            simulator, other = Simulator(self), Simulator(self)
+            simulator, other = Simulator(self, "--mute=query"), Simulator(self)
             timeout = 0.5 if family is TimeoutError else None
             with zebstats.connect(other.address, timeout=60) as witness:
                 gateway = zebstats.connect(simulator.address, timeout=timeout)
-                simulator.send(signal.SIGSTOP)
                 timer = run_soon(lambda: end(gateway, simulator))
-                with self.assertRaises(family), took(self, 0.15, 5):
+                with self.assertRaises(family), took(self, 0.15):
                     gateway.stats()
                 timer.join()
                 self.assertFalse(gateway.is_open)
@@ -227,24 +210,16 @@ class Failures(unittest.TestCase):
                 self.assertEqual(len(witness.stats()), 60)
 
     def test_a_short_timeout_leaves_other_gateways_alone(self):
-        simulator, other = Simulator(self), Simulator(self)
-        with zebstats.connect(simulator.address, timeout=30) as patient, zebstats.connect(
-            other.address, timeout=0.2
-        ):
-            simulator.send(signal.SIGSTOP)
-            run_soon(lambda: simulator.send(signal.SIGCONT), after=0.6)
-            with took(self, 0.5, 20):
-                self.assertEqual(len(patient.stats()), 60)
+        simulator, other = Simulator(self, "--slow", "0.6"), Simulator(self)
+        patient = self.enterContext(zebstats.connect(simulator.address, timeout=30))
+        self.enterContext(zebstats.connect(other.address, timeout=0.2))
+        with took(self, 0.5, 20):
+            self.assertEqual(len(patient.stats()), 60)
 
     def test_a_gateway_may_be_used_from_any_thread_but_not_after_a_fork(self):
         with zebstats.connect(Simulator(self).address) as gateway:
-            counts = []
-            ask = lambda: counts.extend(len(gateway.stats()) for _ in range(20))
-            threads = [threading.Thread(target=ask) for _ in range(8)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            with ThreadPoolExecutor(8) as pool:
+                counts = list(pool.map(lambda _: len(gateway.stats()), range(160)))
             self.assertEqual(counts, [60] * 160)
             child = os.fork()
             if child == 0:
