@@ -103,6 +103,7 @@ class ExporterTest(unittest.TestCase):
         self.addCleanup(web.shutdown)
         expected = {"127.0.0.1:1": "refused", "no.such.host.invalid:2980": "unresolved",
                     self.listener(): "timed_out", "127.0.0.1:%d" % web.server_address[1]: "malformed"}
+        expected[self.start(SIMULATOR, "--listen", "127.0.0.1:0", "--reset").address] = "lost"
         good = self.simulator().address
         self.exporter("--timeout", "1.5", "--gateway", good, *expected)
         scraped = self.get()
@@ -160,13 +161,15 @@ class ExporterTest(unittest.TestCase):
 
     def test_paths_and_methods(self):
         gateway, other = self.simulator(2).addresses
-        self.exporter("--gateway", gateway, "--allow-target", f"{other[:-1]}[{other[-1]}]")
+        self.exporter("--gateway", gateway, "--allow-target", f"{other[:-1]}[{other[-1]}]",
+                      "[::1]:1")
         line = r"^[^\n]+\n$"
         for method, path, status, pattern in (
                 ("GET", "/", 200, "(?s)/metrics.*/probe.*/-/healthy"), ("HEAD", "/metrics", 200, "^$"),
                 ("GET", "/-/healthy", 200, "healthy\n$"), ("GET", "/nothing", 404, line),
                 ("POST", "/metrics", 405, line), ("GET", "/probe", 400, "^give a target"),
-                ("GET", PROBE + "a:b", 400, line), ("GET", PROBE + gateway, 403, line)):
+                ("GET", PROBE + "[::1]:1", 200, "zebstats_up"), ("GET", PROBE + "a:b", 400, line),
+                ("GET", PROBE + gateway, 403, line)):
             reply = self.get(path, method=method)
             self.assertEqual(reply.status, status, path)
             self.assertRegex(reply.text, pattern)

@@ -56,7 +56,7 @@ refuses() { # MESSAGE ARGUMENT...
   [ "$code" = 2 ] && [[ $message == *"$1"* ]] || complain "${*:2}: exit code $code: $message"
 }
 refuses "needs a terminal"
-for wrong in "-H a:1 -p 2" "-p 65536" "--timeout 0" "--interval .05" "--gateway a -p 1"; do
+for wrong in "-H a:1 -p 2" "-p 65536" "5" "--timeout 0" "--interval .05" "--gateway a -p 1"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   refuses "; see zebstat live --help" $wrong
 done

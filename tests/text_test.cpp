@@ -24,8 +24,8 @@ TEST(Text, NothingHiddenReachesATerminalCsvOrJson) {
       {"\x1B[2J\n\t\x7F\0"sv, R"(\x1B[2J\n\x09\x7F\x00)", R"("\u001B[2J\n\u0009\u007F\u0000")"},
       {"\xC0\x80\xC2\x9B", R"(\x00\x9B)", R"("\u0000\u009B")"},
       {"\u200E\u202E\u2066\u061C", R"(\u200E\u202E\u2066\u061C)", R"("\u200E\u202E\u2066\u061C")"},
-      {"\u200B\u2060\uFEFF\U000E0041", R"(\u200B\u2060\uFEFF\U000E0041)",
-       R"("\u200B\u2060\uFEFF\uDB40\uDC41")"},
+      {"\u200B\u2060\uFEFF\uFFF0\U000E0041", R"(\u200B\u2060\uFEFF\uFFF0\U000E0041)",
+       R"("\u200B\u2060\uFEFF\uFFF0\uDB40\uDC41")"},
       {"\xFF\xED\xA0\xBDx\xC3", "\uFFFD\uFFFDx\uFFFD", "\"\uFFFD\uFFFDx\uFFFD\""},
       {"a\"b\\", "a\"b\\", R"("a\"b\\")"},
   };
