@@ -40,6 +40,7 @@ const char stapi_zeb_gwytok_notice[] = ZEB_NOTICE("stapi_zeb_gwytok");
 namespace zeb {
 namespace {
 
+// The values of connStatus, which dumps show.
 enum ConnStatus { kCreated, kConnected, kNotConnected, kCloseFailed, kClosed };
 
 constexpr std::uint32_t kRemoved = 0x80000000;  // a bit of holds: the token is no longer listed
@@ -77,7 +78,7 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
               gtListHeadPtr, gtListTailPtr);
     return kListEmpty;
   }
-  GatewayToken* before = nullptr;
+  GatewayToken* before = nullptr;  // the token before the target; null for the head
   int stepped = 0;
   int rc = kTokenFound;
   if (target != gtListHeadPtr) {
