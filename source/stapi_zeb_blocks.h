@@ -47,7 +47,8 @@ class BlockReader {
       in.skip(size);
       left_ += size;
     }
-    if (!in.ok() || left_ == kFullBlock) return;
+    const bool isCut = left_ > kFullBlock;
+    if (!in.ok() || !isCut) return;
     next_ = in.peek();
     wireSize_ = blocks.size() - in.left();
   }

@@ -145,7 +145,7 @@ void refreshTimeStamp() noexcept {
 // while it is blocked.
 bool writeToStandardError(const char* text, std::size_t length) noexcept {
   const int descriptor = fileno(stderr);
-  pollfd waited = {descriptor, POLLOUT, 0};
+  pollfd waited = {.fd = descriptor, .events = POLLOUT, .revents = 0};
   if (poll(&waited, 1, 0) <= 0) return false;
   return write(descriptor, text, length) == static_cast<ssize_t>(length);
 }

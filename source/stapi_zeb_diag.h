@@ -51,8 +51,9 @@ ZEB_INTERNAL void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) ZEB_NOEXCEP
 
 // Writes the bytes at address to the trace destination, lineWidth bytes a line; the caller holds
 // traceLock. If length is positive, it writes length bytes; if length is 0, the bytes before the
-// first place at which the bytes of stopWord begin. Returns the number of bytes, which is 0, with
-// nothing written, if an argument makes no sense. spare is ignored.
+// first place at which the bytes of stopWord begin. Returns the number of bytes. Writes nothing,
+// and returns 0, if address is null, lineWidth below 1, length negative, or both length and
+// stopWord 0. spare is ignored.
 ZEB_INTERNAL int traceOutStorage(const void* address, int length, std::uint32_t stopWord,
                                  int lineWidth, int spare) ZEB_NOEXCEPT;
 // Completes a line, which so far has the address, and writes it to the destination: both columns
@@ -210,10 +211,10 @@ bool releaseTrace() noexcept;
 void lockTraceForFork() noexcept;
 void unlockTraceAfterFork() noexcept;
 
-// Returns a duplicate above descriptors 0 to 2, closed on exec, and closes the given one; returns
-// that itself if it is above already or -1. If a host has closed descriptors 0 to 2, a new socket
-// or file can get one of those, and what the process prints would go there. Returns -1, with errno,
-// if there is no duplicate.
+// Replaces a descriptor of 0 to 2 by a duplicate above 2, which is closed on exec, and returns
+// that; returns any other descriptor, and -1, unchanged. A host may have closed descriptors 0 to 2:
+// then a new socket or file gets one of them, and would receive what the process prints. Returns
+// -1, with errno, if the duplication fails.
 int moveOffStandardStreams(int descriptor) noexcept;
 
 }  // namespace zeb

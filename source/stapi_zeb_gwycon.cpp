@@ -169,14 +169,15 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
   return authorizeConnection(socketDescriptor, &failure);
 }
 
-// Returns 0, -1 (the connect failed), or waitForConnection's codes; error is the reason.
+// Returns 0, -1 (the connect failed, or the call was cancelled), or waitForConnection's codes;
+// error is the reason.
 //
 // Another thread that cancels the call sets its flag, which isCancelled() reads, and then shuts the
-// socket down. That does not end a connect that begins only afterwards; a send timeout, which that
-// thread also sets on the socket, does.
+// socket down. That does not end a connect that begins only afterwards; the send timeout that the
+// other thread also sets on the socket does.
 //
-// quirk: without a deadline the socket is blocking, and connect reports EINPROGRESS only to a host
-// that wraps it, with a proxy's library for example. Then the wait of 60 s applies.
+// Without a deadline the socket is blocking, and connect reports EINPROGRESS only if a host has
+// replaced it, with a proxy's library for example. Then the wait of 60 s applies.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
   int result =
@@ -245,7 +246,7 @@ int pollConnect(int socketDescriptor, int seconds, short& events) noexcept {
   // A negative descriptor, which poll would ignore, is refused by waitForEvents.
   if (hasDeadline() || socketDescriptor < 0)
     return waitForEvents(socketDescriptor, events, &events);
-  pollfd waited = {socketDescriptor, events, 0};
+  pollfd waited = {.fd = socketDescriptor, .events = events, .revents = 0};
   const int ready = poll(&waited, 1, seconds * 1000);
   events = waited.revents;
   return ready;

@@ -219,8 +219,8 @@ void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
   if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
 }
 
-// Frees the token itself. gwTokPtr, in this function and in those below that take a token as well,
-// is the address of the caller's variable; it is only printed.
+// Frees the token itself. Here and below, a parameter gwTokPtr beside a token is the address of the
+// caller's variable, and is only printed.
 void freeToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n",
               gwTokPtr, token);
