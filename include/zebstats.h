@@ -22,52 +22,60 @@
  * Rules that hold for every call
  *
  *   Codes      Every call except getAPICodeText() returns ZEB_OK or one of the negative codes
- *              below; nothing is thrown, nothing ends the process. A call that fails leaves its
- *              output arguments as they were unless it says otherwise. Until initialisation has
- *              succeeded, every call returns ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED or, for the lock
- *              of the list of connections, ZEB_QUERY_TOO_LONG (closeGatewayConnection() checks its
- *              argument first); the next call tries again.
+ *              below. No call throws or ends the process. A call that fails leaves its output
+ *              arguments as they were, unless its comment says otherwise.
  *   Start      There is no start-up call: the first call initialises the library and sets the trace
- *              level to 0. Any number of threads may make it at once.
- *   Time       Call setAPITimeout() at the start: without a timeout, calls wait for a gateway for
- *              ever. It bounds each open, query and close as a whole, and
+ *              level to 0. Any number of threads may make a first call at the same time. If the
+ *              initialisation fails, the call returns ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED or
+ *              ZEB_QUERY_TOO_LONG, which then means that the lock of the list of connections could
+ *              not be initialised; the next call tries again. The comments below do not repeat
+ *              these codes.
+ *   Time       Without a timeout, calls wait for a gateway for ever: call setAPITimeout() first.
+ *              The timeout bounds each open, query and close as a whole, and
  *              closeAllGatewayConnections() for all gateways together; a gateway that sends a byte
- *              now and then does not extend it. The call returns within the timeout plus a tenth:
- *              an open with ZEB_CONNECT_TIMED_OUT, a query with ZEB_TIMED_OUT, a close with ZEB_OK.
- *              Only the resolution of a host name cannot be bounded; a numeric address needs none.
+ *              now and then does not extend it. A call that still waits when the timeout has passed
+ *              returns within a further tenth of it: an open returns ZEB_CONNECT_TIMED_OUT, a query
+ *              ZEB_TIMED_OUT, a close ZEB_OK. Only the resolution of a host name is not bounded; a
+ *              numeric address needs none.
  *   Signals    With a timeout, a handled signal ends no call. Without one, a signal that is handled
- *              while a query waits ends the query with ZEB_CONNECTION_LOST, and one that is handled
- *              while an open waits may end it with ZEB_CONNECT_FAILED or ZEB_CONNECTION_LOST.
- *   Threads    A connection and its result set belong to the thread that opened it; calls from
- *              another thread return ZEB_OTHER_THREAD. A copy of a result set may be used by any
- *              thread, one at a time. Any thread may close a connection at any time. If the owner
- *              is inside a call that waits, the close wakes it: a query returns
- *              ZEB_CONNECTION_LOST, an open, which closeAllGatewayConnections() ends,
- *              ZEB_TOKEN_UNKNOWN. But a close frees the answer: the caller must keep it apart from
- *              walks and other reads of it. A silent gateway holds up only the thread that waits
- *              for it.
- *   Lifetime   An answer lives until the next query on its connection, and no longer than the
- *              connection; copyResultSet() keeps it. A query that returns ZEB_CONNECTION_LOST,
- *              ZEB_TIMED_OUT or ZEB_COMMUNICATION_FAILED has removed its connection, and that needs
- *              no close. While fewer than 1,024 further connections have been closed, the handles
- *              of a connection that is gone are recognised: its token returns ZEB_TOKEN_UNKNOWN,
- *              its result set ZEB_NO_RESULT_SET_BUFFER. The entries and id queries taken from its
- *              answer are not: they point into freed memory.
+ *              while a query waits ends the query with ZEB_CONNECTION_LOST, and a signal that is
+ *              handled while an open waits may end it with ZEB_CONNECT_FAILED or
+ *              ZEB_CONNECTION_LOST.
+ *   Threads    A connection and its result set belong to the thread that opened it: queries and
+ *              reads by another thread return ZEB_OTHER_THREAD. A copy of a result set belongs to
+ *              no thread, but only one at a time may use it.
+ *              Any thread may close a connection, even while its owner waits inside a query: the
+ *              query is woken and returns ZEB_CONNECTION_LOST. An open that waits is woken by
+ *              closeAllGatewayConnections() and returns ZEB_TOKEN_UNKNOWN.
+ *              A close frees the answer of the connection. The library does not protect a thread
+ *              that is reading the answer at that moment: the caller must do so.
+ *              A gateway that does not answer holds up only the thread that waits for it.
+ *   Lifetime   An answer lives until the next query on its connection or the end of the connection;
+ *              a copy made by copyResultSet() lives until freeResultSet().
+ *              A query that returns ZEB_CONNECTION_LOST, ZEB_TIMED_OUT or ZEB_COMMUNICATION_FAILED
+ *              has removed its connection; no close is needed.
+ *              The handles of a connection that has been closed or removed are recognised until
+ *              1,024 further connections have been closed, or the process ends: a call with its
+ *              token returns ZEB_TOKEN_UNKNOWN, a call with its result set
+ *              ZEB_NO_RESULT_SET_BUFFER. Pointers from its entries, and its id query string, are
+ *              not recognised: they point into freed memory.
  *   Memory     The caller releases protocol version texts with free() and copies of result sets
- *              with freeResultSet(). Nothing else the library hands out may be freed or written to.
+ *              with freeResultSet(). It must neither free nor change anything else that the library
+ *              hands out.
  *   Sizes      An answer holds at most 153,596 bytes; a larger one is discarded, and its walk
- *              returns ZEB_WRONG_CONTENT. A reply that announces more than 16 MiB is treated like a
- *              lack of memory: nothing of it is read, and a query returns ZEB_COMMUNICATION_FAILED.
- *              Up to 256 connections can be open at once; a further open returns
- *              ZEB_TOKEN_LIST_CORRUPT before it connects.
- *   Children   A forked child cannot use its parent's connections (ZEB_OTHER_PROCESS). If it closes
- *              them, it only forgets them: nothing is sent, and the parent's session goes on.
- *              Sockets and the trace file are closed on exec.
+ *              returns ZEB_WRONG_CONTENT. A reply that announces more than 16 MiB is not read, and
+ *              the query returns ZEB_COMMUNICATION_FAILED. At most 256 connections can be open at
+ *              once; a further open returns ZEB_TOKEN_LIST_CORRUPT before it connects.
+ *   Children   A forked child cannot use its parent's connections: calls with them return
+ *              ZEB_OTHER_PROCESS. If the child closes them, it only forgets them: nothing is sent,
+ *              and the parent's session goes on. Sockets and the trace file are closed on exec.
  *   Process    A call that succeeds leaves errno as it was. SIGPIPE is ignored while a request is
- *              sent; afterwards it is what it was before, or what the host has set meanwhile. A
- *              thread that is cancelled inside a call ends after the call. A trace destination that
- *              is full, closed or not read loses lines; no call fails or waits because of it.
- *   Wire       Clear text, no credentials: use it only on networks that are trusted.
+ *              sent; afterwards its disposition is what it was before, or what the host has set
+ *              meanwhile. A thread that is cancelled inside a call ends after the call. A trace
+ *              destination that is full, closed or not read loses lines; no call fails or waits
+ *              because of it.
+ *   Wire       Requests and replies are clear text, and no credentials are sent: use the library
+ *              only on networks that are trusted.
  */
 #ifndef ZEBSTATS_H
 #define ZEBSTATS_H
@@ -96,7 +104,8 @@ typedef struct GatewayToken GatewayToken;
 /* One answer: the result set of a connection, or a caller's copy of one. */
 typedef struct ResultSetToken ResultSetToken;
 
-/* getAPICodeText() returns the texts. */
+/* getAPICodeText() returns the texts. ZEB_BUFFER_NULL and ZEB_OWNER_INVALID are internal: no public
+ * call returns them. */
 enum ZebReturnCode {
   ZEB_OK = 0,                         /* no error */
   ZEB_TOKEN_NULL = -100,              /* not connected */
@@ -138,13 +147,13 @@ enum ZebReturnCode {
   ZEB_QUERY_TOO_LONG = -2
 };
 
-/* One statistic, filled by getFirstStat() and getNextStat(). The texts lie in the result set: they
- * are not NUL-terminated, must not be freed, and live as long as the answer does. All lengths are
- * in bytes. If queryElementRC is negative, the gateway could not answer that element of the query,
- * and the fields after queryElementRC are not set. */
+/* One entry of an answer with statistics, filled by getFirstStat() and getNextStat(). The pointers
+ * point into the result set: the texts are not NUL-terminated, must not be freed, and live as long
+ * as the answer. Lengths are in bytes. If queryElementRC is negative, the gateway could not answer
+ * that element of the query, and the fields after queryElementRC are not set. */
 typedef struct StatData {
   char contentMarker[8]; /* "ZEBSTSET", no NUL */
-  char* queryElementPtr; /* the element of the query that this statistic answers */
+  char* queryElementPtr; /* the element of the query that this entry answers */
   int queryElementLen;
   int queryElementRC; /* the gateway's return code for that element */
   int statIdLen;
@@ -153,8 +162,8 @@ typedef struct StatData {
   char* statValuePtr;
 } StatData;
 
-/* One statistic id or resource group id, filled by getFirstId() and getNextId(); the same rules
- * hold. */
+/* One entry of an answer with ids, those of statistics or of resource groups, filled by
+ * getFirstId() and getNextId(). The rules of StatData hold. */
 typedef struct IdData {
   char contentMarker[8]; /* "ZEBIDSET", no NUL */
   char* queryElementPtr;
@@ -169,101 +178,113 @@ typedef struct IdData {
 /* Opens a connection to the gateway on this host (127.0.0.1).
  *
  *   port              the gateway's statistics port, 1 to 65535
- *   gwTokPtr          receives the connection; release it with closeGatewayConnection()
+ *   gwTokPtr          receives the connection's token; release it with closeGatewayConnection()
  *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it
- *                     with free(). May be null on success, if there was no memory for the copy.
+ *                     with free(). It is null although the call succeeds if there is no memory for
+ *                     the copy.
  *
  * The calling thread becomes the owner of the connection. The call connects, authorises and asks
- * for the protocol version, and waits for the gateway; see "Time".
+ * for the protocol version, and waits for the gateway each time; see "Time". After a failure
+ * nothing stays open.
  *
- * Returns ZEB_OK, or ZEB_PORT_INVALID, ZEB_TOKEN_POINTER_NULL (no gwTokPtr),
- * ZEB_VERSION_POINTER_NULL (no protoColVersion), ZEB_TOKEN_LIST_CORRUPT (256 connections are open
- * already: nothing was connected; or the list is corrupt), ZEB_HOST_UNKNOWN (not resolved),
- * ZEB_CONNECT_TIMED_OUT (the timeout has passed, wherever the call was by then),
- * ZEB_CONNECT_REFUSED, ZEB_NETWORK_UNREACHABLE, ZEB_CONNECT_FAILED (any other failure to connect or
- * authorise), ZEB_CONNECTION_LOST (lost while asking for the protocol version),
- * ZEB_COMMUNICATION_FAILED (no usable protocol version), ZEB_TOKEN_UNKNOWN (closed meanwhile by
- * closeAllGatewayConnections()), ZEB_NO_MEMORY. Nothing stays open after a failure. */
+ * Returns ZEB_OK, or
+ *   ZEB_PORT_INVALID, ZEB_TOKEN_POINTER_NULL (null gwTokPtr), ZEB_VERSION_POINTER_NULL (null
+ *   protoColVersion), ZEB_TOKEN_LIST_CORRUPT (256 connections are open already, or the list is
+ *   corrupt), ZEB_NO_MEMORY: nothing was connected;
+ *   ZEB_HOST_UNKNOWN (not resolved), ZEB_CONNECT_REFUSED, ZEB_NETWORK_UNREACHABLE,
+ *   ZEB_CONNECT_FAILED (any other failure to connect or to authorise);
+ *   ZEB_CONNECTION_LOST (while asking for the protocol version), ZEB_COMMUNICATION_FAILED (no
+ *   usable protocol version);
+ *   ZEB_CONNECT_TIMED_OUT (the timeout has passed, in any of these steps), ZEB_TOKEN_UNKNOWN
+ *   (another thread has called closeAllGatewayConnections() meanwhile). */
 ZEB_API int openGatewayConnection(int port, GatewayToken** gwTokPtr,
                                   char** protoColVersion) ZEB_NOEXCEPT;
 
-/* Opens a connection to a gateway on any host.
+/* Opens a connection to a gateway on any host. The other arguments are those of
+ * openGatewayConnection().
  *
- *   hostname          host name or numeric address, NUL-terminated; only its first address is tried
+ *   hostname          a host name or a numeric address, NUL-terminated. If a name has several
+ *                     addresses, only the first one is tried.
  *
- * Returns as openGatewayConnection(), and ZEB_HOST_NULL (no hostname, checked after the other
- * arguments). */
+ * Returns the codes of openGatewayConnection(), or ZEB_HOST_NULL (null hostname; the other
+ * arguments are checked first). */
 ZEB_API int openRemoteGatewayConnection(const char* hostname, int port, GatewayToken** gwTokPtr,
                                         char** protoColVersion) ZEB_NOEXCEPT;
 
-/* Closes a connection, from any thread, and frees its result set with all entries that point into
- * it.
+/* Closes a connection and frees its result set, and so all that the entries of its answer point to.
+ * Any thread may call it.
  *
- *   gwTokPtr          address of the caller's token, which is set to null on success
+ *   gwTokPtr          the address of the caller's token, which is set to null on success
  *
- * Tells the gateway and waits for its answer. A gateway that has gone away or does not answer
- * within the timeout is no failure. If the owner is inside a call on the connection, nothing is
- * sent: the call is woken and fails; see "Threads". Of two threads that close the same connection,
- * one gets ZEB_OK and the other ZEB_TOKEN_UNKNOWN.
+ * It sends a close request to the gateway and waits for the reply. If the gateway has gone, or does
+ * not reply within the timeout, the call succeeds all the same. If the connection's owner is inside
+ * a query, nothing is sent: the query is woken and fails; see "Threads". If two threads close the
+ * same connection, one gets ZEB_OK and the other ZEB_TOKEN_UNKNOWN.
  *
- * Returns ZEB_OK, or ZEB_TOKEN_POINTER_NULL (no gwTokPtr), ZEB_TOKEN_NULL (null token),
- * ZEB_TOKEN_UNKNOWN (not, or no longer, an open connection: the token is left as it was). */
+ * Returns ZEB_OK, or ZEB_TOKEN_POINTER_NULL (null gwTokPtr), ZEB_TOKEN_NULL (null token),
+ * ZEB_TOKEN_UNKNOWN (the token is not that of an open connection; it stays as it was). The two null
+ * pointers are reported even if the library could not be initialised. */
 ZEB_API int closeGatewayConnection(GatewayToken** gwTokPtr) ZEB_NOEXCEPT;
 
-/* Closes the connections of all threads, also those that are just being opened. Their tokens return
- * ZEB_TOKEN_UNKNOWN afterwards.
+/* Closes the connections of all threads, each as closeGatewayConnection() does, and ends the opens
+ * that are under way, which return ZEB_TOKEN_UNKNOWN. The callers' tokens are not set to null.
  *
  * Returns ZEB_OK, or ZEB_TOKEN_LIST_CORRUPT (256 connections were open; they have been closed). */
 ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
 
 /* ---- Queries --------------------------------------------------------------------------------- */
 
-/* Every query asks the gateway, waits for the answer and hands out the connection's own result set,
- * which is the same token every time: its former content is overwritten. Query strings are
- * NUL-terminated, of up to 32,765 characters, with ids separated by ':'; the library sends its own
- * copy, unchanged.
+/* Every query sends a request to the gateway, waits for the answer and hands out the connection's
+ * own result set. That is the same token after each query; its former answer is overwritten.
  *
- *   gwTok             a connection opened by this thread
+ *   gwTok             a connection that this thread has opened
+ *   query string      the second argument of three of the calls: ids separated by ':', a
+ *                     NUL-terminated text of at most 32,765 characters, which is sent unchanged
+ *   last argument     receives the result set
  *
- * Each returns ZEB_OK, or one of these, which leave an open connection open:
- *   ZEB_TOKEN_NULL, ZEB_RESULT_SET_POINTER_NULL (no address for the result set), ZEB_TOKEN_UNKNOWN
- *   (not, or no longer, an open connection), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner),
- *   ZEB_NO_RESULT_SET_BUFFER, and with a query string, of which nothing was sent then,
- *   ZEB_QUERY_NULL, ZEB_QUERY_TOO_LONG, ZEB_NO_MEMORY (no memory for its copy);
- * or one of these, which have removed the connection:
- *   ZEB_CONNECTION_LOST (lost, closed by another thread, ended by a signal, or bytes from the
- *   gateway that answer no question), ZEB_TIMED_OUT (the timeout has passed),
- *   ZEB_COMMUNICATION_FAILED (the gateway refused the call, its reply was malformed or announced
- *   more than 16 MiB, or there was no memory for request or reply). */
-
-/* All statistics; walk them with getFirstStat() and getNextStat(). */
+ * Each returns ZEB_OK, or one of these codes, after which an open connection stays open and nothing
+ * has been sent:
+ *   ZEB_TOKEN_NULL, ZEB_RESULT_SET_POINTER_NULL (null last argument), ZEB_TOKEN_UNKNOWN (not the
+ *   token of an open connection), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner),
+ *   ZEB_NO_RESULT_SET_BUFFER, ZEB_QUERY_NULL (null query string), ZEB_QUERY_TOO_LONG, ZEB_NO_MEMORY
+ *   (for a copy of the query string);
+ * or one of these codes, after which the connection has been removed:
+ *   ZEB_CONNECTION_LOST (lost; or closed by another thread; or ended by a signal; or the gateway
+ *   had sent bytes that answer no request), ZEB_TIMED_OUT, ZEB_COMMUNICATION_FAILED (the gateway
+ *   refused the request, or its reply was malformed or announced more than 16 MiB, or there was no
+ *   memory for the request or the reply). */
+/* Asks for all statistics; walk the answers of this call and of the next two with getFirstStat()
+ * and getNextStat(). */
 ZEB_API int getStats(GatewayToken* gwTok, ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
-/* The statistics with the given ids. */
+/* Asks for the statistics with the given ids. */
 ZEB_API int getStatsByStatId(GatewayToken* gwTok, const char* statIdsPtr,
                              ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
-/* The statistics of the given resource groups. */
+/* Asks for the statistics of the resource groups with the given ids. */
 ZEB_API int getStatsByStatGroupId(GatewayToken* gwTok, const char* providerIdPtr,
                                   ResultSetToken** statRSPtr) ZEB_NOEXCEPT;
 
-/* The ids of all statistics; walk them with getFirstId() and getNextId(). */
+/* Asks for the ids of all statistics; walk the answers of this call and of the next two with
+ * getFirstId() and getNextId(). */
 ZEB_API int getStatIds(GatewayToken* gwTok, ResultSetToken** rs) ZEB_NOEXCEPT;
 
-/* The ids of the statistics of the given resource groups. */
+/* Asks for the ids of the statistics of the resource groups with the given ids. */
 ZEB_API int getStatIdsByStatGroupId(GatewayToken* gwTok, const char* providerIdsPtr,
                                     ResultSetToken** statIdRsPtr) ZEB_NOEXCEPT;
 
-/* The ids of the resource groups. */
+/* Asks for the ids of the resource groups. */
 ZEB_API int getResourceGroupIds(GatewayToken* gwTok, ResultSetToken** resGrpIdRSPtr) ZEB_NOEXCEPT;
 
 /* ---- Walking an answer ----------------------------------------------------------------------- */
 
-/* getFirst...() starts a walk from the beginning, as often as wanted; getNext...() continues it, or
- * starts one. An element of the query that the gateway could not answer is one entry with a
- * negative queryElementRC and no id; an element with an empty list of entries is skipped. The
- * records need not be initialised. A failed call leaves the walk where it was; it may have set the
- * record's contentMarker.
+/* getFirstStat() and getFirstId() start a walk at the first entry, as often as the caller likes;
+ * getNextStat() and getNextId() go on to the next entry, or start the walk if it has not begun.
+ * Each call fills the caller's record, which need not be initialised.
+ *
+ * An element of the query that the gateway could not answer is one entry, with a negative
+ * queryElementRC and no id. An element for which the gateway has no entries is skipped. A call that
+ * fails leaves the walk where it was, but may have set the contentMarker of the record.
  *
  * Each returns ZEB_OK, or ZEB_END_OF_RESULTS (the normal end of a walk), ZEB_RESULT_SET_NULL,
  * ZEB_STAT_DATA_NULL or ZEB_ID_DATA_NULL (null record), ZEB_NO_RESULT_SET_BUFFER (its connection is
@@ -276,84 +297,100 @@ ZEB_API int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) ZEB_NOEXCEPT;
 
 /* ---- Result sets as a whole ------------------------------------------------------------------ */
 
-/* Takes a private copy of a result set, so that it survives the next query and the connection.
+/* Makes a copy of a result set, which survives the next query and the connection. The walk of the
+ * copy has not begun.
  *
- *   srcRsPtr          the result set of this thread's connection, or an earlier copy
- *   tarRsPtr          receives the copy; release it with freeResultSet(). The copy's walk has not
- *                     begun.
+ *   srcRsPtr          the result set of a connection that this thread has opened, or a copy
+ *   tarRsPtr          receives the copy; release it with freeResultSet()
  *
- * Returns ZEB_OK, or ZEB_RESULT_SET_NULL (no source), ZEB_RESULT_SET_POINTER_NULL (no target),
- * ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in it),
- * ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner), ZEB_NO_MEMORY. Set *tarRsPtr to null
- * before the call: if it is not null after ZEB_NO_MEMORY, free it too. */
+ * Returns ZEB_OK, or ZEB_RESULT_SET_NULL (null srcRsPtr), ZEB_RESULT_SET_POINTER_NULL (null
+ * tarRsPtr), ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in
+ * it), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner of the connection), ZEB_NO_MEMORY.
+ *
+ * ZEB_NO_MEMORY may leave an incomplete copy in *tarRsPtr. So set *tarRsPtr to null before the
+ * call, and if it is not null afterwards, release it with freeResultSet(). */
 ZEB_API int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) ZEB_NOEXCEPT;
 
-/* Releases a copy and sets the caller's token to null; entries that point into it are gone. A copy
- * that has been freed is not recognised: it must not be used again.
+/* Frees a copy, and so all that its entries point to, and sets the caller's token to null. The
+ * library does not recognise a copy that has been freed: it must not be used again.
  *
- * Returns ZEB_OK, or ZEB_RESULT_SET_POINTER_NULL (no address), ZEB_RESULT_SET_NULL (null token),
- * ZEB_NOT_A_COPY (it belongs to its connection), ZEB_NO_RESULT_SET_BUFFER (and that is gone). */
+ *   rsPtr             the address of the caller's token
+ *
+ * Returns ZEB_OK, or ZEB_RESULT_SET_POINTER_NULL (null rsPtr), ZEB_RESULT_SET_NULL (null token),
+ * ZEB_NOT_A_COPY (the result set of an open connection), ZEB_NO_RESULT_SET_BUFFER (the result set
+ * of a connection that is gone). */
 ZEB_API int freeResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 
-/* Writes a result set's token line and the bytes of its buffer to the trace destination, at any
- * level.
+/* Writes a line with the fields of a result set, and the bytes of its answer, to the trace
+ * destination, at any trace level.
  *
  * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_NO_RESULT_SET_BUFFER (its connection is gone),
- * ZEB_WRONG_CONTENT (no answer in it), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner). */
+ * ZEB_WRONG_CONTENT (no answer in it), ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner of the
+ * connection). */
 ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
-/* Joins the ids of a result set into one query string, separated by ':'. Ids of elements whose
- * queryElementRC is not 0 and ids beyond 31,999 characters are left out. Moves the walk of
- * the result set: start a new one afterwards.
+/* Joins the ids of a result set into one string with ':' between them, which can be used as a query
+ * string. It leaves out the ids of elements whose queryElementRC is not 0, and all ids from the
+ * first one that would make the string longer than 31,999 characters; then the string may also
+ * begin or end with ':'. The call moves the walk of the result set: start a new one afterwards.
  *
- *   idQueryStringPtr  receives the string: it lies in the result set, is overwritten by the next
- *                     call with the same result set and freed with it
+ *   idQueryStringPtr  receives the address of the string, which lies in the result set: the next
+ *                     call with the same result set overwrites it, and it is freed with the result
+ *                     set
  *
- * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_OUTPUT_POINTER_NULL (no idQueryStringPtr),
+ * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_OUTPUT_POINTER_NULL (null idQueryStringPtr),
  * ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in it),
- * ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner), ZEB_NO_GOOD_ID, ZEB_NO_MEMORY. */
+ * ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD (not the owner of the connection), ZEB_NO_GOOD_ID (no id is
+ * left), ZEB_NO_MEMORY. */
 ZEB_API int getIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr) ZEB_NOEXCEPT;
 
 /* ---- Library and trace ----------------------------------------------------------------------- */
 
-/* Sets the timeout of the process for calls that wait for a gateway; see "Time".
+/* Sets the timeout for calls that wait for a gateway, for the whole process; see "Time".
  *
- *   milliseconds      the timeout of each call that starts afterwards, in any thread; 0, the state
- *                     at the start, waits for ever
+ *   milliseconds      the timeout of each call that starts afterwards, in any thread; 0, which is
+ *                     set at the start, means that calls wait for ever
  *
  * Returns ZEB_OK, or ZEB_TIMEOUT_INVALID (negative: nothing is changed). */
 ZEB_API int setAPITimeout(int milliseconds) ZEB_NOEXCEPT;
 
-/* Stores the timeout of the process in milliseconds.
+/* Stores the timeout of the process, in milliseconds, in *millisecondsPtr.
  *
- * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no millisecondsPtr). */
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (null millisecondsPtr). */
 ZEB_API int getAPITimeout(int* millisecondsPtr) ZEB_NOEXCEPT;
 
-/* Returns an English text for a code of the library, without a full stop, "unknown code" for any
- * other number; never null. The text is static. */
+/* Returns a static English text, without a full stop, for a code of the library, and "unknown code"
+ * for any other number; never null. */
 ZEB_API const char* getAPICodeText(int code) ZEB_NOEXCEPT;
 
-/* Stores the address of the API version, a NUL-terminated text that lives as long as the library.
+/* Stores the address of the API version in *apiVersPtr. The text is NUL-terminated and lives as
+ * long as the library is loaded.
  *
- * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no apiVersPtr). */
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (null apiVersPtr). */
 ZEB_API int getStatsAPIVersion(char** apiVersPtr) ZEB_NOEXCEPT;
 
-/* Stores the trace level.
+/* Stores the trace level of the process in *traceStatePtr.
  *
- * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (no traceStatePtr). */
+ * Returns ZEB_OK, or ZEB_OUTPUT_POINTER_NULL (null traceStatePtr). */
 ZEB_API int getAPITraceLevel(int* traceStatePtr) ZEB_NOEXCEPT;
 
-/* Sets the trace level of the process: 0 nothing, 1 failures, 2 events (connections, answers), 3
- * entry and exit of every function, 4 details and data, 5 locks. Each level includes those below
- * it.
+/* Sets the trace level of the process. Each level traces what the levels below it trace, and more:
+ *
+ *   0  nothing
+ *   1  failures
+ *   2  events: connections, answers
+ *   3  entry and exit of every function
+ *   4  details and data
+ *   5  locks
  *
  * Returns ZEB_OK, or ZEB_TRACE_LEVEL_INVALID (outside 0 to 5: nothing is changed). */
 ZEB_API int setAPITraceLevel(int traceState) ZEB_NOEXCEPT;
 
-/* Appends the trace to a file, which stays open until the next call, or with null to standard
- * error, where it goes at the start.
+/* Sets the destination of the trace, which is standard error at the start. Lines are appended to a
+ * file; it stays open until another destination is set.
  *
- *   traceFile         a path of at most 1,023 characters, NUL-terminated, or null
+ *   traceFile         the path of a file, of at most 1,023 characters, NUL-terminated; or null for
+ *                     standard error
  *
  * Returns ZEB_OK, or ZEB_TRACE_FILE_FAILED (the file could not be opened, or is a FIFO that nobody
  * reads: the destination is unchanged). */

@@ -1,7 +1,8 @@
-// Block data that the serialiser cut into several blocks, read as if it were whole.
+// Reads block data that the Java serialiser has cut into several blocks as if it were one block.
 //
-// A Java serialiser collects block data in a buffer of 1,024 bytes and writes a block each time the
-// buffer is full. The cut falls anywhere: between two fields, inside a text, inside a length.
+// The serialiser collects block data in a buffer of 1,024 bytes and writes a block each time the
+// buffer is full, so every block but the last has that length. The cut falls anywhere: between two
+// fields, inside a text, inside a length. Each block has a head of its own: a marker and a length.
 #ifndef STAPI_ZEB_BLOCKS_H
 #define STAPI_ZEB_BLOCKS_H
 
@@ -11,9 +12,10 @@ namespace zeb {
 
 constexpr std::uint8_t kShortBlock = 'w';  // a 1-byte length follows
 constexpr std::uint8_t kLongBlock = 'z';   // a 4-byte length follows
-constexpr std::size_t kFullBlock = 1024;
+constexpr std::size_t kFullBlock = 1024;   // the length of every block but the last
 
-// Reads the head of a block and returns the block's length. Fails unless that is 1 to kFullBlock.
+// Reads the head of a block and returns the block's length, without the head. Unless that is 1 to
+// kFullBlock, in fails and the result is 0.
 inline std::size_t readBlockHead(ByteReader& in) noexcept {
   const std::int32_t size = in.u8() == kShortBlock ? in.u8() : in.i32();
   if (size < 1 || size > static_cast<std::int32_t>(kFullBlock)) in.fail();
@@ -22,17 +24,19 @@ inline std::size_t readBlockHead(ByteReader& in) noexcept {
 
 struct CutText;
 
-// How many block heads may be stepped over for one answer. That is far more than an answer of the
-// greatest size has, but it limits what a hostile one costs in which each response seems to begin a
-// long walk.
-constexpr int kMostHeads = 1 << 16;
+// The number of block heads at which the reading of one answer fails. The largest permitted answer
+// has fewer; a hostile one, in which every response seems to begin a long run of blocks, would
+// otherwise cost a time that grows with the square of its size.
+constexpr int kMaxHeads = 1 << 16;
 
-// Reads like ByteReader, but steps over the heads between the blocks. Use it only if next() is not
-// 0: the constructor has then seen that every block is there.
+// Reads numbers and texts like ByteReader, across blocks: it skips the heads between them. The
+// constructor looks at every head; if next() is 0 after it, the blocks are incomplete or there is
+// only one, and nothing else may be called.
 class BlockReader {
  public:
-  // blocks begins after the head of a first block of kFullBlock bytes. headsLeft counts down to 0,
-  // which ends the walk like a block that is not there.
+  // blocks begins with the first block, which has kFullBlock bytes; its head has been read. Each
+  // further head takes 1 from headsLeft, which the readers of one answer share; at 0, the blocks
+  // count as incomplete.
   BlockReader(std::span<const std::uint8_t> blocks, int& headsLeft) noexcept : in_(blocks) {
     ByteReader in(blocks);
     std::size_t size = kFullBlock;
@@ -43,31 +47,36 @@ class BlockReader {
       in.skip(size);
       left_ += size;
     }
-    if (!in.ok() || left_ == kFullBlock) return;
+    const bool isCut = left_ > kFullBlock;
+    if (!in.ok() || !isCut) return;
     next_ = in.peek();
-    size_ = blocks.size() - in.left();
+    wireSize_ = blocks.size() - in.left();
   }
-  // The byte after the last block; 0 if the blocks are not whole, or there is only one.
+  // The byte after the last block, or 0 as said above.
   [[nodiscard]] std::uint8_t next() const noexcept { return next_; }
-  // The length of all blocks, from the start of blocks to next().
-  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+  // The number of bytes from the start of blocks to next(), heads included.
+  [[nodiscard]] std::size_t wireSize() const noexcept { return wireSize_; }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
 
   std::int16_t i16() noexcept { return static_cast<std::int16_t>(number(2)); }
   std::int32_t i32() noexcept { return static_cast<std::int32_t>(number(4)); }
+  // A text after its 16-bit length. It is empty, and the reader fails, if it is not all there.
   CutText text16() noexcept;
-  // Whether a text of this length is left. Fails if not.
+  // Returns whether a text of this length is left; the reader fails if not.
   bool holds(std::int32_t length) noexcept {
     if (length < 0 || static_cast<std::size_t>(length) > left_) ok_ = false;
     return ok_;
   }
-  // The next bytes up to the end of their block, at most `most`. The caller has asked holds().
+  // The next bytes of one block, at most `most`; empty if the reader fails, so a loop must ask
+  // ok(). The caller has asked holds().
   std::string_view piece(std::size_t most) noexcept {
     if (inBlock_ == 0 && most > 0) inBlock_ = readBlockHead(in_);
     const std::size_t size = std::min(most, inBlock_);
     inBlock_ -= size;
     left_ -= size;
-    return in_.text(static_cast<std::int32_t>(size));
+    const std::string_view bytes = in_.text(static_cast<std::int32_t>(size));
+    if (!in_.ok()) ok_ = false;
+    return bytes;
   }
 
  private:
@@ -83,14 +92,15 @@ class BlockReader {
   }
 
   ByteReader in_;
-  std::size_t inBlock_ = kFullBlock;  // left of the block that in_ is in
-  std::size_t left_ = kFullBlock;     // left of all blocks, without their heads
-  std::size_t size_ = 0;
+  std::size_t inBlock_ = kFullBlock;  // unread bytes of the current block
+  std::size_t left_ = kFullBlock;     // unread bytes of all blocks, without their heads
+  std::size_t wireSize_ = 0;
   std::uint8_t next_ = 0;
   bool ok_ = true;
 };
 
-// A text that may lie in several blocks: what the reader reads next, all of it there.
+// A text that may lie in several blocks: the next `length` bytes that `from` reads, all of which
+// are there. size() is named as in std::string_view, which takes its place for whole blocks.
 struct CutText {
   BlockReader from;
   std::int32_t length;
@@ -100,7 +110,8 @@ struct CutText {
 inline CutText BlockReader::text16() noexcept {
   const std::int32_t length = i16();
   const CutText text = {*this, holds(length) ? length : 0};
-  for (auto left = static_cast<std::size_t>(text.length); left > 0;) left -= piece(left).size();
+  auto unskipped = static_cast<std::size_t>(text.length);
+  while (ok_ && unskipped > 0) unskipped -= piece(unskipped).size();
   return text;
 }
 

@@ -1,4 +1,5 @@
-// What each code of the library means, in words that fit after a colon.
+// The text of each public code, in words that fit after a colon. The public header and the manual
+// repeat the texts, and tests compare them.
 #ifndef STAPI_ZEB_CODES_H
 #define STAPI_ZEB_CODES_H
 
@@ -52,6 +53,8 @@ constexpr CodeText kCodeTexts[] = {
      "the query has 32,766 characters or more, or a lock could not be initialised"},
 };
 
+// Returns the text of a code, or "unknown code" for any other number. The text is static and never
+// null.
 constexpr const char* codeText(int code) noexcept {
   for (const CodeText& known : kCodeTexts) {
     if (known.code == code) return known.text;

@@ -1,12 +1,14 @@
 // The trace: one destination, one line format, the storage dump.
 //
-// Every line, the banner and the switch of destination are written under traceLock, because the
-// format buffer and the time stamp are shared. The lines of the lock operations, which cannot take
-// it, and the state line of dumpState use buffers of their own. streamMutex keeps the destination
-// from being closed while they write; it is the innermost lock.
+// Lines, the banner and the storage dump are written, and the destination is switched, under
+// traceLock, because the line buffer and the time stamp are shared. Two kinds of lines are written
+// without it, from buffers of their own: those of the lock operations, which cannot take it, and
+// the state line of dumpState. streamMutex is held for each write and keeps the destination from
+// being closed meanwhile. It and zoneMutex are the innermost locks: no other one is taken under
+// them.
 //
 // The trace must not harm the host: what the destination does not take at once is lost, and the
-// signals of a failed write are held off and taken away.
+// signal of a failed write is blocked and then taken away.
 
 #include "stapi_zeb_diag.h"
 
@@ -55,43 +57,46 @@ LockRecord traceLock = {};
 namespace zeb {
 namespace {
 
-std::uint32_t noPid = 0;
-int traceHeaderWrite = 0;  // 1: the destination already has the banner
+std::uint32_t noPid = 0;  // the cache of the process id while there is no page for it; stays 0
+bool hasBanner = false;   // whether the destination has the banner; guarded by traceLock
 pthread_mutex_t streamMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t zoneMutex = PTHREAD_MUTEX_INITIALIZER;  // for a fork: see toLocalTime
 char lastTimeStamp[sizeof timeStamp];  // of the last line written; guarded by streamMutex
 
-// A line that is longer than this is cut: it shows a query string, which has a limit of its own, or
-// a name that the host gave.
+// Room for a query string and the rest of its line. A longer line, which shows a longer query or a
+// long name, is cut.
 char lineBuffer[kQueryStringSize + 2048];  // guarded by traceLock
-bool isTraceLockedForFork = false;         // set between a fork's two halves
+bool isTraceLockedForFork = false;         // set and read by the thread that forks
 
+// The caller holds streamMutex.
 FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
 }
 
+// Like the other put... functions, it writes to at and returns the place after what it wrote: width
+// digits of value, zeros first, and the character after.
 char* putDigits(char* at, int value, int width, char after) noexcept {
   for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
   at[width] = after;
   return at + width + 1;
 }
 
-// "%d/%m/%y" and the character after it.
+// A date as "%d/%m/%y", and the character after.
 char* putDate(char* at, const tm& local, char after) noexcept {
   at = putDigits(at, local.tm_mday, 2, '/');
   at = putDigits(at, local.tm_mon + 1, 2, '/');
   return putDigits(at, local.tm_year % 100, 2, after);
 }
 
-constexpr std::size_t kMillisecondsAt = 18;
+constexpr std::size_t kMillisecondsAt = 18;  // in a time stamp: "dd/mm/yy hh:mm:ss:mmm"
 
 void putMilliseconds(char* dst, const timeval& now) noexcept {
   putDigits(dst + kMillisecondsAt, static_cast<int>(now.tv_usec / 1000), 3, '\0');
 }
 
-// The host may have changed TZ, which localtime_r alone would not notice. The C library has a lock
-// of its own here that it does not release in a forked child, so that no thread may be in it while
-// another one forks.
+// Calls tzset because the host may have changed TZ, which localtime_r alone does not notice. Both
+// take a lock of the C library that a forked child inherits locked if another thread holds it; a
+// fork therefore waits for zoneMutex.
 tm toLocalTime(time_t second) noexcept {
   const MutexGuard guard(zoneMutex);
   tm local = {};
@@ -100,6 +105,7 @@ tm toLocalTime(time_t second) noexcept {
   return local;
 }
 
+// A whole time stamp, NUL-terminated.
 void putTimestamp(char* dst, const timeval& now) noexcept {
   const tm local = toLocalTime(now.tv_sec);
   char* at = putDate(dst, local, ' ');
@@ -111,15 +117,16 @@ void putTimestamp(char* dst, const timeval& now) noexcept {
 
 // The caller holds traceLock. Returns true if TZ is not what it was at the call before.
 bool hasZoneChanged() noexcept {
-  static char known[64] = "?";
-  const char* const zone = getenv("TZ");
-  const char* const shown = zone != nullptr ? zone : "?";
-  if (strncmp(known, shown, sizeof known) == 0) return false;
-  strncpy(known, shown, sizeof known - 1);  // a longer one always counts as changed
+  static char known[64];
+  const char* const value = getenv("TZ");
+  const char* const zone = value != nullptr ? value : "?";  // an unset TZ is not an empty one
+  if (strncmp(known, zone, sizeof known) == 0) return false;
+  strncpy(known, zone, sizeof known - 1);  // a value that does not fit counts as changed each time
   return true;
 }
 
-// The caller holds traceLock. Local time is cached per second: localtime_r is slow.
+// Sets timeStamp to now. The caller holds traceLock. localtime_r is slow, so it is called only once
+// for all lines of a second.
 void refreshTimeStamp() noexcept {
   static time_t second = -1;
   static char text[sizeof timeStamp];
@@ -133,26 +140,27 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
-// The trace's own files do not block, but standard error may be a pipe whose reader sleeps. It is
-// written without its stream, which may hold output of the host's, and whose lock a thread of the
-// host may hold while it is blocked.
+// Writes without waiting: standard error may be a pipe whose reader sleeps. The stream is bypassed,
+// because it may buffer output of the host, and because a thread of the host may hold its lock
+// while it is blocked.
 bool writeToStandardError(const char* text, std::size_t length) noexcept {
   const int descriptor = fileno(stderr);
-  pollfd waited = {descriptor, POLLOUT, 0};
+  pollfd waited = {.fd = descriptor, .events = POLLOUT, .revents = 0};
   if (poll(&waited, 1, 0) <= 0) return false;
   return write(descriptor, text, length) == static_cast<ssize_t>(length);
 }
 
+// Does not wait either: openTraceFile makes files non-blocking.
 bool writeToFile(FILE* stream, const char* text, std::size_t length) noexcept {
   if (fwrite(text, 1, length, stream) == length && fflush(stream) == 0) return true;
   const ErrnoKeeper keeper;
-  __fpurge(stream);  // or it would be written at some later time
+  __fpurge(stream);  // otherwise a later write would write the rest of this one first
   clearerr(stream);
   return false;
 }
 
-// The caller holds streamMutex. Writes in pieces that a pipe takes as a whole; once a piece is
-// lost, the rest is.
+// The caller holds streamMutex. A pipe takes a piece of PIPE_BUF bytes either as a whole or not at
+// all; once a piece is lost, the rest of the text is dropped.
 void writeToStream(const char* text, std::size_t length) noexcept {
   FILE* const stream = destination();
   HeldWriteSignals signals;
@@ -175,14 +183,15 @@ void writeText(const char* text, std::size_t length) noexcept {
   writeToStream(text, length);
 }
 
+// stamp, the time stamp of the line, has sizeof timeStamp bytes.
 void writeStampedLine(const char* text, std::size_t length, const char* stamp) noexcept {
   const MutexGuard guard(streamMutex);
   writeToStream(text, length);
-  memmove(lastTimeStamp, stamp, sizeof lastTimeStamp);
+  memcpy(lastTimeStamp, stamp, sizeof lastTimeStamp);
 }
 
-// What is in a buffer of that size after vsnprintf has returned written; a line that was cut still
-// ends.
+// Returns the length of the line in a buffer of size bytes to which vsnprintf, which returned
+// written, has printed it. Ends a line that was cut with a newline.
 std::size_t endLine(char* buffer, std::size_t size, int written) noexcept {
   if (written < 0) return 0;
   if (static_cast<std::size_t>(written) < size) return static_cast<std::size_t>(written);
@@ -209,8 +218,10 @@ char* putText(char* at, std::string_view text) noexcept {
   return at + text.size();
 }
 
-// Prints ZEB_TRACE_PREFIX by hand, which saves a fifth of the time of a line.
+// Prints what ZEB_TRACE_PREFIX describes, without printf, which saves a fifth of the time of a
+// line.
 char* putPrefix(char* at, const Prefix& prefix) noexcept {
+  constexpr std::size_t kWordWidth = 7;  // of the longest word, and a blank
   at = putText(at, prefix.stamp);
   at = putHex(putText(at, " [0x"), prefix.pid);
   at = putHex(putText(at, ",0x"), prefix.tid);
@@ -218,10 +229,12 @@ char* putPrefix(char* at, const Prefix& prefix) noexcept {
   *at++ = ' ';
   const std::string_view word = prefix.word;
   at = putText(at, word);
-  return putText(at, std::string_view("       ", 7 - word.size()));
+  return putText(at, std::string_view("       ", kWordWidth - word.size()));
 }
 
-// Formats a whole line to buffer. Returns its length, and its time stamp in *stamp.
+// Formats a whole line to buffer, which has more room than the prefix needs. arguments begins with
+// those of the prefix; message is the format of the rest. Returns the length of the line, and in
+// *stamp its time stamp.
 std::size_t formatLine(char* buffer, std::size_t size, const char** stamp, const char* message,
                        va_list arguments) noexcept {
   Prefix prefix;
@@ -250,8 +263,8 @@ void setTimeStamp(Time time) noexcept {
   }
 }
 
-// The caller holds traceLock. format is prefix and message as one literal, so the compiler can
-// check it; the first argument is timeStamp.
+// What writeTraceLine does; the caller holds traceLock. The message is copied to traceFmtStr, after
+// the prefix that always stays there, and is formatted from there.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
@@ -266,28 +279,31 @@ void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   writeStampedLine(lineBuffer, size, stamp);
 }
 
-void writeBannerOnce() noexcept {
-  if (traceHeaderWrite != 0) return;
+// The caller holds traceLock.
+void writeBanner() noexcept {
   writeRaw("*** %s KRO Velora ZEBSTATS DLL trace V%s API V%s Build Level %s ***\n",
            getTraceDate(dateBuf), kProductVersion, kApiVersion, kBuildLevel);
 }
 
-// Opens a file for append. It never blocks: not the opening of a FIFO that nobody reads, nor a
-// write to one whose reader sleeps.
+// Opens a file for append. Because of O_NONBLOCK, neither the opening of a FIFO that nobody reads
+// nor a write to one whose reader sleeps blocks. Returns null, and the reason in error, if it
+// fails.
 FILE* openTraceFile(const char* name, int& error) noexcept {
   if (strlen(name) >= kTraceFilenameSize) {
     error = ENAMETOOLONG;
     return nullptr;
   }
-  const int descriptor = open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
-  FILE* const opened = descriptor >= 0 ? fdopen(descriptor, "ae") : nullptr;
+  const int descriptor = moveOffStandardStreams(
+      open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666));
+  FILE* const opened = descriptor >= 0 ? fdopen(descriptor, "a") : nullptr;
   if (opened != nullptr) return opened;
   error = errno;
   if (descriptor >= 0) close(descriptor);
   return nullptr;
 }
 
-// The caller holds traceLock and streamMutex, and makes another destination the current one.
+// The caller holds traceLock and streamMutex, and then sets statAPITraceHandle, which is no longer
+// valid.
 void closeTraceFile() noexcept {
   if (statAPITraceHandle != nullptr && statAPITraceHandle != stderr) fclose(statAPITraceHandle);
 }
@@ -315,11 +331,13 @@ void appendAddress(StorageDump& dump) noexcept {
   appendText(dump, ' ');
 }
 
-bool isReadable(const StorageDump& dump, int position, std::ptrdiff_t bytes) noexcept {
-  return dump.limit == nullptr || dump.limit - dump.address - position >= bytes;
+// Returns whether count bytes from a position of the line on are below the dump's limit.
+bool isReadable(const StorageDump& dump, int position, std::ptrdiff_t count) noexcept {
+  return dump.limit == nullptr || dump.limit - dump.address - position >= count;
 }
 
-// Whether the dump ends before this column.
+// Returns whether the byte at a position of the line, which is readable, is the first one that does
+// not belong to the dump.
 bool endsAt(const StorageDump& dump, int position) noexcept {
   if (dump.remaining > 0) return position == dump.remaining;
   return isReadable(dump, position, sizeof dump.stopWord) &&
@@ -335,7 +353,8 @@ int dumpLines(StorageDump dump) noexcept {
     dump.address += count;
     total += count;
     if (lengthMode) dump.remaining -= count;
-    if (count == 0 || (lengthMode ? dump.remaining < 1 : count != dump.lineWidth)) break;
+    const bool isFull = count == dump.lineWidth;
+    if (!isFull || (lengthMode && dump.remaining < 1) || !isReadable(dump, 0, 1)) break;
   }
   return total;
 }
@@ -344,8 +363,9 @@ int dumpLines(StorageDump dump) noexcept {
 
 constinit std::atomic<std::uint32_t*> rememberedPid = &noPid;
 
-// A whole page of the library's own data, whatever the size of a page up to 64 kB: it goes when the
-// library is unloaded, and its memory is not touched but for that page.
+// The page is a part of the library's own data, so that it goes when the library is unloaded. area
+// contains a whole page of any size up to kMaxPageSize; the rest of it is never touched and takes
+// no memory.
 void startRememberingPid() noexcept {
   constexpr std::size_t kMaxPageSize = 65536;
   static char area[2 * kMaxPageSize];
@@ -356,12 +376,14 @@ void startRememberingPid() noexcept {
   void* page = area;
   std::size_t space = sizeof area;
   std::align(size, size, page, space);
-  // Some emulators accept any advice and ignore it; if an invalid one is accepted, WIPEONFORK
-  // cannot be trusted.
+  // Some emulators accept any advice and ignore it. If even an invalid one is accepted,
+  // MADV_WIPEONFORK cannot be trusted.
   constexpr int kNoAdvice = -1;
   if (madvise(page, size, kNoAdvice) == 0 || madvise(page, size, MADV_WIPEONFORK) != 0) return;
   rememberedPid = static_cast<std::uint32_t*>(page);
-  askPid();  // stored now, or a vfork child would store its id on the shared page
+  // Stores the id now: a vfork child shares the page, and if the page were still empty, the child
+  // would store its own id there.
+  askPid();
 }
 
 std::uint32_t askPid() noexcept {
@@ -420,8 +442,9 @@ void writeTraceData(const TracedStorage& storage, const char* format, ...) noexc
 }
 
 void writeLockTraceLine(const char* format, ...) noexcept {
+  constexpr std::size_t kShownNumbers = 64;  // the room that the message's arguments may take
   const ErrnoKeeper keeper;
-  char line[kTracePrefixLength + kTraceMessageSize + sizeof timeStamp + 64];
+  char line[kTracePrefixLength + kTraceMessageSize + sizeof timeStamp + kShownNumbers];
   va_list arguments;
   va_start(arguments, format);
   const char* stamp;
@@ -432,7 +455,7 @@ void writeLockTraceLine(const char* format, ...) noexcept {
 }
 
 void writeRaw(const char* format, ...) noexcept {
-  char line[kTraceFilenameSize + 256];  // the longest one shows the name of the trace file
+  char line[kTraceFilenameSize + 256];  // the longest text shows the name of the trace file
   va_list arguments;
   va_start(arguments, format);
   const int written = vsnprintf(line, sizeof line, format, arguments);
@@ -447,14 +470,20 @@ void writeRule() noexcept {
 int dumpStorage(const TracedStorage& storage) noexcept {
   if (storage.address == nullptr || (storage.length <= 0 && storage.stopWord == 0)) return 0;
   const auto* bytes = static_cast<const unsigned char*>(storage.address);
-  return dumpLines({bytes, bytes + storage.size, storage.length, storage.stopWord, 16, 0, {}});
+  return dumpLines({.address = bytes,
+                    .limit = bytes + storage.size,
+                    .remaining = storage.length,
+                    .stopWord = storage.stopWord,
+                    .lineWidth = 16,
+                    .textLength = 0,
+                    .text = {}});
 }
 
 void writeStateLine() noexcept {
   const ErrnoKeeper keeper;
   char name[kTraceFilenameSize];
   {
-    const MutexGuard guard(streamMutex);  // the name changes under it
+    const MutexGuard guard(streamMutex);  // the name is written under it
     strcpy(name, traceFilename());
   }
   writeRaw("zebstats state dump: API Version=%s Trace Level=%d statAPITraceFile=%s\n", kApiVersion,
@@ -463,9 +492,9 @@ void writeStateLine() noexcept {
 
 void changeTraceLevel(int level) noexcept {
   const LockGuard guard(traceLock);
-  // quirk: only a switch of file marks the banner as written, so each rise from 0 on standard error
-  // repeats it.
-  if (traceLevel() == 0 && level > 0) writeBannerOnce();
+  // quirk: does not set hasBanner, so until switchTraceFile has set it, each rise from level 0
+  // writes the banner again.
+  if (traceLevel() == 0 && level > 0 && !hasBanner) writeBanner();
   setTraceLevel(level);
 }
 
@@ -473,21 +502,23 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const LockGuard guard(traceLock);
   TraceSwitch result = {false, 0};
   if (statAPITraceFilename == nullptr) return {false, ENOMEM};  // the library has been unloaded
-  FILE* opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
-  const bool isThereAlready =
+  FILE* const opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
+  // The handle is null only before the start; standard error is the destination then, too.
+  const bool stays =
       traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
-  if (opened != nullptr && !isThereAlready) {
+  if (opened != nullptr && !stays) {
     const MutexGuard streamGuard(streamMutex);
     closeTraceFile();
     const char* const name = traceFile != nullptr ? traceFile : defaultTraceFilename;
-    memmove(statAPITraceFilename, name, strlen(name) + 1);  // traceFile may be the buffer itself
+    // memmove, because a host that passes statAPITraceFilename passes the buffer itself.
+    memmove(statAPITraceFilename, name, strlen(name) + 1);
     statAPITraceHandle = opened;
-    traceHeaderWrite = 0;
+    hasBanner = false;
     result.switched = true;
   }
-  if (traceLevel() >= kLevelException && traceHeaderWrite == 0) {
-    writeBannerOnce();
-    traceHeaderWrite = 1;
+  if (traceLevel() >= kLevelException && !hasBanner) {
+    writeBanner();
+    hasBanner = true;
   }
   return result;
 }
@@ -505,7 +536,8 @@ void unlockTraceAfterFork() noexcept {
 }
 
 bool releaseTrace() noexcept {
-  if (isLockInitialized(&traceLock) == 0 || pthread_mutex_trylock(&traceLock.mutex) != 0)
+  if (isLockInitialized(&traceLock) != kLockInitialized ||
+      pthread_mutex_trylock(&traceLock.mutex) != 0)
     return false;
   const bool isFree = pthread_mutex_trylock(&streamMutex) == 0;
   if (isFree) {
@@ -517,6 +549,14 @@ bool releaseTrace() noexcept {
   }
   pthread_mutex_unlock(&traceLock.mutex);
   return isFree;
+}
+
+int moveOffStandardStreams(int descriptor) noexcept {
+  if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
+  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const ErrnoKeeper keeper;
+  close(descriptor);
+  return moved;
 }
 
 }  // namespace zeb
@@ -534,6 +574,7 @@ int initTrace(void) noexcept {
   Block<char> name = allocate<char>(kTraceFilenameSize);
   if (name == nullptr) return ZEB_NO_MEMORY;
   strcpy(name.get(), defaultTraceFilename);
+  const MutexGuard guard(streamMutex);
   statAPITraceFilename = name.release();
   return 0;
 }
@@ -564,8 +605,13 @@ void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) noexcept {
 int traceOutStorage(const void* address, int length, std::uint32_t stopWord, int lineWidth,
                     int /*spare*/) noexcept {
   if (address == nullptr || lineWidth < 1 || length < 0 || (length == 0 && stopWord == 0)) return 0;
-  return dumpLines(
-      {static_cast<const unsigned char*>(address), nullptr, length, stopWord, lineWidth, 0, {}});
+  return dumpLines({.address = static_cast<const unsigned char*>(address),
+                    .limit = nullptr,
+                    .remaining = length,
+                    .stopWord = stopWord,
+                    .lineWidth = lineWidth,
+                    .textLength = 0,
+                    .text = {}});
 }
 
 int writeStorageLineDual(StorageDump* dump) noexcept {
@@ -581,14 +627,14 @@ int writeStorageLineHex(StorageDump* dump) noexcept {
   bool ended = false;
   int end = dump->lineWidth;
   for (int i = 0; i < dump->lineWidth; ++i) {
-    const bool readable = isReadable(*dump, i, 1);
-    // quirk: a later stop word of the same line moves the end
-    if (readable ? (!ended || dump->remaining == 0) && endsAt(*dump, i) : !ended) {
+    const bool isByteReadable = isReadable(*dump, i, 1);
+    // quirk: a further stop word on the line moves the end
+    if (isByteReadable ? endsAt(*dump, i) : !ended) {
       ended = true;
       end = i;
     }
-    if (readable &&
-        (!ended || end == 0)) {  // quirk: a line that ends on its first byte is shown whole
+    // quirk: a line that ends before its first byte shows all bytes
+    if (isByteReadable && (!ended || end == 0)) {
       appendHex(*dump, dump->address[i], 2);
     } else {
       appendText(*dump, ' ');

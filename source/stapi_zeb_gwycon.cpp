@@ -1,15 +1,14 @@
-// The TCP connection to a gateway: resolved, connected, handshaken and authorised, and closed
-// again.
+// The TCP connection to a gateway: the host is resolved, the socket connected, the session begun
+// with a handshake and an authorisation, and at the end closed.
 //
-// A socket belongs to the thread that works on its gateway token; no lock is taken here. Another
-// thread may shut it down to cancel the call, which is why its descriptor is stored as soon as
+// Only the thread that works on a gateway token uses its socket, so no lock protects it. Another
+// thread may shut it down to cancel the call, and therefore has to see its descriptor as soon as
 // there is one.
 
 #include "stapi_zeb_gwycon.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -19,7 +18,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -43,6 +41,8 @@ namespace zeb {
 namespace {
 
 constexpr char AUTH_REQUEST_NAME[] = "Auth";
+constexpr std::uint32_t kAuthFirstStepLength = 4;    // the step
+constexpr std::uint32_t kAuthSecondStepLength = 20;  // the step and four words
 constexpr int kConnectWaitSeconds = 60;
 
 struct FreeAddresses {
@@ -50,24 +50,27 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
+// Held while a numeric address is resolved; a fork waits for it.
 pthread_mutex_t resolverMutex = PTHREAD_MUTEX_INITIALIZER;
 
 bool isNumeric(const char* host) noexcept {
-  in6_addr address;
+  in6_addr address;  // not used; large enough for both families
   return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
 }
 
-// The C library has a lock in the resolver that it does not release in a forked child. No thread is
-// in it while another one forks, if the address is numeric, which takes microseconds; a name may
-// take seconds, and does not hold up a fork.
+// getaddrinfo, with resolverMutex held if host is numeric. The C library's resolver has a lock that
+// a forked child inherits locked if another thread holds it, so a fork waits until no thread
+// resolves a numeric address, which takes microseconds. It does not wait for names, which may take
+// seconds.
 int resolve(const char* host, const char* port, const addrinfo& hints, addrinfo** found) noexcept {
   if (host == nullptr || !isNumeric(host)) return getaddrinfo(host, port, &hints, found);
   const MutexGuard guard(resolverMutex);
   return getaddrinfo(host, port, &hints, found);
 }
 
-// The hints refuse a numeric address on a host that has no other address of that family, such as
-// 127.0.0.1 where there is only IPv6; such an address is then taken as it is.
+// Returns getaddrinfo's code, and on 0 the addresses. AI_ADDRCONFIG refuses a numeric address if
+// this host has no address of that family, for example 127.0.0.1 on a host with IPv6 only. So if
+// the first attempt fails, the second one takes a numeric address as it is.
 int findAddresses(const char* host, const char* port, addrinfo** found) noexcept {
   addrinfo hints = {};
   hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
@@ -76,9 +79,10 @@ int findAddresses(const char* host, const char* port, addrinfo** found) noexcept
   const int code = resolve(host, port, hints, found);
   if (code == 0 || host == nullptr) return code;
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-  return getaddrinfo(host, port, &hints, found) == 0 ? 0 : code;
+  return resolve(host, port, hints, found) == 0 ? 0 : code;
 }
 
+// Returns 0 and the addresses, or kHostNotResolved.
 int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
   char portText[16] = {};
   snprintf(portText, sizeof portText, "%d", port);
@@ -93,25 +97,14 @@ int getHostInfo(int port, const char* host, Addresses& addresses) noexcept {
   return 0;
 }
 
-// If the host closed descriptors 0 to 2, socket() may return one of them, and what the process
-// prints would go to the gateway; so it is moved above 2.
-int openSocketOffStandardStreams(const addrinfo& address) noexcept {
-  const int opened =
-      socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol);
-  if (opened < 0 || opened > STDERR_FILENO) return opened;
-  const int moved = fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int error = errno;
-  close(opened);
-  errno = error;
-  return moved;
-}
-
+// Stores the new descriptor, or -1, in socketDescriptor. Returns 0 or kSocketFailed.
 int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   TRACE_DEBUG(
       3013,
       "stapi_zeb_gwycon.connectToGateway Creating socket for family %d, type %d, protocol %d\n",
       address.ai_family, address.ai_socktype, address.ai_protocol);
-  const int opened = openSocketOffStandardStreams(address);
+  const int opened = moveOffStandardStreams(
+      socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol));
   const int error = errno;
   std::atomic_ref(socketDescriptor).store(opened, std::memory_order_seq_cst);
   if (opened < 0) {
@@ -119,9 +112,9 @@ int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
               strerror(error), error);
     return kSocketFailed;
   }
-  const int on = 1;
-  if (setsockopt(socketDescriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0 ||
-      setsockopt(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+  const int enabled = 1;
+  if (setsockopt(socketDescriptor, SOL_SOCKET, SO_KEEPALIVE, &enabled, sizeof enabled) != 0 ||
+      setsockopt(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, &enabled, sizeof enabled) != 0) {
     TRACE_DEBUG(3002,
                 "stapi_zeb_gwycon.connectToGateway Set socket to KeepAlive or NoDelay failed: %d\n",
                 socketDescriptor);
@@ -131,32 +124,34 @@ int createSocket(const addrinfo& address, int& socketDescriptor) noexcept {
   return 0;
 }
 
-// quirk: passes a value where FIONBIO wants a pointer; the kernel refuses, the socket stays
-// blocking and the system's own limit bounds the connect.
-void requestBlocking(int socketDescriptor, int option) noexcept {
-  ioctl(socketDescriptor, FIONBIO, reinterpret_cast<void*>(static_cast<std::intptr_t>(option)));
-}
-
-// With a deadline the connect itself must not block.
+// Switches the socket to non-blocking (sockOptOn) or back (sockOptOff).
+//
+// quirk: without a deadline this does nothing. It passes the value where FIONBIO expects a pointer;
+// the kernel refuses that, the socket stays blocking, and the system's limit bounds the connect.
+// With a deadline the connect must not block, so the call is made as it should be.
 void switchNonBlocking(int socketDescriptor, int option) noexcept {
   if (hasDeadline()) {
     ioctl(socketDescriptor, FIONBIO, &option);
   } else {
-    requestBlocking(socketDescriptor, option);
+    ioctl(socketDescriptor, FIONBIO, reinterpret_cast<void*>(static_cast<std::intptr_t>(option)));
   }
 }
 
+// Returns the code of connectToGateway for a connect that failed with result, which is -1 or a code
+// of waitForConnection, and error.
 int mapConnectFailure(int result, int error) noexcept {
   TRACE_EXC(3006, "stapi_zeb_gwycon.connectToGatewayUnable to connect to Gateway: %s\n",
             strerror(error));
   if (result == kConnectTimedOut && hasDeadline()) return kConnectTimedOut;
-  // quirk: a timed-out wait is reported as success, without handshake
+  // quirk: a wait of 60 s that timed out is reported as success, without a handshake
   if (result != -1 && result != kConnectFailed) return 0;
   if (error == ENETUNREACH) return kConnectUnreachable;
   if (error == ECONNREFUSED) return kConnectRefused;
   return kConnectFailed;
 }
 
+// Flows the handshake and the authorisation on a connected socket. Returns 0, kConnectFailed, or
+// authorizeConnection's codes.
 int startSession(int port, const char* host, int socketDescriptor) noexcept {
   TRACE_DEBUG(3003, "stapi_zeb_gwycon.connectToGatewayConnected to Gateway %s:%u\n",
               textToShow(host), static_cast<unsigned>(port));
@@ -174,8 +169,15 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
   return authorizeConnection(socketDescriptor, &failure);
 }
 
-// A thread that cancels the call sets the flag before it shuts the socket down, which does not end
-// a connect that begins only then; so it also gives the socket a send timeout, which does.
+// Returns 0, -1 (the connect failed, or the call was cancelled), or waitForConnection's codes;
+// error is the reason.
+//
+// Another thread that cancels the call sets its flag, which isCancelled() reads, and then shuts the
+// socket down. That does not end a connect that begins only afterwards; the send timeout that the
+// other thread also sets on the socket does.
+//
+// Without a deadline the socket is blocking, and connect reports EINPROGRESS only if a host has
+// replaced it, with a proxy's library for example. Then the wait of 60 s applies.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
   int result =
@@ -191,6 +193,7 @@ int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error)
   return result;
 }
 
+// connectToGateway without its trace lines for entry and exit.
 int openConnection(int port, const char* host, int* socketDescriptorPtr) noexcept {
   Addresses addresses;
   int rc = getHostInfo(port, host, addresses);
@@ -203,7 +206,7 @@ int openConnection(int port, const char* host, int* socketDescriptorPtr) noexcep
   return mapConnectFailure(result, error);
 }
 
-// The error of a finished connect.
+// Returns the error of a connect that has ended, 0 if it succeeded.
 int takeSocketError(int socketDescriptor) noexcept {
   int error = 0;
   socklen_t length = sizeof error;
@@ -211,12 +214,13 @@ int takeSocketError(int socketDescriptor) noexcept {
   return error;
 }
 
-// Seconds left after a signal; quirk: 1 if less than one has passed.
+// Returns how many of the 60 s are left after a signal. quirk: 1 if less than a second has passed.
 int remainingSeconds(time_t start) noexcept {
   const auto elapsed = static_cast<int>(difftime(time(nullptr), start));
   return elapsed >= 1 && elapsed < kConnectWaitSeconds ? kConnectWaitSeconds - elapsed : 1;
 }
 
+// Reports a connect that ended with an error, and returns waitForConnection's code for it.
 int failConnection(int socketDescriptor, int error, int* errorPtr) noexcept {
   TRACE_EXC(3015, "stapi_zeb_gwycon.waitForConnection socket %d connect() failed error %d\n",
             socketDescriptor, error);
@@ -224,6 +228,7 @@ int failConnection(int socketDescriptor, int error, int* errorPtr) noexcept {
   return kConnectFailed;
 }
 
+// Reports a wait that ended without an event, and returns waitForConnection's code for it.
 int giveUpWait(int socketDescriptor) noexcept {
   if (hasDeadline()) {
     TRACE_EXC(3018, "stapi_zeb_gwycon.waitForConnection Timeout of %d ms has passed on socket %d\n",
@@ -235,17 +240,19 @@ int giveUpWait(int socketDescriptor) noexcept {
   return kConnectTimedOut;
 }
 
-// poll of one descriptor, until the deadline or for that many seconds. events are those that are
-// waited for, and then those that have come.
-int waitForConnect(int socketDescriptor, int seconds, short& events) noexcept {
+// Polls one descriptor until the deadline, or without one for the given seconds. events holds the
+// events to wait for, and afterwards those that have occurred. Returns poll's result.
+int pollConnect(int socketDescriptor, int seconds, short& events) noexcept {
+  // A negative descriptor, which poll would ignore, is refused by waitForEvents.
   if (hasDeadline() || socketDescriptor < 0)
     return waitForEvents(socketDescriptor, events, &events);
-  pollfd waited = {socketDescriptor, events, 0};
+  pollfd waited = {.fd = socketDescriptor, .events = events, .revents = 0};
   const int ready = poll(&waited, 1, seconds * 1000);
   events = waited.revents;
   return ready;
 }
 
+// Reports a failed poll, and returns waitForConnection's code for it.
 int failWait(int error, int* errorPtr) noexcept {
   TRACE_EXC(3017, "stapi_zeb_gwycon.waitForConnection select call failed with error %d\n", error);
   *errorPtr = error;
@@ -278,8 +285,7 @@ int connectToGateway(int port, const char* ipAddr, int* socketDescriptorPtr) noe
   return connectRc;
 }
 
-// With a deadline the wait lasts until that. poll, because select cannot take descriptors above
-// 1023.
+// quirk: the lines say select; it is poll, because select cannot take descriptors above 1023.
 int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   const int socketDescriptor = *socketDescriptorPtr;
   const time_t start = time(nullptr);
@@ -289,7 +295,7 @@ int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
                 "stapi_zeb_gwycon.waitForConnection Calling select() on socketdescriptor %d\n",
                 socketDescriptor);
     short events = POLLOUT | POLLPRI;
-    const int ready = waitForConnect(socketDescriptor, seconds, events);
+    const int ready = pollConnect(socketDescriptor, seconds, events);
     if (ready < 0 && errno == EINTR) {
       seconds = remainingSeconds(start);
       continue;
@@ -297,6 +303,7 @@ int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
     if (ready < 0) return failWait(errno, errorPtr);
     if (ready == 0) return giveUpWait(socketDescriptor);
     if ((events & POLLNVAL) != 0) return failWait(EBADF, errorPtr);
+    // quirk: urgent data alone (POLLPRI) counts as connected
     if ((events & (POLLOUT | POLLERR | POLLHUP)) == 0) return 0;
     const int error = takeSocketError(socketDescriptor);
     return error == 0 ? 0 : failConnection(socketDescriptor, error, errorPtr);
@@ -307,13 +314,15 @@ int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
   TRACE_ENTRY(3010, "stapi_zeb_gwycon.authorizeConnection(socketDescriptor=%d, reasons=%p)\n",
               socketDescriptor, reasons);
   AuthRequestRecord record = {};
-  record.header = makeHeader(AUTH_REQUEST_NAME, kCallMessage, 4);
+  record.header = makeHeader(AUTH_REQUEST_NAME, kCallMessage, kAuthFirstStepLength);
   int rc = flowAuthRequest(socketDescriptor, &record, reasons);
-  if (rc == 0) {  // the other header fields go back as the first reply had them
+  if (rc == 0) {
+    // The header is now that of the first reply; the fields that are not set here go back
+    // unchanged, like the words of that reply.
     record.header.messageType = kCallMessage;
     record.header.headerWord4 = 0;
     record.header.requestName = AUTH_REQUEST_NAME;
-    record.header.dataLength = 20;
+    record.header.dataLength = kAuthSecondStepLength;
     record.authStep = 1;
     record.authWord4 = 0;
     rc = flowAuthRequest(socketDescriptor, &record, reasons);

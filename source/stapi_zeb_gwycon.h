@@ -5,27 +5,34 @@
 #include "zebstats_private.h"
 
 extern "C" {
+// 1 and 0: the arguments that switch a socket to non-blocking and back. Nothing changes them.
 extern ZEB_INTERNAL_DATA int sockOptOn;
 extern ZEB_INTERNAL_DATA int sockOptOff;
 }
 
-// Resolves, connects and authorises. The socket is stored in *socketDescriptorPtr as soon as it
-// exists, with one atomic write; the caller closes it, also after a failure. Returns 0,
+// Resolves ipAddr, a host name or a numeric address, connects to its first address, and flows the
+// handshake and the authorisation. Stores the socket in *socketDescriptorPtr, with one atomic
+// write, as soon as it exists, so that another thread can shut it down; the caller closes it, also
+// after a failure. If no socket was opened, *socketDescriptorPtr is -1 or as it was. Returns 0,
 // kConnectFailed, kHostNotResolved, kSocketFailed, kConnectTimedOut (only with a deadline),
 // kConnectRefused, kConnectUnreachable, or authorizeConnection's codes.
 ZEB_INTERNAL int connectToGateway(int port, const char* ipAddr,
                                   int* socketDescriptorPtr) ZEB_NOEXCEPT;
-// Waits until a connect in progress has ended. Returns 0, kConnectFailed (*errorPtr has the
-// reason), or kConnectTimedOut.
+// Waits for the end of a connect in progress: until the deadline of the call, or without one for at
+// most 60 s. Returns 0, kConnectFailed (*errorPtr receives the reason, an errno), or
+// kConnectTimedOut.
 ZEB_INTERNAL int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) ZEB_NOEXCEPT;
-// The two steps of the authorisation. Returns flowAuthRequest's codes.
+// Flows the two steps of the authorisation. Returns flowAuthRequest's codes; a failure sets its
+// field of *reasons.
 ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* reasons) ZEB_NOEXCEPT;
-// Sends the close request, waits for its reply, and closes the socket. Returns close's result.
+// Sends the close request, waits for its reply, and closes the socket. A close request that fails
+// is ignored. Returns the result of close(): 0, or -1 with errno.
 ZEB_INTERNAL int closeConnection(const int* socketDescriptorPtr) ZEB_NOEXCEPT;
 
 namespace zeb {
 
-// For a fork: no other thread is resolving a numeric address between the two.
+// Take and release resolverMutex around a fork, so that no other thread is resolving a numeric
+// address when the child is made.
 void lockResolverForFork() noexcept;
 void unlockResolverAfterFork() noexcept;
 

@@ -1,13 +1,15 @@
 // Gateway tokens, one for each open connection, and the Gateway Token List that holds them all.
 //
 // gtlLock guards the head, the tail, the length and every next pointer; it is taken before
-// traceLock, and no socket work is done under it but the shutdown of a cancelled call. A token is
-// listed while it is created, long before it is connected.
+// traceLock. The library uses no socket while it holds gtlLock, except that it shuts down the
+// socket of a call that it cancels. A token is listed before it is connected, so that it can be
+// closed meanwhile.
 //
-// A call that uses a token counts in its holds. Whoever takes the token out of the list adds
-// kRemoved, and gives a hold of its own back when it has finished; the last one to leave closes the
-// socket and frees the memory. If a call was using the token, it is cancelled: its socket is shut
-// down, which ends every wait.
+// The field holds of a token counts the calls that use it. A thread that removes the token from the
+// list adds kRemoved to the field, and also takes a hold, which it gives back at the end of the
+// removal. Whoever gives back the last hold of a removed token closes the socket and frees the
+// memory. If another thread's call still has a hold at the removal, that call is cancelled: its
+// socket is shut down, which ends every wait.
 
 #include "stapi_zeb_gwytok.h"
 
@@ -38,17 +40,18 @@ const char stapi_zeb_gwytok_notice[] = ZEB_NOTICE("stapi_zeb_gwytok");
 namespace zeb {
 namespace {
 
+// The values of connStatus, which dumps show.
 enum ConnStatus { kCreated, kConnected, kNotConnected, kCloseFailed, kClosed };
 
-constexpr std::uint32_t kRemoved = 0x80000000;  // in holds: the token is not listed any more
+constexpr std::uint32_t kRemoved = 0x80000000;  // a bit of holds: the token is no longer listed
 
 GatewayToken* gtListHeadPtr = nullptr;
-GatewayToken* gtListTailPtr = nullptr;  // stale while the list is empty
+GatewayToken* gtListTailPtr = nullptr;  // while the list is empty, the tail of an earlier time
 int gtListLength = 0;
 LockRecord gtlLock = {};
-bool isListLockedForFork = false;  // set between a fork's two halves
+bool isListLockedForFork = false;  // set and read by the thread that forks
 
-// The fields that are written while other threads format the token.
+// Access to the fields of a token that one thread may write while another one formats the token.
 template <typename T>
 T readShared(const T& field) noexcept {
   return std::atomic_ref(const_cast<T&>(field)).load(std::memory_order_relaxed);
@@ -62,6 +65,7 @@ std::atomic_ref<std::uint32_t> holdsOf(GatewayToken& token) noexcept {
   return std::atomic_ref(token.holds);
 }
 
+// findGatewayToken without its lines for entry and exit.
 int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
   if (target == nullptr) {
     TRACE_EXC(2005, "stapi_zeb_gwytok.findGatewayToken() Target was a null token\n");
@@ -74,20 +78,21 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
               gtListHeadPtr, gtListTailPtr);
     return kListEmpty;
   }
-  int rc = target == gtListHeadPtr ? kTokenFound : kTokenNotFound;
-  GatewayToken* before = nullptr;
+  GatewayToken* before = nullptr;  // the token before the target; null for the head
   int stepped = 0;
-  if (rc != kTokenFound) {
-    int countdown = kRunawayLimit + 1;
-    for (before = gtListHeadPtr; before->nextGwyTokPtr != nullptr;
-         before = before->nextGwyTokPtr, ++stepped) {
-      if (--countdown == 0) break;
-      if (before->nextGwyTokPtr == target) {
-        rc = kTokenFound;
-        break;
-      }
+  int rc = kTokenFound;
+  if (target != gtListHeadPtr) {
+    before = gtListHeadPtr;
+    while (stepped < kRunawayLimit && before->nextGwyTokPtr != nullptr &&
+           before->nextGwyTokPtr != target) {
+      before = before->nextGwyTokPtr;
+      ++stepped;
     }
-    if (rc != kTokenFound && stepped == kRunawayLimit) rc = kListRunaway;
+    if (stepped == kRunawayLimit) {
+      rc = kListRunaway;
+    } else if (before->nextGwyTokPtr == nullptr) {
+      rc = kTokenNotFound;
+    }
   }
   if (rc == kListRunaway) {
     TRACE_EXC(2007,
@@ -106,6 +111,7 @@ int searchList(const GatewayToken* target, GatewayToken** parent) noexcept {
   return rc;
 }
 
+// Returns 0, ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD.
 int checkOwner(std::uint32_t owningPid, ThreadId owningTid) noexcept {
   std::uint32_t pid;
   ThreadId tid;
@@ -129,8 +135,9 @@ bool isOwnedByCaller(const GatewayToken& token) noexcept {
   return token.owningPid == currentPid() && compareTids(token.owningTid, currentTid()) != 0;
 }
 
-// Finds a token and its owner. held is null or the token itself, which then gets a hold if the
-// caller owns it.
+// What verifyGatewayToken and enterToken do. Nothing is known of the token before it is found in
+// the list. held is null, or the token itself, which then gets a hold if the calling thread owns
+// it.
 int verifyToken(const GatewayToken* token, GatewayToken* held) noexcept {
   TRACE_ENTRY(2010, "stapi_zeb_gwytok.verifyGatewayToken(&gwTokPtr=%p)\n", token);
   std::uint32_t owningPid = 0;
@@ -164,15 +171,15 @@ void deleteTokenResultSet(GatewayToken& token) noexcept {
     TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
 }
 
-// Frees what a token that was never listed owns. No deletion has been traced, so its lines are not
-// either.
+// Frees what a token that was never listed owns, but not the token. The trace shows no deletion of
+// such a token, and so none of its lines.
 void discardBuffers(GatewayToken& token) noexcept {
   deleteResultSet(&token.connRSToken);
   free(token.resultSetBuf);
   free(token.protocolVersion);
 }
 
-// Frees all that the token owns, not the token.
+// Frees what a token that was listed owns, but not the token.
 void releaseToken(GatewayToken& token) noexcept {
   deleteTokenResultSet(token);
   if (token.resultSetBuf != nullptr) {
@@ -190,13 +197,18 @@ void releaseToken(GatewayToken& token) noexcept {
   }
 }
 
-// In a forked child the socket is the parent's too: closing the child's descriptor sends nothing.
+// A forked child inherits the tokens of its parent. The parent still uses the socket of such a
+// token, so the child only closes its own descriptor, which sends nothing.
+bool isInherited(const GatewayToken& token) noexcept {
+  return token.owningPid != currentPid();
+}
+
 void closeSocket(GatewayToken& token) noexcept {
-  const bool isParents = token.owningPid != currentPid();
-  const int rc = isParents ? close(token.socket) : closeConnection(&token.socket);
+  const int rc = isInherited(token) ? close(token.socket) : closeConnection(&token.socket);
   writeShared(token.connStatus, static_cast<std::int32_t>(rc != 0 ? kCloseFailed : kClosed));
 }
 
+// The caller holds gtlLock; parent is the token before, or null for the head.
 void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
   --gtListLength;
   if (parent == nullptr) {
@@ -207,7 +219,8 @@ void unlinkToken(const GatewayToken& token, GatewayToken* parent) noexcept {
   if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
 }
 
-// gwTokPtr is the caller's variable, which is only printed.
+// Frees the token itself. Here and below, a parameter gwTokPtr beside a token is the address of the
+// caller's variable, and is only printed.
 void freeToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   TRACE_DEBUG(2020, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Free gateway token(%p) \n",
               gwTokPtr, token);
@@ -216,50 +229,58 @@ void freeToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   } else {
     free(token);
   }
+  // quirk: prints a null pointer for the token
   TRACE_DEBUG(2021, "stapi_zeb_gwytok.deleteGatewayToken(&gwTokPtr=%p) Freed gateway token(%p) \n",
               gwTokPtr, static_cast<void*>(nullptr));
 }
 
+// Closes and frees a removed token that nobody holds.
 void destroyToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   closeSocket(*token);
   releaseToken(*token);
   freeToken(gwTokPtr, token);
 }
 
-// Wakes the call that uses the token. A socket that has not begun to connect cannot be shut down
-// yet: the call looks at cancelled before it connects, and the send timeout ends a blocking connect
-// that begins right now.
+// Wakes the call that uses the token. The shutdown has no effect on a socket that has not begun to
+// connect. But the call looks at cancelled before it connects, and the send timeout ends a blocking
+// connect that begins between that look and the shutdown.
 void cancelCall(GatewayToken& token) noexcept {
   std::atomic_ref(token.cancelled).store(1, std::memory_order_seq_cst);
   const int socket = std::atomic_ref(token.socket).load(std::memory_order_seq_cst);
   if (socket < 0) return;
-  const timeval atOnce = {0, 1};
+  const timeval atOnce = {.tv_sec = 0, .tv_usec = 1};  // 0 would mean no timeout
   setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &atOnce, sizeof atOnce);
   shutdown(socket, SHUT_RDWR);
 }
 
-// Takes a token out of the list, and a hold that endRemoval gives back; the caller holds gtlLock,
-// and parent is the token before it. If the calling thread is the one that uses the token, its own
-// hold serves for that.
+// Removes a token from the list and takes a hold, which endRemoval gives back. The caller holds
+// gtlLock; parent is the token before, or null for the head. If the calling thread has a hold
+// already, because it removes the token of its own failed call, it takes no further one: endRemoval
+// gives back that hold. If another thread's call has a hold, it is cancelled.
 void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
   unlinkToken(token, parent);
   const bool isInUse = holdsOf(token).load() != 0;
   if (isInUse && isOwnedByCaller(token)) {
     holdsOf(token).fetch_or(kRemoved);
-  } else if (holdsOf(token).fetch_add(kRemoved + 1) != 0 && token.owningPid == currentPid()) {
-    cancelCall(token);
+    return;
   }
+  const bool isHeldByOther = holdsOf(token).fetch_add(kRemoved + 1) != 0;
+  if (isHeldByOther && !isInherited(token)) cancelCall(token);
 }
 
-// Does what is left of a deletion. A forked child knows no other thread that could still use its
-// copy. If a call is using the token, that call frees it.
+// Gives back the hold of beginRemoval, and destroys the token if that was the last one; otherwise
+// the call that has the last one destroys it. An inherited token is destroyed at once: its holds
+// are those of threads that the child does not have.
 void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
-  const bool isParents = token->owningPid != currentPid();
-  if (holdsOf(*token).fetch_sub(1) == kRemoved + 1 || isParents) destroyToken(gwTokPtr, token);
+  const bool wasLastHold = holdsOf(*token).fetch_sub(1) == kRemoved + 1;
+  if (wasLastHold || isInherited(*token)) destroyToken(gwTokPtr, token);
 }
 
-// The caller's variable is set to null while the token is still known to be what it holds: the
-// owner may open another connection into it during the close.
+// The four ways in which deleteToken deletes *gwTokPtr, which is not null. Each returns 0, and
+// removeListedToken also ZEB_TOKEN_UNKNOWN.
+
+// For a token in the list. It sets the caller's variable to null before it waits for the gateway:
+// during the wait, the owner may open another connection into that variable.
 int removeListedToken(GatewayToken** gwTokPtr) noexcept {
   GatewayToken* const token = *gwTokPtr;
   {
@@ -273,6 +294,8 @@ int removeListedToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
+// For a caller that ensures by itself that no other thread uses the list and that the token is its
+// head.
 int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
   GatewayToken* const token = std::exchange(*gwTokPtr, nullptr);
   beginRemoval(*token, nullptr);
@@ -280,16 +303,20 @@ int removeHeadToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
+// For a token that beginRemoval has removed already.
 int removeUnlistedToken(GatewayToken** gwTokPtr) noexcept {
   endRemoval(gwTokPtr, *gwTokPtr);
   return 0;
 }
 
+// For a removed token whose last hold has been given back.
 int destroyLeftToken(GatewayToken** gwTokPtr) noexcept {
   destroyToken(gwTokPtr, *gwTokPtr);
   return 0;
 }
 
+// deleteGatewayToken with its trace lines. lockRequired is only printed; remove is one of the four
+// ways above.
 int deleteToken(GatewayToken** gwTokPtr, int lockRequired,
                 int (*remove)(GatewayToken**) noexcept) noexcept {
   int rc;
@@ -307,7 +334,8 @@ int deleteToken(GatewayToken** gwTokPtr, int lockRequired,
   return rc;
 }
 
-// The caller holds gtlLock.
+// The caller holds gtlLock. Returns 0, ZEB_TOKEN_POINTER_NULL, or ZEB_TOKEN_LIST_CORRUPT (also if
+// the list is full).
 int appendToList(GatewayToken* token) noexcept {
   if (token == nullptr) {
     TRACE_EXC(2032, "stapi_zeb_gwytok.chainGatewayToken() Chain request was for a null token\n");
@@ -340,6 +368,7 @@ int chainGatewayToken(GatewayToken* token) noexcept {
   return rc;
 }
 
+// Returns the public code for a code of connectToGateway.
 int mapConnectCode(int connectRc) noexcept {
   if (connectRc != 0 && hasTimedOut()) return ZEB_CONNECT_TIMED_OUT;
   switch (connectRc) {
@@ -358,6 +387,7 @@ int mapConnectCode(int connectRc) noexcept {
   }
 }
 
+// Connects the token. Returns mapConnectCode's codes.
 int openStatsSocket(GatewayToken& token, const char* hostname) noexcept {
   TRACE_ENTRY(2035,
               "stapi_zeb_gwytok.openStatsSocket(gwTokPtr=%p) Attempting to connect to %s:%d\n",
@@ -380,6 +410,8 @@ int openStatsSocket(GatewayToken& token, const char* hostname) noexcept {
   return rc;
 }
 
+// Stores the gateway's protocol version in the token. Returns 0, ZEB_CONNECT_TIMED_OUT,
+// ZEB_CONNECTION_LOST or ZEB_COMMUNICATION_FAILED.
 int askProtocolVersion(GatewayToken& token) noexcept {
   reasons status = {};
   const int rc = statProtocolVer(&token, &status);
@@ -400,7 +432,9 @@ Block<T> allocateTraced(std::size_t size) noexcept {
   return block;
 }
 
-// The memory of a token: the record, its result set and its buffers. The new token has a hold.
+// Allocates a token with its result set and its buffers. The new token has a hold and is not
+// listed. Returns 0, ZEB_NO_MEMORY, or createResultSet's codes; after a failure only the record may
+// be left, which token owns.
 int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   constexpr int recordSize = sizeof(GatewayToken);
   token = allocateTraced<GatewayToken>(sizeof(GatewayToken));
@@ -412,7 +446,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   *token = {};
   memcpy(token->eyecatcher, "ZEBGWTOK", sizeof token->eyecatcher);
   token->port = port;
-  token->socket = -1;  // or closing the token would close descriptor 0
+  token->socket = -1;  // with 0, a close before there is a socket would close descriptor 0
   token->holds = 1;
   const int rc = createResultSet(&token->connRSToken, "ZEBRSROB", kOwnerGateway);
   if (rc != 0) {
@@ -420,6 +454,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
     return rc;
   }
   getPidTid(&token->owningPid, &token->owningTid);
+  // May be null: the open then succeeds without a version.
   token->protocolVersion = allocate<char>(kProtocolVersionSize).release();
   constexpr int bufferSize = kResultSetBufferSize;
   token->resultSetBuf = allocateTraced<char>(kResultSetBufferSize).release();
@@ -434,6 +469,8 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
   return 0;
 }
 
+// Connects a held token and asks for the protocol version. Returns the codes of both, or
+// ZEB_TOKEN_UNKNOWN if another thread has closed the token meanwhile.
 int connectToken(GatewayToken& token, const char* hostname) noexcept {
   const CancellableCall cancellable(&token.cancelled);
   int rc = openStatsSocket(token, hostname);
@@ -448,7 +485,7 @@ void showNewToken(GatewayToken** gwTokPtr, const GatewayToken& token) noexcept {
   TRACE_EVENT(2030, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p) %s\n", gwTokPtr, text);
 }
 
-// gwTokPtr is only printed.
+// createHeldToken without its lines for entry and exit. gwTokPtr is only printed.
 int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port,
                GatewayToken*& newToken) noexcept {
   if (gwTokPtr == nullptr) return ZEB_TOKEN_POINTER_NULL;
@@ -472,8 +509,9 @@ int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port,
   return 0;
 }
 
-// Takes up to kRunawayLimit tokens out of the list and cancels the calls that use them. Returns the
-// first one; they stay chained.
+// Removes up to kRunawayLimit tokens from the list with beginRemoval; the caller holds gtlLock.
+// Returns the first one, and their number in count. They stay chained, by which the caller finds
+// them.
 GatewayToken* takeAll(int& count) noexcept {
   GatewayToken* const first = gtListHeadPtr;
   for (count = 0; gtListHeadPtr != nullptr && count < kRunawayLimit; ++count)
@@ -481,6 +519,8 @@ GatewayToken* takeAll(int& count) noexcept {
   return first;
 }
 
+// deleteGatewayTokens without its lines for entry and exit. All tokens are removed first, which
+// wakes the calls that use them, and then closed one after the other without gtlLock.
 int deleteAll(int& count) noexcept {
   GatewayToken* token;
   int taken;
@@ -508,7 +548,8 @@ int deleteAll(int& count) noexcept {
   return kListRunaway;
 }
 
-// The caller holds gtlLock and traceLock.
+// Writes the list to the trace. The caller holds gtlLock and traceLock. Returns 0, kNothingToWalk
+// or kListRunaway, and in count the number of tokens written.
 int dumpList(int& count) noexcept {
   writeRaw("Gateway Token List dump\n");
   writeRule();
@@ -552,7 +593,7 @@ int enterToken(GatewayToken* token) noexcept {
   return verifyToken(token, token);
 }
 
-// Not inlined, or g++ 12 warns that the token might have been freed before.
+// Not inlined, because g++ 12 would warn that the token might have been freed before.
 [[gnu::noinline]] bool leaveToken(GatewayToken* token) noexcept {
   const std::uint32_t before = holdsOf(*token).fetch_sub(1);
   if ((before & kRemoved) == 0) return true;
@@ -561,9 +602,10 @@ int enterToken(GatewayToken* token) noexcept {
 }
 
 void removeHeldToken(GatewayToken* token) noexcept {
-  // So that the close flow of the removal sends nothing and waits for nothing.
+  // After the shutdown, the close request of the deletion sends nothing and waits for nothing.
   shutdown(token->socket, SHUT_RDWR);
-  // If that fails, another thread has removed the token already.
+  // The deletion gives back the hold. It fails if another thread has removed the token already;
+  // then the hold is given back here.
   if (deleteGatewayToken(&token, 1) != 0) leaveToken(token);
 }
 
@@ -580,7 +622,7 @@ void unlockListAfterFork() noexcept {
 using namespace zeb;
 
 int initGTL(void) noexcept {
-  // quirk: the ENTRY line repeats the time of the line before
+  // quirk: the ENTRY line repeats the time stamp of the last line
   ZEB_TRACE_WITH(writeTraceLineSameTime, traceLevel() >= kLevelFunction, timeStamp, "ENTRY", 2000,
                  "stapi_zeb_gwytok.initGTL()\n");
   const int initLockRc = initializeLock(&gtlLock);
@@ -589,7 +631,7 @@ int initGTL(void) noexcept {
   return initLockRc;
 }
 
-// Writes no trace line: the list's dump calls it with traceLock held.
+// Writes no trace line, because dumpList calls it with traceLock held.
 int formatGatewayToken(const GatewayToken* token, char* dst) noexcept {
   if (dst == nullptr) return ZEB_BUFFER_NULL;
   if (token == nullptr) {

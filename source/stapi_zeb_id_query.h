@@ -1,4 +1,4 @@
-// Joins the ids of a result set into one query string.
+// The joining of a result set's ids into one query string, for getIdQuery.
 #ifndef STAPI_ZEB_ID_QUERY_H
 #define STAPI_ZEB_ID_QUERY_H
 
@@ -10,19 +10,20 @@
 
 namespace zeb {
 
-// A string that grows to kQueryStringSize, its NUL included. What does not fit as a whole is not
-// appended.
+// A string in the caller's block of kQueryStringSize bytes, in which there is always room for a
+// NUL. A text that does not fit as a whole is not appended.
 class QueryString {
  public:
   explicit QueryString(char* room) noexcept : text_(room) {}
   [[nodiscard]] std::size_t length() const noexcept { return length_; }
+  // Returns false, having appended nothing, if the text does not fit.
   bool append(std::string_view text) noexcept {
     if (text.size() >= kQueryStringSize - length_) return false;
     copyBytes(text_ + length_, text.data(), text.size());
     length_ += text.size();
     return true;
   }
-  // A separator and an id, or neither.
+  // Appends a separator and an id, or neither.
   bool appendNext(std::string_view id) noexcept {
     if (id.size() + 1 >= kQueryStringSize - length_) return false;
     text_[length_] = ':';
@@ -37,9 +38,10 @@ class QueryString {
   std::size_t length_ = 0;
 };
 
-// Appends the rest of the element that is being walked in one loop, which takes a third of the time
-// of as many walk steps; stops before an id that does not fit or is damaged, and leaves it to the
-// walk. Does nothing if the steps are to be traced. Returns the number of ids.
+// Fast path: appends the remaining ids of the element that is being walked in one loop, which takes
+// a third of the time of single steps, and advances the walk. It stops before an id that does not
+// fit or is damaged; the next step of the walk deals with that. It does nothing if the walk is
+// between two elements or if its steps are to be traced. Returns the number of ids.
 template <typename Walk>
 int joinElement(ResultSetToken& resultSet, QueryString& joined) noexcept {
   if (traceLevel() >= kLevelEvent || resultSet.elementResultIndex == 0) return 0;
@@ -64,8 +66,8 @@ int joinElement(ResultSetToken& resultSet, QueryString& joined) noexcept {
   return count;
 }
 
-// Walks a result set to its end, and appends the ids of the elements whose return code is 0.
-// Returns the number of ids.
+// Walks a result set to its end, or to the first id that does not fit, and appends the ids of the
+// elements whose return code is 0. Returns the number of ids.
 template <typename Walk>
 int joinIds(ResultSetToken* rsPtr, QueryString& joined) noexcept {
   int goodIdCount = 0;
@@ -77,7 +79,8 @@ int joinIds(ResultSetToken* rsPtr, QueryString& joined) noexcept {
       goodIdCount += 1 + joinElement<Walk>(*rsPtr, joined);
     }
     rc = Walk::getNext(rsPtr, &record);
-    // quirk: ':' is written whenever the next entry is good, so it may come first or last
+    // quirk: ':' is appended whenever the next entry is good, so it may be the first or the last
+    // character
     if (rc == 0 && record.queryElementRC == 0 && !joined.append(":")) break;
   }
   return goodIdCount;

@@ -1,5 +1,6 @@
-// The public calls, by family. Each is a frame: start the library, trace the entry, check the
-// arguments in order, work, trace the exit. The calls of a family share the helpers above them.
+// The public calls, by family. Each has the same frame: it initialises the library, traces its
+// entry, checks its arguments in a fixed order, does its work and traces its exit. The functions
+// that the calls of a family share are above them.
 
 #include "stapi_zeb_impl.h"
 
@@ -35,11 +36,13 @@ namespace {
 
 // ---- Start --------------------------------------------------------------------------------------
 
-constexpr std::size_t kVersionAreaSize = 32000;
+constexpr std::size_t kVersionAreaSize = 32000;  // quirk: the text has 8 bytes
 
-char stapiVersion[kVersionAreaSize];
+char stapiVersion[kVersionAreaSize];  // getStatsAPIVersion hands out its address
 pthread_mutex_t initMutex = PTHREAD_MUTEX_INITIALIZER;
 
+// The caller holds initMutex. Returns stapiInit's codes. During initialisation the level is 1, so
+// that a failure is traced; after a failure it stays so.
 int initialize() noexcept {
   setTraceLevel(kLevelException);
   startRememberingPid();
@@ -49,7 +52,8 @@ int initialize() noexcept {
     return rc;
   }
   rc = initGTL();
-  if (rc != 0 && rc != 1) {  // 1: initialised already by a direct call of initGTL
+  // 1: a host has called initGTL itself.
+  if (rc != 0 && rc != 1) {
     TRACE_EXC(
         1000,
         "API.stapiInit() Initialization of zebstats API Gateway Token List has failed. rc=%d\n",
@@ -67,9 +71,9 @@ int initialize() noexcept {
   return isStarted() ? 0 : initialize();
 }
 
-// A forked child has none of the other threads, so a lock that one of them held would never be
-// released there. The forking thread therefore takes all locks, in their order, and both sides
-// release them.
+// A forked child has none of its parent's other threads, so a lock that one of them holds at the
+// fork would never be released there. The thread that forks therefore takes all locks before, in
+// their order, and parent and child both release them after.
 void prepareFork() noexcept {
   lockResolverForFork();
   pthread_mutex_lock(&initMutex);
@@ -95,18 +99,19 @@ void continueChild() noexcept {
   releaseOtherLocks();
 }
 
-// The end of the process also runs this, when other threads may still be inside a call.
+// Runs when the library is unloaded, and at the end of the process, when other threads may still be
+// inside a call. If one of them is writing a line, nothing is released; the process ends anyway.
 [[gnu::destructor]] void unload() noexcept {
   if (releaseTrace()) freeRetired();
 }
 
-// The C library forgets the handlers when the library is unloaded.
+// The C library removes the handlers when this library is unloaded.
 [[gnu::constructor]] void registerForkHandlers() noexcept {
   pthread_atfork(prepareFork, continueParent, continueChild);
 }
 
-// What every public call leaves as it was: errno, and a thread that is cancelled only after the
-// call.
+// Exists for the length of a public call. It restores errno, and holds off the cancellation of the
+// thread, so that a thread that is cancelled inside the call ends only after it.
 class PublicCall {
  public:
   PublicCall() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
@@ -119,8 +124,8 @@ class PublicCall {
   int cancelState_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// A public call that waits for nobody. If it traces, it holds the signals of failing writes once
-// for all its lines.
+// A public call that does not wait for a gateway. If the trace is on, the signals of failed writes
+// are held off once for all lines of the call, which is cheaper than once for each line.
 class LocalCall : PublicCall {
  public:
   LocalCall() noexcept {
@@ -131,7 +136,7 @@ class LocalCall : PublicCall {
   std::optional<HeldWriteSignals> signals_;
 };
 
-// A public call that waits for a gateway.
+// A public call that may wait for a gateway, until its deadline.
 struct WaitingCall : PublicCall {
   const TimedCall limit;
 };
@@ -206,7 +211,7 @@ int applyTraceFile(const char* traceFile) noexcept {
         1011,
         "API.setAPITraceFile(%s) file append failed with errno=%d. Trace file destination is unchanged. "
         "Filename=%s\n",
-        traceFile, result.error, traceFilename());
+        textToShow(traceFile), result.error, traceFilename());
     return ZEB_TRACE_FILE_FAILED;
   }
   if (result.switched) {
@@ -278,7 +283,7 @@ int dumpState(void) noexcept {
     writeStateLine();
     dumpGatewayTokens();
   }
-  // quirk: the EXIT line repeats the time of the line before
+  // quirk: the EXIT line repeats the time stamp of the last line
   ZEB_TRACE_WITH(writeTraceLineSameTime, traceLevel() >= kLevelFunction, timeStamp, "EXIT", 1016,
                  "API.dumpState()\n");
   return rc;
@@ -289,10 +294,11 @@ int dumpState(void) noexcept {
 namespace zeb {
 namespace {
 
-constexpr std::size_t kMaxDuplicate = 32767;  // a copy with its NUL is smaller
+constexpr std::size_t kDuplicateLimit = 32767;  // a text with its NUL must be smaller
 constexpr int kDuplicateFailed = -1;
 constexpr int kDuplicateRefused = -2;
 
+// The two functions that duplicate a string do the same and trace it with different lines.
 struct Duplicator {
   const char* name;
   bool isNative;
@@ -303,16 +309,18 @@ struct Duplicator {
 constexpr Duplicator kNative = {"dup2NativeString", true, 1024, 1026, 1028};
 constexpr Duplicator kAscii = {"dup2ASCIIString", false, 1046, 1047, 1048};
 
+// size is that of the text with its NUL, or 0 if there is no text. Returns dup2ASCIIString's codes.
 int copyString(const Duplicator& call, const char* dataPtr, std::size_t size,
                char** outputPtr) noexcept {
   const int shownSize = static_cast<int>(size);
-  if (size == 0 || outputPtr == nullptr || size >= kMaxDuplicate) {
+  if (size == 0 || outputPtr == nullptr || size >= kDuplicateLimit) {
     TRACE_EXC(call.refusedPoint, "API.%s() supplied input data pointer was NULL or overlength\n",
               call.name);
     return kDuplicateRefused;
   }
   *outputPtr = allocate<char>(size).release();
   if (call.isNative) {
+    // quirk: says strdup for malloc
     TRACE_DEBUG(1025, "API.dup2NativeString() called strdup for %d bytes. rc=0x%p\n", shownSize,
                 *outputPtr);
   } else {
@@ -329,7 +337,7 @@ int copyString(const Duplicator& call, const char* dataPtr, std::size_t size,
   return 0;
 }
 
-// What both duplicators do after ENTRY.
+// What both functions do after their ENTRY line. Returns dup2ASCIIString's codes.
 int duplicateString(const Duplicator& call, const char* dataPtr, char** outputPtr) noexcept {
   const std::size_t size = dataPtr != nullptr ? strlen(dataPtr) + 1 : 0;
   const int rc = copyString(call, dataPtr, size, outputPtr);
@@ -360,6 +368,7 @@ namespace {
 
 constexpr int kMaxPort = 65535;
 
+// quirk: the failures are not traced.
 int checkOpenArguments(const char* hostname, int port, GatewayToken** gwTokPtr,
                        char** protoColVersion) noexcept {
   if (port < 1 || port > kMaxPort) return ZEB_PORT_INVALID;
@@ -369,23 +378,28 @@ int checkOpenArguments(const char* hostname, int port, GatewayToken** gwTokPtr,
   return 0;
 }
 
+// Returns a copy of the token's protocol version, which the host frees, or null if there is none.
+// protoColVersion, the host's variable, is only printed.
+//
 // quirk: the connection is open, so a version that cannot be copied is no failure of the call.
-void handOutProtocolVersion(const GatewayToken& token, char** protoColVersion) noexcept {
+char* copyProtocolVersion(const GatewayToken& token, char** protoColVersion) noexcept {
   if (token.protocolVersion == nullptr) {
     TRACE_EXC(
         1021,
         "API.openRemoteGatewayConnection(gwTokPtr=0x%p) New gateway token has NULL protocolVersion pointer\n",
         &token);
-    *protoColVersion = nullptr;
-    return;
+    return nullptr;
   }
-  dup2NativeString(token.protocolVersion, protoColVersion);
+  char* copy = nullptr;
+  dup2NativeString(token.protocolVersion, &copy);
   TRACE_EVENT(
       1022,
       "API.openRemoteGatewayConnection(&protoColVersion=0x%p) created String for proto@0x%p\n",
-      protoColVersion, *protoColVersion);
+      protoColVersion, copy);
+  return copy;
 }
 
+// Opens a connection. The host's variables are written only on success.
 int openToken(const char* hostname, int port, GatewayToken** gwTokPtr,
               char** protoColVersion) noexcept {
   int rc = checkOpenArguments(hostname, port, gwTokPtr, protoColVersion);
@@ -396,14 +410,12 @@ int openToken(const char* hostname, int port, GatewayToken** gwTokPtr,
               kRunawayLimit);
   }
   if (rc != 0) return rc;
-  char* const before = *protoColVersion;
-  handOutProtocolVersion(*token, protoColVersion);
+  Block<char> version(copyProtocolVersion(*token, protoColVersion));
   if (leaveToken(token)) {
+    *protoColVersion = version.release();
     *gwTokPtr = token;
     return 0;
   }
-  if (*protoColVersion != before) free(*protoColVersion);
-  *protoColVersion = before;
   return ZEB_TOKEN_UNKNOWN;
 }
 
@@ -429,12 +441,13 @@ int openGatewayConnection(int port, GatewayToken** gwTokPtr, char** protoColVers
   TRACE_ENTRY(1030, "API.openGatewayConnection(port=%d, &gwTokPtr=0x%p, &protoColVersion=0x%p\n",
               port, gwTokPtr, protoColVersion);
   const int rc = openRemoteGatewayConnection("127.0.0.1", port, gwTokPtr, protoColVersion);
-  // quirk: the number of the remote call
+  // quirk: has the number of openRemoteGatewayConnection's EXIT line
   TRACE_EXIT(1029, "API.openGatewayConnection(port=%d) rc=%d\n", port, rc);
   return rc;
 }
 
 namespace {
+// quirk: checks its arguments even if initialisation has failed with initRc.
 int closeToken(GatewayToken** gwTokPtr, int initRc) noexcept {
   if (gwTokPtr == nullptr) {
     TRACE_EXC(1034, "API.closeGatewayConnection(&gwTokPtr=%p) Null gateway token Pointer\n",
@@ -481,6 +494,7 @@ int closeAllGatewayConnections(void) noexcept {
 namespace zeb {
 namespace {
 
+// The name of a query and the numbers of its trace points in the functions that all queries share.
 struct QueryCall {
   const char* name;
   int answerPoint;
@@ -499,7 +513,8 @@ int refuseQuery(const QueryCall& call, const char* what, int rc) noexcept {
   return rc;
 }
 
-// Checks what every query needs, and takes a hold of the caller's own token.
+// Checks what every query needs, and takes a hold of the token. Returns 0 with the hold, or a code
+// without it.
 int takeToken(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr) noexcept {
   if (rsPtr == nullptr) return refuseQuery(call, "result set pointer", ZEB_RESULT_SET_POINTER_NULL);
   const int rc = enterToken(gwTok);
@@ -514,20 +529,24 @@ int takeToken(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr
   return 0;
 }
 
-// On 0 the token has a hold that endQuery gives back.
+// Checks the arguments of a query without a query string. Returns 0, and then the token has a hold,
+// which endQuery gives back, or the code of the query.
 int beginQuery(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr) noexcept {
   if (gwTok == nullptr) return refuseQuery(call, "gateway token", ZEB_TOKEN_NULL);
   return takeToken(call, gwTok, rsPtr);
 }
 
-// The library sends its own copy of the query string, which the result set keeps.
+// Replaces the result set's copy of the query string, which is what the library sends. Returns 0,
+// ZEB_NO_MEMORY, or ZEB_QUERY_TOO_LONG.
 int copyQuery(ResultSetToken& resultSet, const char* query) noexcept {
   free(resultSet.queryCopy);
   resultSet.queryCopy = nullptr;
   const int rc = dup2ASCIIString(query, &resultSet.queryCopy);
   return rc == kDuplicateFailed ? ZEB_NO_MEMORY : rc;
 }
+static_assert(kDuplicateRefused == ZEB_QUERY_TOO_LONG);
 
+// The same for a query with a query string, of which it makes the library's copy.
 int beginTextQuery(const QueryCall& call, GatewayToken* gwTok, const char* query,
                    ResultSetToken** rsPtr) noexcept {
   if (gwTok == nullptr) return refuseQuery(call, "gateway token", ZEB_TOKEN_NULL);
@@ -539,6 +558,7 @@ int beginTextQuery(const QueryCall& call, GatewayToken* gwTok, const char* query
   return rc;
 }
 
+// The next walk of the connection's result set begins at the start of its buffer.
 void resetWalk(const GatewayToken& gwTok) noexcept {
   ResultSetToken& resultSet = *gwTok.connRSToken;
   resultSet.queryIndex = resultSet.elementResultIndex = 0;
@@ -554,7 +574,9 @@ void showResultSet(const QueryCall& call, const GatewayToken& gwTok) noexcept {
   TRACE_DEBUG(call.answerPoint, "API.%s() result set pointer (%p)\n", call.name, gwTok.connRSToken);
 }
 
-// Hands the answer out, or removes the token of a connection that failed.
+// Ends a query whose exchange with the gateway returned rc, and gives back the hold. If rc is 0, it
+// stores the result set in *rsPtr; otherwise it removes the connection, which has failed. Returns
+// the code of the query.
 int endQuery(const QueryCall& call, GatewayToken* gwTok, int rc, ResultSetToken** rsPtr) noexcept {
   ResultSetToken* const answer = gwTok->connRSToken;
   if (rc == 0) {
@@ -706,6 +728,8 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 }
 
 namespace {
+// getNextStat, unless the step is one that stepWithinElement makes. Not inlined, so that the frame
+// of a public call costs nothing in those.
 [[gnu::noinline, gnu::cold]] int goToNextStat(ResultSetToken* rsPtr,
                                               StatData* statDataPtr) noexcept {
   const LocalCall call;
@@ -732,6 +756,8 @@ int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
 }
 
 namespace {
+// getNextId, unless the step is one that stepWithinElement makes. Not inlined, so that the frame of
+// a public call costs nothing in those.
 [[gnu::noinline, gnu::cold]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   const LocalCall call;
   int rc = stapiInit();
@@ -751,21 +777,23 @@ int getNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
 namespace zeb {
 namespace {
 
-// All *EXC* lines of one of these calls have its last number.
+// The numbers of these calls are used up, so all *EXC* lines of a call have the same one.
 constexpr int kCopyRefusedPoint = 1137;
 constexpr int kDumpRefusedPoint = 1134;
 constexpr int kIdQueryRefusedPoint = 1142;
 
+// The words in which the lines of copyResultSet and dumpResultSet differ.
 struct ContentCall {
   const char* name;
-  const char* argument;
-  const char* purpose;  // completes the message about a missing buffer
+  const char* argument;  // the name of the result set's argument
+  const char* purpose;   // completes the message about a missing buffer
   int refusedPoint;
 };
 constexpr ContentCall kCopyResultSet = {"copyResultSet", "srcRs", "copy", kCopyRefusedPoint};
 constexpr ContentCall kDumpResultSet = {"dumpResultSet", "rsPtr", "dump", kDumpRefusedPoint};
 
-// What copyResultSet and dumpResultSet need of a result set.
+// Checks what copyResultSet and dumpResultSet need: a buffer with an answer, and the owner's
+// thread. Returns 0 or the code of the call.
 int checkContent(const ContentCall& call, const ResultSetToken& resultSet) noexcept {
   if (resultSet.head == nullptr) {
     TRACE_EXC(call.refusedPoint, "API.%s(%s=%p) resultSetBuf is NULL - no data to %s\n", call.name,
@@ -780,6 +808,7 @@ int checkContent(const ContentCall& call, const ResultSetToken& resultSet) noexc
   return checkResultSetOwner(resultSet);
 }
 
+// quirk: if there is no memory for the buffer, the caller gets a copy without one, and frees it.
 int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept {
   if (srcRsPtr == nullptr) {
     TRACE_EXC(kCopyRefusedPoint, "API.copyResultSet(srcRs=%p) Supplied result set token is NULL\n",
@@ -795,7 +824,7 @@ int copyToNewResultSet(const ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr
   if (rc != 0) return rc;
   rc = createResultSet(tarRsPtr, "ZEBRSUSR", kOwnerUser);
   if (rc != 0) {
-    // quirk: shows no code
+    // quirk: prints no code, because the % of %d is missing
     TRACE_EXC(kCopyRefusedPoint, "API.copyResultSet() Invalid source resultset zebStatRc=d\n");
     return rc;
   }
@@ -830,6 +859,7 @@ int copyResultSet(ResultSetToken* srcRsPtr, ResultSetToken** tarRsPtr) noexcept 
 
 namespace {
 
+// Returns the code of freeResultSet for a result set that is not a copy.
 int refuseToFree(const ResultSetToken& resultSet) noexcept {
   if (resultSet.head == nullptr) {
     TRACE_EXC(1141, "API.freeResultSet(rsPtr=%p) resultSetBuf is NULL. Connection may have gone.\n",
@@ -907,6 +937,10 @@ int refuseIdQuery(const char* what, int rc) noexcept {
   return rc;
 }
 
+// Returns 0 or the code of getIdQuery. working is the block in which the query is to be built, or
+// null if there was no memory.
+//
+// quirk: the buffer is checked even after another failure, and a failure there replaces its code.
 int checkIdQuery(const ResultSetToken& resultSet, const char* working,
                  char** idQueryStringPtr) noexcept {
   int rc = 0;
@@ -923,7 +957,7 @@ int checkIdQuery(const ResultSetToken& resultSet, const char* working,
     TRACE_EXC(kIdQueryRefusedPoint, "API.getIdQuery(rsPtr=%p) resultSetBuf is NULL\n", &resultSet);
     return ZEB_NO_RESULT_SET_BUFFER;
   }
-  if (!hasKnownContent(resultSet.head)) {  // quirk: replaces the code found above
+  if (!hasKnownContent(resultSet.head)) {
     TRACE_EXC(kIdQueryRefusedPoint,
               "API.getIdQuery Resultset does not contain recognised content\n");
     return ZEB_WRONG_CONTENT;
@@ -931,6 +965,7 @@ int checkIdQuery(const ResultSetToken& resultSet, const char* working,
   return rc;
 }
 
+// The query is built in a block of its own, so that a failure leaves the result set's former one.
 int buildIdQuery(ResultSetToken* rsPtr, char** idQueryStringPtr, int& goodIdCount) noexcept {
   if (rsPtr == nullptr) return refuseIdQuery("result set token", ZEB_RESULT_SET_NULL);
   const Block<char> working = allocate<char>(kQueryStringSize);

@@ -1,4 +1,4 @@
-// Start of the library, and the private functions of the public module.
+// The initialisation of the library, and the duplication of strings.
 #ifndef STAPI_ZEB_IMPL_H
 #define STAPI_ZEB_IMPL_H
 
@@ -7,23 +7,26 @@
 
 #include "zebstats_private.h"
 
-// dup2ASCIIString for a text that the host gets; it frees the copy. The same codes.
+// Like dup2ASCIIString, below, for a text that is handed to the host, which frees the copy. Returns
+// the same codes.
 ZEB_INTERNAL int dup2NativeString(const char* dataPtr, char** outputPtr) ZEB_NOEXCEPT;
 
 namespace zeb {
 
-extern std::atomic<std::int32_t> stapiState;  // 1: initialised
+extern std::atomic<std::int32_t> stapiState;  // 0: not initialised, 1: initialised
 
 inline bool isStarted() noexcept {
   return stapiState.load(std::memory_order_acquire) != 0;
 }
 
-// Initialises the library once, thread-safe; after a failure the next call tries again. Returns 0,
-// -111, -121 or the failure of the list's lock (-2).
+// Initialises the library once; any number of threads may call it at the same time. After a failure
+// the next call tries again. Returns 0, ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED, or -2 (gtlLock could
+// not be initialised).
 int stapiInit() noexcept;
 
-// Copies a query string into a new block that the caller frees. Returns 0, -2 (missing or too long,
-// the output is not written) or -1 (no memory, the output is null).
+// Copies a query string to a new block, which the caller frees, and stores its address in
+// *outputPtr. Returns 0, -1 (no memory; *outputPtr is null), or -2 (a null argument, or a text of
+// 32,766 characters or more; *outputPtr is not written).
 int dup2ASCIIString(const char* dataPtr, char** outputPtr) noexcept;
 
 }  // namespace zeb

@@ -1,8 +1,11 @@
-// Mutexes that know whether they have been initialised, so that a lock used too early or too late
-// is reported instead of touching an invalid mutex.
+// Mutexes that know whether they have been initialised. The use of a lock before its initialisation
+// or after its destruction is reported, and does not touch an invalid mutex.
 //
-// The operations trace themselves without traceLock, since traceLock may be the lock they are about
-// to take.
+// The operations write their trace lines without taking traceLock, since that may be the lock they
+// work on.
+//
+// quirk: the failure lines show errno, which pthread functions do not set; the EXIT line shows the
+// error as mutexRc.
 
 #include "stapi_zeb_lock.h"
 
@@ -16,11 +19,12 @@ extern const char stapi_zeb_lock_notice[] ZEB_INTERNAL_DATA;
 const char stapi_zeb_lock_notice[] = ZEB_NOTICE("stapi_zeb_lock");
 }
 
-// With a time stamp on the stack: no lock protects the shared one.
+// A trace point without traceLock. Its time stamp is on the stack, because only traceLock protects
+// the shared one.
 #define TRACE_LOCK(level, word, point, text, ...)                                \
   do {                                                                           \
     if (zeb::traceLevel() >= (level)) [[unlikely]] {                             \
-      char stamp[sizeof timeStamp];                                              \
+      char stamp[sizeof timeStamp] = {};                                         \
       ZEB_TRACE_WITH(writeLockTraceLine, true, getTimestamp(stamp), word, point, \
                      text __VA_OPT__(, ) __VA_ARGS__);                           \
     }                                                                            \
@@ -34,21 +38,20 @@ const char stapi_zeb_lock_notice[] = ZEB_NOTICE("stapi_zeb_lock");
 
 namespace {
 
-constexpr std::uint32_t kInitialized = 0xFFEEDDCC;
 constexpr std::uint32_t kDestroyed = 0xCCDDEEFF;
 
 constexpr int kAlreadyInitialized = 1;
 constexpr int kNotInitialized = -1;
 constexpr int kInitFailed = -2;
 constexpr int kReleaseFailed = -5;
-constexpr int kDestroyFailed = zeb::kLockRequestFailed;  // kept: the code of a failed request
+constexpr int kDestroyFailed = zeb::kLockRequestFailed;  // quirk: the same code
 
 }  // namespace
 
 namespace zeb {
 
 bool lockForFork(LockRecord& lock) noexcept {
-  return lock.state == kInitialized && pthread_mutex_lock(&lock.mutex) == 0;
+  return lock.state == kLockInitialized && pthread_mutex_lock(&lock.mutex) == 0;
 }
 
 void unlockAfterFork(LockRecord& lock) noexcept {
@@ -61,10 +64,10 @@ int initializeLock(LockRecord* lockPtr) noexcept {
   int rc = 0;
   int mutexRc = 0;
   TRACE_LOCK_ENTRY(3100, "stapi_zeb_lock.initializeLock(lockPtr=%p)\n", lockPtr);
-  if (lockPtr->state == kInitialized) {
+  if (lockPtr->state == zeb::kLockInitialized) {
     rc = kAlreadyInitialized;
   } else if ((mutexRc = pthread_mutex_init(&lockPtr->mutex, nullptr)) == 0) {
-    lockPtr->state = kInitialized;
+    lockPtr->state = zeb::kLockInitialized;
   } else {
     rc = kInitFailed;
     TRACE_LOCK_EXC(
@@ -80,7 +83,7 @@ int requestLock(LockRecord* lockPtr) noexcept {
   int rc = 0;
   int mutexRc = 0;
   TRACE_LOCK_ENTRY(3103, "stapi_zeb_lock.requestLock(lockPtr=%p)\n", lockPtr);
-  if (lockPtr->state != kInitialized) {
+  if (lockPtr->state != zeb::kLockInitialized) {
     rc = kNotInitialized;
     TRACE_LOCK_EXC(3104, "stapi_zeb_lock.requestLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_lock(&lockPtr->mutex)) != 0) {
@@ -97,7 +100,7 @@ int releaseLock(LockRecord* lockPtr) noexcept {
   int rc = 0;
   int mutexRc = 0;
   TRACE_LOCK_ENTRY(3107, "stapi_zeb_lock.releaseLock(lockPtr=%p)\n", lockPtr);
-  if (lockPtr->state != kInitialized) {
+  if (lockPtr->state != zeb::kLockInitialized) {
     rc = kNotInitialized;
     TRACE_LOCK_EXC(3108, "stapi_zeb_lock.releaseLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_unlock(&lockPtr->mutex)) != 0) {
@@ -114,7 +117,7 @@ int destroyLock(LockRecord* lockPtr) noexcept {
   int rc = 0;
   int mutexRc = 0;
   TRACE_LOCK_ENTRY(3111, "stapi_zeb_lock.destroyLock(lockPtr=%p)\n", lockPtr);
-  if (lockPtr->state != kInitialized) {
+  if (lockPtr->state != zeb::kLockInitialized) {
     rc = kNotInitialized;
     TRACE_LOCK_EXC(3112, "stapi_zeb_lock.destroyLock(lockPtr=%p) Lock not initialized\n", lockPtr);
   } else if ((mutexRc = pthread_mutex_destroy(&lockPtr->mutex)) == 0) {

@@ -1,4 +1,5 @@
-// The records of closed connections, waiting in line before their memory is used again.
+// The records of closed connections: a ring in which each new record replaces, and frees, the
+// oldest one.
 
 #include "stapi_zeb_memory.h"
 
@@ -12,7 +13,9 @@ namespace {
 constexpr std::size_t kRecordsPerConnection = 2;
 
 std::array<std::atomic<void*>, kRetiredConnections * kRecordsPerConnection> retired;
+// It may overflow: the length of the ring divides 2^32.
 std::atomic<std::uint32_t> retiredCount{0};
+static_assert((retired.size() & (retired.size() - 1)) == 0);
 
 }  // namespace
 

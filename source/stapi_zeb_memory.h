@@ -1,4 +1,5 @@
-// Blocks of memory that free themselves, and guards for mutexes that are not traced.
+// Blocks of memory that free themselves, the records of closed connections, and guards for mutexes
+// and errno.
 #ifndef STAPI_ZEB_MEMORY_H
 #define STAPI_ZEB_MEMORY_H
 
@@ -18,25 +19,29 @@ struct Free {
 template <typename T>
 using Block = std::unique_ptr<T, Free>;
 
+// Returns a new block of size bytes, or null.
 template <typename T = unsigned char>
 Block<T> allocate(std::size_t size = sizeof(T)) noexcept {
   return Block<T>(static_cast<T*>(malloc(size)));
 }
 
-// How many further connections can be closed before the memory of a closed one is used again.
+// The number of further connections that must be closed before the records of a closed one are
+// freed.
 constexpr std::size_t kRetiredConnections = 1024;
 
-// Takes over a malloc'ed record of a connection that has been closed, the token or its result set.
-// Its memory stays readable until the records of kRetiredConnections further connections have been
-// retired, so that an old handle is neither a crash nor the handle of another connection. Two
-// records are retired for each connection.
+// Takes ownership of a malloc'ed record of a closed connection: its token or its result set, so two
+// records for each connection. The record is freed when those of kRetiredConnections further
+// connections have been retired. Until then no other connection gets its address, and a call with
+// the old handle can recognise it. Any thread may call this.
 void retire(void* record) noexcept;
 
-// Frees all retired records when the library is unloaded: nobody has a handle any more.
+// Frees all retired records. It is called when the library is unloaded, when nobody can use a
+// handle any more, and at the end of the process, when a thread that still runs must not use the
+// handle of a closed connection.
 void freeRetired() noexcept;
 
-// Holds a mutex for a scope. If it cannot be locked, the work is done without it and nothing is
-// released.
+// Holds a mutex for a scope, without a trace line. If the mutex cannot be locked, the work of the
+// scope runs without it and nothing is released.
 class MutexGuard {
  public:
   explicit MutexGuard(pthread_mutex_t& mutex) noexcept
@@ -52,7 +57,7 @@ class MutexGuard {
   bool isHeld_;
 };
 
-// Leaves errno as it was.
+// Restores errno at the end of its scope.
 class ErrnoKeeper {
  public:
   ~ErrnoKeeper() { errno = kept_; }

@@ -182,7 +182,7 @@ struct AnswerParse {
   // The bytes of statistics, counting lengths with their width on the wire. Only traced; wrong
   // while untraced.
   int total;
-  int headsLeft = kMostHeads;
+  int headsLeft = kMaxHeads;
 };
 
 template <typename Text>
@@ -222,7 +222,7 @@ template <typename Copy>
   if (parse.headsLeft <= 0) parse.in.fail();
   if (blocks.next() != kEndBlockData && blocks.next() != kObject) return false;
   copy(blocks);
-  parse.in.skip(blocks.size());
+  parse.in.skip(blocks.wireSize());
   if (!blocks.ok()) parse.in.fail();
   return true;
 }
@@ -292,7 +292,7 @@ void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexce
     const std::string_view piece = in.piece(left);
     out.chars(piece);
     left -= piece.size();
-  } while (left > 0 && out.ok());
+  } while (left > 0 && in.ok() && out.ok());
 }
 
 void writeText(ResultSetWriter& out, std::string_view text) noexcept {
@@ -399,7 +399,7 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   copyText(blocks, parse.out, length);
   showWholeValue(length);
   parse.total += idLength + 2 + length + 2;
-  parse.in = ByteReader(stat.subspan(blocks.size()));
+  parse.in = ByteReader(stat.subspan(blocks.wireSize()));
   if (!blocks.ok()) parse.in.fail();
   return true;
 }

@@ -227,6 +227,8 @@ TEST(StorageDump, EndsAtItsLengthOrAtTheStopWordAndStaysInsideTheStorage) {
   const zeb::TracedStorage unended = {exact.get(), 0, kTerminator, 20};
   EXPECT_EQ(dumped(exact.get(), [&] { return zeb::dumpStorage(unended); }),
             "20: " + kFullLine + "6768696A                            : ghij\n");
+  const zeb::TracedStorage tooShort = {kText.data(), 32, 0, 16};
+  EXPECT_EQ(dumped(kText.data(), [&] { return zeb::dumpStorage(tooShort); }), "16: " + kFullLine);
 }
 
 }  // namespace

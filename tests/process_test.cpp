@@ -135,6 +135,7 @@ TEST_F(HostProcess, HandsNoDescriptorToAProgramThatItExecutes) {
       EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
       EXPECT_EQ(countDescriptors(), count + 2);
       EXPECT_GT(s.token->socket, 2);
+      EXPECT_GT(fileno(statAPITraceHandle), 2);
       EXPECT_EQ(countInherited(), inherited);
     });
   }
