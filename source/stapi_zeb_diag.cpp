@@ -21,7 +21,10 @@
 #include <stdio_ext.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -140,14 +143,25 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
-// Writes without waiting: standard error may be a pipe whose reader sleeps. The stream is bypassed,
-// because it may buffer output of the host, and because a thread of the host may hold its lock
-// while it is blocked.
-bool writeToStandardError(const char* text, std::size_t length) noexcept {
-  const int descriptor = fileno(stderr);
+// Writes to a descriptor of the host without waiting. A poll alone is not enough for a pipe or a
+// socket, which another writer may fill after it; older kernels have nothing better for a pipe.
+ssize_t writeAtOnce(int descriptor, const char* text, std::size_t length) noexcept {
+  struct stat status = {};
+  fstat(descriptor, &status);
+  if (S_ISSOCK(status.st_mode)) return send(descriptor, text, length, MSG_DONTWAIT);
+  if (S_ISFIFO(status.st_mode)) {
+    const iovec piece = {.iov_base = const_cast<char*>(text), .iov_len = length};
+    const ssize_t written = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
+    if (written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) return written;
+  }
   pollfd waited = {.fd = descriptor, .events = POLLOUT, .revents = 0};
-  if (poll(&waited, 1, 0) <= 0) return false;
-  return write(descriptor, text, length) == static_cast<ssize_t>(length);
+  return poll(&waited, 1, 0) > 0 ? write(descriptor, text, length) : -1;
+}
+
+// Standard error may be a pipe whose reader sleeps. The stream is bypassed, because it may buffer
+// output of the host, and because a thread of the host may hold its lock while it is blocked.
+bool writeToStandardError(const char* text, std::size_t length) noexcept {
+  return writeAtOnce(fileno(stderr), text, length) == static_cast<ssize_t>(length);
 }
 
 // Does not wait either: openTraceFile makes files non-blocking.

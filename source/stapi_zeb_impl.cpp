@@ -48,7 +48,7 @@ int initialize() noexcept {
   startRememberingPid();
   int rc = initTrace();
   if (rc != 0) {
-    fprintf(stderr, "API.stapiInit() Initialization of zebstats API trace has failed. rc=%d\n", rc);
+    writeRaw("API.stapiInit() Initialization of zebstats API trace has failed. rc=%d\n", rc);
     return rc;
   }
   rc = initGTL();
