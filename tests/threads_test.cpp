@@ -1,6 +1,6 @@
 // Many threads at once: first calls that race to initialise the library, and connections side by
-// side while another thread dumps the state and moves the trace. The thread sanitiser's build runs
-// the same tests.
+// side while another thread dumps the state and moves the trace; and the locks. The thread
+// sanitiser's build runs the same tests.
 
 #include <sys/wait.h>
 
@@ -117,6 +117,35 @@ TEST(Threads, ConnectionsOfEightTearNoTraceLineWhileANinthDumpsAndSwitches) {
   EXPECT_EQ(setAPITraceFile(nullptr), 0);
   for (const TemporaryFile& file : files) expectWholeLines(file, 1000);
   printf("EVIDENCE F11 points=%d failures=%d\n", 8 * kRounds, HasFailure());
+}
+
+TEST(Lock, ReturnsAndTracesTheCodeOfEachOperation) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "misuses a mutex on purpose";
+#endif
+  LockRecord lock = {};
+  const auto reportMisuse = [](LockRecord* record) noexcept {
+    record->mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+    return initializeLock(record);
+  };
+  const struct {
+    int (*call)(LockRecord*) noexcept;
+    int mutexRc, rc;
+  } steps[] = {
+      {requestLock, 0, -1},       {releaseLock, 0, -1},     {destroyLock, 0, -1},
+      {initializeLock, 0, 0},     {reportMisuse, 0, 1},     {requestLock, 0, 0},
+      {requestLock, EDEADLK, -4}, {destroyLock, EBUSY, -4}, {releaseLock, 0, 0},
+      {releaseLock, EPERM, -5},   {destroyLock, 0, 0},      {requestLock, 0, -1},
+      {initializeLock, 0, 0},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(&step - steps);
+    const TraceCapture trace(5);
+    EXPECT_EQ(step.call(&lock), step.rc);
+    const std::string story = trace.story();
+    EXPECT_TRUE(story.ends_with(formatText("mutexRc=%d rc=%d\n", step.mutexRc, step.rc))) << story;
+    EXPECT_EQ(story.find("*EXC*") != story.npos, step.rc < 0);
+  }
 }
 
 }  // namespace
