@@ -12,6 +12,7 @@
 
 #include "public_calls.h"
 #include "scripted_gateway.h"
+#include "stapi_zeb_gwycon.h"
 #include "stapi_zeb_gwytok.h"
 #include "trace_capture.h"
 
@@ -96,9 +97,10 @@ int runSession(int port) {
 }
 
 // Sends a handled signal to the calling thread, every millisecond from a given event on.
+std::atomic<int> handledSignals = 0;
 std::jthread sendSignals(const std::function<void()>& awaitStart = [] {}) {
   struct sigaction action = {};
-  action.sa_handler = [](int) {};
+  action.sa_handler = [](int) { ++handledSignals; };
   sigaction(SIGUSR1, &action, nullptr);
   return std::jthread([awaitStart, target = pthread_self()](const std::stop_token& end) {
     awaitStart();
@@ -172,10 +174,22 @@ TEST_F(Waits, ofAllConnectionsThatAreClosedTogetherShareOneTimeout) {
   for (GatewayToken* token : tokens) EXPECT_EQ(ask(token), ZEB_TOKEN_UNKNOWN);
 }
 
-TEST_F(Waits, withoutATimeoutEndAtASignal) {
-  const ScriptedGateway gateway(Script(kAsked).silence());
-  const std::jthread signals = sendSignals([&] { gateway.awaitSilence(); });
-  EXPECT_EQ(runSession(gateway.port()), ZEB_CONNECTION_LOST);
+TEST_F(Waits, withoutATimeoutEndAtASignalUnlessTheyAreForAConnect) {
+  {
+    const ScriptedGateway gateway(Script(kAsked).silence());
+    const std::jthread signals = sendSignals([&] { gateway.awaitSilence(); });
+    EXPECT_EQ(runSession(gateway.port()), ZEB_CONNECTION_LOST);
+  }
+  const FullListener full;
+  const int socket = full.waiting.back().get();
+  const std::jthread signals = sendSignals();
+  const std::jthread other([socket, enough = handledSignals + 20] {
+    while (handledSignals < enough) std::this_thread::yield();
+    shutdown(socket, SHUT_RDWR);
+  });
+  int error = 0;
+  EXPECT_EQ(waitForConnection(&socket, &error), kConnectFailed);
+  EXPECT_EQ(error, ECONNRESET);
 }
 
 // ---- Closing while the owner waits --------------------------------------------------------------
