@@ -69,9 +69,9 @@ int timed(int least, Calls calls) {
   return rc;
 }
 
-int openOn(int port, GatewayToken** token) {
+int openOn(int port, GatewayToken** token, const char* host = "127.0.0.1") {
   char* version = nullptr;
-  const int rc = openGatewayConnection(port, token, &version);
+  const int rc = openRemoteGatewayConnection(host, port, token, &version);
   std::free(version);
   return rc;
 }
@@ -81,19 +81,6 @@ int closeCopy(GatewayToken* token) {
 int ask(GatewayToken* token) {
   ResultSetToken* answer = nullptr;
   return getStats(token, &answer);
-}
-
-// Opens, asks and closes. The code of the call that fails, after which the connection is gone.
-int runSession(int port) {
-  GatewayToken* token = nullptr;
-  int rc = openOn(port, &token);
-  EXPECT_EQ(token == nullptr, rc != 0);
-  if (rc == 0 && (rc = ask(token)) == 0) return closeGatewayConnection(&token);
-  if (token != nullptr) {
-    EXPECT_EQ(ask(token), ZEB_TOKEN_UNKNOWN);
-    EXPECT_EQ(closeCopy(token), ZEB_TOKEN_UNKNOWN);
-  }
-  return rc;
 }
 
 // Sends a handled signal to the calling thread, every millisecond from a given event on.
@@ -111,7 +98,8 @@ std::jthread sendSignals(const std::function<void()>& awaitStart = [] {}) {
 
 // ---- Waits --------------------------------------------------------------------------------------
 
-// What a gateway does, and the code of the call that meets it. Without a script it accepts nobody.
+// What a gateway does, and the code of the session that meets it. Without a script it accepts
+// nobody.
 struct Row {
   const char* what;
   std::optional<Script> script;
@@ -132,30 +120,36 @@ const Row kWaiting[] = {
     {"dripped answer", Script(kAsked).drip(reply("Admin", kLong)).silence(), ZEB_TIMED_OUT},
     {"16 MiB", Script(kAsked).reply(zebsim::replyHeader("Admin", 0, 16 << 20)).silence(),
      ZEB_TIMED_OUT},
-    {"close", Script(kClosing).silence(), 0},
-    {"dripped close", Script(kClosing).drip(reply("BASE", kLong)).silence(), 0}};
+    {"close", Script(kClosing).silence(), ZEB_END_OF_RESULTS},
+    {"dripped close", Script(kClosing).drip(reply("BASE", kLong)).silence(), ZEB_END_OF_RESULTS}};
+
+// Returns the code of a session that takes at least this many milliseconds, while another thread
+// does something as soon as the gateway is silent.
+int meet(const Row& row, int least, const std::function<void()>& meanwhile) {
+  std::optional<ScriptedGateway> gateway;
+  std::optional<FullListener> full;
+  if (row.script) gateway.emplace(*row.script);
+  const int port = gateway ? gateway->port() : full.emplace().port;
+  std::thread other([&] {
+    if (gateway) gateway->awaitSilence();
+    meanwhile();
+  });
+  const int rc = timed(least, [&] { return runSession(port); });
+  other.join();
+  return rc;
+}
 
 // A timeout that is set meanwhile holds for later calls.
 TEST_F(Waits, endAtTheTimeoutThatTheirCallStartedWithWhateverTheSignals) {
   const std::regex limit("\\*EXC\\*.*\\b" + std::to_string(kLimit) + "\\b");
-  const FullListener full;
   const auto expectEnds = [&] {
     for (const Row& row : kWaiting) {
       SCOPED_TRACE(row.what);
       ++points;
       EXPECT_EQ(setAPITimeout(kLimit), 0);
-      std::optional<ScriptedGateway> gateway;
-      if (row.script) gateway.emplace(*row.script);
-      std::thread other([&] {
-        if (!gateway) return;
-        gateway->awaitSilence();
-        setAPITimeout(kNever);
-      });
       const TraceCapture trace(1);
-      EXPECT_EQ(timed(kLimit, [&] { return runSession(gateway ? gateway->port() : full.port); }),
-                row.rc);
+      EXPECT_EQ(meet(row, kLimit, [&] { setAPITimeout(row.script ? kNever : kLimit); }), row.rc);
       EXPECT_TRUE(std::regex_search(trace.text(), limit)) << trace.text();
-      other.join();
       EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
     }
   };
@@ -207,23 +201,18 @@ GatewayToken* awaitDescriptor() {
 }
 
 TEST_F(Waits, endAtOnceWhenAnotherThreadClosesTheConnection) {
-  const FullListener full;
   for (const Row& row : kWaiting) {
-    if (row.rc == 0 || std::string_view(row.what).starts_with("dripped")) continue;
+    if (row.rc == ZEB_END_OF_RESULTS || std::string_view(row.what).starts_with("drip")) continue;
     for (int i = 0; i < 4; ++i, ++points) {
       const bool all = i % 2 == 1, limited = i >= 2;
       SCOPED_TRACE(formatText("%s, close all %d, with a timeout %d", row.what, all, limited));
       EXPECT_EQ(setAPITimeout(limited ? kNever : 0), 0);
-      std::optional<ScriptedGateway> gateway;
-      if (row.script) gateway.emplace(*row.script);
-      std::thread supervisor([&] {
-        if (gateway) gateway->awaitSilence();
+      const auto close = [&] {
         GatewayToken* token = awaitDescriptor();
         EXPECT_EQ(all ? closeAllGatewayConnections() : closeCopy(token), 0);
-      });
-      EXPECT_EQ(timed(0, [&] { return runSession(gateway ? gateway->port() : full.port); }),
+      };
+      EXPECT_EQ(meet(row, 0, close),
                 row.rc == ZEB_TIMED_OUT ? ZEB_CONNECTION_LOST : ZEB_TOKEN_UNKNOWN);
-      supervisor.join();
     }
   }
 }
@@ -275,20 +264,13 @@ TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClos
     if (*host == ':' && std::ifstream("/proc/net/if_inet6").peek() < 0) GTEST_SKIP() << "no IPv6";
     const GatewayServer server({.address = host});
     std::array<GatewayToken*, 3> tokens = {};
-    const auto open = [&](GatewayToken*& token) {
-      char* version = nullptr;
-      ASSERT_EQ(openRemoteGatewayConnection(host, server.port(), &token, &version), 0);
-      std::free(version);
-    };
-    for (GatewayToken*& token : tokens) open(token);
-    std::array<std::size_t, 3> order = {0, 1, 2};
-    do {
-      for (const std::size_t i : order) {
-        EXPECT_EQ(closeGatewayConnection(&tokens[i]), 0);
-        open(tokens[i]);
-        for (GatewayToken* token : tokens) EXPECT_EQ(ask(token), 0);
-      }
-    } while (std::next_permutation(order.begin(), order.end()));
+    for (GatewayToken*& token : tokens) ASSERT_EQ(openOn(server.port(), &token, host), 0);
+    // A new connection is the last one of the list.
+    for (const std::size_t i : {2, 2, 0, 1, 0, 2, 1}) {
+      EXPECT_EQ(closeGatewayConnection(&tokens[i]), 0);
+      ASSERT_EQ(openOn(server.port(), &tokens[i], host), 0);
+      for (GatewayToken* token : tokens) EXPECT_EQ(ask(token), 0);
+    }
     int keptAlive = 0, notDelayed = 0;
     socklen_t size = sizeof keptAlive;
     getsockopt(tokens[0]->socket, SOL_SOCKET, SO_KEEPALIVE, &keptAlive, &size);

@@ -105,16 +105,14 @@ std::string step(int (*call)(ResultSetToken*, Record*) noexcept, ResultSetToken*
 }
 
 // A whole walk, with the code that ended it.
-template <typename Record>
-std::string walk(int (*start)(ResultSetToken*, Record*) noexcept,
-                 int (*next)(ResultSetToken*, Record*) noexcept, ResultSetToken* token) {
-  std::string found = step(start, token);
-  while (found.back() == ' ' && found.size() < 500000) found += step(next, token);
-  return found;
-}
 std::string walk(bool isStats, bool withFirst, ResultSetToken* token) {
-  return isStats ? walk(withFirst ? getFirstStat : getNextStat, getNextStat, token)
-                 : walk(withFirst ? getFirstId : getNextId, getNextId, token);
+  const auto take = [&](bool isFirst) {
+    return isStats ? step(isFirst ? getFirstStat : getNextStat, token)
+                   : step(isFirst ? getFirstId : getNextId, token);
+  };
+  std::string found = take(withFirst);
+  while (found.back() == ' ' && found.size() < 500000) found += take(false);
+  return found;
 }
 
 struct WalkOf : testing::TestWithParam<bool> {

@@ -111,6 +111,24 @@ struct Connection {
   int rc;
 };
 
+// Opens, asks, reads and closes. Returns the first code that is not 0. After a failure the
+// connection is gone, and nothing has been handed out.
+inline int runSession(int port) {
+  errno = EAGAIN;  // must not be taken for a reason
+  Connection connection(port);
+  ResultSetToken* answer = nullptr;
+  IdData id;
+  if (connection.rc == 0) connection.rc = getStatIds(connection.token, &answer);
+  if (connection.rc == 0) return getFirstId(answer, &id);
+  if (connection.token != nullptr) {
+    EXPECT_EQ(getStatIds(std::exchange(connection.token, nullptr), &answer), ZEB_TOKEN_UNKNOWN);
+  } else {
+    EXPECT_EQ(connection.version, nullptr);
+  }
+  EXPECT_EQ(answer, nullptr);
+  return connection.rc;
+}
+
 // What one side asks and the other answers.
 class Script {
  public:

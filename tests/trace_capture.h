@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -24,15 +23,6 @@
 #include "zebstats.h"
 
 namespace zebtest {
-
-// Whether the text begins in this shape, in which "9" is any digit and "F" any hexadecimal one.
-inline bool hasShape(std::string_view text, std::string_view shape) {
-  const auto fits = [](char model, char c) {
-    if (model == '9') return c >= '0' && c <= '9';
-    return model == 'F' ? std::isxdigit(c) != 0 && std::islower(c) == 0 : c == model;
-  };
-  return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(), fits);
-}
 
 // What printf makes of the arguments.
 [[gnu::format(printf, 1, 2)]] inline std::string formatText(const char* format, ...) {
