@@ -15,11 +15,7 @@
 #include "trace_capture.h"
 
 using testing::ElementsAre;
-using testing::MatchesRegex;
-using zebtest::formatText;
-using zebtest::splitLines;
-using zebtest::TemporaryFile;
-using zebtest::TraceCapture;
+using namespace zebtest;
 
 // The linker sends the library's calls here. A time that a test has set grows with each call.
 static timeval fakeTime = {};
@@ -34,7 +30,7 @@ extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
 
 namespace {
 
-const auto kBanner = MatchesRegex(
+const auto kBanner = testing::MatchesRegex(
     R"(\*\*\* ../../.. KRO Velora ZEBSTATS DLL trace V8\.0\.0\.1 API V1_1_0_1 Build Level b800-20101014 \*\*\*)");
 const std::string kRule(80, '-');
 
@@ -66,6 +62,10 @@ TEST(FirstCall, SwitchesTheTraceOffAndEachRiseOnStandardErrorWritesTheBanner) {
 TEST(TraceLine, AppearsFromTheLevelOfItsWordOnWithProcessAndThread) {
   const std::string ids = formatText(" [0x%8.8X,0x%8.8X] ", static_cast<unsigned>(getpid()),
                                      static_cast<unsigned>(pthread_self()));
+  const std::pair<int, const char*> probes[] = {
+      {1, "[0007] *EXC*  probe"},  {2, "[0042] EVENT  probe"},
+      {3, "[0999] ENTRY  probe"},  {3, "[1234] EXIT   probe"},
+      {4, "[31000] DEBUG  probe"}, {4, "[9999] DATA   probe data=(nil) len=1 stopword=0000000E"}};
   for (int level = 0; level <= 5; ++level) {
     const TraceCapture trace(level);
     TRACE_EXC(7, "probe\n");
@@ -77,13 +77,7 @@ TEST(TraceLine, AppearsFromTheLevelOfItsWordOnWithProcessAndThread) {
     std::string seen, expected;
     for (const std::string& line : splitLines(trace.text()))
       if (line.find("probe") != line.npos) seen += line.substr(21) + "\n";
-    for (const auto& [from, shown] :
-         {std::pair(1, "[0007] *EXC*  probe"),
-          {2, "[0042] EVENT  probe"},
-          {3, "[0999] ENTRY  probe"},
-          {3, "[1234] EXIT   probe"},
-          {4, "[31000] DEBUG  probe"},
-          {4, "[9999] DATA   probe data=(nil) len=1 stopword=0000000E"}})
+    for (const auto& [from, shown] : probes)
       if (level >= from) expected += ids + shown + "\n";
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(trace.text().find("stapi_zeb_lock.requestLock(") != std::string::npos, level == 5);
@@ -141,14 +135,14 @@ TEST(TraceLine, LeavesErrnoAloneOnAFullDisk) {
 TEST(TraceFile, IsAppendedToAndSwitchedAndStaysIfTheNewOneCannotBeOpened) {
   const TemporaryFile second;
   const TraceCapture first(4);
-  const auto descriptors = zebtest::countDescriptors();
+  const auto descriptors = countDescriptors();
   EXPECT_EQ(setAPITraceFile(second.path().c_str()), 0);
   const auto errors = standardErrorOf([&] {
     EXPECT_EQ(setAPITraceFile(nullptr), 0);
     EXPECT_EQ(setAPITraceFile(nullptr), 0);
     EXPECT_EQ(setAPITraceFile(first.path().c_str()), 0);
   });
-  EXPECT_EQ(zebtest::countDescriptors(), descriptors) << "each is closed when another is opened";
+  EXPECT_EQ(countDescriptors(), descriptors) << "each is closed when another is opened";
   const std::string tooLong = std::string(1024 - first.path().size(), '/') + first.path();
   EXPECT_EQ(setAPITraceFile("/no/such/folder"), -130);
   EXPECT_EQ(setAPITraceFile(tooLong.c_str()), -130);

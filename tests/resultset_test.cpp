@@ -13,13 +13,10 @@
 #include "scripted_gateway.h"
 #include "trace_capture.h"
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using zebtest::formatText;
-using zebtest::TraceCapture;
-
+namespace zebtest {
 namespace {
+
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr;
 
 const std::string kEnd(reinterpret_cast<const char*>(&kTerminator), sizeof kTerminator);
 // What a dump may read after the end: no old memory.
@@ -186,29 +183,23 @@ TEST_P(WalkOf, RefusesDamagedBuffersAndStaysInside) {
   EXPECT_EQ(walk(isStats, true, answer.token), "-113") << "the end is where the count was";
 }
 
-// Of a walk that is under way, whose steps check the same in another way than the first one.
-template <typename Record>
-void expectRefusals(bool isStats, int (*next)(ResultSetToken*, Record*) noexcept, int nullCode) {
+// Under way a step checks them in another way than the first one.
+TEST_P(WalkOf, RefusesWrongArgumentsUnderWay) {
   const Answer answer(isStats, {{"Q1", 0, {"a", "b", "c"}}}), other(!isStats, {});
-  Record record;
-  EXPECT_EQ(next(answer.token, &record), 0);
-  EXPECT_EQ(memcmp(record.contentMarker, answer.token->head, 8), 0);
-  EXPECT_EQ(next(nullptr, &record), -127);
-  EXPECT_EQ(next(answer.token, nullptr), nullCode);
-  answer.token->head = other.token->head;
-  EXPECT_EQ(next(answer.token, &record), -119);
-  answer.token->head = nullptr;
-  EXPECT_EQ(next(answer.token, &record), -110);
-}
-
-TEST(Walk, UnderWayRefusesWrongArguments) {
-  expectRefusals<StatData>(true, getNextStat, -129);
-  expectRefusals<IdData>(false, getNextId, -128);
+  ResultSetToken* const token = answer.token;
+  const auto next = [&] { return isStats ? step(getNextStat, token) : step(getNextId, token); };
+  EXPECT_EQ(next(), "Q1(0)a ");
+  EXPECT_EQ(isStats ? getNextStat(token, nullptr) : getNextId(token, nullptr),
+            isStats ? -129 : -128);
+  token->head = other.token->head;
+  EXPECT_EQ(next(), "-119");
+  token->head = nullptr;
+  EXPECT_EQ(next(), "-110");
 }
 
 TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
   zebsim::GatewayServer server;
-  const zebtest::Connection connection(server.port());
+  const Connection connection(server.port());
   const std::vector<Element> elements = {{"Q1", 0, {"a", "b", "c"}}};
   const Answer stats(true, elements, kOwnerGateway), ids(false, elements, kOwnerGateway);
   const Answer copied(false, elements);
@@ -225,6 +216,7 @@ TEST(Owner, IsTheThreadAndTheProcessOfTheConnection) {
         getFirstStat(stats.token, &stat), getFirstId(ids.token, &id)};
     freeResultSet(&copy);
     EXPECT_EQ(getFirstId(copied.token, &id), 0) << "anyone may use a copy";
+    EXPECT_EQ(std::string(id.contentMarker, 8), "ZEBIDSET");
     return found;
   };
   const TraceCapture trace(1);
@@ -283,3 +275,4 @@ TEST(Buffer, IsNotWrittenWithoutArguments) {
 }
 
 }  // namespace
+}  // namespace zebtest

@@ -29,9 +29,7 @@
 
 #include <gtest/gtest.h>
 
-#include "gateway_encoder.h"
 #include "gateway_server.h"
-#include "gateway_wire.h"
 #include "zebstats.h"
 
 namespace zebtest {

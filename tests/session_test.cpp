@@ -117,12 +117,6 @@ TEST(Requests, AreNotSentToABadDescriptorNorIsItWaitedFor) {
   }
 }
 
-struct Case {
-  const char* what;
-  Script script;
-  int rc;  // of the open call, or of the query after it
-};
-
 int codeOf(const Script& script) {
   return runSession(ScriptedGateway(script).port());
 }
@@ -140,7 +134,8 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
     return Script().answer(kBase).answer(auth(words));
   };
   const Bytes cutAnywhere = reply("BASE", words({1, 2}));
-  std::vector<Case> cases = {
+  // With the code of the open call, or of the query after it.
+  std::vector<std::tuple<const char*, Script, int>> cases = {
       {"handshake: code", Script().answer(reply("BASE", "", 5)), -118},
       {"handshake: name of another length", Script().answer(admin("")), -118},
       {"authorisation: refused, no second step", authorised({0, 7, 1, 2, 3}), -118},
@@ -176,8 +171,8 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
        -122},
   };
   for (const std::size_t size : {0U, 1U, 28U, 32U, 33U, 37U, 40U})
-    cases.push_back(
-        {"handshake: cut short", Script().answer(cutAnywhere.substr(0, size)).halfClose(), -118});
+    cases.emplace_back("handshake: cut short",
+                       Script().answer(cutAnywhere.substr(0, size)).halfClose(), -118);
   // The resolver opens its own descriptors at its first use. No host has such a name.
   GatewayToken* token = nullptr;
   char* text = nullptr;
@@ -185,11 +180,11 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
   TraceCapture trace(1);
   const std::ptrdiff_t before = countDescriptors();
   std::string all;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, script, rc] : cases) {
+    SCOPED_TRACE(what);
     trace.restart();
-    EXPECT_EQ(codeOf(c.script), c.rc);
-    all += c.what + ("\n" + trace.masked());
+    EXPECT_EQ(codeOf(script), rc);
+    all += what + ("\n" + trace.masked());
     EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
     EXPECT_EQ(countDescriptors(), before);
   }
