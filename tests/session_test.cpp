@@ -130,17 +130,14 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
   const auto version = [](const char* text) {
     return called(kGetAttribute, Bytes(6, '\0') + wire(text));
   };
-  const auto authorised = [](std::initializer_list<std::uint32_t> words) {
-    return Script().answer(kBase).answer(auth(words));
-  };
-  const Bytes cutAnywhere = reply("BASE", words({1, 2}));
+  const Script greeted = Script().answer(kBase);
   // With the code of the open call, or of the query after it.
   std::vector<std::tuple<const char*, Script, int>> cases = {
       {"handshake: code", Script().answer(reply("BASE", "", 5)), -118},
       {"handshake: name of another length", Script().answer(admin("")), -118},
-      {"authorisation: refused, no second step", authorised({0, 7, 1, 2, 3}), -118},
-      {"authorisation: a word too short", authorised({0, 0, 1, 2}), -118},
-      {"authorisation: short answer of a second step", authorised({1, 0, 2}), -118},
+      {"authorisation: refused at once", Script(greeted).answer(auth({0, 7, 1, 2, 3})), -118},
+      {"authorisation: a word too short", Script(greeted).answer(auth({0, 0, 1, 2})), -118},
+      {"authorisation: short second step", Script(greeted).answer(auth({1, 0, 2})), -118},
       {"opening: connection gone", Script(connected).answer(admin("", 0xF004)), -102},
       {"opening: code", Script(connected).answer(admin("", 5)), -122},
       {"opening: refused", Script(connected).answer(admin(words({0, 5, 0}))), -122},
@@ -172,7 +169,8 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
   };
   for (const std::size_t size : {0U, 1U, 28U, 32U, 33U, 37U, 40U})
     cases.emplace_back("handshake: cut short",
-                       Script().answer(cutAnywhere.substr(0, size)).halfClose(), -118);
+                       Script().answer(reply("BASE", words({1, 2})).substr(0, size)).halfClose(),
+                       -118);
   // The resolver opens its own descriptors at its first use. No host has such a name.
   GatewayToken* token = nullptr;
   char* text = nullptr;
@@ -193,14 +191,11 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
 
 TEST(Session, SucceedsWithRepliesThatOnlyLookWrong) {
   const TraceCapture trace(4);  // which shows the call data, if there are any
-  for (const Bytes& first : {auth({1, 7, 2, 3}), reply("Auth", "")})
-    EXPECT_EQ(codeOf(Script()
-                         .answer(kBase)
-                         .answer(first)
-                         .answer(auth({1, 0, 0, 0}))
-                         .answerCall(kGetAttribute, encodeProtocol("v"))
-                         .answerQuery(kNoIds)),
-              ZEB_END_OF_RESULTS);
+  for (const Bytes& first : {auth({1, 7, 2, 3}), reply("Auth", "")}) {
+    Script opened = Script().answer(kBase).answer(first).answer(auth({1, 0, 0, 0}));
+    opened.answerCall(kGetAttribute, encodeProtocol("v")).answerQuery(kNoIds);
+    EXPECT_EQ(codeOf(opened), ZEB_END_OF_RESULTS);
+  }
   for (const Bytes& empty : {called(kInvoke, ""), admin(openingData(7))})
     EXPECT_EQ(codeOf(Script().answerOpen().answerOpening().answer(empty)), ZEB_WRONG_CONTENT);
   for (const std::size_t length : {0U, 63U, 64U, 32767U}) {

@@ -15,7 +15,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -124,8 +123,8 @@ class TraceCapture {
         {std::regex("^0x[0-9A-F]{8}: "), "ADDRESS: "},
         {std::regex(R"(^(\*\*\* )\d\d/\d\d/\d\d )"), "$1DATE "},
         {std::regex("(0x)+(?=[0-9a-f])"), "0x"},
-        {std::regex(R"((socketDesc|socketDescriptor|socket|port)(=|\()\d+)"), "$1$2NUMBER"},
-        {std::regex(R"((on socket|socketDescriptor\(|Created socket:) ?\d+)"), "$1 NUMBER"},
+        {std::regex(R"(((socketDesc|socketDescriptor|socket|port)[=(]|(on|Created) socket:? )\d+)"),
+         "$1NUMBER"},
         {std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT"},
         {std::regex(R"(/tmp/zebtrace\.\w{6})"), "FILE"},
         {std::regex(R"((owningPid|owningTid)\([0-9A-F]{8}\))"), "$1(ID)"}};
