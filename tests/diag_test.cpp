@@ -106,6 +106,7 @@ TEST(TraceLine, RepeatsTheTimeOfTheLineBeforeAtTheEndOfDumpStateAndTheStartOfThe
   EXPECT_EQ(dumpState(), 0);
   EXPECT_EQ(initGTL(), 1);
   fakeTime = {};
+  microsecondsPerCall = 0;
   std::string repeated, before;
   for (const std::string& line : splitLines(trace.text())) {
     if (line.substr(0, 21) == before) repeated += line.substr(line.rfind("] ") + 2) + "\n";
