@@ -262,7 +262,7 @@ TEST_F(Connections, overIPv6OrIPv4AreKeptAliveAndFoundInWhateverOrderTheyAreClos
     std::array<GatewayToken*, 3> tokens = {};
     for (GatewayToken*& token : tokens) ASSERT_EQ(openOn(server.port(), &token, host), 0);
     // A new connection is the last one of the list.
-    for (const std::size_t i : {2, 2, 0, 1, 0, 2, 1}) {
+    for (const std::size_t i : {2U, 2U, 0U, 1U, 0U, 2U, 1U}) {
       EXPECT_EQ(closeGatewayConnection(&tokens[i]), 0);
       ASSERT_EQ(openOn(server.port(), &tokens[i], host), 0);
       for (GatewayToken* token : tokens) EXPECT_EQ(ask(token), 0);
