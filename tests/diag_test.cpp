@@ -191,10 +191,8 @@ TEST(StorageDump, EndsAtItsLengthOrAtTheStopWordAndStaysInsideTheStorage) {
   EXPECT_EQ(dump(0, 16, {16}), "16: " + kFullLine + stopWord + " 6B6C6D6E 6F707172 73747576 : \n");
   EXPECT_EQ(dump(0, 16, {3, 9}), "9: 303132                              : 012....78\n")
       << "the later one moves the end";
-  EXPECT_EQ(dumped(kText.data(),
-                   [] {
-                     return zeb::dumpStorage({kText.data(), 0, kTerminator, 20});
-                   }),
+  const zeb::TracedStorage unended = {kText.data(), 0, kTerminator, 20};
+  EXPECT_EQ(dumped(kText.data(), [&] { return zeb::dumpStorage(unended); }),
             "20: " + kFullLine + "6768696A                            : ghij\n");
 }
 

@@ -19,9 +19,8 @@
 namespace zebtest {
 namespace {
 
-using zebsim::GatewayServer;
-using zebsim::reply;
-using Clock = std::chrono::steady_clock;
+using std::chrono::steady_clock;
+using zebsim::GatewayServer, zebsim::reply;
 
 // How much slower than this machine the host is that the tests run on: an emulator says so.
 const char* const kSlowness = std::getenv("ZEB_SLOWNESS");
@@ -58,11 +57,10 @@ class Waits : public Guarded {};
 class Connections : public Guarded {};
 
 // The code of calls that take at least this many milliseconds, and less than any that hang.
-template <typename Calls>
-int timed(int least, Calls calls) {
-  const Clock::time_point start = Clock::now();
+int timed(int least, const std::function<int()>& calls) {
+  const steady_clock::time_point start = steady_clock::now();
   const int rc = calls();
-  const auto taken = (Clock::now() - start) / std::chrono::milliseconds(1);
+  const auto taken = (steady_clock::now() - start) / std::chrono::milliseconds(1);
   EXPECT_GE(taken, least);
   EXPECT_LT(taken, kNever / 2);
   return rc;

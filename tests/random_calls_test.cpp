@@ -67,12 +67,12 @@ class RandomCaller {
     IdData id;
     int number = 0, rc = 0;
     const char* const host = below(200) == 0 ? "no such host" : "127.0.0.1";
-    const int smallNumber = static_cast<int>(below(8)) - 1;
     const int port = below(8) == 0 ? static_cast<int>(below(3)) * 65536 - 1 : port_;
+    const int level = static_cast<int>(below(8)) - 1;
     const Arguments a = {
         token,        orNull(&token), handle.answer,  orNull(&output), orNull(pick(texts).c_str()),
         orNull(host), pick(paths),    orNull(&text),  orNull(&stat),   orNull(&id),
-        smallNumber,  port,           orNull(&number)};
+        level,        port,           orNull(&number)};
     const bool isElsewhere = kind == Kind::kOpen && below(4) == 0;
     const auto make = [&] { rc = call.make(a); };
     isElsewhere ? std::thread(make).join() : make();
