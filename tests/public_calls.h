@@ -43,7 +43,7 @@ inline constexpr PublicCall kPublicCalls[] = {
     ZEB_CALL(kOther, "0 -104", setAPITraceLevel(a.number)),
     ZEB_CALL(kOther, "0 -137", setAPITimeout(a.number * 5000)),
     ZEB_CALL(kOther, "0 -109", getAPITimeout(a.numberPtr)),
-    ZEB_CALL(kOther, "0", getAPICodeText(-a.port) != nullptr ? 0 : 1),
+    ZEB_CALL(kOther, "0", getAPICodeText(-100 - a.number) != nullptr ? 0 : 1),
     ZEB_CALL(kOther, "0 -109", getStatsAPIVersion(a.textPtr)),
     ZEB_CALL(kOpen, kOpenCodes, openRemoteGatewayConnection(a.host, a.port, a.tokenPtr, a.textPtr)),
     ZEB_CALL(kQuery, kQueryCodes, getStatsByStatId(a.token, a.query, a.answerPtr)),

@@ -1,7 +1,7 @@
 // A scripted peer on 127.0.0.1: it expects requests in a given order and answers each as the script
 // says.
 //
-//   const ScriptedGateway gateway(Script().answerOpen().expect().hangUp());
+//   const ScriptedGateway gateway(Script().answerOpen().expect().silence());
 //   ... openGatewayConnection(gateway.port(), ...
 //
 // A request that differs from the script ends the connection, so that no client waits for ever, and
@@ -11,7 +11,6 @@
 #define ZEBTEST_SCRIPTED_GATEWAY_H
 
 #include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -30,9 +29,7 @@
 
 #include <gtest/gtest.h>
 
-#include "gateway_encoder.h"
 #include "gateway_server.h"
-#include "gateway_wire.h"
 #include "zebstats.h"
 
 namespace zebtest {
@@ -75,7 +72,6 @@ struct Listener {
       throw std::runtime_error("cannot listen: errno " + std::to_string(errno));
     port = ntohs(address.sin_port);
   }
-  [[nodiscard]] bool hasClient() const { return isReady(socket, POLLIN, 0); }
 
   Descriptor socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   int port = 0;
@@ -113,38 +109,36 @@ struct Connection {
   int rc;
 };
 
-// What one side asks and the other answers. A hang-up or a reset ends one connection; an
-// expectation after it waits for the next.
+// Opens, asks, reads and closes. Returns the first code that is not 0. After a failure the
+// connection is gone, and nothing has been handed out.
+inline int runSession(int port) {
+  errno = EAGAIN;  // must not be taken for a reason
+  Connection connection(port);
+  ResultSetToken* answer = nullptr;
+  IdData id;
+  if (connection.rc == 0) connection.rc = getStatIds(connection.token, &answer);
+  if (connection.rc == 0) return getFirstId(answer, &id);
+  if (connection.token != nullptr) {
+    EXPECT_EQ(getStatIds(std::exchange(connection.token, nullptr), &answer), ZEB_TOKEN_UNKNOWN);
+  } else {
+    EXPECT_EQ(connection.version, nullptr);
+  }
+  EXPECT_EQ(answer, nullptr);
+  return connection.rc;
+}
+
+// What one side asks and the other answers.
 class Script {
  public:
   // A request of these bytes, or any request.
   Script& expect(Bytes request = {}) { return add(Action::kExpect, std::move(request)); }
   Script& reply(Bytes bytes) { return add(Action::kReply, std::move(bytes)); }
-  Script& hangUp() { return add(Action::kHangUp); }
-  Script& reset() { return add(Action::kReset); }
+  // The same one byte at a time, until the client sends something or ends the connection.
+  Script& drip(Bytes bytes) { return add(Action::kDrip, std::move(bytes)); }
   Script& halfClose() { return add(Action::kHalfClose); }
   // Sends nothing until the client has ended the connection. The test fails if the client sends
-  // something, unless that is ignored, and if it is still connected when the gateway ends.
+  // something.
   Script& silence() { return add(Action::kSilence); }
-  Script& ignoreAll() { return add(Action::kIgnore); }
-  // The same script with each reply sent one byte at a time, until the client ends the connection,
-  // which ends the script.
-  [[nodiscard]] Script dripped() const {
-    Script slow = *this;
-    for (Step& step : slow.steps_)
-      if (step.action == Action::kReply) step.action = Action::kDrip;
-    return slow;
-  }
-  // For replies that were changed: if no whole request comes within these milliseconds, or another
-  // one than expected, the gateway ends the connection, and the test does not fail.
-  Script& tolerate(int patience) {
-    patience_ = patience;
-    return *this;
-  }
-  Script& then(const Script& next) {
-    steps_.insert(steps_.end(), next.steps_.begin(), next.steps_.end());
-    return *this;
-  }
 
   Script& answer(Bytes bytes) { return expect().reply(std::move(bytes)); }
   // All that an open call asks; the part of that before the protocol version.
@@ -163,16 +157,9 @@ class Script {
   }
   Script& answerOpening() { return answer(zebsim::reply("Admin", zebsim::openingData(7))); }
 
-  [[nodiscard]] std::vector<Bytes> replies() const {
-    std::vector<Bytes> all;
-    for (const Step& step : steps_)
-      if (step.action == Action::kReply) all.push_back(step.bytes);
-    return all;
-  }
-
  private:
   friend class ScriptedGateway;
-  enum class Action { kExpect, kReply, kDrip, kHangUp, kReset, kHalfClose, kSilence, kIgnore };
+  enum class Action { kExpect, kReply, kDrip, kHalfClose, kSilence };
   struct Step {
     Action action;
     Bytes bytes;
@@ -184,13 +171,12 @@ class Script {
   }
 
   std::vector<Step> steps_;
-  int patience_ = -1;  // of a gateway that tolerates everything
 };
 
 class ScriptedGateway {
  public:
   explicit ScriptedGateway(Script script)
-      : script_(std::move(script)), port_(listener_.port), thread_([this] { play(); }) {}
+      : script_(std::move(script)), thread_([this] { play(); }) {}
   ~ScriptedGateway() {
     EXPECT_EQ(eventfd_write(wake_.get(), 1), 0);
     thread_.join();
@@ -199,7 +185,7 @@ class ScriptedGateway {
   ScriptedGateway(const ScriptedGateway&) = delete;
   ScriptedGateway& operator=(const ScriptedGateway&) = delete;
 
-  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int port() const { return listener_.port; }
   // Returns when the script has come to its silence.
   void awaitSilence() const { isSilent_.wait(false); }
 
@@ -207,82 +193,48 @@ class ScriptedGateway {
   using Action = Script::Action;
 
   void play() {
-    for (; isPlaying() && at_ < script_.steps_.size(); ++at_) playStep(script_.steps_[at_]);
-    if (isPlaying()) playEnd();
-    if (isTolerant()) return drain();
+    for (; problem_.empty() && at_ < script_.steps_.size(); ++at_) playStep(script_.steps_[at_]);
+    if (problem_.empty()) playEnd();
     connection_ = {};
     listener_.socket = {};
     reachSilence();  // nobody waits for a script that went wrong
   }
 
-  [[nodiscard]] bool isPlaying() const { return problem_.empty() && !hasLeft_; }
-  [[nodiscard]] bool isTolerant() const { return script_.patience_ >= 0; }
-
-  void drain() {
-    problem_.clear();
-    shutdown(connection_.get(), SHUT_WR);
-    while (recv(connection_.get(), buffer_, sizeof buffer_, 0) > 0) continue;
-  }
-
   void playStep(const Script::Step& step) {
-    const Action action = step.action;
-    if (action == Action::kExpect) return expectRequest(step.bytes);
-    if (action == Action::kReply || action == Action::kDrip)
-      return sendReply(step.bytes, action == Action::kDrip);
-    if (action == Action::kSilence || action == Action::kIgnore)
-      return waitForEnd(action == Action::kIgnore);
-    if (action == Action::kHalfClose) return void(shutdown(connection_.get(), SHUT_WR));
-    const linger atOnce = {action == Action::kReset, 0};  // makes the close a reset
-    setsockopt(connection_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    connection_ = {};
-  }
-
-  void playEnd() {
-    Bytes request;
-    if ((connection_.get() >= 0 || acceptClient()) && readRequest(request) &&
-        request.substr(8, 4) != zebsim::words({zebsim::kCloseType}))
-      fail("a request after the end: " + testing::PrintToString(request));
+    const Bytes& bytes = step.bytes;
+    if (step.action == Action::kExpect) expectRequest(bytes);
+    // A client that goes away before it has read everything is not a fault of the script.
+    if (step.action == Action::kReply)
+      send(connection_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (step.action == Action::kDrip) drip(bytes);
+    if (step.action == Action::kHalfClose) shutdown(connection_.get(), SHUT_WR);
+    if (step.action == Action::kSilence) expectEnd();
   }
 
   void expectRequest(const Bytes& expected) {
-    Bytes request;
-    if (connection_.get() < 0 && !acceptClient()) return fail("nobody connected");
-    if (!readRequest(request))
-      return fail("no whole request came, only " + testing::PrintToString(request));
-    if (!expected.empty() && request != expected)
-      fail("other request:\n  got      " + testing::PrintToString(request) + "\n  expected " +
-           testing::PrintToString(expected));
+    const Bytes request = receive();
+    if (request.empty() || (!expected.empty() && request != expected))
+      fail(request, testing::PrintToString(expected));
   }
 
-  // A client that goes away before it has read everything is not a fault of the script.
-  void sendReply(std::string_view rest, bool isDripped) {
+  void drip(const Bytes& bytes) {
     constexpr int kPause = 3;
-    while (!rest.empty()) {
-      if (isDripped && isReady(connection_, POLLIN, kPause)) {
-        hasLeft_ = recv(connection_.get(), buffer_, 1, 0) <= 0;
-        return hasLeft_ ? void() : fail("it sent something during the reply");
-      }
-      if (!waitFor(connection_, POLLOUT)) return fail("stopped while it replied");
-      const ssize_t sent = send(connection_.get(), rest.data(), isDripped ? 1 : rest.size(),
-                                MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (sent < 0 && errno != EAGAIN) return void(hasLeft_ = isDripped);
-      if (sent > 0) rest.remove_prefix(static_cast<std::size_t>(sent));
-    }
+    for (const char byte : bytes)
+      if (isReady(connection_, POLLIN, kPause) ||
+          send(connection_.get(), &byte, 1, MSG_NOSIGNAL) != 1)
+        return;
   }
 
-  void waitForEnd(bool mayAsk) {
+  void expectEnd() {
     reachSilence();
-    while (waitFor(connection_, POLLIN)) {
-      const ssize_t got = recv(connection_.get(), buffer_, sizeof buffer_, 0);
-      if (got <= 0) {
-        connection_ = {};
-        return;
-      }
-      if (!mayAsk)
-        return fail("it sent " +
-                    testing::PrintToString(Bytes(buffer_, static_cast<std::size_t>(got))));
-    }
-    if (!mayAsk) fail("the client did not end the connection");
+    const Bytes request = receive();
+    if (!request.empty()) fail(request, "the end");
+  }
+
+  void playEnd() {
+    const Bytes request = receive();
+    if (!request.empty() && request.substr(8, 4) != zebsim::words({zebsim::kCloseType}))
+      fail(request, "a close request");
   }
 
   void reachSilence() {
@@ -290,56 +242,36 @@ class ScriptedGateway {
     isSilent_.notify_all();
   }
 
-  bool acceptClient() {
-    if (!waitFor(listener_.socket, POLLIN)) return false;
-    connection_ = Descriptor(accept(listener_.socket.get(), nullptr, nullptr));
-    const int on = 1;
-    setsockopt(connection_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return connection_.get() >= 0;
-  }
-
-  // Looks only at the lengths; the script decides whether the rest is right.
-  bool readRequest(Bytes& request) {
-    const auto lengthAt = [&](std::size_t at) {
-      return zebsim::ByteReader(std::string_view(request).substr(at)).u32();
-    };
-    if (!readUpTo(request, 24) || lengthAt(20) > 64) return false;
-    const std::size_t fixed = 29 + lengthAt(20);
-    if (!readUpTo(request, fixed) || lengthAt(fixed - 4) > 0x20000) return false;
-    return readUpTo(request, fixed + lengthAt(fixed - 4));
-  }
-
-  bool readUpTo(Bytes& request, std::size_t size) {
-    while (request.size() < size) {
-      if (!waitFor(connection_, POLLIN)) return false;
-      const ssize_t got =
-          recv(connection_.get(), buffer_, std::min(sizeof buffer_, size - request.size()), 0);
-      if (got <= 0) return false;
-      request.append(buffer_, static_cast<std::size_t>(got));
-    }
-    return true;
+  // What the client sends next: a whole request, because each is sent at once and is smaller than a
+  // segment. Empty at the end of the connection, and when the gateway is to stop.
+  Bytes receive() {
+    if (connection_.get() < 0 && waitFor(listener_.socket))
+      connection_ = Descriptor(accept(listener_.socket.get(), nullptr, nullptr));
+    char buffer[4096];
+    const ssize_t got =
+        waitFor(connection_) ? recv(connection_.get(), buffer, sizeof buffer, 0) : 0;
+    return {buffer, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
   }
 
   // False when the gateway is to stop and nothing is ready: what has come is still read.
-  bool waitFor(const Descriptor& waited, short event) const {
-    pollfd both[2] = {{waited.get(), event, 0}, {wake_.get(), POLLIN, 0}};
-    const int limit = &waited == &connection_ ? script_.patience_ : -1;
-    while (poll(both, 2, limit) < 0 && errno == EINTR) continue;
+  [[nodiscard]] bool waitFor(const Descriptor& waited) const {
+    pollfd both[2] = {{waited.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    poll(both, 2, -1);
     return both[0].revents != 0;
   }
 
-  void fail(const std::string& text) { problem_ = "step " + std::to_string(at_) + ": " + text; }
+  void fail(const Bytes& request, const std::string& expected) {
+    problem_ = "step " + std::to_string(at_) + ": it sent " + testing::PrintToString(request) +
+               " instead of " + expected;
+  }
 
   const Script script_;
   Listener listener_;
   Descriptor wake_{eventfd(0, EFD_CLOEXEC)};
   Descriptor connection_;
-  int port_;
   std::atomic<bool> isSilent_ = false;
   // The thread's own, until it has ended.
-  char buffer_[4096];
   std::size_t at_ = 0;
-  bool hasLeft_ = false;  // the client, during a dripped reply
   std::string problem_;
   std::thread thread_;
 };

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +15,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -24,22 +22,6 @@
 #include "zebstats.h"
 
 namespace zebtest {
-
-// Whether the text begins in this shape, in which "9" is any digit and "F" any hexadecimal one.
-inline bool hasShape(std::string_view text, std::string_view shape) {
-  const auto fits = [](char model, char c) {
-    if (model == '9') return c >= '0' && c <= '9';
-    return model == 'F' ? std::isxdigit(c) != 0 && std::islower(c) == 0 : c == model;
-  };
-  return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(), fits);
-}
-
-// A trace line with the parts that change from run to run replaced: "TIME [PID,TID] [2000] ENTRY
-// text". Lines without a prefix (banner, dumps) stay as they are.
-inline std::string maskPrefix(const std::string& line) {
-  constexpr std::string_view shape = "99/99/99 99:99:99:999 [0xFFFFFFFF,0xFFFFFFFF] [9999";
-  return hasShape(line, shape) ? "TIME [PID,TID]" + line.substr(shape.size() - 6) : line;
-}
 
 // What printf makes of the arguments.
 [[gnu::format(printf, 1, 2)]] inline std::string formatText(const char* format, ...) {
@@ -69,8 +51,6 @@ struct Named {
 // one, and "ADDRESS" anywhere else.
 inline std::string nameAddresses(std::string text, const std::vector<Named>& names) {
   for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos; ++at) {
-    // The name of a temporary file may hold these letters, too.
-    if (at > 0 && (std::isalnum(text[at - 1]) != 0 || text[at - 1] == '.')) continue;
     const std::size_t end =
         std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
     const auto address = static_cast<std::uintptr_t>(std::strtoull(&text[at], nullptr, 16));
@@ -134,36 +114,34 @@ class TraceCapture {
   void restart() { seen_ = file_.text().size(); }
   // What was written since then.
   [[nodiscard]] std::string text() const { return file_.text().substr(seen_); }
-  // The lines that have a prefix, from the level word on ("ENTRY  text"), with their addresses
-  // replaced.
-  [[nodiscard]] std::string story(const std::vector<Named>& names = {}) const {
-    std::string story;
-    for (const std::string& line : splitLines(text())) {
-      const std::string masked = maskPrefix(line);
-      if (masked.starts_with("TIME ")) story += masked.substr(masked.find("] ", 16) + 2) + "\n";
-    }
-    return nameAddresses(story, names);
-  }
   // All of it, with everything replaced that changes from run to run: times, ids, addresses,
   // descriptors, ports and file names.
   [[nodiscard]] std::string masked(const std::vector<Named>& names = {}) const {
     static const std::vector<std::pair<std::regex, const char*>> masks = {
+        {std::regex(R"(^\d\d/\d\d/\d\d \d\d:\d\d:\d\d:\d{3} \[0x[0-9A-F]{8},0x[0-9A-F]{8}\])"),
+         "TIME [PID,TID]"},
         {std::regex("^0x[0-9A-F]{8}: "), "ADDRESS: "},
         {std::regex(R"(^(\*\*\* )\d\d/\d\d/\d\d )"), "$1DATE "},
         {std::regex("(0x)+(?=[0-9a-f])"), "0x"},
-        {std::regex(R"((socketDesc|socketDescriptor|socket|port)(=|\()\d+)"), "$1$2NUMBER"},
-        {std::regex(R"((on socket|socketDescriptor\(|Created socket:) ?\d+)"), "$1 NUMBER"},
+        {std::regex(R"(((socketDesc|socketDescriptor|socket|port)[=(]|(on|Created) socket:? )\d+)"),
+         "$1NUMBER"},
         {std::regex(R"(127\.0\.0\.1:\d+)"), "127.0.0.1:PORT"},
         {std::regex(R"(/tmp/zebtrace\.\w{6})"), "FILE"},
         {std::regex(R"((owningPid|owningTid)\([0-9A-F]{8}\))"), "$1(ID)"}};
     std::string all;
     for (std::string line : splitLines(text())) {
-      line = maskPrefix(line);
       for (const auto& [pattern, placeholder] : masks)
         line = std::regex_replace(line, pattern, placeholder);
       all += nameAddresses(line, names) + "\n";
     }
     return all;
+  }
+  // Of that the lines with a prefix, from the level word on ("ENTRY  text").
+  [[nodiscard]] std::string story() const {
+    std::string story;
+    for (const std::string& line : splitLines(masked()))
+      if (line.starts_with("TIME ")) story += line.substr(line.find("] ", 16) + 2) + "\n";
+    return story;
   }
   [[nodiscard]] const std::string& path() const { return file_.path(); }
 
@@ -175,17 +153,15 @@ class TraceCapture {
 // Compares a masked trace with the recorded one. If they differ, the trace is written to a file of
 // that name in the temporary folder.
 inline void expectRecorded(const std::string& actual, const std::string& recordedPath) {
+  const std::string recorded = readFile(recordedPath);
+  if (actual == recorded) return;
   const std::string path =
       testing::TempDir() + std::filesystem::path(recordedPath).filename().string();
-  const auto is = splitLines(actual), was = splitLines(readFile(recordedPath));
-  for (std::size_t i = 0; i < std::max(is.size(), was.size()); ++i) {
-    const std::string line = i < is.size() ? is[i] : "missing";
-    if (i < std::min(is.size(), was.size()) && line == was[i]) continue;
-    std::ofstream(path) << actual;
-    FAIL() << "line " << i + 1 << " of " << path << " is\n"
-           << line << "\nand not\n"
-           << (i < was.size() ? was[i] : "the end");
-  }
+  std::ofstream(path) << actual;
+  const auto is =
+      std::mismatch(actual.begin(), actual.end(), recorded.begin(), recorded.end()).first;
+  ADD_FAILURE() << path << " is not as recorded from line "
+                << 1 + std::count(actual.begin(), is, '\n') << " on";
 }
 
 }  // namespace zebtest
