@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "stapi_zeb_codes.h"
 #include "stapi_zeb_diag.h"
@@ -379,7 +380,7 @@ int checkOpenArguments(const char* hostname, int port, GatewayToken** gwTokPtr,
 }
 
 // Returns a copy of the token's protocol version, which the host frees, or null if there is none.
-// protoColVersion, the host's variable, is only printed.
+// protoColVersion, the host's variable, is used for that but keeps its value.
 //
 // quirk: the connection is open, so a version that cannot be copied is no failure of the call.
 char* copyProtocolVersion(const GatewayToken& token, char** protoColVersion) noexcept {
@@ -390,8 +391,9 @@ char* copyProtocolVersion(const GatewayToken& token, char** protoColVersion) noe
         &token);
     return nullptr;
   }
-  char* copy = nullptr;
-  dup2NativeString(token.protocolVersion, &copy);
+  char* const former = std::exchange(*protoColVersion, nullptr);
+  dup2NativeString(token.protocolVersion, protoColVersion);
+  char* const copy = std::exchange(*protoColVersion, former);
   TRACE_EVENT(
       1022,
       "API.openRemoteGatewayConnection(&protoColVersion=0x%p) created String for proto@0x%p\n",
