@@ -56,11 +56,13 @@ class Guarded : public testing::Test {
 class Waits : public Guarded {};
 class Connections : public Guarded {};
 
-// The code of calls that take at least this many milliseconds, and less than any that hang.
+// The code of calls that take at least this many milliseconds, and less than any that hang; and how
+// many the last ones took.
+long taken = 0;
 int timed(int least, const std::function<int()>& calls) {
   const steady_clock::time_point start = steady_clock::now();
   const int rc = calls();
-  const auto taken = (steady_clock::now() - start) / std::chrono::milliseconds(1);
+  taken = (steady_clock::now() - start) / std::chrono::milliseconds(1);
   EXPECT_GE(taken, least);
   EXPECT_LT(taken, kNever / 2);
   return rc;
@@ -153,13 +155,27 @@ TEST_F(Waits, endAtTheTimeoutThatTheirCallStartedWithWhateverTheSignals) {
   expectEnds();
 }
 
-TEST_F(Waits, ofAllConnectionsThatAreClosedTogetherShareOneTimeout) {
-  std::deque<ScriptedGateway> silent;
-  std::array<GatewayToken*, 12> tokens = {};
-  for (GatewayToken*& token : tokens)
-    ASSERT_EQ(openOn(silent.emplace_back(Script(kOpened).expect().silence()).port(), &token), 0);
-  EXPECT_EQ(setAPITimeout(kNever / 20), 0);
-  EXPECT_EQ(timed(kNever / 20, closeAllGatewayConnections), 0);
+// A machine that is busy with other work may be late once.
+TEST_F(Waits, endWithinATenthAfterTheTimeoutWhichAllConnectionsShareThatAreClosedTogether) {
+  const int limit = kNever / 20;
+  const auto closeMany = [&] {
+    std::deque<ScriptedGateway> silent;
+    std::array<GatewayToken*, 12> tokens = {};
+    for (GatewayToken*& token : tokens)
+      ASSERT_EQ(openOn(silent.emplace_back(Script(kOpened).expect().silence()).port(), &token), 0);
+    EXPECT_EQ(setAPITimeout(limit), 0);
+    EXPECT_EQ(timed(limit, closeAllGatewayConnections), 0);
+  };
+  for (const char* what : {"connect", "version", "answer", "close", "close all"}) {
+    const Row* row = std::ranges::find(kWaiting, std::string_view(what), &Row::what);
+    long least = kNever;
+    for (int tries = 0; tries < 3 && least > limit + limit / 10; ++tries) {
+      EXPECT_EQ(setAPITimeout(limit), 0);
+      row != std::end(kWaiting) ? void(meet(*row, limit, [] {})) : closeMany();
+      least = std::min(least, taken);
+    }
+    EXPECT_LE(least, limit + limit / 10) << what;
+  }
 }
 
 TEST_F(Waits, withoutATimeoutEndAtASignalUnlessTheyAreForAConnect) {
@@ -305,10 +321,10 @@ TEST_F(Connections, thatHaveEndedAreRefusedThroughAThousandMore) {
   EXPECT_EQ(closeCopy(ended[0].token), 0);
   shutdown(ended[1].token->socket, SHUT_RDWR);
   EXPECT_EQ(ask(ended[1].token), ZEB_CONNECTION_LOST);
-  for (int i = 0; i <= 1000; ++i) {
+  for (int i = 0; i < 1023; ++i) {
     const Connection next(server.port());
     ASSERT_TRUE(next.token != ended[0].token && next.token != ended[1].token) << i;
-    if (i % 100 != 0) continue;
+    if (i % 146 != 0) continue;  // the last one, too
     for (const PublicCall& call : kPublicCalls) {
       const bool isOfToken = call.kind == Kind::kQuery || call.kind == Kind::kClose;
       const bool isOfAnswer = call.kind >= Kind::kWalk && call.kind <= Kind::kFree;
