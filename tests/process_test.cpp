@@ -34,23 +34,23 @@ extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flag
 namespace {
 
 // Its expectations that fail are printed there, and are the complaint that this returns.
-std::string expectInChild(const Work& work) {
-  return inChild([&]() noexcept {
+std::string expectInChild(const Work& work, pid_t (*spawn)() = fork) {
+  const auto tell = [&]() noexcept {
     alarm(240);
     work();
     return std::string(testing::Test::HasFailure() ? " see above" : "");
-  });
+  };
+  return inChild(tell, spawn);
 }
 
-class HostProcess : public testing::Test {
+// Each story is a point of this row of the evidence.
+template <int kRow>
+class Host : public testing::Test {
  protected:
-  // A point of the evidence.
-  void prove(const std::string& point, const Work& work) { row.add(point, expectInChild(work)); }
-  void expectTracedSession() const {
-    setAPITraceFile("/dev/null");
-    setAPITraceLevel(5);
-    EXPECT_EQ(tellSession(port), expected);
+  void prove(const std::string& point, const Work& work, pid_t (*spawn)() = fork) {
+    row.add(point, expectInChild(work, spawn));
   }
+  void expectSession() const { EXPECT_EQ(tellSession(port), expected); }
   void repeatQueries(int rounds) const {
     Session s = {.port = port};
     EXPECT_EQ(s.open(), 0);
@@ -61,20 +61,24 @@ class HostProcess : public testing::Test {
   const int port = gateway.port();
   const std::string expected = inChild([this] { return tellSession(port); });
   const TemporaryFile file;
-  Row row{"F18"};
+  Row row{formatText("F%d", kRow)};
 };
+using HostProcess = Host<18>;
 
+// ---- Signals ------------------------------------------------------------------------------------
+
+using HostSignals = Host<9>;
+
+// With that handler, a signal that reaches the host ends the process.
 struct sigaction hostAction = {};
-
 void setHostAction() {
   struct sigaction action = {};
-  action.sa_handler = [](int) {};
+  action.sa_handler = [](int) { std::abort(); };
   action.sa_flags = SA_RESTART;
   sigaddset(&action.sa_mask, SIGUSR2);
   sigaction(SIGPIPE, &action, nullptr);
   sigaction(SIGPIPE, nullptr, &hostAction);
 }
-
 void expectHostAction() {
   struct sigaction found = {};
   sigaction(SIGPIPE, nullptr, &found);
@@ -82,7 +86,15 @@ void expectHostAction() {
               sigismember(&found.sa_mask, SIGUSR2) == 1);
 }
 
-TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySideAndInAForkedChild) {
+TEST_F(HostSignals, LeaveItsSigpipeHandlerInPlaceAndUncalled) {
+  prove("a broken pipe", [&] {
+    Session s = {.port = port};
+    EXPECT_EQ(s.open(), 0);
+    shutdown(s.token->socket, SHUT_WR);
+    setHostAction();
+    EXPECT_EQ(getStats(s.token, &s.answer), ZEB_CONNECTION_LOST);
+    expectHostAction();
+  });
   prove("a send that begins in another and ends after it", [&] {
     std::promise<void> begun, ended;
     std::thread second;
@@ -108,6 +120,17 @@ TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySideAndInAForkedChil
   });
 }
 
+TEST_F(HostSignals, EndNoCallThatHasATimeout) {
+  static std::atomic<int> signals = 0;
+  std::signal(SIGALRM, [](int) { ++signals; });
+  ASSERT_EQ(setAPITimeout(60000) | setAPITraceFile("/dev/null"), 0);
+  ualarm(1000, 1000);
+  while (signals < 1000) row.add("a session", tellSession(port) == expected ? "" : " is another");
+  ualarm(0, 0);
+}
+
+// ---- Names, descriptors, children, unloading ----------------------------------------------------
+
 TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
   prove("the host of names", [&] {
     execl(ZEB_NAMES_HOST, ZEB_NAMES_HOST, std::to_string(port).c_str(), file.path().c_str(),
@@ -117,51 +140,93 @@ TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
   EXPECT_NE(file.text().find("EXIT   API.closeAllGatewayConnections()"), std::string::npos);
 }
 
-TEST_F(HostProcess, HandsNoDescriptorToAProgramThatItExecutes) {
+using HostDescriptors = Host<10>;
+
+TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
   const auto countInherited = [] {
     int count = 0;
     for (int descriptor = 0; descriptor < 2000; ++descriptor)
       count += (fcntl(descriptor, F_GETFD) + 1) % 2;  // -1: none, 1: closed by exec
     return count;
   };
-  for (const int closed : {0, 1, 2}) {  // so that the library moves its socket, and its file
-    prove(formatText("the first %d closed", closed), [&] {
-      for (int descriptor = 0; descriptor < closed; ++descriptor) close(descriptor);
+  for (int closed = 0; closed < 8; ++closed) {
+    prove(formatText("standard descriptors of the set %d closed", closed), [&] {
+      for (const int descriptor : {0, 1, 2})
+        if ((closed >> descriptor & 1) != 0) close(descriptor);
       const int inherited = countInherited();
       const auto count = countDescriptors();
       Session s = {.port = port};
       EXPECT_EQ(initTrace() + initGTL(), 0);  // as in a start that fails half-way
+      EXPECT_EQ(setAPITraceLevel(5), 0);
       EXPECT_EQ(s.open(), 0);
       EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
       EXPECT_EQ(countDescriptors(), count + 2);
       EXPECT_GT(s.token->socket, 2);
       EXPECT_EQ(countInherited(), inherited);
+      expectSession();
     });
   }
 }
 
-TEST_F(HostProcess, ForksAmidTracesAndOpensWithoutChildrenThatHang) {
-  prove("100 forks", [&] {
-    setAPITraceFile("/dev/null");
-    setAPITraceLevel(5);
-    std::atomic<bool> isOver = false;
-    const auto repeat = [&](const Work& work) {
-      return std::thread([&isOver, work] {
-        while (!isOver) work();
-      });
-    };
-    const Work query = [&] { repeatQueries(1); };
-    std::thread threads[] = {repeat(query), repeat(query), repeat([] {
-                               dumpState(), setAPITraceFile("/dev/null"), setAPITraceLevel(5);
-                             })};
-    for (int i = 0; i < 100 && !HasFailure(); ++i)
-      EXPECT_EQ(expectInChild([&] { dumpState(), repeatQueries(1); }), "") << i;
-    isOver = true;
-    for (std::thread& thread : threads) thread.join();
-  });
+// Takes all descriptors below this one, and returns the first that is free.
+int takeDescriptors(int below) {
+  int taken = dup(2);
+  while (taken >= 0 && taken < below) taken = dup(2);
+  close(taken);
+  return taken;
 }
 
-TEST_F(HostProcess, ForgetsInAChildTheConnectionWhoseQueryItsParentIsWaitingFor) {
+TEST_F(HostDescriptors, MayBeHighOrFew) {
+  prove("all below 1100 taken", [&] {
+    takeDescriptors(1100);
+    expectSession();
+  });
+  for (const int free : {0, 1, 2}) {
+    prove(formatText("%d descriptors left", free), [&] {
+      const rlimit limits = {static_cast<rlim_t>(takeDescriptors(0) + free), 2000};
+      setrlimit(RLIMIT_NOFILE, &limits);
+      EXPECT_EQ(tellSession(port).starts_with("open -118;"), free == 0);
+      EXPECT_EQ(setAPITraceFile("/proc/self/fd/2"), free > 0 ? 0 : ZEB_TRACE_FILE_FAILED);
+      if (free == 2) expectSession();
+    });
+  }
+}
+
+using HostForks = Host<12>;
+
+// A child's closes only forget the connection: the gateway and the parent notice nothing. _Fork
+// calls no handler of a fork.
+TEST_F(HostForks, LeaveTheParentItsConnections) {
+  Session s = {.port = port};
+  ASSERT_EQ(s.open(), 0);
+  ASSERT_EQ(getStats(s.token, &s.answer), 0);
+  const std::string told = s.tell();
+  const Work inChildren[] = {[&] {
+                               for (const Query& query : kQueries)
+                                 EXPECT_EQ(query.ask(s), ZEB_OTHER_PROCESS);
+                               EXPECT_EQ(s.tell(), "-123");
+                             },
+                             [&] {
+                               GatewayToken* token = s.token;
+                               EXPECT_EQ(closeGatewayConnection(&token), 0);
+                               EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
+                             },
+                             [&] {
+                               EXPECT_EQ(closeAllGatewayConnections(), 0);
+                               EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
+                             }};
+  for (pid_t (*spawn)() : {fork, _Fork}) {
+    for (const Work& work : inChildren) {
+      prove(
+          "child", [&] { work(), expectSession(); }, spawn);
+      EXPECT_EQ(getStats(s.token, &s.answer), 0);
+      EXPECT_EQ(s.tell(), told);
+    }
+  }
+  EXPECT_EQ(s.release(), 0);
+}
+
+TEST_F(HostForks, ForgetTheConnectionWhoseQueryTheParentIsWaitingFor) {
   prove("close-all in a child", [&] {
     std::promise<void> asked, end;
     zebsim::GatewayServer server(
@@ -173,14 +238,37 @@ TEST_F(HostProcess, ForgetsInAChildTheConnectionWhoseQueryItsParentIsWaitingFor)
       EXPECT_EQ(s.release(), 0);
     });
     asked.get_future().wait();
-    EXPECT_EQ(expectInChild([] {
-                const auto count = countDescriptors();
-                EXPECT_EQ(closeAllGatewayConnections(), 0);
-                EXPECT_EQ(countDescriptors(), count - 1);
-              }),
-              "");
+    const Work closeAll = [] {
+      const auto count = countDescriptors();
+      EXPECT_EQ(closeAllGatewayConnections(), 0);
+      EXPECT_EQ(countDescriptors(), count - 1);
+    };
+    EXPECT_EQ(expectInChild(closeAll), "");
     end.set_value();
     owner.join();
+  });
+}
+
+TEST_F(HostForks, AmidTracesAndOpensLeaveNoChildThatHangs) {
+  prove("100 forks", [&] {
+    std::atomic<bool> isOver = false;
+    const auto trace = [] {
+      setAPITraceFile("/dev/null");
+      setAPITraceLevel(5);
+      dumpState();
+    };
+    const auto repeat = [&](const Work& work) {
+      return std::thread([&isOver, work] {
+        while (!isOver) work();
+      });
+    };
+    const Work query = [&] { repeatQueries(1); };
+    trace();
+    std::thread threads[] = {repeat(query), repeat(query), repeat(trace)};
+    for (int i = 0; i < 100 && !HasFailure(); ++i)
+      EXPECT_EQ(expectInChild([&] { dumpState(), query(); }), "") << i;
+    isOver = true;
+    for (std::thread& thread : threads) thread.join();
   });
 }
 
@@ -202,7 +290,7 @@ TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
     constexpr int kCycles = 200, kWarmUp = 20;
     // 0 under the address sanitiser, whose heap is another.
     const auto countHeldBytes = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-    const std::ptrdiff_t descriptors = countDescriptors();
+    const auto descriptors = countDescriptors();
     std::size_t held = 0;
     for (int i = 0; i < kCycles + kWarmUp && !HasFailure(); ++i) {
       if (i == kWarmUp) held = countHeldBytes();
@@ -221,82 +309,52 @@ TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
     }
     EXPECT_LT(countHeldBytes(), held + 16 * kCycles);
     EXPECT_EQ(countDescriptors(), descriptors);
-    std::ifstream maps("/proc/self/maps");
-    const std::string mapped((std::istreambuf_iterator<char>(maps)), {});
-    EXPECT_EQ(mapped.find("libzebstats.so"), mapped.npos);
+    EXPECT_EQ(readFile("/proc/self/maps").find("libzebstats.so"), std::string::npos);
     EXPECT_EQ(expectInChild([] {}), "");
   });
 }
 
-// ---- Threads of the host ------------------------------------------------------------------------
-
-// Runs the work in a thread of its own with a stack of 32 KiB, which may be cancelled after it.
-pthread_t startThread(const Work& work) {
-  pthread_t thread = {};
+// Each call in a thread with a stack of 32 KiB that is cancelled when the call begins.
+TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack) {
+  constexpr int kCanary = 4711;
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   const long size = std::max(sysconf(_SC_THREAD_STACK_MIN), 32768L) * (kIsSanitized ? 16 : 1);
-  EXPECT_EQ(pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(size)), 0);
-  const auto run = [](void* argument) -> void* {
-    (*static_cast<const Work*>(argument))();
-    pthread_testcancel();
-    return nullptr;
-  };
-  EXPECT_EQ(pthread_create(&thread, &attributes, run, const_cast<Work*>(&work)), 0);
-  return thread;
-}
-
-void joinCancelled(pthread_t thread) {
-  void* ending = nullptr;
-  pthread_join(thread, &ending);
-  EXPECT_EQ(ending, PTHREAD_CANCELED);
-}
-
-TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack) {
-  constexpr int kCanary = 4711;
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(size)), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
   for (const int level : {0, 5}) {
-    for (const char* destination : {"/dev/null", "/dev/full"}) {
-      for (const PublicCall& last : kPublicCalls) {
-        prove(formatText("%s, level %d to %s", last.name, level, destination), [&] {
-          int rc = -1, left = 0;
-          const Work work = [&] {
-            Variables variables;
-            for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
-              if (call == &last) pthread_cancel(pthread_self());
-              errno = kCanary;
-              rc = variables.make(*call, port, level, destination);
-              left = errno;
-            }
-          };
-          joinCancelled(startThread(work));
-          EXPECT_EQ(rc, 0);
-          EXPECT_EQ(left, kCanary);
-          EXPECT_EQ(closeAllGatewayConnections(), 0);
-        });
-      }
+    for (const PublicCall& last : kPublicCalls) {
+      prove(formatText("%s, level %d", last.name, level), [&] {
+        int rc = -1, left = 0;
+        bool isCancelled = true;
+        std::thread([&] {
+          Variables variables;
+          for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
+            if (call == &last) pthread_cancel(pthread_self());
+            errno = kCanary;
+            rc = variables.make(*call, port, level, "/dev/full");
+            left = errno;
+          }
+          pthread_testcancel();
+          isCancelled = false;
+        }).join();
+        EXPECT_TRUE(isCancelled);
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(left, kCanary);
+        EXPECT_EQ(closeAllGatewayConnections(), 0);
+      });
     }
   }
 }
 
-TEST_F(HostProcess, ChangesItsTimeZoneForTheNextTimeStamp) {
-  prove("12 hours apart", [] {
-    const auto readHours = [](const char* zone) {
-      char text[24];
-      setenv("TZ", zone, 1);
-      return std::stoi(std::string(getTimestamp(text)).substr(9, 2));
-    };
-    const int west = readHours("AAA0");
-    EXPECT_EQ((readHours("BBB-12") - west + 24) % 24, 12);
-  });
-}
-
 // ---- Trace destinations -------------------------------------------------------------------------
+
+using HostTrace = Host<15>;
 
 // The thread's pending and blocked signals, and the process's pending, ignored and handled ones.
 std::string describeSignals() {
-  std::ifstream status("/proc/thread-self/status");
   std::string text;
-  for (std::string line; std::getline(status, line);)
+  for (const std::string& line : splitLines(readFile("/proc/thread-self/status")))
     if (line.starts_with("ShdPnd") || (line.starts_with("Sig") && line[3] != 'Q')) text += line;
   return text;
 }
@@ -324,21 +382,22 @@ void limitFileSize(rlim_t size) {
   setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
+TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
   const TemporaryFile fifoFile;
   const char *const fifo = fifoFile.path().c_str(), *const trace = file.path().c_str();
   unlink(fifo);
   ASSERT_EQ(mkfifo(fifo, 0600), 0);
   int reader = -1;
-  const auto openFifo = [&] { reader = open(fifo, O_RDONLY | O_NONBLOCK); };
+  const auto openReader = [&](const char* path) { reader = open(path, O_RDONLY | O_NONBLOCK); };
   // What makes writes fail, and what makes them succeed again for the reader.
   const struct {
     const char* name;
-    Work obstruct, relieve;
+    Work obstruct, relieve = {};
   } rows[] = {
-      {"full disk", [] { EXPECT_EQ(setAPITraceFile("/dev/full"), 0); }, {}},
-      {"standard error without reader", [] { close(redirectStandardError()); }, {}},
-      {"FIFO without reader", [&] { EXPECT_EQ(setAPITraceFile(fifo), ZEB_TRACE_FILE_FAILED); }, {}},
+      {"full disk", [] { EXPECT_EQ(setAPITraceFile("/dev/full"), 0); }},
+      {"closed standard error", [] { close(2); }},
+      {"standard error without reader", [] { close(redirectStandardError()); }},
+      {"FIFO without reader", [&] { EXPECT_EQ(setAPITraceFile(fifo), ZEB_TRACE_FILE_FAILED); }},
       {"sleeping reader",
        [&] {
          reader = redirectStandardError();
@@ -348,11 +407,11 @@ TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
        [&] { EXPECT_GT(readAll(reader).size(), 1000U); }},
       {"FIFO whose reader goes and comes",
        [&] {
-         openFifo();
+         openReader(fifo);
          EXPECT_EQ(setAPITraceFile(fifo), 0);
          close(reader);
        },
-       openFifo},
+       [&] { openReader(fifo); }},
       {"file at its size limit",
        [&] {
          limitFileSize(4000);
@@ -360,7 +419,7 @@ TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
        },
        [&] {
          limitFileSize(RLIM_INFINITY);
-         reader = open(trace, O_RDONLY);
+         openReader(trace);
          readAll(reader);
        }},
   };
@@ -381,7 +440,7 @@ TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
         const int flags = fcntl(2, F_GETFL);
         setAPITraceLevel(5);
         EXPECT_EQ(dumpState(), 0);
-        EXPECT_EQ(before != kPending ? tellSession(port) : expected, expected);
+        if (before != kPending) expectSession();
         EXPECT_EQ(describeSignals(), signals);
         EXPECT_EQ(fcntl(2, F_GETFL), flags);
         if (!sink.relieve) return;

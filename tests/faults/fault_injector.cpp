@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <netdb.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sanitizer/asan_interface.h>
@@ -27,7 +26,6 @@ namespace {
 
 constexpr int kFirstSocket = 1 << 20;              // not a descriptor of the system
 constexpr std::size_t kLargestBlock = 256 * 1024;  // of those that are granted
-constexpr std::size_t kLargestWish = 17 << 20;     // no reply that is read announces more
 
 thread_local Injection* active = nullptr;
 
@@ -37,7 +35,7 @@ auto& blocks = *new std::unordered_map<const void*, std::size_t>;
 // takes a sanitiser longer than a session. Until then nobody may touch them.
 auto& kept = *new std::vector<void*>;
 std::set<int> sockets, closedForSending, files;
-std::vector<const pthread_mutex_t*> heldLocks;
+std::set<const pthread_mutex_t*> heldLocks;
 std::string complaint;
 
 int fail(int error) {
@@ -144,7 +142,7 @@ ssize_t Injection::send(int socket, std::string_view bytes, int flags) {
   if (socket < 0 || closedForSending.count(socket) > 0) return fail(socket < 0 ? EBADF : EPIPE);
   if (hasEnded) complaint += " sends on a connection that has ended;";
   const auto size = static_cast<ssize_t>(bytes.size());
-  if (received >= wire.endsAt) return wire.sendError != 0 ? fail(wire.sendError) : size;
+  if (received >= wire.endsAt) return wire.error != 0 ? fail(wire.error) : size;
   if (error == kCut) closedForSending.insert(socket);
   if (error == kCut || (error == kShort && isBounded))
     bytes = bytes.substr(0, error == kCut ? bytes.size() / 2 : 1);
@@ -162,7 +160,7 @@ ssize_t Injection::receive(int socket, void* buffer, std::size_t size, int flags
   if ((flags & MSG_PEEK) != 0)  // given replies are not there before they are asked for
     return most > 0 && !wire.replies.has_value() ? 1 : fail(EAGAIN);
   hasEnded = most == 0;
-  if (hasEnded && wire.receiveError != 0) return fail(wire.receiveError);
+  if (hasEnded && wire.error != 0) return fail(wire.error);
   std::copy_n(stream().data() + received, most, static_cast<char*>(buffer));
   received += most;
   return static_cast<ssize_t>(most);
@@ -210,7 +208,6 @@ void __wrap_free(void* block) {
 // What the memory held before is not zero.
 ZEB_WRAP(void*, malloc, (size_t size), (size), {
   if (fails("malloc")) return nullptr;
-  if (size > kLargestWish) complaint += " wants " + std::to_string(size) + " bytes;";
   const bool isKept = size == kResultSetBufferSize && !kept.empty();
   void* block = isKept ? kept.back() : size <= kLargestBlock ? __real_malloc(size) : nullptr;
   if (isKept) kept.pop_back();
@@ -222,11 +219,9 @@ ZEB_WRAP(void*, malloc, (size_t size), (size), {
 ZEB_WRAP(int, getaddrinfo,
          (const char* host, const char* port, const addrinfo* hints, addrinfo** found),
          (host, port, hints, found), {
-           static sockaddr_in address = {};
-           if (const int error = active->next("getaddrinfo"); error != 0) return error;
-           *found = book(new addrinfo{});
-           (*found)->ai_addr = reinterpret_cast<sockaddr*>(&address);
-           return 0;
+           const int error = active->next("getaddrinfo");
+           if (error == 0) *found = book(new addrinfo{});
+           return error;
          })
 ZEB_WRAP(void, freeaddrinfo, (addrinfo * found), (found), {
   blocks.erase(found);
@@ -238,8 +233,6 @@ ZEB_WRAP_VALUE(openSocket(), int, socket, (int family, int type, int protocol),
 ZEB_WRAP_VALUE(0, int, setsockopt,
                (int socket, int level, int option, const void* value, socklen_t size),
                (socket, level, option, value, size))
-ZEB_WRAP_VALUE(0, int, ioctl, (int descriptor, unsigned long request, void* argument),
-               (descriptor, request, argument))
 ZEB_WRAP_VALUE(0, int, connect, (int socket, const sockaddr* address, socklen_t size),
                (socket, address, size))
 ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how),
@@ -285,15 +278,12 @@ ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexa
          })
 ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), {
   if (const int error = active->next("pthread_mutex_lock"); error != 0) return error;
-  if (std::count(heldLocks.begin(), heldLocks.end(), mutex) > 0) {
-    complaint += " a lock is taken twice;";
-    return EDEADLK;
-  }
-  heldLocks.push_back(mutex);
-  return __real_pthread_mutex_lock(mutex);
+  if (heldLocks.insert(mutex).second) return __real_pthread_mutex_lock(mutex);
+  complaint += " a lock is taken twice;";
+  return EDEADLK;
 })
 ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex), {
-  if (std::erase(heldLocks, mutex) == 0) complaint += " a lock is released that is not held;";
+  if (heldLocks.erase(mutex) == 0) complaint += " a lock is released that is not held;";
   const int rc = __real_pthread_mutex_unlock(mutex);
   const int error = active->next("pthread_mutex_unlock");
   return error != 0 ? error : rc;

@@ -39,8 +39,7 @@ struct Wire {
   std::size_t piece = SIZE_MAX;                  // the most bytes that one receive returns
   std::size_t splitAt = 0;                       // a receive ends here
   std::size_t endsAt = SIZE_MAX;                 // the connection ends here
-  int receiveError = 0;       // errno of the receives after the end; 0: they return 0
-  int sendError = 0;          // errno of the sends after the end; 0: they succeed
+  int error = 0;              // errno of the calls after the end; 0: receives return 0
   std::size_t changedAt = 0;  // from here the stream has these bytes
   std::string change = {};
 };
