@@ -11,7 +11,7 @@ enum What : std::uint8_t { kQuery = 7, kAfterOpen = 8 };
 enum How : std::uint8_t { kPieces = 0x0F, kReset = 0x10 };
 
 void runSession(std::uint8_t what, int queries) {
-  Session s = {.port = 2980};
+  Session s(2980);
   int rc = s.open();
   require(rc == 0 || rc == ZEB_CONNECT_FAILED || rc == ZEB_CONNECTION_LOST ||
               rc == ZEB_COMMUNICATION_FAILED,
@@ -19,7 +19,7 @@ void runSession(std::uint8_t what, int queries) {
   if (rc != 0) return;
   require(std::strlen(s.version) < kProtocolVersionSize, "a version has at most 63 characters");
   for (; rc == 0 && queries > 0; --queries) {
-    rc = kQueries[(what & kQuery) % kQueries.size()].ask(s);
+    rc = s.make(kQueries[(what & kQuery) % kQueries.size()]);
     require(rc == 0 || rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED,
             "a query returns a documented code");
     if (rc == 0 && !zeb::isTerminator(s.answer->head)) useResultSet(s.answer, false);

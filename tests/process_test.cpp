@@ -11,8 +11,6 @@
 #include <future>
 
 #include "client_session.h"
-#include "public_calls.h"
-#include "scripted_gateway.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_gwytok.h"
 
@@ -52,7 +50,7 @@ class Host : public testing::Test {
   }
   void expectSession() const { EXPECT_EQ(tellSession(port), expected); }
   void repeatQueries(int rounds) const {
-    Session s = {.port = port};
+    Session s(port);
     EXPECT_EQ(s.open(), 0);
     for (int i = 0; i < rounds; ++i) EXPECT_EQ(getStats(s.token, &s.answer), 0);
     EXPECT_EQ(s.release(), 0);
@@ -88,7 +86,7 @@ void expectHostAction() {
 
 TEST_F(HostSignals, LeaveItsSigpipeHandlerInPlaceAndUncalled) {
   prove("a broken pipe", [&] {
-    Session s = {.port = port};
+    Session s(port);
     EXPECT_EQ(s.open(), 0);
     shutdown(s.token->socket, SHUT_WR);
     setHostAction();
@@ -155,7 +153,7 @@ TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
         if ((closed >> descriptor & 1) != 0) close(descriptor);
       const int inherited = countInherited();
       const auto count = countDescriptors();
-      Session s = {.port = port};
+      Session s(port);
       EXPECT_EQ(initTrace() + initGTL(), 0);  // as in a start that fails half-way
       EXPECT_EQ(setAPITraceLevel(5), 0);
       EXPECT_EQ(s.open(), 0);
@@ -197,28 +195,29 @@ using HostForks = Host<12>;
 // A child's closes only forget the connection: the gateway and the parent notice nothing. _Fork
 // calls no handler of a fork.
 TEST_F(HostForks, LeaveTheParentItsConnections) {
-  Session s = {.port = port};
+  Session s(port);
   ASSERT_EQ(s.open(), 0);
   ASSERT_EQ(getStats(s.token, &s.answer), 0);
   const std::string told = s.tell();
-  const Work inChildren[] = {[&] {
-                               for (const Query& query : kQueries)
-                                 EXPECT_EQ(query.ask(s), ZEB_OTHER_PROCESS);
-                               EXPECT_EQ(s.tell(), "-123");
-                             },
-                             [&] {
-                               GatewayToken* token = s.token;
-                               EXPECT_EQ(closeGatewayConnection(&token), 0);
-                               EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
-                             },
-                             [&] {
-                               EXPECT_EQ(closeAllGatewayConnections(), 0);
-                               EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
-                             }};
+  const auto close = [&s] {
+    GatewayToken* token = s.token;
+    return closeGatewayConnection(&token);
+  };
+  const Work refuse = [&] {
+    for (const PublicCall& query : kQueries) EXPECT_EQ(s.make(query), ZEB_OTHER_PROCESS);
+    EXPECT_EQ(s.tell(), "-123");
+  };
+  const Work forget = [&] { EXPECT_EQ(close(), 0); };
+  const Work forgetAll = [&] { EXPECT_EQ(closeAllGatewayConnections(), 0); };
   for (pid_t (*spawn)() : {fork, _Fork}) {
-    for (const Work& work : inChildren) {
-      prove(
-          "child", [&] { work(), expectSession(); }, spawn);
+    for (const Work& work : {refuse, forget, forgetAll}) {
+      const auto useAndForget = [&] {
+        work();
+        close();
+        EXPECT_EQ(close(), ZEB_TOKEN_UNKNOWN);
+        expectSession();
+      };
+      prove("child", useAndForget, spawn);
       EXPECT_EQ(getStats(s.token, &s.answer), 0);
       EXPECT_EQ(s.tell(), told);
     }
@@ -232,7 +231,7 @@ TEST_F(HostForks, ForgetTheConnectionWhoseQueryTheParentIsWaitingFor) {
     zebsim::GatewayServer server(
         {.clock = [&] { return asked.set_value(), end.get_future().wait(), 0U; }});
     std::thread owner([&] {
-      Session s = {.port = server.port()};
+      Session s(server.port());
       EXPECT_EQ(s.open(), 0);
       EXPECT_EQ(getStats(s.token, &s.answer), 0);
       EXPECT_EQ(s.release(), 0);
@@ -275,7 +274,7 @@ TEST_F(HostForks, AmidTracesAndOpensLeaveNoChildThatHangs) {
 // A session of the library as the dynamic loader finds it.
 void runLoadedSession(void* library, int port) {
 #define LOADED(name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
-  Session s;
+  Session s(port);
   EXPECT_EQ(LOADED(setAPITraceFile)("/dev/null"), 0);
   EXPECT_EQ(LOADED(setAPITraceLevel)(5), 0);
   EXPECT_EQ(LOADED(openGatewayConnection)(port, &s.token, &s.version), 0);

@@ -17,12 +17,12 @@ int main(int argc, char** argv) {
   const long queries = argc > 1 ? std::atol(argv[1]) : 1000000;
   require(queries >= 10, "usage: soak [QUERIES], 10 or more");
   const GatewayProcess gateway;
-  Session s = {.port = gateway.port()}, other = s;
+  Session s(gateway.port()), other(gateway.port());
   require(s.open() == 0, "the connection opens");
   const auto descriptors = countDescriptors();
   long warm = 0;
   for (long i = 1; i <= queries; ++i) {
-    require(kQueries[static_cast<std::size_t>(i) % kQueries.size()].ask(s) == 0,
+    require(s.make(kQueries[static_cast<std::size_t>(i) % kQueries.size()]) == 0,
             "a query succeeds");
     require(tellAnswer(s.answer).ends_with("-113"), "its answer can be walked");
     if (i % 10 == 0) {

@@ -3,11 +3,13 @@
 #ifndef ZEBTEST_CLIENT_CALLS_H
 #define ZEBTEST_CLIENT_CALLS_H
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "public_calls.h"
 #include "stapi_zeb_resultsetbuffer.h"
 #include "zebstats_private.h"
 
@@ -54,46 +56,37 @@ inline std::string tellAnswer(ResultSetToken* answer) {
   return told + std::to_string(rc);
 }
 
-// What a caller holds of the library.
-struct Session {
-  int port = 0;
-  GatewayToken* token = nullptr;
-  char* version = nullptr;
-  ResultSetToken* answer = nullptr;
-  ResultSetToken* copy = nullptr;
-
+// The variables of a caller that frees and closes what it holds.
+struct Session : Variables {
+  explicit Session(int gatewayPort) : port(gatewayPort) {}
+  int make(const PublicCall& call, int level = 0) {
+    const int rc = Variables::make(call, port, level);
+    if (call.kind == Kind::kOpen) version = std::exchange(text, nullptr);
+    return rc;
+  }
   int open() { return openGatewayConnection(port, &token, &version); }
   // Returns the code of the close.
   int release() {
     if (copy != nullptr) freeResultSet(&copy);
     const int rc = token != nullptr ? closeGatewayConnection(&token) : 0;
     std::free(version);
-    *this = {.port = port};
+    *this = Session(port);
     return rc;
   }
   [[nodiscard]] std::string tell() const {
     return (answer != nullptr ? tellAnswer(answer) : "") +
            (copy != nullptr ? tellAnswer(copy) : "");
   }
+  int port;
+  char* version = nullptr;
 };
 
-struct Query {
-  const char* name;
-  bool hasText;
-  int (*ask)(Session& s);
-};
-inline constexpr std::array<Query, 6> kQueries = {{
-    {"getStats", false, [](Session& s) { return getStats(s.token, &s.answer); }},
-    {"getStatIds", false, [](Session& s) { return getStatIds(s.token, &s.answer); }},
-    {"getResourceGroupIds", false,
-     [](Session& s) { return getResourceGroupIds(s.token, &s.answer); }},
-    {"getStatsByStatId", true,
-     [](Session& s) { return getStatsByStatId(s.token, "A", &s.answer); }},
-    {"getStatsByStatGroupId", true,
-     [](Session& s) { return getStatsByStatGroupId(s.token, "A", &s.answer); }},
-    {"getStatIdsByStatGroupId", true,
-     [](Session& s) { return getStatIdsByStatGroupId(s.token, "A", &s.answer); }},
-}};
+inline const std::vector<PublicCall> kQueries = [] {
+  std::vector<PublicCall> queries;
+  for (const PublicCall& call : kPublicCalls)
+    if (call.kind == Kind::kQuery) queries.push_back(call);
+  return queries;
+}();
 
 }  // namespace zebtest
 

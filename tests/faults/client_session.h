@@ -63,18 +63,17 @@ class GatewayProcess {
 
 // A whole session: its codes and answers, up to the first call that fails.
 inline std::string tellSession(int port) {
-  Session s = {.port = port};
+  Session s(port);
   int rc = s.open();
   std::string told = formatText("open %d;", rc);
-  for (const Query& query : kQueries) {
-    if (rc == 0) rc = query.ask(s);
+  for (const PublicCall& query : kQueries) {
+    if (rc == 0) rc = s.make(query);
     told += formatText("\n%s %d;", query.name, rc);
     if (rc != 0) continue;
-    char* text = nullptr;
-    for (const int code : {copyResultSet(s.answer, &s.copy), getIdQuery(s.copy, &text),
+    for (const int code : {copyResultSet(s.answer, &s.copy), getIdQuery(s.copy, &s.text),
                            dumpResultSet(s.answer), dumpState()})
       told += formatText(" %d", code);
-    told += " " + s.tell() + (text != nullptr ? text : "");
+    told += " " + s.tell() + s.text;
     told += formatText(" %d", freeResultSet(&s.copy));
   }
   return told + formatText("\nclose %d", s.release());
