@@ -14,14 +14,6 @@
 
 using namespace zebtest;
 
-// Takes the next byte of an input, or 0 if there is none. The first bytes of an input say what is
-// done with the rest.
-inline std::uint8_t takeByte(std::string_view& input) {
-  const auto first = static_cast<std::uint8_t>(input.empty() ? 0 : input.front());
-  input.remove_prefix(std::min<std::size_t>(input.size(), 1));
-  return first;
-}
-
 // What an input leaves allocated or open, or what it did wrong on the way, is a finding. The
 // library's first call, whose memory is never freed, is made before.
 template <typename Run>

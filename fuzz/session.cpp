@@ -37,8 +37,9 @@ std::string recordOpen() {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
-  std::string_view input(data, size);
-  const std::uint8_t what = takeByte(input), how = takeByte(input);
+  if (size < 2) return 0;
+  const auto what = static_cast<std::uint8_t>(data[0]), how = static_cast<std::uint8_t>(data[1]);
+  const std::string_view input(data + 2, size - 2);
   runClean([&] {
     static const std::string open = recordOpen();
     const std::string replies = ((what & kAfterOpen) != 0 ? open : "") + std::string(input);

@@ -31,12 +31,13 @@ void useBuffer(char* buffer) {
 
 int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
   static std::vector<char> buffer;
-  std::string_view input(data, size);
-  const std::uint8_t what = takeByte(input), filling = takeByte(input), asked = takeByte(input);
-  const std::size_t tail = std::min<std::size_t>(asked, input.size());
+  if (size < 3) return 0;
+  const char what = data[0], filling = data[1];
+  const std::string_view input(data + 3, size - 3);
+  const std::size_t tail = std::min<std::size_t>(static_cast<std::uint8_t>(data[2]), input.size());
   const std::size_t marked = (what & kMarked) != 0 ? zeb::kMarkerLength : 0;
   const std::size_t head = std::min(input.size() - tail, zeb::kContentSize - marked);
-  buffer.assign(kResultSetBufferSize, static_cast<char>(filling));
+  buffer.assign(kResultSetBufferSize, filling);
   std::memcpy(buffer.data(), (what & kIds) != 0 ? zeb::kIdsMarker : zeb::kStatsMarker, marked);
   std::memcpy(buffer.data() + marked, input.data(), head);
   std::memcpy(buffer.data() + kResultSetBufferSize - tail, input.end() - tail, tail);

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <barrier>
 #include <functional>
 #include <future>
 
@@ -20,16 +21,6 @@ using namespace zebtest;
 using Work = std::function<void()>;
 
 std::atomic<const Work*> duringNextSend = nullptr;
-
-}  // namespace
-
-// The library's sends, for what a host does while one is under way.
-extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
-  if (const Work* work = duringNextSend.exchange(nullptr); work != nullptr) (*work)();
-  return sendto(socket, data, size, flags, nullptr, 0);
-}
-
-namespace {
 
 // Its expectations that fail are printed there, and are the complaint that this returns.
 std::string expectInChild(const Work& work, pid_t (*spawn)() = fork) {
@@ -141,17 +132,10 @@ TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
 using HostDescriptors = Host<10>;
 
 TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
-  const auto countInherited = [] {
-    int count = 0;
-    for (int descriptor = 0; descriptor < 2000; ++descriptor)
-      count += (fcntl(descriptor, F_GETFD) + 1) % 2;  // -1: none, 1: closed by exec
-    return count;
-  };
   for (int closed = 0; closed < 8; ++closed) {
     prove(formatText("standard descriptors of the set %d closed", closed), [&] {
       for (const int descriptor : {0, 1, 2})
         if ((closed >> descriptor & 1) != 0) close(descriptor);
-      const int inherited = countInherited();
       const auto count = countDescriptors();
       Session s(port);
       EXPECT_EQ(initTrace() + initGTL(), 0);  // as in a start that fails half-way
@@ -160,61 +144,46 @@ TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
       EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
       EXPECT_EQ(countDescriptors(), count + 2);
       EXPECT_GT(s.token->socket, 2);
-      EXPECT_EQ(countInherited(), inherited);
+      EXPECT_EQ(fcntl(s.token->socket, F_GETFD), FD_CLOEXEC);
+      EXPECT_EQ(fcntl(fileno(statAPITraceHandle), F_GETFD), FD_CLOEXEC);
       expectSession();
     });
   }
 }
 
-// Takes all descriptors below this one, and returns the first that is free.
-int takeDescriptors(int below) {
-  int taken = dup(2);
-  while (taken >= 0 && taken < below) taken = dup(2);
-  close(taken);
-  return taken;
-}
-
 TEST_F(HostDescriptors, MayBeHighOrFew) {
   prove("all below 1100 taken", [&] {
-    takeDescriptors(1100);
+    while (dup(2) < 1099) continue;
     expectSession();
   });
   for (const int free : {0, 1, 2}) {
     prove(formatText("%d descriptors left", free), [&] {
-      const rlimit limits = {static_cast<rlim_t>(takeDescriptors(0) + free), 2000};
+      const rlimit limits = {static_cast<rlim_t>(dup(2) + 1 + free), 2000};
       setrlimit(RLIMIT_NOFILE, &limits);
-      EXPECT_EQ(tellSession(port).starts_with("open -118;"), free == 0);
+      const std::string told = tellSession(port);
+      EXPECT_TRUE(free > 0 ? told == expected : told.starts_with("open -118;")) << told;
       EXPECT_EQ(setAPITraceFile("/proc/self/fd/2"), free > 0 ? 0 : ZEB_TRACE_FILE_FAILED);
-      if (free == 2) expectSession();
     });
   }
 }
 
 using HostForks = Host<12>;
 
-// A child's closes only forget the connection: the gateway and the parent notice nothing. _Fork
-// calls no handler of a fork.
+// A child may not use its parent's connection, and its closes only forget that: the gateway and the
+// parent notice nothing. _Fork calls no handler of a fork.
 TEST_F(HostForks, LeaveTheParentItsConnections) {
   Session s(port);
   ASSERT_EQ(s.open(), 0);
   ASSERT_EQ(getStats(s.token, &s.answer), 0);
   const std::string told = s.tell();
-  const auto close = [&s] {
-    GatewayToken* token = s.token;
-    return closeGatewayConnection(&token);
-  };
-  const Work refuse = [&] {
-    for (const PublicCall& query : kQueries) EXPECT_EQ(s.make(query), ZEB_OTHER_PROCESS);
-    EXPECT_EQ(s.tell(), "-123");
-  };
-  const Work forget = [&] { EXPECT_EQ(close(), 0); };
-  const Work forgetAll = [&] { EXPECT_EQ(closeAllGatewayConnections(), 0); };
   for (pid_t (*spawn)() : {fork, _Fork}) {
-    for (const Work& work : {refuse, forget, forgetAll}) {
-      const auto useAndForget = [&] {
-        work();
-        close();
-        EXPECT_EQ(close(), ZEB_TOKEN_UNKNOWN);
+    for (const bool all : {false, true}) {
+      const Work useAndForget = [&] {
+        for (const PublicCall& query : kQueries) EXPECT_EQ(s.make(query), ZEB_OTHER_PROCESS);
+        EXPECT_EQ(s.tell(), "-123");
+        GatewayToken* token = s.token;
+        EXPECT_EQ(all ? closeAllGatewayConnections() : closeGatewayConnection(&token), 0);
+        EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
         expectSession();
       };
       prove("child", useAndForget, spawn);
@@ -225,49 +194,39 @@ TEST_F(HostForks, LeaveTheParentItsConnections) {
   EXPECT_EQ(s.release(), 0);
 }
 
-TEST_F(HostForks, ForgetTheConnectionWhoseQueryTheParentIsWaitingFor) {
+TEST_F(HostForks, ForgetAConnectionThatACallOfTheParentIsUsing) {
   prove("close-all in a child", [&] {
-    std::promise<void> asked, end;
-    zebsim::GatewayServer server(
-        {.clock = [&] { return asked.set_value(), end.get_future().wait(), 0U; }});
-    std::thread owner([&] {
-      Session s(server.port());
-      EXPECT_EQ(s.open(), 0);
-      EXPECT_EQ(getStats(s.token, &s.answer), 0);
-      EXPECT_EQ(s.release(), 0);
-    });
-    asked.get_future().wait();
     const Work closeAll = [] {
       const auto count = countDescriptors();
       EXPECT_EQ(closeAllGatewayConnections(), 0);
       EXPECT_EQ(countDescriptors(), count - 1);
     };
-    EXPECT_EQ(expectInChild(closeAll), "");
-    end.set_value();
-    owner.join();
+    const Work fork = [&] { EXPECT_EQ(expectInChild(closeAll), ""); };
+    Session s(port);
+    EXPECT_EQ(s.open(), 0);
+    duringNextSend = &fork;
+    EXPECT_EQ(getStats(s.token, &s.answer), 0);
+    EXPECT_EQ(s.release(), 0);
   });
 }
 
 TEST_F(HostForks, AmidTracesAndOpensLeaveNoChildThatHangs) {
   prove("100 forks", [&] {
-    std::atomic<bool> isOver = false;
-    const auto trace = [] {
+    const Work query = [&] { repeatQueries(1); };
+    const Work trace = [] {
       setAPITraceFile("/dev/null");
       setAPITraceLevel(5);
       dumpState();
     };
-    const auto repeat = [&](const Work& work) {
-      return std::thread([&isOver, work] {
-        while (!isOver) work();
+    const auto repeat = [](const Work& work) {
+      return std::jthread([work](const std::stop_token& end) {
+        while (!end.stop_requested()) work();
       });
     };
-    const Work query = [&] { repeatQueries(1); };
     trace();
-    std::thread threads[] = {repeat(query), repeat(query), repeat(trace)};
+    const std::jthread threads[] = {repeat(query), repeat(query), repeat(trace)};
     for (int i = 0; i < 100 && !HasFailure(); ++i)
       EXPECT_EQ(expectInChild([&] { dumpState(), query(); }), "") << i;
-    isOver = true;
-    for (std::thread& thread : threads) thread.join();
   });
 }
 
@@ -278,7 +237,6 @@ void runLoadedSession(void* library, int port) {
   EXPECT_EQ(LOADED(setAPITraceFile)("/dev/null"), 0);
   EXPECT_EQ(LOADED(setAPITraceLevel)(5), 0);
   EXPECT_EQ(LOADED(openGatewayConnection)(port, &s.token, &s.version), 0);
-  EXPECT_EQ(LOADED(getStats)(s.token, &s.answer), 0);
   EXPECT_EQ(LOADED(closeGatewayConnection)(&s.token), 0);
   std::free(s.version);
 #undef LOADED
@@ -295,16 +253,15 @@ TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
       if (i == kWarmUp) held = countHeldBytes();
       void* const library = dlopen(ZEB_LIBRARY, RTLD_NOW | RTLD_LOCAL);
       ASSERT_NE(library, nullptr);
-      std::promise<void> used, unloaded;
-      std::thread outliving([&] {
+      std::barrier turn(2);
+      const std::jthread outliving([&] {
         runLoadedSession(library, port);
-        used.set_value();
-        unloaded.get_future().wait();
+        turn.arrive_and_wait();
+        turn.arrive_and_wait();
       });
-      used.get_future().wait();
+      turn.arrive_and_wait();
       dlclose(library);
-      unloaded.set_value();
-      outliving.join();
+      turn.arrive_and_wait();
     }
     EXPECT_LT(countHeldBytes(), held + 16 * kCycles);
     EXPECT_EQ(countDescriptors(), descriptors);
@@ -370,15 +327,9 @@ std::string readAll(int descriptor) {
 // Makes standard error the writing end of a pipe, and returns the other end.
 int redirectStandardError() {
   int ends[2] = {-1, -1};
-  EXPECT_EQ(pipe(ends), 0);
-  EXPECT_EQ(dup2(ends[1], 2), 2);
+  EXPECT_TRUE(pipe(ends) == 0 && dup2(ends[1], 2) == 2);
   close(ends[1]);
   return ends[0];
-}
-
-void limitFileSize(rlim_t size) {
-  const rlimit limit = {size, RLIM_INFINITY};
-  setrlimit(RLIMIT_FSIZE, &limit);
 }
 
 TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
@@ -386,6 +337,7 @@ TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
   const char *const fifo = fifoFile.path().c_str(), *const trace = file.path().c_str();
   unlink(fifo);
   ASSERT_EQ(mkfifo(fifo, 0600), 0);
+  constexpr rlimit fewBytes = {4000, RLIM_INFINITY}, unlimited = {RLIM_INFINITY, RLIM_INFINITY};
   int reader = -1;
   const auto openReader = [&](const char* path) { reader = open(path, O_RDONLY | O_NONBLOCK); };
   // What makes writes fail, and what makes them succeed again for the reader.
@@ -403,7 +355,7 @@ TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
          setAPITraceLevel(5);
          repeatQueries(200);
        },
-       [&] { EXPECT_GT(readAll(reader).size(), 1000U); }},
+       [] {}},
       {"FIFO whose reader goes and comes",
        [&] {
          openReader(fifo);
@@ -413,13 +365,12 @@ TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
        [&] { openReader(fifo); }},
       {"file at its size limit",
        [&] {
-         limitFileSize(4000);
+         setrlimit(RLIMIT_FSIZE, &fewBytes);
          EXPECT_EQ(setAPITraceFile(trace), 0);
        },
        [&] {
-         limitFileSize(RLIM_INFINITY);
+         setrlimit(RLIMIT_FSIZE, &unlimited);
          openReader(trace);
-         readAll(reader);
        }},
   };
   // A traced session goes as one without trace, and leaves the host's signals as they were. A send,
@@ -444,6 +395,7 @@ TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
         EXPECT_EQ(fcntl(2, F_GETFL), flags);
         if (!sink.relieve) return;
         sink.relieve();
+        readAll(reader);
         dumpState();
         EXPECT_NE(readAll(reader).find("Gateway Token List dump"), std::string::npos);
       });
@@ -452,3 +404,9 @@ TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
 }
 
 }  // namespace
+
+// The library's sends, for what a host does while one is under way.
+extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
+  if (const Work* work = duringNextSend.exchange(nullptr); work != nullptr) (*work)();
+  return sendto(socket, data, size, flags, nullptr, 0);
+}

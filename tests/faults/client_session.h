@@ -108,8 +108,6 @@ class Row {
     EXPECT_GT(points_, 0);
     printf("EVIDENCE %s points=%d failures=%d\n", name_.c_str(), points_, failures_);
   }
-  Row(const Row&) = delete;
-  Row& operator=(const Row&) = delete;
 
   void add(const std::string& point, const std::string& complaint) {
     ++points_;

@@ -107,10 +107,6 @@ struct Injection {
   [[nodiscard]] std::string_view stream() const {
     return wire.replies.value_or(replies).substr(0, wire.endsAt);
   }
-  [[nodiscard]] bool isReady() const {
-    return wire.replies.has_value() || received < stream().size() || received >= wire.endsAt ||
-           isShut;
-  }
 
   void serve(std::string_view bytes) {
     if (wire.replies.has_value()) return;

@@ -74,10 +74,11 @@ std::string checkSession(const PublicCall& target, int rc, Session& s) {
 
 std::string checkNextSession() {
   Session s(kPort);
-  const int opened = s.open(), asked = opened == 0 ? getStats(s.token, &s.answer) : opened;
+  s.open();
+  getStats(s.token, &s.answer);
   const std::string seen = s.tell();
   const bool isGood = s.release() == 0 && seen == "GD 0 GD_A 1 GD 0 GD_B two XX -11 -113";
-  return isGood ? "" : formatText(" the next session gets %d, %d, ", opened, asked) + seen + ";";
+  return isGood ? "" : " the next session gets " + seen + ";";
 }
 
 // Makes the target's call with the faults under it, and then what must succeed.
@@ -155,27 +156,20 @@ std::string judge(const Outcome& outcome, const Outcome& clean, const Codes& all
 TEST(FirstCall, thatFailsHasItsCodeAndALaterOneStartsTheLibrary) {
   ASSERT_EQ(statAPITraceHandle, nullptr) << "this process has called the library already";
   Row row("F2");
-  const auto tryCalls = [](const Fault& fault, int rc) {
-    char* version = nullptr;
-    const auto before = countHoldings();
-    std::string complaint;
-    {
-      const Injection injection({fault});
-      if (getStatsAPIVersion(&version) != rc || closeAllGatewayConnections() != rc)
-        complaint = " another code;";
-    }
-    const Injection quiet;
-    complaint += checkNextSession() + takeComplaint();
-    if (countHoldings() != before + 1) complaint += " more than the trace file's name stays;";
-    return complaint;
-  };
+  const auto before = countHoldings();
   const std::pair<Fault, int> rows[] = {
-      {{"malloc", 1, true, ENOMEM}, ZEB_NO_MEMORY},
       {{"pthread_mutex_init", 1, true, ENOMEM}, ZEB_TRACE_LOCK_FAILED},
-      {{"pthread_mutex_init", 2, true, ENOMEM}, -2}};
-  for (const auto& [fault, rc] : rows)
-    row.add(formatText("code %d", rc),
-            inChild([&, code = rc, failing = fault] { return tryCalls(failing, code); }));
+      {{"malloc", 1, true, ENOMEM}, ZEB_NO_MEMORY},
+      {{"pthread_mutex_init", 1, true, ENOMEM}, -2}};
+  for (const auto& [fault, rc] : rows) {
+    const Injection injection({fault});
+    char* version = nullptr;
+    const bool isRefused = getStatsAPIVersion(&version) == rc && closeAllGatewayConnections() == rc;
+    row.add(formatText("code %d", rc), isRefused ? takeComplaint() : " another code");
+  }
+  const Injection quiet;
+  EXPECT_EQ(checkNextSession() + takeComplaint(), "");
+  EXPECT_EQ(countHoldings(), before + 1) << "more than the trace file's name stays";
 }
 
 // ---- Failing calls ------------------------------------------------------------------------------
