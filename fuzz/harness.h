@@ -26,9 +26,9 @@ void runClean(Run run) {
   require(countHoldings() == 0, "nothing is left open or allocated");
 }
 
-// Walks, joins and copies a result set. Only the walk of a damaged one ends with
+// Walks, joins and perhaps copies a result set. Only the walk of a damaged one ends with
 // ZEB_WRONG_CONTENT (-119) instead of ZEB_END_OF_RESULTS.
-inline void useResultSet(ResultSetToken* resultSet, bool mayBeDamaged) {
+inline void useResultSet(ResultSetToken* resultSet, bool isCopied, bool mayBeDamaged) {
   const int unknown = zeb::hasKnownContent(resultSet->head) ? 0 : ZEB_WRONG_CONTENT;
   const std::string told = tellAnswer(resultSet);
   require(told.ends_with("-113") || (mayBeDamaged && told.ends_with("-119")), "a walk has its end");
@@ -36,6 +36,7 @@ inline void useResultSet(ResultSetToken* resultSet, bool mayBeDamaged) {
   const int rc = getIdQuery(resultSet, &joined);
   require(rc == unknown || (unknown == 0 && rc == ZEB_NO_GOOD_ID), "known content is joined");
   require(rc != 0 || std::strlen(joined) < kQueryStringSize, "a query string fits");
+  if (!isCopied) return;
   ResultSetToken* copy = nullptr;
   require(copyResultSet(resultSet, &copy) == unknown, "known content is copied");
   if (unknown != 0) return;

@@ -7,7 +7,7 @@
 
 namespace {
 
-enum What : std::uint8_t { kQuery = 7, kAfterOpen = 8 };
+enum What : std::uint8_t { kQuery = 7, kAfterOpen = 8, kCopied = 16 };
 enum How : std::uint8_t { kPieces = 0x0F, kReset = 0x10 };
 
 void runSession(std::uint8_t what, int queries) {
@@ -22,7 +22,8 @@ void runSession(std::uint8_t what, int queries) {
     rc = s.make(kQueries[(what & kQuery) % kQueries.size()]);
     require(rc == 0 || rc == ZEB_CONNECTION_LOST || rc == ZEB_COMMUNICATION_FAILED,
             "a query returns a documented code");
-    if (rc == 0 && !zeb::isTerminator(s.answer->head)) useResultSet(s.answer, false);
+    if (rc == 0 && !zeb::isTerminator(s.answer->head))
+      useResultSet(s.answer, what & kCopied, false);
   }
   require(s.release() == (rc == 0 ? 0 : ZEB_TOKEN_UNKNOWN), "a failed query ends the connection");
 }
