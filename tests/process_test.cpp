@@ -239,7 +239,6 @@ void runLoadedSession(void* library, int port) {
   EXPECT_EQ(LOADED(openGatewayConnection)(port, &s.token, &s.version), 0);
   EXPECT_EQ(LOADED(closeGatewayConnection)(&s.token), 0);
   std::free(s.version);
-#undef LOADED
 }
 
 TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
@@ -282,8 +281,7 @@ TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack
     for (const PublicCall& last : kPublicCalls) {
       prove(formatText("%s, level %d", last.name, level), [&] {
         int rc = -1, left = 0;
-        bool isCancelled = true;
-        std::thread([&] {
+        const Work makeCalls = [&] {
           Variables variables;
           for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
             if (call == &last) pthread_cancel(pthread_self());
@@ -291,12 +289,14 @@ TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack
             rc = variables.make(*call, port, level, "/dev/full");
             left = errno;
           }
+        };
+        bool isCancelled = true;
+        std::thread([&] {
+          makeCalls();
           pthread_testcancel();
           isCancelled = false;
         }).join();
-        EXPECT_TRUE(isCancelled);
-        EXPECT_EQ(rc, 0);
-        EXPECT_EQ(left, kCanary);
+        EXPECT_TRUE(isCancelled && rc == 0 && left == kCanary) << rc << ", errno " << left;
         EXPECT_EQ(closeAllGatewayConnections(), 0);
       });
     }
