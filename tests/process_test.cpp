@@ -144,8 +144,8 @@ TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
       EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
       EXPECT_EQ(countDescriptors(), count + 2);
       EXPECT_GT(s.token->socket, 2);
-      EXPECT_EQ(fcntl(s.token->socket, F_GETFD), FD_CLOEXEC);
-      EXPECT_EQ(fcntl(fileno(statAPITraceHandle), F_GETFD), FD_CLOEXEC);
+      for (const int descriptor : {s.token->socket, fileno(statAPITraceHandle)})
+        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
       expectSession();
     });
   }
