@@ -2,21 +2,18 @@
 // in a block of its exact size.
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
+#include <vector>
 
 #include "harness.h"
 
 int main(int, char** argv) {
   int points = 0;
   for (const auto& file : std::filesystem::directory_iterator(argv[1])) {
-    std::printf("%s\n", file.path().c_str());
-    std::fflush(stdout);  // so that the last line names the input that ended the process
+    std::fprintf(stderr, "%s\n", file.path().c_str());  // the last one may have ended the process
     std::ifstream in(file.path(), std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(in), {}};
-    const auto input = std::make_unique<char[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), input.get());
-    LLVMFuzzerTestOneInput(input.get(), bytes.size());
+    const std::vector<char> input(bytes.begin(), bytes.end());
+    LLVMFuzzerTestOneInput(input.data(), input.size());
     ++points;
   }
   std::printf("EVIDENCE F7 points=%d failures=0\n", points);

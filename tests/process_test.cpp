@@ -7,12 +7,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <barrier>
 #include <functional>
 #include <future>
 
 #include "client_session.h"
-#include "public_calls.h"
-#include "scripted_gateway.h"
 #include "stapi_zeb_diag.h"
 #include "stapi_zeb_gwytok.h"
 
@@ -23,36 +22,26 @@ using Work = std::function<void()>;
 
 std::atomic<const Work*> duringNextSend = nullptr;
 
-}  // namespace
-
-// The library's sends, for what a host does while one is under way.
-extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
-  if (const Work* work = duringNextSend.exchange(nullptr); work != nullptr) (*work)();
-  return sendto(socket, data, size, flags, nullptr, 0);
-}
-
-namespace {
-
 // Its expectations that fail are printed there, and are the complaint that this returns.
-std::string expectInChild(const Work& work) {
-  return inChild([&]() noexcept {
+std::string expectInChild(const Work& work, pid_t (*spawn)() = fork) {
+  const auto tell = [&]() noexcept {
     alarm(240);
     work();
     return std::string(testing::Test::HasFailure() ? " see above" : "");
-  });
+  };
+  return inChild(tell, spawn);
 }
 
-class HostProcess : public testing::Test {
+// Each story is a point of this row of the evidence.
+template <int kRow>
+class Host : public testing::Test {
  protected:
-  // A point of the evidence.
-  void prove(const std::string& point, const Work& work) { row.add(point, expectInChild(work)); }
-  void expectTracedSession() const {
-    setAPITraceFile("/dev/null");
-    setAPITraceLevel(5);
-    EXPECT_EQ(tellSession(port), expected);
+  void prove(const std::string& point, const Work& work, pid_t (*spawn)() = fork) {
+    row.add(point, expectInChild(work, spawn));
   }
+  void expectSession() const { EXPECT_EQ(tellSession(port), expected); }
   void repeatQueries(int rounds) const {
-    Session s = {.port = port};
+    Session s(port);
     EXPECT_EQ(s.open(), 0);
     for (int i = 0; i < rounds; ++i) EXPECT_EQ(getStats(s.token, &s.answer), 0);
     EXPECT_EQ(s.release(), 0);
@@ -61,20 +50,24 @@ class HostProcess : public testing::Test {
   const int port = gateway.port();
   const std::string expected = inChild([this] { return tellSession(port); });
   const TemporaryFile file;
-  Row row{"F18"};
+  Row row{formatText("F%d", kRow)};
 };
+using HostProcess = Host<18>;
 
+// ---- Signals ------------------------------------------------------------------------------------
+
+using HostSignals = Host<9>;
+
+// With that handler, a signal that reaches the host ends the process.
 struct sigaction hostAction = {};
-
 void setHostAction() {
   struct sigaction action = {};
-  action.sa_handler = [](int) {};
+  action.sa_handler = [](int) { std::abort(); };
   action.sa_flags = SA_RESTART;
   sigaddset(&action.sa_mask, SIGUSR2);
   sigaction(SIGPIPE, &action, nullptr);
   sigaction(SIGPIPE, nullptr, &hostAction);
 }
-
 void expectHostAction() {
   struct sigaction found = {};
   sigaction(SIGPIPE, nullptr, &found);
@@ -82,7 +75,15 @@ void expectHostAction() {
               sigismember(&found.sa_mask, SIGUSR2) == 1);
 }
 
-TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySideAndInAForkedChild) {
+TEST_F(HostSignals, LeaveItsSigpipeHandlerInPlaceAndUncalled) {
+  prove("a broken pipe", [&] {
+    Session s(port);
+    EXPECT_EQ(s.open(), 0);
+    shutdown(s.token->socket, SHUT_WR);
+    setHostAction();
+    EXPECT_EQ(getStats(s.token, &s.answer), ZEB_CONNECTION_LOST);
+    expectHostAction();
+  });
   prove("a send that begins in another and ends after it", [&] {
     std::promise<void> begun, ended;
     std::thread second;
@@ -108,6 +109,17 @@ TEST_F(HostProcess, KeepsItsSigpipeHandlerThroughSendsSideBySideAndInAForkedChil
   });
 }
 
+TEST_F(HostSignals, EndNoCallThatHasATimeout) {
+  static std::atomic<int> signals = 0;
+  std::signal(SIGALRM, [](int) { ++signals; });
+  ASSERT_EQ(setAPITimeout(60000) | setAPITraceFile("/dev/null"), 0);
+  ualarm(1000, 1000);
+  while (signals < 1000) row.add("a session", tellSession(port) == expected ? "" : " is another");
+  ualarm(0, 0);
+}
+
+// ---- Names, descriptors, children, unloading ----------------------------------------------------
+
 TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
   prove("the host of names", [&] {
     execl(ZEB_NAMES_HOST, ZEB_NAMES_HOST, std::to_string(port).c_str(), file.path().c_str(),
@@ -117,85 +129,114 @@ TEST_F(HostProcess, MayDefineEveryInnerNameOfTheLibrary) {
   EXPECT_NE(file.text().find("EXIT   API.closeAllGatewayConnections()"), std::string::npos);
 }
 
-TEST_F(HostProcess, HandsNoDescriptorToAProgramThatItExecutes) {
-  const auto countInherited = [] {
-    int count = 0;
-    for (int descriptor = 0; descriptor < 2000; ++descriptor)
-      count += (fcntl(descriptor, F_GETFD) + 1) % 2;  // -1: none, 1: closed by exec
-    return count;
-  };
-  for (const int closed : {0, 1, 2}) {  // so that the library moves its socket, and its file
-    prove(formatText("the first %d closed", closed), [&] {
-      for (int descriptor = 0; descriptor < closed; ++descriptor) close(descriptor);
-      const int inherited = countInherited();
+using HostDescriptors = Host<10>;
+
+TEST_F(HostDescriptors, OfTheLibraryAreNotTheStandardOnesAndCloseOnExec) {
+  for (int closed = 0; closed < 8; ++closed) {
+    prove(formatText("standard descriptors of the set %d closed", closed), [&] {
+      for (const int descriptor : {0, 1, 2})
+        if ((closed >> descriptor & 1) != 0) close(descriptor);
       const auto count = countDescriptors();
-      Session s = {.port = port};
+      Session s(port);
       EXPECT_EQ(initTrace() + initGTL(), 0);  // as in a start that fails half-way
+      EXPECT_EQ(setAPITraceLevel(5), 0);
       EXPECT_EQ(s.open(), 0);
       EXPECT_EQ(setAPITraceFile(file.path().c_str()), 0);
       EXPECT_EQ(countDescriptors(), count + 2);
-      EXPECT_GT(s.token->socket, 2);
-      EXPECT_GT(fileno(statAPITraceHandle), 2);
-      EXPECT_EQ(countInherited(), inherited);
+      EXPECT_TRUE(s.token->socket > 2 && fileno(statAPITraceHandle) > 2);
+      for (const int descriptor : {s.token->socket, fileno(statAPITraceHandle)})
+        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+      expectSession();
     });
   }
 }
 
-TEST_F(HostProcess, ForksAmidTracesAndOpensWithoutChildrenThatHang) {
-  prove("100 forks", [&] {
-    setAPITraceFile("/dev/null");
-    setAPITraceLevel(5);
-    std::atomic<bool> isOver = false;
-    const auto repeat = [&](const Work& work) {
-      return std::thread([&isOver, work] {
-        while (!isOver) work();
-      });
+TEST_F(HostDescriptors, MayBeHighOrFew) {
+  prove("all below 1100 taken", [&] {
+    while (dup(2) < 1099) continue;
+    expectSession();
+  });
+  for (const int free : {0, 1, 2}) {
+    prove(formatText("%d descriptors left", free), [&] {
+      const rlimit limits = {static_cast<rlim_t>(dup(2) + 1 + free), 2000};
+      setrlimit(RLIMIT_NOFILE, &limits);
+      const std::string told = tellSession(port);
+      EXPECT_TRUE(free > 0 ? told == expected : told.starts_with("open -118;")) << told;
+      EXPECT_EQ(setAPITraceFile("/proc/self/fd/2"), free > 0 ? 0 : ZEB_TRACE_FILE_FAILED);
+    });
+  }
+}
+
+using HostForks = Host<12>;
+
+// A child may not use its parent's connection, and its closes only forget that: the gateway and the
+// parent notice nothing. _Fork calls no handler of a fork.
+TEST_F(HostForks, LeaveTheParentItsConnections) {
+  Session s(port);
+  ASSERT_EQ(s.open(), 0);
+  ASSERT_EQ(getStats(s.token, &s.answer), 0);
+  for (pid_t (*spawn)() : {fork, _Fork}) {
+    for (const bool all : {false, true}) {
+      const Work useAndForget = [&] {
+        for (const PublicCall& query : kQueries) EXPECT_EQ(s.make(query), ZEB_OTHER_PROCESS);
+        EXPECT_EQ(s.tell(), "-123");
+        GatewayToken* token = s.token;
+        EXPECT_EQ(all ? closeAllGatewayConnections() : closeGatewayConnection(&token), 0);
+        EXPECT_EQ(closeGatewayConnection(&s.token), ZEB_TOKEN_UNKNOWN);
+        expectSession();
+      };
+      prove("child", useAndForget, spawn);
+      EXPECT_EQ(getStats(s.token, &s.answer), 0);
+    }
+  }
+  EXPECT_EQ(s.release(), 0);
+}
+
+TEST_F(HostForks, ForgetAConnectionThatACallOfTheParentIsUsing) {
+  prove("close-all in a child", [&] {
+    const Work closeAll = [] {
+      const auto count = countDescriptors();
+      EXPECT_EQ(closeAllGatewayConnections(), 0);
+      EXPECT_EQ(countDescriptors(), count - 1);
     };
-    const Work query = [&] { repeatQueries(1); };
-    std::thread threads[] = {repeat(query), repeat(query), repeat([] {
-                               dumpState(), setAPITraceFile("/dev/null"), setAPITraceLevel(5);
-                             })};
-    for (int i = 0; i < 100 && !HasFailure(); ++i)
-      EXPECT_EQ(expectInChild([&] { dumpState(), repeatQueries(1); }), "") << i;
-    isOver = true;
-    for (std::thread& thread : threads) thread.join();
+    const Work fork = [&] { EXPECT_EQ(expectInChild(closeAll), ""); };
+    Session s(port);
+    EXPECT_EQ(s.open(), 0);
+    duringNextSend = &fork;
+    EXPECT_EQ(getStats(s.token, &s.answer), 0);
+    EXPECT_EQ(s.release(), 0);
   });
 }
 
-TEST_F(HostProcess, ForgetsInAChildTheConnectionWhoseQueryItsParentIsWaitingFor) {
-  prove("close-all in a child", [&] {
-    std::promise<void> asked, end;
-    zebsim::GatewayServer server(
-        {.clock = [&] { return asked.set_value(), end.get_future().wait(), 0U; }});
-    std::thread owner([&] {
-      Session s = {.port = server.port()};
-      EXPECT_EQ(s.open(), 0);
-      EXPECT_EQ(getStats(s.token, &s.answer), 0);
-      EXPECT_EQ(s.release(), 0);
-    });
-    asked.get_future().wait();
-    EXPECT_EQ(expectInChild([] {
-                const auto count = countDescriptors();
-                EXPECT_EQ(closeAllGatewayConnections(), 0);
-                EXPECT_EQ(countDescriptors(), count - 1);
-              }),
-              "");
-    end.set_value();
-    owner.join();
+TEST_F(HostForks, AmidTracesAndOpensLeaveNoChildThatHangs) {
+  prove("100 forks", [&] {
+    const Work query = [&] { repeatQueries(1); };
+    const Work trace = [] {
+      setAPITraceFile("/dev/null");
+      setAPITraceLevel(5);
+      dumpState();
+    };
+    const auto repeat = [](const Work& work) {
+      return std::jthread([work](const std::stop_token& end) {
+        while (!end.stop_requested()) work();
+      });
+    };
+    trace();
+    const std::jthread threads[] = {repeat(query), repeat(query), repeat(trace)};
+    for (int i = 0; i < 100 && !HasFailure(); ++i)
+      EXPECT_EQ(expectInChild([&] { dumpState(), query(); }), "") << i;
   });
 }
 
 // A session of the library as the dynamic loader finds it.
 void runLoadedSession(void* library, int port) {
 #define LOADED(name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
-  Session s;
+  Session s(port);
   EXPECT_EQ(LOADED(setAPITraceFile)("/dev/null"), 0);
   EXPECT_EQ(LOADED(setAPITraceLevel)(5), 0);
   EXPECT_EQ(LOADED(openGatewayConnection)(port, &s.token, &s.version), 0);
-  EXPECT_EQ(LOADED(getStats)(s.token, &s.answer), 0);
   EXPECT_EQ(LOADED(closeGatewayConnection)(&s.token), 0);
   std::free(s.version);
-#undef LOADED
 }
 
 TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
@@ -203,101 +244,73 @@ TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
     constexpr int kCycles = 200, kWarmUp = 20;
     // 0 under the address sanitiser, whose heap is another.
     const auto countHeldBytes = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
-    const std::ptrdiff_t descriptors = countDescriptors();
+    const auto descriptors = countDescriptors();
     std::size_t held = 0;
     for (int i = 0; i < kCycles + kWarmUp && !HasFailure(); ++i) {
       if (i == kWarmUp) held = countHeldBytes();
       void* const library = dlopen(ZEB_LIBRARY, RTLD_NOW | RTLD_LOCAL);
       ASSERT_NE(library, nullptr);
-      std::promise<void> used, unloaded;
-      std::thread outliving([&] {
+      std::barrier turn(2);
+      const std::jthread outliving([&] {
         runLoadedSession(library, port);
-        used.set_value();
-        unloaded.get_future().wait();
+        turn.arrive_and_wait();
+        turn.arrive_and_wait();
       });
-      used.get_future().wait();
+      turn.arrive_and_wait();
       dlclose(library);
-      unloaded.set_value();
-      outliving.join();
+      turn.arrive_and_wait();
     }
     EXPECT_LT(countHeldBytes(), held + 16 * kCycles);
     EXPECT_EQ(countDescriptors(), descriptors);
-    std::ifstream maps("/proc/self/maps");
-    const std::string mapped((std::istreambuf_iterator<char>(maps)), {});
-    EXPECT_EQ(mapped.find("libzebstats.so"), mapped.npos);
+    EXPECT_EQ(readFile("/proc/self/maps").find("libzebstats.so"), std::string::npos);
     EXPECT_EQ(expectInChild([] {}), "");
   });
 }
 
-// ---- Threads of the host ------------------------------------------------------------------------
-
-// Runs the work in a thread of its own with a stack of 32 KiB, which may be cancelled after it.
-pthread_t startThread(const Work& work) {
-  pthread_t thread = {};
+// Each call in a thread with a stack of 32 KiB that is cancelled when the call begins.
+TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack) {
+  constexpr int kCanary = 4711;
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   const long size = std::max(sysconf(_SC_THREAD_STACK_MIN), 32768L) * (kIsSanitized ? 16 : 1);
-  EXPECT_EQ(pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(size)), 0);
-  const auto run = [](void* argument) -> void* {
-    (*static_cast<const Work*>(argument))();
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(size)), 0);
+  const auto run = [](void* makeCalls) -> void* {
+    (*static_cast<const Work*>(makeCalls))();
     pthread_testcancel();
     return nullptr;
   };
-  EXPECT_EQ(pthread_create(&thread, &attributes, run, const_cast<Work*>(&work)), 0);
-  return thread;
-}
-
-void joinCancelled(pthread_t thread) {
-  void* ending = nullptr;
-  pthread_join(thread, &ending);
-  EXPECT_EQ(ending, PTHREAD_CANCELED);
-}
-
-TEST_F(HostProcess, KeepsItsErrnoAndACancelledThreadThroughEachCallOnASmallStack) {
-  constexpr int kCanary = 4711;
   for (const int level : {0, 5}) {
-    for (const char* destination : {"/dev/null", "/dev/full"}) {
-      for (const PublicCall& last : kPublicCalls) {
-        prove(formatText("%s, level %d to %s", last.name, level, destination), [&] {
-          int rc = -1, left = 0;
-          const Work work = [&] {
-            Variables variables;
-            for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
-              if (call == &last) pthread_cancel(pthread_self());
-              errno = kCanary;
-              rc = variables.make(*call, port, level, destination);
-              left = errno;
-            }
-          };
-          joinCancelled(startThread(work));
-          EXPECT_EQ(rc, 0);
-          EXPECT_EQ(left, kCanary);
-          EXPECT_EQ(closeAllGatewayConnections(), 0);
-        });
-      }
+    for (const PublicCall& last : kPublicCalls) {
+      prove(formatText("%s, level %d", last.name, level), [&] {
+        int rc = -1, left = 0;
+        const Work makeCalls = [&] {
+          Variables variables;
+          for (const PublicCall* call = kPublicCalls; call <= &last; ++call) {
+            if (call == &last) pthread_cancel(pthread_self());
+            errno = kCanary;
+            rc = variables.make(*call, port, level, "/dev/full");
+            left = errno;
+          }
+        };
+        pthread_t thread = {};
+        void* ending = nullptr;
+        pthread_create(&thread, &attributes, run, const_cast<Work*>(&makeCalls));
+        pthread_join(thread, &ending);
+        EXPECT_TRUE(ending == PTHREAD_CANCELED && rc == 0 && left == kCanary) << rc << ' ' << left;
+        EXPECT_EQ(closeAllGatewayConnections(), 0);
+      });
     }
   }
 }
 
-TEST_F(HostProcess, ChangesItsTimeZoneForTheNextTimeStamp) {
-  prove("12 hours apart", [] {
-    const auto readHours = [](const char* zone) {
-      char text[24];
-      setenv("TZ", zone, 1);
-      return std::stoi(std::string(getTimestamp(text)).substr(9, 2));
-    };
-    const int west = readHours("AAA0");
-    EXPECT_EQ((readHours("BBB-12") - west + 24) % 24, 12);
-  });
-}
-
 // ---- Trace destinations -------------------------------------------------------------------------
+
+using HostTrace = Host<15>;
 
 // The thread's pending and blocked signals, and the process's pending, ignored and handled ones.
 std::string describeSignals() {
-  std::ifstream status("/proc/thread-self/status");
   std::string text;
-  for (std::string line; std::getline(status, line);)
+  for (const std::string& line : splitLines(readFile("/proc/thread-self/status")))
     if (line.starts_with("ShdPnd") || (line.starts_with("Sig") && line[3] != 'Q')) text += line;
   return text;
 }
@@ -314,55 +327,50 @@ std::string readAll(int descriptor) {
 // Makes standard error the writing end of a pipe, and returns the other end.
 int redirectStandardError() {
   int ends[2] = {-1, -1};
-  EXPECT_EQ(pipe(ends), 0);
-  EXPECT_EQ(dup2(ends[1], 2), 2);
+  EXPECT_TRUE(pipe(ends) == 0 && dup2(ends[1], 2) == 2);
   close(ends[1]);
   return ends[0];
 }
 
-void limitFileSize(rlim_t size) {
-  const rlimit limit = {size, RLIM_INFINITY};
-  setrlimit(RLIMIT_FSIZE, &limit);
-}
-
-TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
+TEST_F(HostTrace, LosesLinesButTheHostNeverItsLifeOrTime) {
   const TemporaryFile fifoFile;
   const char *const fifo = fifoFile.path().c_str(), *const trace = file.path().c_str();
   unlink(fifo);
   ASSERT_EQ(mkfifo(fifo, 0600), 0);
+  constexpr rlimit fewBytes = {4000, RLIM_INFINITY}, unlimited = {RLIM_INFINITY, RLIM_INFINITY};
   int reader = -1;
-  const auto openFifo = [&] { reader = open(fifo, O_RDONLY | O_NONBLOCK); };
+  const auto openReader = [&](const char* path) { reader = open(path, O_RDONLY | O_NONBLOCK); };
   // What makes writes fail, and what makes them succeed again for the reader.
   const struct {
     const char* name;
-    Work obstruct, relieve;
+    Work obstruct, relieve = {};
   } rows[] = {
-      {"full disk", [] { EXPECT_EQ(setAPITraceFile("/dev/full"), 0); }, {}},
-      {"standard error without reader", [] { close(redirectStandardError()); }, {}},
-      {"FIFO without reader", [&] { EXPECT_EQ(setAPITraceFile(fifo), ZEB_TRACE_FILE_FAILED); }, {}},
+      {"full disk", [] { EXPECT_EQ(setAPITraceFile("/dev/full"), 0); }},
+      {"closed standard error", [] { close(2); }},
+      {"standard error without reader", [] { close(redirectStandardError()); }},
+      {"FIFO without reader", [&] { EXPECT_EQ(setAPITraceFile(fifo), ZEB_TRACE_FILE_FAILED); }},
       {"sleeping reader",
        [&] {
          reader = redirectStandardError();
          setAPITraceLevel(5);
          repeatQueries(200);
        },
-       [&] { EXPECT_GT(readAll(reader).size(), 1000U); }},
+       [] {}},
       {"FIFO whose reader goes and comes",
        [&] {
-         openFifo();
+         openReader(fifo);
          EXPECT_EQ(setAPITraceFile(fifo), 0);
          close(reader);
        },
-       openFifo},
+       [&] { openReader(fifo); }},
       {"file at its size limit",
        [&] {
-         limitFileSize(4000);
+         setrlimit(RLIMIT_FSIZE, &fewBytes);
          EXPECT_EQ(setAPITraceFile(trace), 0);
        },
        [&] {
-         limitFileSize(RLIM_INFINITY);
-         reader = open(trace, O_RDONLY);
-         readAll(reader);
+         setrlimit(RLIMIT_FSIZE, &unlimited);
+         openReader(trace);
        }},
   };
   // A traced session goes as one without trace, and leaves the host's signals as they were. A send,
@@ -382,11 +390,12 @@ TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
         const int flags = fcntl(2, F_GETFL);
         setAPITraceLevel(5);
         EXPECT_EQ(dumpState(), 0);
-        EXPECT_EQ(before != kPending ? tellSession(port) : expected, expected);
+        if (before != kPending) expectSession();
         EXPECT_EQ(describeSignals(), signals);
         EXPECT_EQ(fcntl(2, F_GETFL), flags);
         if (!sink.relieve) return;
         sink.relieve();
+        readAll(reader);
         dumpState();
         EXPECT_NE(readAll(reader).find("Gateway Token List dump"), std::string::npos);
       });
@@ -395,3 +404,9 @@ TEST_F(HostProcess, LosesTraceLinesButNeverItsLifeOrTime) {
 }
 
 }  // namespace
+
+// The library's sends, for what a host does while one is under way.
+extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
+  if (const Work* work = duringNextSend.exchange(nullptr); work != nullptr) (*work)();
+  return sendto(socket, data, size, flags, nullptr, 0);
+}

@@ -2,10 +2,8 @@
 
 #include <errno.h>
 #include <netdb.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sanitizer/asan_interface.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -14,11 +12,10 @@
 #include <algorithm>
 #include <cstring>
 #include <set>
-#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "stapi_zeb_memory.h"
-#include "zebstats_private.h"
 
 extern "C" int __real_close(int descriptor);
 
@@ -27,33 +24,21 @@ namespace {
 
 constexpr int kFirstSocket = 1 << 20;              // not a descriptor of the system
 constexpr std::size_t kLargestBlock = 256 * 1024;  // of those that are granted
-constexpr std::size_t kLargestWish = 17 << 20;     // no reply that is read announces more
-
-thread_local Injection* active = nullptr;
 
 // Of the one thread that has an Injection. The set is never destroyed: free() is called to the end.
-auto& blocks = *new std::unordered_map<const void*, std::size_t>;
-// Freed blocks of the size of an answer's buffer, which are used again: to map and unmap each one
-// takes a sanitiser longer than a session. Until then nobody may touch them.
-auto& kept = *new std::vector<void*>;
-std::set<int> sockets, closedForSending, files;
-std::vector<const pthread_mutex_t*> heldLocks;
-std::string complaint;
-
-int fail(int error) {
-  errno = error;
-  return -1;
-}
+auto& blocks = *new std::unordered_set<const void*>;
+std::set<int> sockets, files;
+std::set<const pthread_mutex_t*> heldLocks;
 
 // Whether this call fails; then errno says how.
 bool fails(std::string_view call) {
-  const int error = active->next(call);
+  const int error = Injection::active->next(call);
   return error != 0 && fail(error) != 0;
 }
 
 template <typename Block>
-Block* book(Block* block, std::size_t size = 0) {
-  if (block != nullptr) blocks[block] = size;
+Block* book(Block* block) {
+  if (block != nullptr) blocks.insert(block);
   return block;
 }
 
@@ -64,109 +49,13 @@ int openSocket() {
 
 // A token without a socket is closed like any other.
 int closeBooked(int descriptor) {
-  closedForSending.erase(descriptor);
   if (files.erase(descriptor) > 0) return __real_close(descriptor);
   if (sockets.erase(descriptor) == 0 && descriptor >= 0)
-    complaint += " closes " + std::to_string(descriptor) + ", which it has not opened;";
+    complaints += " closes " + std::to_string(descriptor) + ", which it has not opened;";
   return descriptor >= 0 ? 0 : fail(EBADF);
 }
 
-zebsim::Bytes replyTo(const zebsim::Request& request) {
-  using namespace zebsim;
-  if (request.header.name == kBaseName) return reply(kBaseName, "");
-  if (request.header.name == kAuthName)
-    return reply(kAuthName, request.data.size() == 4 ? authFirstData(1, 2, 3) : authSecondData());
-  const AdminCall call = readAdminCall(request.data);
-  return reply(kAdminName,
-               call.kind == kOpening ? openingData(7) : callData(call.kind, answerOf(call.target)));
-}
-
 }  // namespace
-
-Injection::Injection(std::vector<Fault> plan, Wire change)
-    : faults(std::move(plan)), wire(std::move(change)) {
-  active = this;
-}
-
-Injection::~Injection() {
-  active = nullptr;
-}
-
-int Injection::next(std::string_view call) {
-  const int count = ++counts[call];
-  if (faults.empty() || faults[0].call != call || count < faults[0].at) return 0;
-  const Fault fault = faults[0];
-  ++strikes;
-  if (fault.onwards) return fault.error;
-  faults.erase(faults.begin());
-  strikes = 0;
-  counts.clear();
-  return fault.error;
-}
-
-bool Injection::goesOn(int error, bool isBounded) const {
-  return error == 0 || ((error == EINTR || error == EAGAIN) && isBounded && strikes > 3);
-}
-
-std::string_view Injection::stream() const {
-  return wire.replies.value_or(replies).substr(0, wire.endsAt);
-}
-
-bool Injection::isReady(int socket) const {
-  return wire.replies.has_value() || received < stream().size() || received >= wire.endsAt ||
-         closedForSending.count(socket) > 0;
-}
-
-void Injection::serve(std::string_view bytes) {
-  sent += bytes;
-  if (wire.replies.has_value()) return;
-  unread += bytes;
-  try {
-    for (zebsim::Request request; zebsim::takeRequest(unread, request);) {
-      const std::size_t start = replies.size();
-      replies += replyTo(request);
-      for (std::size_t i = 0; i < wire.change.size(); ++i) {
-        const std::size_t at = wire.changedAt + i;
-        if (at >= start && at < replies.size()) replies[at] = wire.change[i];
-      }
-    }
-  } catch (const zebsim::BadRequest& bad) {
-    wire.endsAt = replies.size();  // as a gateway does that had its reply changed on the way
-    if (wire.change.empty()) complaint += std::string(" sends a bad request: ") + bad.what() + ";";
-  }
-}
-
-ssize_t Injection::send(int socket, std::string_view bytes, int flags) {
-  const bool isBounded = (flags & MSG_DONTWAIT) != 0;
-  const int error = next("send");
-  if (error == kEnd) return 0;
-  if (error < kShort && !goesOn(error, isBounded)) return fail(error);
-  if (socket < 0 || closedForSending.count(socket) > 0) return fail(socket < 0 ? EBADF : EPIPE);
-  if (hasEnded) complaint += " sends on a connection that has ended;";
-  const auto size = static_cast<ssize_t>(bytes.size());
-  if (received >= wire.endsAt) return wire.sendError != 0 ? fail(wire.sendError) : size;
-  if (error == kCut) closedForSending.insert(socket);
-  if (error == kCut || (error == kShort && isBounded))
-    bytes = bytes.substr(0, error == kCut ? bytes.size() / 2 : 1);
-  serve(bytes);
-  return error >= kShort ? 1 : size;
-}
-
-ssize_t Injection::receive(int socket, void* buffer, std::size_t size, int flags) {
-  const int error = next("recv");
-  if (error == kEnd || closedForSending.count(socket) > 0) return 0;
-  if (error < kShort && !goesOn(error, (flags & MSG_DONTWAIT) != 0)) return fail(error);
-  std::size_t most = std::min({size, wire.piece, stream().size() - received});
-  if (error == kShort) most = std::min<std::size_t>(most, 1);
-  if (received < wire.splitAt) most = std::min(most, wire.splitAt - received);
-  if ((flags & MSG_PEEK) != 0)  // given replies are not there before they are asked for
-    return most > 0 && !wire.replies.has_value() ? 1 : fail(EAGAIN);
-  hasEnded = most == 0;
-  if (hasEnded && wire.receiveError != 0) return fail(wire.receiveError);
-  std::copy_n(stream().data() + received, most, static_cast<char*>(buffer));
-  received += most;
-  return static_cast<ssize_t>(most);
-}
 
 std::size_t countHoldings() {
   zeb::freeRetired();
@@ -174,8 +63,8 @@ std::size_t countHoldings() {
 }
 
 std::string takeComplaint() {
-  if (!std::exchange(heldLocks, {}).empty()) complaint += " a lock is still held;";
-  return std::exchange(complaint, {});
+  if (!std::exchange(heldLocks, {}).empty()) complaints += " a lock is still held;";
+  return std::exchange(complaints, {});
 }
 
 }  // namespace zebtest
@@ -186,6 +75,7 @@ using namespace zebtest;
 #define ZEB_WRAP(type, name, parameters, arguments, ...)   \
   type __real_##name parameters;                           \
   type __wrap_##name parameters {                          \
+    Injection* const active = Injection::active;           \
     if (active == nullptr) return __real_##name arguments; \
     __VA_ARGS__                                            \
   }
@@ -200,33 +90,22 @@ extern "C" {
 
 void __real_free(void* block);
 void __wrap_free(void* block) {
-  if (block == nullptr) return;
-  const auto booked = blocks.extract(block);
-  if (booked.empty() || booked.mapped() != kResultSetBufferSize) return __real_free(block);
-  ASAN_POISON_MEMORY_REGION(block, kResultSetBufferSize);
-  kept.push_back(block);
+  blocks.erase(block);
+  __real_free(block);
 }
 
 // What the memory held before is not zero.
 ZEB_WRAP(void*, malloc, (size_t size), (size), {
-  if (fails("malloc")) return nullptr;
-  if (size > kLargestWish) complaint += " wants " + std::to_string(size) + " bytes;";
-  const bool isKept = size == kResultSetBufferSize && !kept.empty();
-  void* block = isKept ? kept.back() : size <= kLargestBlock ? __real_malloc(size) : nullptr;
-  if (isKept) kept.pop_back();
-  if (block == nullptr) return nullptr;
-  ASAN_UNPOISON_MEMORY_REGION(block, size);
-  return std::memset(book(block, size), 0xA5, std::min<size_t>(size, 4096));
+  if (fails("malloc") || size > kLargestBlock) return nullptr;
+  return std::memset(book(__real_malloc(size)), 0xA5, std::min<size_t>(size, 4096));
 })
 
 ZEB_WRAP(int, getaddrinfo,
          (const char* host, const char* port, const addrinfo* hints, addrinfo** found),
          (host, port, hints, found), {
-           static sockaddr_in address = {};
-           if (const int error = active->next("getaddrinfo"); error != 0) return error;
-           *found = book(new addrinfo{});
-           (*found)->ai_addr = reinterpret_cast<sockaddr*>(&address);
-           return 0;
+           const int error = active->next("getaddrinfo");
+           if (error == 0) *found = book(new addrinfo{});
+           return error;
          })
 ZEB_WRAP(void, freeaddrinfo, (addrinfo * found), (found), {
   blocks.erase(found);
@@ -238,19 +117,19 @@ ZEB_WRAP_VALUE(openSocket(), int, socket, (int family, int type, int protocol),
 ZEB_WRAP_VALUE(0, int, setsockopt,
                (int socket, int level, int option, const void* value, socklen_t size),
                (socket, level, option, value, size))
-ZEB_WRAP_VALUE(0, int, ioctl, (int descriptor, unsigned long request, void* argument),
-               (descriptor, request, argument))
 ZEB_WRAP_VALUE(0, int, connect, (int socket, const sockaddr* address, socklen_t size),
                (socket, address, size))
-ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how),
-         return closedForSending.insert(socket).second ? 0 : 0;)
+ZEB_WRAP(int, shutdown, (int socket, int how), (socket, how), active->isShut = true; return 0;)
 ZEB_WRAP(int, poll, (pollfd * waited, nfds_t count, int timeout), (waited, count, timeout), {
   if (waited->fd == STDERR_FILENO) return __real_poll(waited, count, timeout);
   const int error = active->next("poll");
   if (error == kEnd) return 0;
   if (!active->goesOn(error, timeout >= 0)) return fail(error);
-  if ((waited->events & POLLIN) != 0 && !active->isReady(waited->fd))
-    complaint += " waits for what nobody will send;";
+  const bool isServed = active->wire.replies.has_value() || active->isShut;
+  const bool isReady =
+      active->received < active->stream().size() || active->received >= active->wire.endsAt;
+  if ((waited->events & POLLIN) != 0 && !isServed && !isReady)
+    complaints += " waits for what nobody will send;";
   waited->revents = waited->events;
   return 1;
 })
@@ -265,7 +144,7 @@ ZEB_WRAP(ssize_t, send, (int socket, const void* data, size_t size, int flags),
          (socket, data, size, flags),
          return active->send(socket, {static_cast<const char*>(data), size}, flags);)
 ZEB_WRAP(ssize_t, recv, (int socket, void* buffer, size_t size, int flags),
-         (socket, buffer, size, flags), return active->receive(socket, buffer, size, flags);)
+         (socket, buffer, size, flags), return active->receive(buffer, size, flags);)
 
 ZEB_WRAP_DONE(closeBooked(descriptor), close, (int descriptor), (descriptor))
 ZEB_WRAP_DONE((blocks.erase(stream), __real_fclose(stream)), fclose, (FILE * stream), (stream))
@@ -285,15 +164,12 @@ ZEB_WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexa
          })
 ZEB_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), {
   if (const int error = active->next("pthread_mutex_lock"); error != 0) return error;
-  if (std::count(heldLocks.begin(), heldLocks.end(), mutex) > 0) {
-    complaint += " a lock is taken twice;";
-    return EDEADLK;
-  }
-  heldLocks.push_back(mutex);
-  return __real_pthread_mutex_lock(mutex);
+  if (heldLocks.insert(mutex).second) return __real_pthread_mutex_lock(mutex);
+  complaints += " a lock is taken twice;";
+  return EDEADLK;
 })
 ZEB_WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex), {
-  if (std::erase(heldLocks, mutex) == 0) complaint += " a lock is released that is not held;";
+  if (heldLocks.erase(mutex) == 0) complaints += " a lock is released that is not held;";
   const int rc = __real_pthread_mutex_unlock(mutex);
   const int error = active->next("pthread_mutex_unlock");
   return error != 0 ? error : rc;
