@@ -180,8 +180,8 @@ int addText(const TextCall& call, char** bufWPtr, const char* textPtr, int charC
   return rc;
 }
 
-// Writes the length of idString, its characters, and a NUL that the next write overwrites. The trace
-// then reads back the first byte of the length, not all of it, and the first character.
+// Writes the length of idString, its characters, and a NUL that the next write overwrites. The
+// trace then reads back the first byte of the length, not all of it, and the first character.
 void appendIdStr(char*& cursor, const char* idString) noexcept {
   const int length = static_cast<int>(strlen(idString));
   char* const lengthAt = cursor;

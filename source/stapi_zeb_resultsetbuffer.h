@@ -61,8 +61,8 @@ constexpr char kStatsMarker[] = "ZEBSTSET";
 constexpr char kIdsMarker[] = "ZEBIDSET";
 // All of a buffer but its last word.
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
-// How many bytes, from the terminator on, a dump may read: a whole line of 16 bytes, and at the last
-// of them a word of 4 bytes, which it compares with the terminator.
+// How many bytes, from the terminator on, a dump may read: a whole line of 16 bytes, and at the
+// last of them a word of 4 bytes, which it compares with the terminator.
 constexpr std::size_t kDumpReach = 16 - 1 + 4;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
@@ -81,8 +81,8 @@ inline bool hasKnownContent(const char* buffer) noexcept {
 }
 
 // Copies as memcpy does, but inline for short texts, as ids and values are: to call memcpy would
-// take longer than the copy. For lengths from N to 2 * N it copies the first N and the last N bytes,
-// which may overlap.
+// take longer than the copy. For lengths from N to 2 * N it copies the first N and the last N
+// bytes, which may overlap.
 inline void copyBytes(char* to, const void* from, std::size_t length) noexcept {
   // first is a variable of the size to copy; both ends are read before one is written.
   const auto copyEnds = [&](auto first) {
@@ -247,9 +247,9 @@ class ResultSetReader {
   bool ok_ = true;
 };
 
-// Writes a result set to the trace destination: a line with the token's fields, a rule, the bytes of
-// the buffer up to the terminator, a rule. The caller holds traceLock. Returns the number of bytes
-// dumped.
+// Writes a result set to the trace destination: a line with the token's fields, a rule, the bytes
+// of the buffer up to the terminator, a rule. The caller holds traceLock. Returns the number of
+// bytes dumped.
 int writeResultSet(const ResultSetToken& resultSet) noexcept;
 
 }  // namespace zeb

@@ -6,9 +6,9 @@
 
 namespace zeb {
 
-// The whole process ignores SIGPIPE while an object of this class lives. zebstats.h promises that for
-// each send; the sends also pass MSG_NOSIGNAL, which holds even if the host sets another disposition
-// meanwhile.
+// The whole process ignores SIGPIPE while an object of this class lives. zebstats.h promises that
+// for each send; the sends also pass MSG_NOSIGNAL, which holds even if the host sets another
+// disposition meanwhile.
 //
 // The first object of the process saves the host's disposition. The last one restores it, flags and
 // mask included, unless the host has set another one meanwhile, which then stays. One object alone
@@ -42,8 +42,8 @@ class HeldWriteSignals {
 };
 
 // For a fork. From the first call to the second or third one, no other thread changes the
-// disposition of SIGPIPE. The third one restores the host's disposition: the child has no thread that
-// sends.
+// disposition of SIGPIPE. The third one restores the host's disposition: the child has no thread
+// that sends.
 void lockSigpipeForFork() noexcept;
 void unlockSigpipeInParent() noexcept;
 void unlockSigpipeInChild() noexcept;
