@@ -21,6 +21,9 @@ constexpr std::int32_t kOpeningCall = 0;   // precedes each other call and yield
 constexpr std::int32_t kGetAttribute = 1;  // reads an attribute of the statistics bean
 constexpr std::int32_t kInvoke = 5;        // invokes an operation of the bean with one String
 
+// The operation of the statistics bean that answers with statistics; the others answer with ids.
+constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
+
 // Precedes the String argument of an invoke call. Despite the name it begins no array: it is the
 // header of a serialisation stream (4 bytes) and the tag of a string.
 constexpr std::uint8_t OBJ_ARRAY_HEADER[] = {0xAC, 0xED, 0x00, 0x05, 0x74};

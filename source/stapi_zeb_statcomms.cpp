@@ -43,7 +43,6 @@ constexpr char kNoQualifier[] = "";
 constexpr char STATS_MBEAN_NAME[] = "DefaultDomain:ProdId=com.kro.zeb,Activity=Control,type=Stats";
 constexpr char STATS_MBEAN_SIG[] = "java.lang.String";
 constexpr char STATS_MBEAN_PROTOCOL_VERSION[] = "protocol";
-constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
 
 constexpr std::uint32_t kOpeningLength = 4;  // the data of an opening call: its call kind
 constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, before the strings
