@@ -180,6 +180,7 @@ TEST_F(Waits, endAtTheTimeoutOrAtAnErrorWhateverTheSignals) {
     const TraceCapture trace(1);
     EXPECT_EQ(timed(isTimed ? kLimit : 0, [&] { return runSession(port, which++); }), row.rc);
     EXPECT_EQ(std::regex_search(trace.story(), limit), isTimed) << trace.text();
+    EXPECT_EQ(trace.text().find("errno=Success"), std::string::npos) << trace.text();
     EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
   };
   const auto expectEnds = [&] {
@@ -212,6 +213,19 @@ TEST_F(Waits, keepTheTimeoutThatTheirCallStartedWith) {
   EXPECT_EQ(timed(kLimit, [&] { return runSession(gateway.port()); }), ZEB_TIMED_OUT);
   EXPECT_EQ(trace.text().find(std::to_string(kNever)), std::string::npos) << trace.text();
   other.join();
+}
+
+TEST_F(Waits, endAtTheTimeoutEvenIfThereIsAlwaysSomethingToRead) {
+  const zebsim::Descriptor always(eventfd(1, EFD_CLOEXEC));
+  EXPECT_EQ(setAPITimeout(kLimit), 0);
+  const zeb::TimedCall call;
+  short events = POLLIN;
+  const auto readOn = [&] {
+    while (zeb::waitForEvents(always.get(), POLLIN, &events) > 0) continue;
+    return events;
+  };
+  EXPECT_EQ(timed(kLimit - 1, readOn), 0);
+  EXPECT_TRUE(zeb::hasTimedOut());
 }
 
 TEST_F(Waits, withoutATimeoutEndAtASignalUnlessTheyAreForAConnect) {
