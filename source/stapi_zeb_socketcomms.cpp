@@ -501,7 +501,7 @@ int exchangeRequest(const RequestTrace& trace, int socketDesc, RequestHeader& he
   writeHeader(&header, data.get());
   ByteWriter out = dataWriter(header, data.get());
   write(out);
-  out.zeroRest();  // or old contents of the heap would be sent
+  out.zeroRest();
   if (!out.ok()) return refuseOverlongRequest(trace, size);
   int rc = flowBlock(socketDesc, size, data, header, failure);
   if (rc == 0) rc = decode(replyReader(header, data.get(), size));
