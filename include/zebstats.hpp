@@ -183,7 +183,6 @@ class Walk {
   [[nodiscard]] Error error() const noexcept {
     return Error(code_ == ZEB_END_OF_RESULTS ? ZEB_OK : code_);
   }
-  // True after the normal end of the walk.
   [[nodiscard]] bool ended() const noexcept { return code_ == ZEB_END_OF_RESULTS; }
 
   // Returns a copy that owns its answer and whose walk has not begun. If copying fails, the copy is
@@ -238,7 +237,7 @@ class Walk {
   ResultSetToken* token_ = nullptr;
   int code_ = ZEB_RESULT_SET_NULL;  // of the query or copy, then of the last step
   detail::SessionRef session_;      // of a view; a copy has none
-  std::uint64_t query_ = 0;         // the query that the view belongs to
+  std::uint64_t query_ = 0;
   Entry entry_;
 };
 
@@ -367,7 +366,6 @@ class Connection {
   [[nodiscard]] IdSet groups() & noexcept { return ask<Id>(getResourceGroupIds); }
 
  private:
-  // Makes the query `call`, whose query string, if it has one, is text.
   template <typename Entry, typename Call, typename... Text>
   ResultSet<Entry> ask(Call call, Text... text) noexcept {
     if (!isOpen()) return ResultSet<Entry>(nullptr, ZEB_TOKEN_NULL);
@@ -405,7 +403,6 @@ inline int timeout() noexcept {
   return milliseconds;
 }
 
-// Sets the level of the trace, 0 (nothing) to 5.
 inline Error setTraceLevel(int level) noexcept {
   return Error(setAPITraceLevel(level));
 }

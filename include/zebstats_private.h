@@ -18,15 +18,16 @@
 
 // ---- Sizes and marks ----------------------------------------------------------------------------
 
+// The sizes of texts include their NUL.
 constexpr std::size_t kResultSetBufferSize = 153600;
-constexpr std::size_t kQueryStringSize = 32000;   // of verifiedQueryString, its NUL included
-constexpr std::size_t kProtocolVersionSize = 64;  // of the text in a token, its NUL included
-constexpr std::size_t kTraceFilenameSize = 1024;  // its NUL included
-constexpr std::size_t kTokenTextMinimum = 256;    // what formatGatewayToken may fill
-constexpr std::size_t kTokenTextSize = 512;       // what its callers provide
-constexpr std::size_t kTracePrefixLength = 36;    // of ZEB_TRACE_PREFIX
-constexpr std::size_t kTraceMessageSize = 256;    // of the format of a trace line, its NUL included
-constexpr int kRunawayLimit = 256;                // most connections in the Gateway Token List
+constexpr std::size_t kQueryStringSize = 32000;
+constexpr std::size_t kProtocolVersionSize = 64;
+constexpr std::size_t kTraceFilenameSize = 1024;
+constexpr std::size_t kTokenTextMinimum = 256;  // what formatGatewayToken may fill
+constexpr std::size_t kTokenTextSize = 512;     // what its callers provide
+constexpr std::size_t kTracePrefixLength = 36;
+constexpr std::size_t kTraceMessageSize = 256;
+constexpr int kRunawayLimit = 256;  // most connections in the Gateway Token List
 
 constexpr std::uint32_t kTerminator = 0x0E0F0E0F;  // ends the content of a result set buffer
 // ResultSetToken::owner
@@ -34,22 +35,18 @@ constexpr std::uint32_t kOwnerGateway = 0x8888;  // belongs to a connection
 constexpr std::uint32_t kOwnerUser = 0x9999;     // a copy, which belongs to the host
 
 // Codes inside the library. Some equal public codes of another meaning; the modules gwytok and
-// statquery map them to public ones.
-
-// Of the Gateway Token List:
+// statquery map them to public ones. First those of the Gateway Token List:
 constexpr int kListEmpty = 1001;      // a search in an empty list
 constexpr int kTargetNull = 1002;     // a search for a null token
 constexpr int kTokenNotFound = 1003;  // the token is not in the list
 constexpr int kTokenFound = 1004;     // the token is in the list
 constexpr int kListRunaway = 1005;    // a walk of the list has reached kRunawayLimit
 constexpr int kNothingToWalk = 1006;  // a walk of an empty list
-
 // Of the exchange with a gateway:
 constexpr int kFlowFailed = -1;      // no whole reply was received; the connection is unusable
 constexpr int kAuthRefused = -2;     // the gateway has refused the first authorisation step
 constexpr int kAdminFailed = -3;     // the call was refused or failed, or its answer is malformed
 constexpr int kGatewayRefused = -4;  // the header of the reply carries a code of the gateway
-
 // Of connecting:
 constexpr int kConnectFailed = -100;       // any failure without a code of its own
 constexpr int kHostNotResolved = -101;     // the host name has no address
@@ -115,37 +112,40 @@ struct ResultSetToken {
   char* queryElementPtr;  // of the current query header, in the buffer
   std::int32_t queryElementLen;
   std::int32_t queryElementRC;
-  bool handedOut;  // the host has the handle, which must be recognised after the close
+  bool handedOut;  // as in GatewayToken
 };
 
 // The header of a request. The header of its reply is then loaded into the same record, over all
 // fields but requestName.
 struct RequestHeader {
-  char eyecatcher[4];         // "Gate"
-  std::uint32_t headerWord1;  // kHeaderWord1
+  char eyecatcher[4];
+  std::uint32_t headerWord1;
   std::uint32_t messageType;
-  std::int32_t headerWord3;         // 0, in a close request -1
-  std::int32_t headerWord4;         // 0; in a reply the gateway's return code
-  std::uint32_t requestNameLength;  // without a NUL
-  const char* requestName;          // not owned
-  std::uint8_t flag;                // 0
-  std::uint32_t dataLength;         // of the data after the header
+  std::int32_t headerWord3;  // 0, in a close request -1
+  std::int32_t headerWord4;  // 0; in a reply the gateway's return code
+  std::uint32_t requestNameLength;
+  const char* requestName;  // not owned
+  std::uint8_t flag;
+  std::uint32_t dataLength;  // of the data after the header
 };
 
-// An authorisation step. Of its words, only the gateway knows the meaning.
+// An authorisation step. The gateway alone knows the meaning of its words: words 1 to 3 come from
+// the reply to step 0 and go back in step 1, with word 4 as 0; the result words are not used.
 struct AuthRequestRecord {
   RequestHeader header;
   std::int32_t authStep;   // 0 or 1; the first word of the reply
   std::int32_t replyCode;  // the second word of the reply
-  std::int32_t authWord1;  // 1 to 3: from the reply to step 0, sent back in step 1
+  std::int32_t authWord1;
   std::int32_t authWord2;
   std::int32_t authWord3;
-  std::int32_t authWord4;    // sent in step 1, always 0
-  std::int32_t resultWord1;  // from the reply to step 1, not used
+  std::int32_t authWord4;
+  std::int32_t resultWord1;
   std::int32_t resultWord2;
 };
 
-// A call of the statistics bean. The record does not own its texts, which are NUL-terminated.
+// A call of the statistics bean. The record does not own its texts, which are NUL-terminated;
+// attributeName is for an attribute call, action, argument and signature (the argument's type) are
+// for an invoke call.
 struct AdminCallRecord {
   RequestHeader header;     // after a call with an answer, dataLength is the length of callData
   std::int32_t callKind;    // kOpeningCall, kGetAttribute or kInvoke; the first word of the reply
@@ -156,20 +156,21 @@ struct AdminCallRecord {
   const char* language;
   const char* qualifier;
   const char* beanName;
-  const char* attributeName;  // of kGetAttribute
-  const char* action;         // this and the next two: of kInvoke
+  const char* attributeName;
+  const char* action;
   const char* argument;
-  const char* signature;       // the argument's type
+  const char* signature;
   std::uint8_t exceptionFlag;  // not 0: the operation has raised an exception
   std::uint8_t* callData;      // malloc'ed answer, which whoever makes the call frees; or null
 };
 
-// What has failed in an exchange. Only the step that fails sets its field; see flow().
+// What has failed in an exchange; only the step that fails sets its field. sockErrno is an errno,
+// or -1 if the connection has ended; the others are codes of the gateway.
 struct reasons {
-  std::int32_t sockErrno;  // an errno, or -1 if the connection has ended
-  std::int32_t gwyRc;      // the code in the header of the reply
-  std::int32_t authRc;     // the code of a refused authorisation
-  std::int32_t adminRc;    // the code of a refused call
+  std::int32_t sockErrno;
+  std::int32_t gwyRc;
+  std::int32_t authRc;
+  std::int32_t adminRc;
 };
 
 // A storage dump that is being written, line by line. It ends after a given number of bytes (length
@@ -179,7 +180,7 @@ struct StorageDump {
   const unsigned char* limit;    // no byte from here on is read; null: no limit
   int remaining;                 // the bytes left in length mode; 0 in stop-word mode
   std::uint32_t stopWord;
-  int lineWidth;           // bytes in a line
+  int lineWidth;
   std::size_t textLength;  // of the line that is collected in text and then written at once
   char text[128];
 };

@@ -159,7 +159,6 @@ class ResultSetWriter {
     copyBytes(cursor_, text.data(), text.size());
     cursor_ += text.size();
   }
-  // Writes the length of text, then text.
   void counted(std::string_view text) noexcept {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
@@ -191,7 +190,6 @@ class ResultSetWriter {
     std::atomic_signal_fence(std::memory_order_release);
     if (marker_ != nullptr) memcpy(start_, marker_, kMarkerLength);
   }
-  // Makes the buffer empty.
   void discard() noexcept { addTerminator(start_); }
 
  private:

@@ -55,7 +55,6 @@ constexpr char HANDSHAKE_REQUEST_NAME[] = "BASE";  // also the name of a close r
 // The language "en" and the country "GB", each after a 16-bit length, and ten zero bytes.
 constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
 
-// An invoke call has one argument, described by one signature.
 constexpr std::uint32_t kArgumentCount = 1;
 constexpr std::uint32_t kSignatureCount = 1;
 
@@ -78,7 +77,6 @@ Block<unsigned char> allocateRequest(int size) noexcept {
   return allocate(static_cast<std::size_t>(size));
 }
 
-// Returns a writer for the data of a request, which follow its header.
 ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexcept {
   return ByteWriter({request + kFixedHeaderSize + header.requestNameLength, header.dataLength});
 }
@@ -199,8 +197,7 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   return 0;
 }
 
-// Replaces the request in *data by the data of the reply, of which the header has announced that
-// many bytes. Without any, *data stays as it is.
+// Replaces the request in *data by the announced data of the reply, if there are any.
 int readReplyData(int socketDesc, std::uint32_t announced, unsigned char** data,
                   reasons& failure) noexcept {
   const int size = static_cast<int>(announced);
@@ -285,7 +282,6 @@ int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noe
   return 0;
 }
 
-// Receives the first part; refuses a negative size.
 int receiveFirst(int socketDesc, int size, unsigned char* buffer) noexcept {
   if (size >= 0) return receiveSome(socketDesc, buffer, size);
   errno = EINVAL;
@@ -369,7 +365,6 @@ void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
   }
 }
 
-// Copies the rest of the reply, which is the call data, into a block that the record then owns.
 int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
   const std::size_t size = in.left();
   Block<std::uint8_t> callData = allocate(std::max<std::size_t>(size, 1));  // malloc(0) may be null

@@ -199,14 +199,11 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
 
 // ---- Parsing ------------------------------------------------------------------------------------
 
-// The state of one parse.
 struct AnswerParse {
-  ByteReader in;        // the rest of the call data
-  ResultSetWriter out;  // the buffer that is filled
-  // The bytes of statistics that have been parsed. It serves only the trace: statistics that
-  // copyShortStats copies, which it does only while nothing is traced, are not counted.
-  int total;
-  int headsLeft = kMostHeads;  // see kMostHeads
+  ByteReader in;
+  ResultSetWriter out;
+  int total;  // parsed bytes of statistics, for the trace; copyShortStats does not count them
+  int headsLeft = kMostHeads;
 };
 
 // What the block data of a response begin with. Text is what text16() of the reader returns.
@@ -284,8 +281,7 @@ constexpr Parser kIdsParser = {
 constexpr Parser kStatsParser = {
     .name = "parseStatsData", .outgrowsPoint = 4065, .malformedPoint = 4066};
 
-// Ends a parse: makes the buffer readable if all went well, otherwise empty. Returns 0 or
-// kMalformed.
+// Makes the buffer readable if all went well, otherwise empty. Returns 0 or kMalformed.
 int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& out) noexcept {
   if (out.isNull()) return kMalformed;
   if (in.ok() && out.ok()) {
@@ -305,8 +301,7 @@ int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& ou
   return kMalformed;
 }
 
-// Returns what the exported parsers read: everything from rawData on, as they are not told where it
-// ends.
+// What the exported parsers read: everything from rawData on, as they are not told where it ends.
 std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexcept {
   const std::size_t toTheEnd = UINTPTR_MAX - reinterpret_cast<std::uintptr_t>(rawData);
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
@@ -328,7 +323,6 @@ void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexce
   } while (left > 0 && in.ok() && out.ok());
 }
 
-// Each writes a query element: one in a single piece, and one that may lie in several blocks.
 void writeText(ResultSetWriter& out, std::string_view text) noexcept {
   out.counted(text);
 }
@@ -377,7 +371,7 @@ void copyIdsResponse(AnswerParse& parse, int response) noexcept {
 void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   ByteReader& in = parse.in;
   const auto copyPiece = [&](std::int32_t length) {
-    if (length > remaining) in.fail();  // then text() returns nothing
+    if (length > remaining) in.fail();
     remaining -= length;
     parse.out.chars(in.text(length));
     parse.total += length;
@@ -442,7 +436,6 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   return true;
 }
 
-// Copies a statistic of any form. parse.in is at its beginning, see kStatMarker.
 void copyStat(AnswerParse& parse) noexcept {
   ByteReader& in = parse.in;
   in.skip(kClassRest);
@@ -477,11 +470,11 @@ void copyStat(AnswerParse& parse) noexcept {
   in.skipClosing(kStatEnd);
 }
 
-// Fast path for up to count consecutive statistics in short blocks, in a third of the time that
-// copyStat takes: for each it tests what is left of the answer and of the buffer only once, and it
-// keeps the cursors in registers. It stops before a statistic in another kind of block, and before
-// one that does not fit, which copyStat then handles; it does nothing at trace levels of 3 and
-// more. Returns the number of statistics that it has copied.
+// Fast path for up to count consecutive statistics in short blocks: one test each of what is left
+// of the answer and of the buffer, and cursors that stay in registers, take a third of copyStat's
+// time. Stops before a statistic in another kind of block or one that does not fit, which copyStat
+// then handles; does nothing at trace levels of 3 and more. Returns the number of copied
+// statistics.
 std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   if (traceLevel() >= kLevelFunction) return 0;
   ByteReader in = parse.in;
@@ -493,8 +486,7 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
     if (at[kStatMarker] != kShortBlock || in.left() < kStatFrame + idLength) break;
     const std::size_t valueLength = loadLength(at + kStatId + idLength);
     const std::size_t size = kStatFrame + idLength + valueLength;
-    // Lengths are signed: these would be negative. The buffer needs less than size, because its two
-    // lengths of 4 bytes are shorter than kStatFrame.
+    // A length over INT16_MAX is negative. In the buffer the statistic is shorter than size.
     if (idLength > INT16_MAX || valueLength > INT16_MAX || in.left() < size || out.room() < size)
       break;
     out.countedUnchecked(at + kStatId, idLength);
@@ -506,9 +498,8 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   return copied;
 }
 
-// Returns whether a response ends after its block data: with TC_ENDBLOCKDATA, followed by nothing
-// or by the stream of the next response. Some gateways write no class description if there are no
-// statistics.
+// Whether a response has no class description, as some gateways write it if there are no
+// statistics: then TC_ENDBLOCKDATA is followed by nothing or by the stream of the next response.
 bool endsWithoutStats(const ByteReader& in) noexcept {
   const auto rest = in.rest();
   if (rest.empty() || rest[0] != kEndBlockData) return false;
@@ -534,7 +525,6 @@ std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int 
   return count;
 }
 
-// Copies the statistics of a response, which follow its block data.
 void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
   ByteReader& in = parse.in;
   if (count == 0 && endsWithoutStats(in)) {

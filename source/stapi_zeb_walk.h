@@ -29,15 +29,15 @@ namespace zeb {
 // One of the public calls, and its trace points. A point is 0 if the call never writes it.
 struct WalkCall {
   const char* name;
-  bool first;            // starts the walk again
-  int refusedPoint;      // the arguments or the buffer are wrong
+  bool first;
+  int refusedPoint;
   int noFirstPoint = 0;  // a walk begins without a first call
   int cachedPoint = 0;   // a query header was read, by a first call
   int headerPoint = 0;   // a query header was read, by a next call
   int negativePoint = 0;
   int entryPoint = 0;
-  int endPoint;    // the last entry of a query header was read
-  int takenPoint;  // the call succeeds with an entry
+  int endPoint;  // after the last entry of a query header
+  int takenPoint;
 };
 
 // How the two walks differ: their calls, the texts in their trace lines, and their entries. Entry
@@ -176,7 +176,7 @@ inline int refuseDamaged(const WalkCall& call, const ResultSetToken& resultSet) 
 // A query header that a step has read. It is stored in the token when the step succeeds.
 struct QueryHeader {
   std::int32_t queryCount;
-  std::int32_t queryIndex;  // its number
+  std::int32_t queryIndex;
   char* elementPtr = nullptr;
   std::int32_t elementLen = 0;
   std::int32_t elementRC = 0;
@@ -226,8 +226,7 @@ inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSe
   }
 }
 
-// Traces that the last entry of a query header has been read. queryIndex is the number of the next
-// one.
+// queryIndex is the number of the header that comes next.
 inline void showEndOfElement(const WalkCall& call, std::int32_t queryIndex,
                              const ResultSetToken& resultSet) noexcept {
   TRACE_DEBUG(call.endPoint, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name,
