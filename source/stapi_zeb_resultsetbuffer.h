@@ -1,4 +1,5 @@
-// Result set tokens, and the bytes of their buffers, which are written and read only here.
+// Result set tokens, and the layout of their buffers, which the library writes and reads only with
+// the classes and functions of this file.
 //
 //   offset  bytes  content of a buffer
 //   0       8      content marker: "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
@@ -62,7 +63,8 @@ constexpr char kIdsMarker[] = "ZEBIDSET";
 // All of a buffer but its last word.
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
 // How many bytes, from the terminator on, a dump may read: a whole line of 16 bytes, and at the
-// last of them a word of 4 bytes, which it compares with the terminator.
+// last of them a word of 4 bytes, which it compares with the terminator. Those after the terminator
+// are set to 0, so that it shows no old contents of the memory.
 constexpr std::size_t kDumpReach = 16 - 1 + 4;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
@@ -121,6 +123,8 @@ void sealBuffer(char* buffer) noexcept;
 // Another thread may dump the state of the library meanwhile, and takes no lock for the buffer. So
 // the buffer reads as empty until finish(): otherwise the dump would run on into what this memory
 // held before.
+//
+// At trace levels of 3 and more it writes with the exported operations, which trace themselves.
 class ResultSetWriter {
  public:
   explicit ResultSetWriter(char* buffer) noexcept
@@ -159,6 +163,7 @@ class ResultSetWriter {
     copyBytes(cursor_, text.data(), text.size());
     cursor_ += text.size();
   }
+  // Writes the length of text and then text.
   void counted(std::string_view text) noexcept {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);

@@ -151,7 +151,7 @@ int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons&
   return kFlowFailed;
 }
 
-// quirk: a wait that fails sets no errno in failure; only a timeout does.
+// quirk: if the wait fails, no field of failure is set; only a timeout sets sockErrno
 int waitForReply(int socketDesc, reasons& failure) noexcept {
   if (waitForFlow(socketDesc, POLLIN) == 0) return 0;
   if (hasTimedOut()) failure.sockErrno = ETIMEDOUT;
@@ -242,8 +242,8 @@ int waitForBytes(int socketDesc) noexcept {
   return waitForSocket("readFromSocket", 3257, socketDesc, POLLIN);
 }
 
-// Receives up to size bytes and returns what recv does. It waits for the first of them: with a
-// deadline until that, whatever the signals, otherwise as recv does.
+// Waits for bytes, receives up to size of them and returns what recv does. With a deadline the wait
+// ends at that, and signals do not end it; without one recv itself waits.
 int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   const auto room = static_cast<std::size_t>(size);
   if (!hasDeadline()) return static_cast<int>(recv(socketDesc, buffer, room, 0));

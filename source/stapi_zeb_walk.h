@@ -267,8 +267,9 @@ int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& 
   return 0;
 }
 
-// Returns, as an entry without an id, that the gateway could not answer an element: header, whose
-// code is negative. No entries follow it, so in is at the next header.
+// Takes a query header with a negative code: the gateway could not answer that element of the
+// query. The header counts as an entry without an id; no entries follow it, so in is at the next
+// header.
 template <typename Walk>
 int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSetReader& in,
                  QueryHeader& header, typename Walk::Record& record) noexcept {
