@@ -104,13 +104,12 @@ inline int step(ResultSetToken* token, bool first, Stat& stat) noexcept {
   return ZEB_OK;
 }
 
-// What a connection shares with its views, so that a view notices that its answer is gone. Only the
-// thread of the connection may use gateway and query; the last user, in any thread, deletes the
-// object.
+// What a connection shares with its views, so that a view notices that its answer is gone. Views
+// may be destroyed in any thread; the rest is for the thread of the connection.
 struct Session {
   GatewayToken* gateway = nullptr;  // null after the connection was closed or lost
   std::uint64_t query = 0;          // how many queries have been made
-  std::atomic<unsigned> users{1};   // how many SessionRefs there are
+  std::atomic<unsigned> users{1};
 };
 
 // A counted reference to a Session, or to none. The first one takes over a new Session.
@@ -189,10 +188,8 @@ class Walk {
   // empty, and its error() is the reason.
   [[nodiscard]] ResultSetCopy<Entry> copy() const noexcept;
 
-  // Joins the ids of the answer into a NUL-terminated query, for statsByIds() if they are ids of
-  // statistics, for statsByGroups() or idsByGroups() if they are ids of groups. Stores its address
-  // in query. The text belongs to the answer, and the next idQuery() on that overwrites it. Ends
-  // the walk.
+  // Joins the good ids, as getIdQuery() does, into a NUL-terminated query for a later call. The
+  // text belongs to the answer, and the next idQuery() overwrites it. Ends the walk.
   [[nodiscard]] Error idQuery(const char*& query) & noexcept {
     char* joined = nullptr;
     int rc = check();
@@ -227,7 +224,7 @@ class Walk {
     return session_->query == query_ ? ZEB_OK : ZEB_WRONG_CONTENT;
   }
 
-  // Makes a step. Returns this walk, for an iterator to point to, or null at the end.
+  // Returns what an iterator points to: this walk, or null at the end.
   Walk* advance(bool first) noexcept {
     code_ = check();
     if (code_ == ZEB_OK) code_ = detail::step(token_, first, entry_);
@@ -308,8 +305,7 @@ class Connection {
   }
   ~Connection() { close(); }
 
-  // Closes the connection, if one is open, and opens another. The timeout bounds each of the two
-  // calls on its own.
+  // Closes the connection, if one is open, then opens another. The timeout bounds each of the two.
   [[nodiscard]] Error open(const char* host, int port) noexcept {
     close();
     detail::SessionRef session(new (std::nothrow) detail::Session);
@@ -319,8 +315,8 @@ class Connection {
     return Error(rc);
   }
 
-  // Closes the connection: tells the gateway and waits for its answer, at most for the timeout. If
-  // none is open, it does nothing, which is no error.
+  // Tells the gateway, waits for its answer, at most for the timeout, and closes the connection. It
+  // is no error if none is open.
   Error close() noexcept {
     GatewayToken* gateway = release();
     return Error(gateway != nullptr ? closeGatewayConnection(&gateway) : ZEB_OK);
@@ -342,8 +338,7 @@ class Connection {
   [[nodiscard]] GatewayToken* handle() const noexcept {
     return session_ ? session_->gateway : nullptr;
   }
-  // The gateway's protocol version, which lives as long as the connection is open; empty if it is
-  // not known.
+  // The gateway's protocol version, valid while the connection is open; empty if it is not known.
   [[nodiscard]] const char* protocolVersion() const& noexcept {
     return version_ != nullptr ? version_ : "";
   }
@@ -392,8 +387,7 @@ inline const char* apiVersion() noexcept {
   return getStatsAPIVersion(&version) == ZEB_OK ? version : "";
 }
 
-// Sets the timeout of each later open, query and close, in any thread; 0, the value at the start,
-// is no limit. timeout() returns it.
+// Bounds each later open, query and close, in any thread; 0, the value at the start, is no limit.
 inline Error setTimeout(int milliseconds) noexcept {
   return Error(setAPITimeout(milliseconds));
 }
