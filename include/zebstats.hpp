@@ -9,21 +9,20 @@
 //       if (stat.ok()) std::cout << stat.id << " = " << stat.value << '\n';
 //     if (answer.error()) return fail(answer.error().text());
 //
-// Every rule of zebstats.h holds here too. Lifetimes are guarded like this:
+// The rules of zebstats.h hold here too. The classes see to lifetimes:
 //
-//   Connection      closes itself. It can be moved, not copied; a moved-from one is not open. In a
-//                   forked child it forgets the gateway and sends nothing.
-//   StatSet, IdSet  views of the connection's one answer, valid until the next query on it. They
-//                   know which query they belong to: used after another query, or after the
-//                   connection has been closed or lost, they fail an assertion, and with NDEBUG end
-//                   the walk with an error. They cannot be taken from a temporary connection: that
-//                   does not compile.
-//   StatSetCopy,    own their answer, and outlive query, connection and thread.
+//   Connection      closes itself when it is destroyed. It can be moved, not copied; after a move
+//                   the source is not open. In a forked child it sends nothing when it closes.
+//   StatSet, IdSet  are views of the one answer of a connection, and end with its next query. If a
+//                   view is used after that, or after its connection was closed or lost, an
+//                   assertion fails; with NDEBUG the walk ends, and error() returns the reason. A
+//                   query on a temporary connection does not compile, as its view would be invalid.
+//   StatSetCopy,    own their answer, which outlives the next query, the connection and its thread.
 //   IdSetCopy
-//   Stat, Id        are valid as long as the answer is, and overwritten by the next step of the
-//                   walk. Their texts are views too: std::string(stat.value) keeps one.
+//   Stat, Id        are parts of the set that is walked, and the next step overwrites them. Their
+//                   texts are views of the answer: std::string(stat.value) makes a copy that stays.
 //
-// One answer has one walk: begin() starts it again, also for other views of the same answer.
+// An answer has one walk: begin() starts it again, also for other views of the same answer.
 #ifndef ZEBSTATS_HPP
 #define ZEBSTATS_HPP
 
@@ -48,7 +47,7 @@ inline const char* describe(int code) noexcept {
   return getAPICodeText(code);
 }
 
-// A code of the library; true for a failure.
+// A code of the library. As a condition it is true if the call has failed.
 class Error {
  public:
   constexpr Error() noexcept = default;
@@ -64,15 +63,15 @@ class Error {
 // ---- Entries of an answer -----------------------------------------------------------------------
 
 // The id of one statistic or resource group. If the gateway could not answer an element of the
-// query, ok() is false, elementCode is the gateway's code, not the library's, and id is empty.
+// query, there is one entry for it, with ok() false and an empty id.
 struct Id {
-  std::string_view element;
-  int elementCode = 0;
+  std::string_view element;  // the element of the query that this entry answers
+  int elementCode = 0;       // the gateway's code for that element, not one of the library
   std::string_view id;
   [[nodiscard]] bool ok() const noexcept { return elementCode >= 0; }
 };
 
-// One statistic; the same rules hold.
+// One statistic. If ok() is false, value is empty too.
 struct Stat : Id {
   std::string_view value;
 };
@@ -83,6 +82,8 @@ inline std::string_view view(const char* text, int length) noexcept {
   return length > 0 ? std::string_view(text, static_cast<std::size_t>(length)) : std::string_view();
 }
 
+// Each makes one step of a walk, starting it again if first is true, and stores the entry. They
+// return the codes of getFirstId() and getFirstStat().
 inline int step(ResultSetToken* token, bool first, Id& id) noexcept {
   IdData data;
   const int rc = first ? getFirstId(token, &data) : getNextId(token, &data);
@@ -103,13 +104,15 @@ inline int step(ResultSetToken* token, bool first, Stat& stat) noexcept {
   return ZEB_OK;
 }
 
-// Shared by a connection and its views, so that a view notices that its answer is gone.
+// What a connection shares with its views, so that a view notices that its answer is gone. Views
+// may be destroyed in any thread; the rest is for the thread of the connection.
 struct Session {
-  GatewayToken* gateway = nullptr;  // null once closed or lost
-  std::uint64_t query = 0;          // the number of the latest query
+  GatewayToken* gateway = nullptr;  // null after the connection was closed or lost
+  std::uint64_t query = 0;          // how many queries have been made
   std::atomic<unsigned> users{1};
 };
 
+// A counted reference to a Session, or to none. The first one takes over a new Session.
 class SessionRef {
  public:
   SessionRef() noexcept = default;
@@ -139,7 +142,8 @@ class SessionRef {
 template <typename Entry>
 class ResultSetCopy;
 
-// Base of views and copies: one walk, as a range, and the code that ended it.
+// Base of views and copies: the walk of an answer, as a range of Entry (Stat or Id), and the code
+// of its last step.
 template <typename Entry>
 class Walk {
  public:
@@ -168,23 +172,24 @@ class Walk {
     Walk* walk_ = nullptr;
   };
 
-  // Starts the walk from the beginning. The set must not be moved during the walk.
+  // Starts the walk from the beginning and reads the first entry. The set must not be moved during
+  // the walk, because its iterators point to it.
   [[nodiscard]] iterator begin() & noexcept { return iterator(advance(true)); }
   [[nodiscard]] iterator end() & noexcept { return iterator(); }
 
-  // Why there is no answer, or why the walk ended early. None during the walk and after its normal
-  // end.
+  // The reason why there is no answer, or why the walk has ended early. No error before and during
+  // the walk, and after its normal end.
   [[nodiscard]] Error error() const noexcept {
     return Error(code_ == ZEB_END_OF_RESULTS ? ZEB_OK : code_);
   }
-  // Whether the walk has reached its normal end.
   [[nodiscard]] bool ended() const noexcept { return code_ == ZEB_END_OF_RESULTS; }
 
-  // An owned copy, whose walk has not begun; ask its error().
+  // Returns a copy that owns its answer and whose walk has not begun. If copying fails, the copy is
+  // empty, and its error() is the reason.
   [[nodiscard]] ResultSetCopy<Entry> copy() const noexcept;
 
-  // Joins the good ids into a NUL-terminated query for statsByIds() or idsByGroups(). The text lies
-  // in the answer. Ends the walk.
+  // Joins the good ids, as getIdQuery() does, into a NUL-terminated query for a later call. The
+  // text belongs to the answer, and the next idQuery() overwrites it. Ends the walk.
   [[nodiscard]] Error idQuery(const char*& query) & noexcept {
     char* joined = nullptr;
     int rc = check();
@@ -193,7 +198,8 @@ class Walk {
     return Error(rc);
   }
 
-  // For calls of zebstats.h; null if the answer no longer exists.
+  // Returns the token for calls of zebstats.h, which must not free it; null if the answer no longer
+  // exists.
   [[nodiscard]] ResultSetToken* handle() const noexcept {
     return check() == ZEB_OK ? token_ : nullptr;
   }
@@ -206,7 +212,7 @@ class Walk {
         session_(std::move(session)),
         query_(session_ ? session_->query : 0) {}
 
-  // ZEB_OK if the answer still exists.
+  // Returns ZEB_OK if the answer still exists, otherwise the code for its absence.
   [[nodiscard]] int check() const noexcept {
     if (token_ == nullptr) return code_ != ZEB_OK ? code_ : ZEB_RESULT_SET_NULL;
     if (!session_) return ZEB_OK;
@@ -218,6 +224,7 @@ class Walk {
     return session_->query == query_ ? ZEB_OK : ZEB_WRONG_CONTENT;
   }
 
+  // Returns what an iterator points to: this walk, or null at the end.
   Walk* advance(bool first) noexcept {
     code_ = check();
     if (code_ == ZEB_OK) code_ = detail::step(token_, first, entry_);
@@ -225,8 +232,8 @@ class Walk {
   }
 
   ResultSetToken* token_ = nullptr;
-  int code_ = ZEB_RESULT_SET_NULL;
-  detail::SessionRef session_;  // none if the answer is a copy
+  int code_ = ZEB_RESULT_SET_NULL;  // of the query or copy, then of the last step
+  detail::SessionRef session_;      // of a view; a copy has none
   std::uint64_t query_ = 0;
   Entry entry_;
 };
@@ -242,7 +249,7 @@ class ResultSet : public Walk<Entry> {
   using Walk<Entry>::Walk;
 };
 
-// Owns its answer; movable, copied only by copy().
+// A copy of an answer, which it owns. It can be moved; copy() makes another one.
 template <typename Entry>
 class ResultSetCopy : public Walk<Entry> {
  public:
@@ -269,6 +276,7 @@ ResultSetCopy<Entry> Walk<Entry>::copy() const noexcept {
   ResultSetToken* token = nullptr;
   int rc = check();
   if (rc == ZEB_OK) rc = copyResultSet(token_, &token);
+  // After ZEB_NO_MEMORY there may be a token all the same.
   if (rc != ZEB_OK && token != nullptr) freeResultSet(&token);
   return ResultSetCopy<Entry>(token, rc);
 }
@@ -280,8 +288,8 @@ using IdSetCopy = ResultSetCopy<Id>;
 
 // ---- Connections --------------------------------------------------------------------------------
 
-// One connection to a gateway, for the thread that opens it. Texts are NUL-terminated, ids are
-// separated by ':'.
+// One connection to a gateway, for use in the thread that opens it. Texts that are passed to it are
+// NUL-terminated; the ids of a query are separated by ':'.
 class Connection {
  public:
   Connection() noexcept = default;
@@ -297,7 +305,7 @@ class Connection {
   }
   ~Connection() { close(); }
 
-  // Closes the open connection, if any, then opens another. The timeout bounds each of the two.
+  // Closes the connection, if one is open, then opens another. The timeout bounds each of the two.
   [[nodiscard]] Error open(const char* host, int port) noexcept {
     close();
     detail::SessionRef session(new (std::nothrow) detail::Session);
@@ -307,13 +315,15 @@ class Connection {
     return Error(rc);
   }
 
-  // Tells the gateway and waits for its answer, at most for the timeout. No error if none is open.
+  // Tells the gateway, waits for its answer, at most for the timeout, and closes the connection. It
+  // is no error if none is open.
   Error close() noexcept {
     GatewayToken* gateway = release();
     return Error(gateway != nullptr ? closeGatewayConnection(&gateway) : ZEB_OK);
   }
 
-  // Gives up the connection without closing it. Null if none is open.
+  // Hands the open connection over to the caller, who closes it with closeGatewayConnection(). The
+  // views of its answer become invalid. Returns null if none is open.
   GatewayToken* release() noexcept {
     GatewayToken* gateway = handle();
     if (session_) session_->gateway = nullptr;
@@ -323,18 +333,20 @@ class Connection {
   }
 
   [[nodiscard]] bool isOpen() const noexcept { return handle() != nullptr; }
-  // For calls of zebstats.h. Views do not notice queries made with it.
+  // Returns the token for calls of zebstats.h, null if none is open. Do not make queries with it:
+  // the views of an earlier answer would not notice them.
   [[nodiscard]] GatewayToken* handle() const noexcept {
     return session_ ? session_->gateway : nullptr;
   }
-  // Empty if none is known.
+  // The gateway's protocol version, valid while the connection is open; empty if it is not known.
   [[nodiscard]] const char* protocolVersion() const& noexcept {
     return version_ != nullptr ? version_ : "";
   }
   const char* protocolVersion() const&& = delete;
 
-  // Each asks the gateway, waits for the answer, at most for the timeout, and ends the life of the
-  // previous answer. Not for temporary connections (the &): their answers would dangle.
+  // The queries. Each waits for the answer, at most for the timeout, and returns a view of it; ask
+  // its error(). It invalidates the view of the previous answer, even if it fails. The & excludes
+  // temporary connections, with which the answer would end at once.
   [[nodiscard]] StatSet stats() & noexcept { return ask<Stat>(getStats); }
   [[nodiscard]] StatSet statsByIds(const char* ids) & noexcept {
     return ask<Stat>(getStatsByStatId, ids);
@@ -356,9 +368,10 @@ class Connection {
     ++session_->query;
     const int rc = call(session_->gateway, text..., &token);
     if (rc == ZEB_OK) return ResultSet<Entry>(token, rc, session_);
-    if (rc == ZEB_CONNECTION_LOST || rc == ZEB_TIMED_OUT || rc == ZEB_COMMUNICATION_FAILED ||
-        rc == ZEB_TOKEN_UNKNOWN)
-      session_->gateway = nullptr;
+    // With these codes the library has removed the connection, or did not know it any more.
+    const bool isGone = rc == ZEB_CONNECTION_LOST || rc == ZEB_TIMED_OUT ||
+                        rc == ZEB_COMMUNICATION_FAILED || rc == ZEB_TOKEN_UNKNOWN;
+    if (isGone) session_->gateway = nullptr;
     return ResultSet<Entry>(nullptr, rc);
   }
 
@@ -368,13 +381,13 @@ class Connection {
 
 // ---- Library and trace --------------------------------------------------------------------------
 
-// Empty until initialisation has succeeded.
+// The version of the library's interface; empty if the library could not be initialised.
 inline const char* apiVersion() noexcept {
   char* version = nullptr;
   return getStatsAPIVersion(&version) == ZEB_OK ? version : "";
 }
 
-// Bounds each later open, query and close, in any thread; 0, the state at the start: no limit.
+// Bounds each later open, query and close, in any thread; 0, the value at the start, is no limit.
 inline Error setTimeout(int milliseconds) noexcept {
   return Error(setAPITimeout(milliseconds));
 }
@@ -387,7 +400,7 @@ inline int timeout() noexcept {
 inline Error setTraceLevel(int level) noexcept {
   return Error(setAPITraceLevel(level));
 }
-// Null: standard error.
+// Appends the trace to a file, or with null writes it to standard error.
 inline Error setTraceFile(const char* path) noexcept {
   return Error(setAPITraceFile(path));
 }

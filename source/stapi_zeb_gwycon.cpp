@@ -310,12 +310,12 @@ int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) noexcept {
   }
 }
 
-int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
+int authorizeConnection(int socketDescriptor, reasons* failure) noexcept {
   TRACE_ENTRY(3010, "stapi_zeb_gwycon.authorizeConnection(socketDescriptor=%d, reasons=%p)\n",
-              socketDescriptor, reasons);
+              socketDescriptor, failure);
   AuthRequestRecord record = {};
   record.header = makeHeader(AUTH_REQUEST_NAME, kCallMessage, kAuthFirstStepLength);
-  int rc = flowAuthRequest(socketDescriptor, &record, reasons);
+  int rc = flowAuthRequest(socketDescriptor, &record, failure);
   if (rc == 0) {
     // The header is now that of the first reply; the fields that are not set here go back
     // unchanged, like the words of that reply.
@@ -325,10 +325,10 @@ int authorizeConnection(int socketDescriptor, reasons* reasons) noexcept {
     record.header.dataLength = kAuthSecondStepLength;
     record.authStep = 1;
     record.authWord4 = 0;
-    rc = flowAuthRequest(socketDescriptor, &record, reasons);
+    rc = flowAuthRequest(socketDescriptor, &record, failure);
   }
   TRACE_EXIT(3011, "stapi_zeb_gwycon.authorizeConnection(socketDescriptor=%d, reasons=%p) rc=%d\n",
-             socketDescriptor, reasons, rc);
+             socketDescriptor, failure, rc);
   return rc;
 }
 

@@ -23,8 +23,8 @@ ZEB_INTERNAL int connectToGateway(int port, const char* ipAddr,
 // kConnectTimedOut.
 ZEB_INTERNAL int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) ZEB_NOEXCEPT;
 // Flows the two steps of the authorisation. Returns flowAuthRequest's codes; a failure sets its
-// field of *reasons.
-ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* reasons) ZEB_NOEXCEPT;
+// field of *failure.
+ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* failure) ZEB_NOEXCEPT;
 // Sends the close request, waits for its reply, and closes the socket. A close request that fails
 // is ignored. Returns the result of close(): 0, or -1 with errno.
 ZEB_INTERNAL int closeConnection(const int* socketDescriptorPtr) ZEB_NOEXCEPT;

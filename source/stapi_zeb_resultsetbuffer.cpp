@@ -1,7 +1,9 @@
-// Result set tokens and the write operations of result set buffers.
+// Result set tokens, and the exported operations on their buffers.
 //
 // A token has no lock: the owner check confines the result set of a connection to the thread that
-// opened it, and the caller serialises the use of a copy.
+// opened it, and the host must not use a copy in two threads at once.
+//
+// Programs parse the texts of the trace points, so oddities in them stay as they are.
 
 #include "stapi_zeb_resultsetbuffer.h"
 
@@ -37,17 +39,18 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
     *newRsTokPtr = nullptr;
     return ZEB_NO_MEMORY;
   }
+  *token = {};
   Block<char> queryString = allocate<char>(kQueryStringSize);
   TRACE_DEBUG(5004, "stapi_zeb_resultsetbuffer.createResultSet Called malloc for %d bytes. rc=%p\n",
               static_cast<int>(kQueryStringSize), queryString.get());
   if (queryString == nullptr) {
-    // quirk: prints the record's size though the string failed
+    // quirk: the line shows the size of the record, not of the string, and unlike after the failure
+    // above, *newRsTokPtr keeps its old value
     TRACE_EXC(5005, "stapi_zeb_resultsetbuffer.createResultSet Failed to allocate %d bytes\n",
               recordSize);
     return ZEB_NO_MEMORY;
   }
 
-  *token = {};
   memcpy(token->eyecatcher, eyecatcher, strnlen(eyecatcher, sizeof token->eyecatcher));
   token->owner = owner;
   token->verifiedQueryString = queryString.release();
@@ -56,7 +59,8 @@ int makeResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
   return 0;
 }
 
-// A record that the host knows stays readable for a while, as one whose buffer has gone.
+// A token that the host has had stays readable for a while after its release, and has no buffer
+// then, so that calls with the old handle are refused.
 void releaseRecord(ResultSetToken* token) noexcept {
   if (!token->handedOut) {
     free(token);
@@ -76,7 +80,7 @@ int removeResultSet(ResultSetToken** rsPtr) noexcept {
         string);
     const void* const freed = addressToShow(string);
     free(string);
-    // quirk: says token for the string
+    // quirk: the line says token, but shows the address of the string
     TRACE_DEBUG(5013, "stapi_zeb_resultsetbuffer.deleteResultSet Freed result set token(%p)\n",
                 freed);
     token->verifiedQueryString = nullptr;
@@ -91,7 +95,7 @@ int removeResultSet(ResultSetToken** rsPtr) noexcept {
   return 0;
 }
 
-int compareOwner(const ResultSetToken& resultSet) noexcept {
+int checkOwner(const ResultSetToken& resultSet) noexcept {
   std::uint32_t pid;
   ThreadId tid;
   getPidTid(&pid, &tid);
@@ -102,7 +106,8 @@ int compareOwner(const ResultSetToken& resultSet) noexcept {
         pid, resultSet.owningPid);
     return ZEB_OTHER_PROCESS;
   }
-  if (compareTids(tid, resultSet.owningTid) == 0) {
+  const bool isSameThread = compareTids(tid, resultSet.owningTid) != 0;
+  if (!isSameThread) {
     TRACE_EXC(
         5023,
         "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken TID mismatch: currentTid=%x, owningTid=%x\n",
@@ -122,16 +127,24 @@ void append(char*& cursor, const void* bytes, int count) noexcept {
   cursor += count;
 }
 
-// The two operations that copy characters, and their trace points.
+// The two operations that copy characters. They differ only in their trace points.
 struct TextCall {
   const char* name;
-  bool isPlatform;
+  bool isOwnText;  // of the library, not of the gateway
   int entryPoint;
   int refusedPoint;
   int exitPoint;
 };
-constexpr TextCall kAddPlatformChars = {"addPlatformChars", true, 5053, 5054, 5056};
-constexpr TextCall kAddChars = {"addChars", false, 5057, 5058, 5060};
+constexpr TextCall kAddPlatformChars = {.name = "addPlatformChars",
+                                        .isOwnText = true,
+                                        .entryPoint = 5053,
+                                        .refusedPoint = 5054,
+                                        .exitPoint = 5056};
+constexpr TextCall kAddChars = {.name = "addChars",
+                                .isOwnText = false,
+                                .entryPoint = 5057,
+                                .refusedPoint = 5058,
+                                .exitPoint = 5060};
 
 int appendText(const TextCall& call, char** bufWPtr, const char* textPtr, int charCount) noexcept {
   if (isNullCursor(bufWPtr) || (textPtr == nullptr && charCount > 0)) {
@@ -142,7 +155,7 @@ int appendText(const TextCall& call, char** bufWPtr, const char* textPtr, int ch
         call.name, bufWPtr, textPtr, charCount);
     return ZEB_BUFFER_NULL;
   }
-  if (call.isPlatform) {
+  if (call.isOwnText) {
     TRACE_DEBUG(5055,
                 "stapi_zeb_resultsetbuffer.addPlatformChars() writeCursor(%p) charCount(%d) \n",
                 *bufWPtr, charCount);
@@ -167,7 +180,8 @@ int addText(const TextCall& call, char** bufWPtr, const char* textPtr, int charC
   return rc;
 }
 
-// A length, the text, and a NUL that the next write overwrites.
+// Writes the length of idString, its characters, and a NUL that the next write overwrites. The
+// trace then reads back the first byte of the length, not all of it, and the first character.
 void appendIdStr(char*& cursor, const char* idString) noexcept {
   const int length = static_cast<int>(strlen(idString));
   char* const lengthAt = cursor;
@@ -198,7 +212,10 @@ int writeResultSet(const ResultSetToken& resultSet) noexcept {
   writeRaw("Dump of ResultSet(%p) owner(%x) head(%p) next(%p)\n",
            static_cast<const void*>(&resultSet), resultSet.owner, resultSet.head, resultSet.next);
   writeRule();
-  const int dumped = dumpStorage({resultSet.head, 0, kTerminator, kResultSetBufferSize});
+  const int dumped = dumpStorage({.address = resultSet.head,
+                                  .length = 0,
+                                  .stopWord = kTerminator,
+                                  .size = kResultSetBufferSize});
   writeRule();
   return dumped;
 }
@@ -229,7 +246,7 @@ int deleteResultSet(ResultSetToken** rsPtr) noexcept {
 
 int verifyAPIResultSetTokenOwner(const ResultSetToken* rsPtr) noexcept {
   TRACE_ENTRY(5020, "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=%p)\n", rsPtr);
-  const int rc = compareOwner(*rsPtr);
+  const int rc = checkOwner(*rsPtr);
   TRACE_EXIT(5021, "stapi_zeb_resultsetbuffer.verifyAPIResultSetToken(rsPtr=%p) rc=%d\n", rsPtr,
              rc);
   return rc;

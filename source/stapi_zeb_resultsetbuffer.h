@@ -1,12 +1,19 @@
-// The bytes of a result set buffer, written and read in one place.
+// Result set tokens, and the layout of their buffers, which the library writes and reads only with
+// the classes and functions of this file.
 //
-//   0   8  content marker, "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
-//   8   4  number of query headers
-//   12     then per element: length, element, return code; if not negative, count and entries, each
-//          of an id length and an id, and for statistics a value length and a value
-//          terminator; an empty buffer has it at offset 0
+//   offset  bytes  content of a buffer
+//   0       8      content marker: "ZEBSTSET" (statistics) or "ZEBIDSET" (ids)
+//   8       4      number of query headers
+//   12             query headers, each followed by its entries
+//           4      terminator
 //
-// Integers are in host order, at any address. The last word of a buffer is always a terminator.
+//   query header   length of the query element, element, return code; if the code is not negative,
+//                  number of entries
+//   id entry       length of the id, id
+//   stat entry     length of the id, id, length of the value, value
+//
+// Lengths, counts and codes are integers of 4 bytes, in host order and at any address. An empty
+// buffer has a terminator at offset 0. The last word of every buffer is a terminator, too.
 #ifndef STAPI_ZEB_RESULTSETBUFFER_H
 #define STAPI_ZEB_RESULTSETBUFFER_H
 
@@ -19,23 +26,30 @@
 #include "zebstats_private.h"
 
 // Allocates a result set without a buffer and stores it in *newRsTokPtr; the caller frees it with
-// deleteResultSet. A kOwnerGateway one belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a
-// null argument), ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
+// deleteResultSet. eyecatcher has up to 8 characters; owner is kOwnerUser or kOwnerGateway, with
+// which the result set belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a null argument),
+// ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
 ZEB_INTERNAL int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
                                  std::uint32_t owner) ZEB_NOEXCEPT;
 // Frees a result set, but not the buffer at its head, and sets *rsPtr to null. Returns 0,
-// ZEB_RESULT_SET_POINTER_NULL, or ZEB_RESULT_SET_NULL.
+// ZEB_RESULT_SET_POINTER_NULL (rsPtr is null), or ZEB_RESULT_SET_NULL (*rsPtr is null).
 ZEB_INTERNAL int deleteResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
-// Whether the calling thread owns the result set of a connection. Returns 0, ZEB_OTHER_PROCESS, or
-// ZEB_OTHER_THREAD.
+// Checks that the calling thread owns the result set of a connection (kOwnerGateway). Returns 0,
+// ZEB_OTHER_PROCESS, or ZEB_OTHER_THREAD.
 ZEB_INTERNAL int verifyAPIResultSetTokenOwner(const ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 // Writes a result set to the trace destination; takes traceLock. Returns 0, or ZEB_BUFFER_NULL.
 ZEB_INTERNAL int dumpResultSetInternal(const ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
-// The write operations make no bounds check: the caller ensures that there is room. They advance
-// the cursor, but for the terminator. Each returns 0, or ZEB_BUFFER_NULL for a null argument.
+// Operations on a buffer. None of them checks bounds: the caller ensures that there is room. Each
+// returns 0, or ZEB_BUFFER_NULL for a null argument; then nothing is written.
+
+// Writes a terminator at writeCursor; the next write is expected to overwrite it.
 ZEB_INTERNAL int addTerminator(char* writeCursor) ZEB_NOEXCEPT;
+// Stores 1 in *isRSTermPtr if a terminator is at dataCursor, otherwise 0.
 ZEB_INTERNAL int checkTerminator(const char* dataCursor, int* isRSTermPtr) ZEB_NOEXCEPT;
+// Each writes at *bufWPtr and advances that past what it has written: an integer; charCount
+// characters of the library's own text (addPlatformChars) or of the gateway's (addChars); the
+// length of idString and its characters.
 ZEB_INTERNAL int addInteger(char** bufWPtr, int rsInt) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
@@ -46,9 +60,12 @@ namespace zeb {
 constexpr std::size_t kMarkerLength = 8;
 constexpr char kStatsMarker[] = "ZEBSTSET";
 constexpr char kIdsMarker[] = "ZEBIDSET";
+// All of a buffer but its last word.
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
-// A dump reads up to 19 bytes past the content: a line of 16 bytes, and a word at the last of them.
-constexpr std::size_t kDumpReach = 19;
+// How many bytes, from the terminator on, a dump may read: a whole line of 16 bytes, and at the
+// last of them a word of 4 bytes, which it compares with the terminator. Those after the terminator
+// are set to 0, so that it shows no old contents of the memory.
+constexpr std::size_t kDumpReach = 16 - 1 + 4;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
   std::int32_t value;
@@ -65,17 +82,18 @@ inline bool hasKnownContent(const char* buffer) noexcept {
   return hasContent(buffer, kIdsMarker) || hasContent(buffer, kStatsMarker);
 }
 
-// memcpy, inlined for the short texts that ids and values are: calling it takes twice the time of
-// the copy. Two pieces of a fixed size, which may overlap, cover any length between theirs and
-// twice that.
+// Copies as memcpy does, but inline for short texts, as ids and values are: to call memcpy would
+// take longer than the copy. For lengths from N to 2 * N it copies the first N and the last N
+// bytes, which may overlap.
 inline void copyBytes(char* to, const void* from, std::size_t length) noexcept {
-  const auto copyEnds = [&](auto piece) {
-    constexpr std::size_t kSize = sizeof piece;
+  // first is a variable of the size to copy; both ends are read before one is written.
+  const auto copyEnds = [&](auto first) {
+    constexpr std::size_t kSize = sizeof first;
     const char* const text = static_cast<const char*>(from);
-    auto last = piece;
-    memcpy(&piece, text, kSize);
+    auto last = first;
+    memcpy(&first, text, kSize);
     memcpy(&last, text + length - kSize, kSize);
-    memcpy(to, &piece, kSize);
+    memcpy(to, &first, kSize);
     memcpy(to + length - kSize, &last, kSize);
   };
   struct Sixteen {
@@ -95,12 +113,18 @@ inline void copyBytes(char* to, const void* from, std::size_t length) noexcept {
   }
 }
 
-// Makes a new buffer empty and writes its final terminator, which no content reaches.
+// Makes a newly allocated buffer of kResultSetBufferSize bytes empty, and writes the terminator in
+// its last word, which no content reaches.
 void sealBuffer(char* buffer) noexcept;
 
-// The only writer. A write that does not fit is dropped, as are all later ones. Other threads may
-// dump the buffer meanwhile, so it reads as empty until finish(): a dump must not run on into what
-// the host's memory held before.
+// Writes a buffer from its start. A write that does not fit is dropped, as are all later ones, and
+// ok() is false from then on. Nothing is written to a null buffer, for which ok() is false, too.
+//
+// Another thread may dump the state of the library meanwhile, and takes no lock for the buffer. So
+// the buffer reads as empty until finish(): otherwise the dump would run on into what this memory
+// held before.
+//
+// At trace levels of 3 and more it writes with the exported operations, which trace themselves.
 class ResultSetWriter {
  public:
   explicit ResultSetWriter(char* buffer) noexcept
@@ -113,7 +137,8 @@ class ResultSetWriter {
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] bool isNull() const noexcept { return start_ == nullptr; }
 
-  // Must come first; hidden under the terminator until finish().
+  // Must come first. The terminator then hides the marker, and finish() writes it again: here it
+  // serves only the trace of addPlatformChars.
   void marker(const char* text) noexcept {
     if (!fits(kMarkerLength)) return;
     addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
@@ -138,13 +163,13 @@ class ResultSetWriter {
     copyBytes(cursor_, text.data(), text.size());
     cursor_ += text.size();
   }
-  // A length and that many characters.
+  // Writes the length of text and then text.
   void counted(std::string_view text) noexcept {
     integer(static_cast<std::int32_t>(text.size()));
     chars(text);
   }
-  // counted() for a caller that has asked room() and traces nothing: it calls nothing, so that a
-  // copy of the writer stays in registers.
+  // Does what counted() does, for a caller that has checked room() and that nothing is traced. It
+  // calls no function, so that the compiler can keep a copy of the writer in registers.
   void countedUnchecked(const void* text, std::size_t length) noexcept {
     const auto count = static_cast<std::int32_t>(length);
     memcpy(cursor_, &count, sizeof count);
@@ -154,7 +179,8 @@ class ResultSetWriter {
   [[nodiscard]] std::size_t room() const noexcept {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
-  // With 1 to 3 bytes left the terminator is cut off; the last word ends the content.
+  // Ends the content with a terminator and makes it readable. Where only 1 to 3 bytes are left, the
+  // terminator is cut short; ResultSetReader::atEnd() knows such an end by its place.
   void finish() noexcept {
     memset(cursor_, 0, std::min(room(), kDumpReach));
     if (room() == 0 || room() >= sizeof kTerminator) {
@@ -162,9 +188,10 @@ class ResultSetWriter {
     } else {
       memcpy(cursor_, &kTerminator, room());
     }
-    // The marker comes last. A fence for the compiler is enough: a thread that dumps the buffer
-    // does so without a lock whatever the order, and a host only walks it on the thread that filled
-    // it.
+    // The marker comes last, and the fence keeps the compiler from moving it up. Nothing orders the
+    // writes for other cores, and nothing needs to: a dump by another thread may show a mixture of
+    // old and new bytes, but the final terminator and the buffer's size bound it; and only the
+    // thread that writes here may walk the buffer.
     std::atomic_signal_fence(std::memory_order_release);
     if (marker_ != nullptr) memcpy(start_, marker_, kMarkerLength);
   }
@@ -183,7 +210,8 @@ class ResultSetWriter {
   bool ok_;
 };
 
-// The bounded reader of a walk. Once failed it stays failed.
+// Reads a buffer from cursor on, which lies within it. A read past the end fails, returns 0 or null
+// and does not advance; after it all reads fail.
 class ResultSetReader {
  public:
   ResultSetReader(char* cursor, char* bufferStart) noexcept
@@ -193,7 +221,7 @@ class ResultSetReader {
   [[nodiscard]] std::size_t left() const noexcept {
     return static_cast<std::size_t>(end_ - cursor_);
   }
-  // At the terminator, or too near the end for one.
+  // True at a terminator, and so near the end of the buffer that none fits.
   [[nodiscard]] bool atEnd() const noexcept {
     return left() < sizeof kTerminator || isTerminator(cursor_);
   }
@@ -205,8 +233,8 @@ class ResultSetReader {
     cursor_ += sizeof value;
     return value;
   }
-  // The length that was read is checked here, whatever it is: a negative one, without its sign, is
-  // longer than any buffer.
+  // Returns the start of that many characters and steps over them. Any length that integer() has
+  // read may be passed: a negative one fails, since as an unsigned number it exceeds any buffer.
   char* chars(std::int32_t length) noexcept {
     const auto size = static_cast<std::uint32_t>(length);
     if (size > left()) ok_ = false;
@@ -222,8 +250,9 @@ class ResultSetReader {
   bool ok_ = true;
 };
 
-// The dump of a result set: its token line, a rule, its buffer, a rule. Returns the number of bytes
-// dumped; the caller holds traceLock.
+// Writes a result set to the trace destination: a line with the token's fields, a rule, the bytes
+// of the buffer up to the terminator, a rule. The caller holds traceLock. Returns the number of
+// bytes dumped.
 int writeResultSet(const ResultSetToken& resultSet) noexcept;
 
 }  // namespace zeb

@@ -1,7 +1,6 @@
-// SIGPIPE around sends to a gateway, and SIGPIPE and SIGXFSZ around writes of the trace.
+// Ignores SIGPIPE around sends to a gateway; blocks SIGPIPE and SIGXFSZ around writes of the trace.
 //
-// sigpipeMutex guards the count of senders and the disposition that they keep; nothing else is
-// taken while it is held.
+// sigpipeMutex guards senders and hostDisposition. No other lock is taken while it is held.
 
 #include "stapi_zeb_signal.h"
 
@@ -15,12 +14,13 @@ namespace zeb {
 namespace {
 
 pthread_mutex_t sigpipeMutex = PTHREAD_MUTEX_INITIALIZER;
-int senders = 0;
+int senders = 0;  // objects of IgnoredSigpipe that live
 struct sigaction hostDisposition = {};
-struct sigaction ownDisposition = {};  // static, because clearing its mask at each send costs time
+struct sigaction ownDisposition =
+    {};  // static, so that its large mask is not cleared for each send
 
-// The host may ignore SIGPIPE too. Ours is recognised by flags that have no effect on an ignored
-// signal.
+// The host may ignore SIGPIPE, too. These flags have no effect on an ignored signal; they mark the
+// library's own disposition.
 constexpr int kOwnFlags = SA_NODEFER | SA_ONSTACK | SA_RESTART;
 
 bool isOwn(const struct sigaction& disposition) noexcept {
@@ -31,18 +31,27 @@ void ignoreSigpipe() noexcept {
   ownDisposition.sa_handler = SIG_IGN;
   ownDisposition.sa_flags = kOwnFlags;
   struct sigaction found;
-  // A host that puts back what it found during an earlier send puts back ours: it is not the
-  // host's.
+  // Our own disposition is found if the host read it during an earlier send and has set it again
+  // since: then the saved one is still the host's.
   if (sigaction(SIGPIPE, &ownDisposition, &found) == 0 && !isOwn(found)) hostDisposition = found;
 }
 
-void putBackHostDisposition() noexcept {
+// One call both restores the disposition and returns the one before. If that was not our own, the
+// host has set it during the send, and gets it back.
+void restoreHostDisposition() noexcept {
   struct sigaction found;
   if (sigaction(SIGPIPE, &hostDisposition, &found) == 0 && !isOwn(found))
-    sigaction(SIGPIPE, &found, nullptr);  // the host's newer one
+    sigaction(SIGPIPE, &found, nullptr);
 }
 
-constinit thread_local HeldWriteSignals* outermost = nullptr;
+constinit thread_local HeldWriteSignals* outermost = nullptr;  // of this thread; null: none
+
+// The signal that a write which failed with this errno has sent, or 0.
+int signalOf(int error) noexcept {
+  if (error == EPIPE) return SIGPIPE;
+  if (error == EFBIG) return SIGXFSZ;
+  return 0;
+}
 
 }  // namespace
 
@@ -55,7 +64,7 @@ IgnoredSigpipe::~IgnoredSigpipe() {
   const int error = errno;
   {
     const MutexGuard guard(sigpipeMutex);
-    if (--senders == 0) putBackHostDisposition();
+    if (--senders == 0) restoreHostDisposition();
   }
   errno = error;
 }
@@ -69,6 +78,7 @@ HeldWriteSignals::HeldWriteSignals() noexcept : isOutermost_(outermost == nullpt
   sigaddset(&held, SIGXFSZ);
   pthread_sigmask(SIG_BLOCK, &held, &blockedBefore_);
   sigemptyset(&pendingBefore_);
+  // Only a signal that the thread had blocked already can have been pending.
   if (sigismember(&blockedBefore_, SIGPIPE) == 1 || sigismember(&blockedBefore_, SIGXFSZ) == 1)
     sigpending(&pendingBefore_);
 }
@@ -80,7 +90,7 @@ HeldWriteSignals::~HeldWriteSignals() {
 }
 
 void HeldWriteSignals::takeSignalOf(int error) noexcept {
-  const int signal = error == EPIPE ? SIGPIPE : error == EFBIG ? SIGXFSZ : 0;
+  const int signal = signalOf(error);
   if (signal == 0 || sigismember(&outermost->pendingBefore_, signal) == 1) return;
   sigset_t taken;
   sigemptyset(&taken);
@@ -100,7 +110,7 @@ void unlockSigpipeInParent() noexcept {
 void unlockSigpipeInChild() noexcept {
   if (senders > 0) {
     senders = 0;
-    putBackHostDisposition();
+    restoreHostDisposition();
   }
   pthread_mutex_unlock(&sigpipeMutex);
 }

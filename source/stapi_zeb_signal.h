@@ -1,4 +1,4 @@
-// Keeps the library's writes from sending signals to the host.
+// Keeps the library's writes, to a gateway and to the trace, from sending signals to the host.
 #ifndef STAPI_ZEB_SIGNAL_H
 #define STAPI_ZEB_SIGNAL_H
 
@@ -6,9 +6,13 @@
 
 namespace zeb {
 
-// SIGPIPE is ignored in the whole process while such an object lives. The first one of the process
-// keeps the host's disposition and the last one puts it back with its flags and mask, unless the
-// host has set another one meanwhile, which then stays. One object alone costs two system calls.
+// The whole process ignores SIGPIPE while an object of this class lives. zebstats.h promises that
+// for each send; the sends also pass MSG_NOSIGNAL, which holds even if the host sets another
+// disposition meanwhile.
+//
+// The first object of the process saves the host's disposition. The last one restores it, flags and
+// mask included, unless the host has set another one meanwhile, which then stays. One object alone
+// costs two system calls.
 class IgnoredSigpipe {
  public:
   IgnoredSigpipe() noexcept;
@@ -17,9 +21,9 @@ class IgnoredSigpipe {
   IgnoredSigpipe& operator=(const IgnoredSigpipe&) = delete;
 };
 
-// Holds off the signals that a failing write sends to its thread, SIGPIPE and SIGXFSZ. The host's
-// dispositions stay as they are.
-// One object within another of the same thread costs nothing: the outermost holds the signals.
+// Blocks, in the calling thread, the signals that a failing write sends to it: SIGPIPE and SIGXFSZ.
+// The host's dispositions stay as they are. If objects are nested in a thread, the outermost blocks
+// the signals, and the others cost no system call.
 class HeldWriteSignals {
  public:
   HeldWriteSignals() noexcept;
@@ -27,8 +31,8 @@ class HeldWriteSignals {
   HeldWriteSignals(const HeldWriteSignals&) = delete;
   HeldWriteSignals& operator=(const HeldWriteSignals&) = delete;
 
-  // Takes away the signal of a write that failed with error. A signal that was pending before
-  // stays.
+  // Removes the pending signal of a write that failed with this errno, so that it is not delivered
+  // when the signals are unblocked. A signal that was pending before the writes stays pending.
   void takeSignalOf(int error) noexcept;
 
  private:
@@ -37,9 +41,9 @@ class HeldWriteSignals {
   sigset_t pendingBefore_;
 };
 
-// For a fork: no other thread is in the midst of a change of SIGPIPE's disposition between the
-// first call and one of the others. In the child no send is under way, so the host's disposition is
-// put back.
+// For a fork. From the first call to the second or third one, no other thread changes the
+// disposition of SIGPIPE. The third one restores the host's disposition: the child has no thread
+// that sends.
 void lockSigpipeForFork() noexcept;
 void unlockSigpipeInParent() noexcept;
 void unlockSigpipeInChild() noexcept;

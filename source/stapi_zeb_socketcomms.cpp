@@ -1,17 +1,24 @@
 // Requests and replies on a connected socket: the message header, the exchange of one request and
 // one reply, and the requests built on it.
 //
-// A socket is used by one thread at a time; another one may only shut it down. Waits keep the
+// A socket is used by one thread at a time; another one may only shut it down. Waits end at the
 // deadline of the public call, if it has one; otherwise a gateway that never answers blocks the
 // caller.
 //
-// Message header, n = length of the request name:
+// Message header; n is the length of the request name, and integers are big-endian:
 //
-//   0   4  "Gate"                         16  4  request: header word 3; reply: gateway return code
-//   4   4  header word 1                  20  4  n
-//   8   4  message type                   24  n  request name
-//   12  4  request: header word 4;        24+n 1 flag
-//          reply: loaded as word 3        25+n 4 data length, followed by the data
+//   offset  bytes  content
+//   0       4      "Gate"
+//   4       4      header word 1
+//   8       4      message type
+//   12      4      reply: header word 3                          request: header word 4
+//   16      4      reply: header word 4, the gateway's code      request: header word 3
+//   20      4      n
+//   24      n      request name
+//   24 + n  1      flag
+//   25 + n  4      length of the data, which follow
+//
+// Programs parse the texts of the trace points, so they stay as they are, missing blanks included.
 
 #include "stapi_zeb_socketcomms.h"
 
@@ -21,6 +28,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "stapi_zeb_diag.h"
@@ -39,20 +47,25 @@ const char stapi_zeb_socketcomms_notice[] = ZEB_NOTICE("stapi_zeb_socketcomms");
 namespace zeb {
 namespace {
 
+constexpr std::size_t kNameLengthOffset = 20;
 constexpr std::size_t kNameOffset = 24;
 constexpr std::size_t kFixedHeaderSize = 29;  // a header without its request name
 
-constexpr char HANDSHAKE_REQUEST_NAME[] = "BASE";
+constexpr char HANDSHAKE_REQUEST_NAME[] = "BASE";  // also the name of a close request
+// The language "en" and the country "GB", each after a 16-bit length, and ten zero bytes.
 constexpr unsigned char kHandshakeData[18] = {0, 2, 'e', 'n', 0, 2, 'G', 'B'};
-// Before a String argument: the head of a serialisation stream, and the tag of a string.
-constexpr unsigned char OBJ_ARRAY_HEADER[5] = {0xAC, 0xED, 0x00, 0x05, 0x74};
 
-constexpr std::size_t kOpeningReplySize = 12;  // two words and the admin id
-constexpr std::size_t kAdminReplyHead =
-    9;  // two words and the exception flag, before the call data
+constexpr std::uint32_t kArgumentCount = 1;
+constexpr std::uint32_t kSignatureCount = 1;
+
+// Call kind, reply code and admin id.
+constexpr std::size_t kOpeningReplySize = 12;
+// Call kind, reply code and exception flag (one byte); the call data follow.
+constexpr std::size_t kAdminReplyHead = 9;
+// A gateway that announces more, which no answer needs, does not get memory for it.
 constexpr std::uint32_t kMaxReplySize = 16 * 1024 * 1024;
 
-// 0 if over INT_MAX.
+// Returns the length of a request with its header, or 0 if that exceeds INT_MAX.
 int requestSize(const RequestHeader& header) noexcept {
   const std::uint64_t size =
       std::uint64_t{kFixedHeaderSize} + header.requestNameLength + header.dataLength;
@@ -64,19 +77,20 @@ Block<unsigned char> allocateRequest(int size) noexcept {
   return allocate(static_cast<std::size_t>(size));
 }
 
-// A writer for the request's data.
 ByteWriter dataWriter(const RequestHeader& header, unsigned char* request) noexcept {
   return ByteWriter({request + kFixedHeaderSize + header.requestNameLength, header.dataLength});
 }
 
-// Reads what flow left in data: the reply's data, or the request's own bytes if the reply had none.
+// Returns a reader of what flow has left in data. quirk: a reply without data leaves the request
+// there, and its bytes are decoded as if they were the reply's.
 ByteReader replyReader(const RequestHeader& header, const unsigned char* data,
                        int requestLength) noexcept {
-  const std::size_t replied = header.dataLength;
-  return ByteReader({data, replied > 0 ? replied : static_cast<std::size_t>(requestLength)});
+  const std::size_t replyLength = header.dataLength;
+  return ByteReader(
+      {data, replyLength > 0 ? replyLength : static_cast<std::size_t>(requestLength)});
 }
 
-// MSG_NOSIGNAL holds even if the disposition cannot be changed.
+// Sends without SIGPIPE. MSG_NOSIGNAL holds even if the host changes the disposition meanwhile.
 ssize_t sendOnce(int socketDesc, const unsigned char* data, std::size_t length,
                  int flags) noexcept {
   const IgnoredSigpipe ignored;
@@ -88,7 +102,8 @@ void showTimeout(const char* function, int point, int socketDesc) noexcept {
             callTimeout(), socketDesc);
 }
 
-// Returns 0 when the socket is ready; -1 with errno if the wait failed or the deadline has passed.
+// Waits until the socket is ready for one of events (poll's), or has an error that the next send or
+// receive returns. Returns 0, or -1 with errno, which is ETIMEDOUT if the deadline has passed.
 int waitForSocket(const char* function, int timeoutPoint, int socketDesc, short events) noexcept {
   short readyEvents = 0;
   const int ready = waitForEvents(socketDesc, events, &readyEvents);
@@ -106,8 +121,9 @@ int waitForFlow(int socketDesc, short events) noexcept {
   return waitForSocket("flow", 3256, socketDesc, events);
 }
 
-// A blocking send takes everything, one with a deadline perhaps not at once. Returns the bytes
-// sent, or 0 or -1 as send does.
+// Sends a request and returns the number of bytes sent, or 0 or -1 as send does. With a deadline it
+// sends until all is sent. Without one it calls send once, which blocks; quirk: if a signal cuts
+// that short, the part that was sent counts as the whole.
 ssize_t sendWhole(int socketDesc, const unsigned char* data, std::size_t length) noexcept {
   if (!hasDeadline()) return sendOnce(socketDesc, data, length, 0);
   std::size_t total = 0;
@@ -135,12 +151,17 @@ int sendRequest(int socketDesc, const unsigned char* data, int datalen, reasons&
   return kFlowFailed;
 }
 
-int waitForReply(int socketDesc) noexcept {
-  return waitForFlow(socketDesc, POLLIN) == 0 ? 0 : kFlowFailed;
+// quirk: if the wait fails, no field of failure is set; only a timeout sets sockErrno
+int waitForReply(int socketDesc, reasons& failure) noexcept {
+  if (waitForFlow(socketDesc, POLLIN) == 0) return 0;
+  if (hasTimedOut()) failure.sockErrno = ETIMEDOUT;
+  return kFlowFailed;
 }
 
 int readReplyPart(int socketDesc, int size, unsigned char* buffer, reasons& failure) noexcept {
-  errno = ECONNRESET;  // recv sets no errno at end of stream; this is reported
+  // If the connection ends within the part, readFromSocket returns errno, which recv does not set
+  // then. A 0 would be taken for success.
+  errno = ECONNRESET;
   const int rc = readFromSocket(socketDesc, size, buffer);
   if (rc == 0) return 0;
   failure.sockErrno = rc;
@@ -161,8 +182,9 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   if (rc != 0) return rc;
 
   ByteReader in({buffer.get(), kNameOffset});
-  in.skip(kNameOffset - 4);
-  if (static_cast<std::uint32_t>(in.i32()) != nameLength) {
+  in.skip(kNameLengthOffset);
+  const auto replyNameLength = static_cast<std::uint32_t>(in.i32());
+  if (replyNameLength != nameLength) {
     TRACE_EXC(
         3251,
         "stapi_zeb_socketcomms.flow Reply header does not carry a request name of %d characters\n",
@@ -175,6 +197,7 @@ int readReplyHeader(int socketDesc, std::size_t nameLength, RequestHeader& heade
   return 0;
 }
 
+// Replaces the request in *data by the announced data of the reply, if there are any.
 int readReplyData(int socketDesc, std::uint32_t announced, unsigned char** data,
                   reasons& failure) noexcept {
   const int size = static_cast<int>(announced);
@@ -188,7 +211,6 @@ int readReplyData(int socketDesc, std::uint32_t announced, unsigned char** data,
   free(*data);
   *data = nullptr;
   TRACE_DEBUG(3234, "stapi_zeb_socketcomms.flow (re-)malloc call &data %p\n", data);
-  // A gateway that announces more than any answer holds does not get the memory for it.
   *data = announced <= kMaxReplySize ? allocate(announced).release() : nullptr;
   TRACE_DEBUG(3235, "stapi_zeb_socketcomms.flow Called malloc for %d bytes. rc=%p\n", size, *data);
   if (*data == nullptr) {
@@ -201,7 +223,7 @@ int readReplyData(int socketDesc, std::uint32_t announced, unsigned char** data,
 int exchange(int socketDesc, int datalen, unsigned char** data, std::size_t nameLength,
              RequestHeader& header, reasons& failure) noexcept {
   int rc = sendRequest(socketDesc, *data, datalen, failure);
-  if (rc == 0) rc = waitForReply(socketDesc);
+  if (rc == 0) rc = waitForReply(socketDesc, failure);
   if (rc == 0) rc = readReplyHeader(socketDesc, nameLength, header, failure);
   if (rc == 0) rc = readReplyData(socketDesc, header.dataLength, data, failure);
   if (rc != 0) return rc;
@@ -220,7 +242,8 @@ int waitForBytes(int socketDesc) noexcept {
   return waitForSocket("readFromSocket", 3257, socketDesc, POLLIN);
 }
 
-// recv, but for a deadline: then it waits until that, and a signal does not end it.
+// Waits for bytes, receives up to size of them and returns what recv does. With a deadline the wait
+// ends at that, and signals do not end it; without one recv itself waits.
 int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   const auto room = static_cast<std::size_t>(size);
   if (!hasDeadline()) return static_cast<int>(recv(socketDesc, buffer, room, 0));
@@ -231,14 +254,18 @@ int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   }
 }
 
-// Receives what is missing after the first part. Returns 0 when total has reached size, otherwise
-// errno as it is.
+// Does what receiveSome does, after another part has been received. With a deadline most of the
+// rest is usually still to come, so it waits first, which saves a recv that would fail.
+int receiveNext(int socketDesc, unsigned char* buffer, int size) noexcept {
+  if (hasDeadline() && waitForBytes(socketDesc) != 0) return -1;
+  return receiveSome(socketDesc, buffer, size);
+}
+
+// Receives until total, the number of bytes that buffer holds already, has reached size. Returns 0,
+// or errno; quirk: recv does not set errno when the connection ends, so it is an older one then.
 int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noexcept {
   while (total < size) {
-    // With a deadline the rest is most likely still to come: to wait first saves a recv.
-    const int received = hasDeadline() && waitForBytes(socketDesc) != 0
-                             ? -1
-                             : receiveSome(socketDesc, buffer + total, size - total);
+    const int received = receiveNext(socketDesc, buffer + total, size - total);
     TRACE_DEBUG(
         3241,
         "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d, "
@@ -255,9 +282,14 @@ int receiveRest(int socketDesc, int size, unsigned char* buffer, int& total) noe
   return 0;
 }
 
+int receiveFirst(int socketDesc, int size, unsigned char* buffer) noexcept {
+  if (size >= 0) return receiveSome(socketDesc, buffer, size);
+  errno = EINVAL;
+  return -1;
+}
+
 int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
-  if (size < 0) errno = EINVAL;
-  int total = size < 0 ? -1 : receiveSome(socketDesc, buffer, size);
+  int total = receiveFirst(socketDesc, size, buffer);
   TRACE_DEBUG(
       3240,
       "stapi_zeb_socketcomms.readFromSocket recv(socketDesc=%d, dataSize=%d, dataBuf=%p) readData=%d)\n",
@@ -275,7 +307,7 @@ int receiveAll(int socketDesc, int size, unsigned char* buffer) noexcept {
   return rc;
 }
 
-// For replies whose content nobody looks at.
+// Decodes a reply whose data are not used.
 int acceptReply(ByteReader) noexcept {
   return 0;
 }
@@ -297,8 +329,8 @@ int decodeAuthReply(AuthRequestRecord& request, ByteReader in, reasons& failure)
     failure.authRc = request.replyCode;
     return kAuthRefused;
   }
-  if (request.authStep !=
-      0) {  // quirk: the answer to the second step is accepted whatever its reply code
+  // quirk: the reply to the second step, whose first word is not 0, is accepted whatever its code
+  if (request.authStep != 0) {
     request.resultWord1 = in.i32();
     request.resultWord2 = in.i32();
   } else {
@@ -323,10 +355,10 @@ void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
   }
   if (request.callKind == kInvoke) {
     out.text16(request.action);
-    out.u32(1);  // arguments
+    out.u32(kArgumentCount);
     out.bytes(OBJ_ARRAY_HEADER, sizeof OBJ_ARRAY_HEADER);
     out.text16(request.argument);
-    out.u32(1);  // signatures
+    out.u32(kSignatureCount);
     out.text16(request.signature);
   } else if (request.callKind == kGetAttribute) {
     out.text16(request.attributeName);
@@ -335,11 +367,11 @@ void writeAdminData(const AdminCallRecord& request, ByteWriter& out) noexcept {
 
 int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
   const std::size_t size = in.left();
-  Block<std::uint8_t> callData = allocate(size > 0 ? size : 1);
+  Block<std::uint8_t> callData = allocate(std::max<std::size_t>(size, 1));  // malloc(0) may be null
   TRACE_DEBUG(3203, "stapi_zeb_socketcomms.flowAdminRequest Called malloc for %d bytes. rc=%p\n",
               static_cast<int>(size), callData.get());
   if (callData == nullptr) {
-    // quirk: the length of the whole reply
+    // quirk: shows the length of the whole reply, not of the block
     TRACE_EXC(3204, "stapi_zeb_socketcomms.flowAdminRequestFailed to allocate %d bytes.\n",
               static_cast<int>(size + kAdminReplyHead));
     return ZEB_NO_MEMORY;
@@ -350,18 +382,21 @@ int takeCallData(AdminCallRecord& request, ByteReader& in) noexcept {
   return 0;
 }
 
-// Reported as ZEB_NO_MEMORY, which callers map to -122.
+// Returns ZEB_NO_MEMORY, as if the call data could not be allocated; queries and opens return
+// ZEB_COMMUNICATION_FAILED for it.
 int refuseShortReply(std::size_t length) noexcept {
   TRACE_EXC(3253, "stapi_zeb_socketcomms.flowAdminRequest Reply of %d bytes is too short\n",
             static_cast<int>(length));
   return ZEB_NO_MEMORY;
 }
 
+// requestKind is the kind of call that was made; the reply's own kind, which decides how it is
+// read, may differ.
 int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind,
                      reasons& failure) noexcept {
   const std::size_t length = in.left();
-  if (length < (requestKind == kOpeningCall ? kOpeningReplySize : kAdminReplyHead))
-    return refuseShortReply(length);
+  const std::size_t shortest = requestKind == kOpeningCall ? kOpeningReplySize : kAdminReplyHead;
+  if (length < shortest) return refuseShortReply(length);
   request.callKind = in.i32();
   request.replyRc = in.i32();
   if (request.replyRc != 0) {
@@ -382,13 +417,13 @@ int decodeAdminReply(AdminCallRecord& request, ByteReader in, int requestKind,
         "stapi_zeb_socketcomms.flowAdminRequest Exception occured during request execution\n");
     return kAdminFailed;
   }
-  // Without reply data, data still holds the request.
+  // Without data in the reply, these are the bytes of the request, which are no call data.
   if (request.header.dataLength == 0) return refuseShortReply(0);
   return takeCallData(request, in);
 }
 
-// What the four requests differ in: names, numbers, and a blank.
-struct Request {
+// The trace points of a request, and the words that differ in their texts.
+struct RequestTrace {
   const char* function;
   const char* gap;  // between the function's name and the next word
   const char* dataName;
@@ -397,54 +432,77 @@ struct Request {
   int overlongPoint;
   int freedPoint;
 };
-constexpr Request kHandshake = {"flowHandshakeRequest", "", "handshake", 3216, 3217, 3259, 3218};
-constexpr Request kClose = {"flowCloseRequest", " ", "close request", 3221, 3222, 3260, 3223};
-constexpr Request kAuth = {"flowAuthRequest", "", "request", 3210, 3211, 3254, 3213};
-constexpr Request kAdmin = {"flowAdminRequest", "", "request", 3201, 3202, 3255, 3207};
+constexpr RequestTrace kHandshakeTrace = {.function = "flowHandshakeRequest",
+                                          .gap = "",
+                                          .dataName = "handshake",
+                                          .allocatedPoint = 3216,
+                                          .failedPoint = 3217,
+                                          .overlongPoint = 3259,
+                                          .freedPoint = 3218};
+constexpr RequestTrace kCloseTrace = {.function = "flowCloseRequest",
+                                      .gap = " ",
+                                      .dataName = "close request",
+                                      .allocatedPoint = 3221,
+                                      .failedPoint = 3222,
+                                      .overlongPoint = 3260,
+                                      .freedPoint = 3223};
+constexpr RequestTrace kAuthTrace = {.function = "flowAuthRequest",
+                                     .gap = "",
+                                     .dataName = "request",
+                                     .allocatedPoint = 3210,
+                                     .failedPoint = 3211,
+                                     .overlongPoint = 3254,
+                                     .freedPoint = 3213};
+constexpr RequestTrace kAdminTrace = {.function = "flowAdminRequest",
+                                      .gap = "",
+                                      .dataName = "request",
+                                      .allocatedPoint = 3201,
+                                      .failedPoint = 3202,
+                                      .overlongPoint = 3255,
+                                      .freedPoint = 3207};
 
-// Data longer than the record's data length is not sent.
-int refuseOverlongRequest(const Request& request, int size) noexcept {
-  TRACE_EXC(request.overlongPoint,
-            "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n", request.function,
+// Refuses a request whose data turned out longer than the dataLength of its header.
+int refuseOverlongRequest(const RequestTrace& trace, int size) noexcept {
+  TRACE_EXC(trace.overlongPoint,
+            "stapi_zeb_socketcomms.%s Request does not fit into its %d bytes\n", trace.function,
             size);
   return ZEB_NO_MEMORY;
 }
 
-// flow, for a block that frees itself.
+// Calls flow with a block that frees itself, and which flow may replace.
 int flowBlock(int socketDesc, int size, Block<unsigned char>& data, RequestHeader& header,
-              reasons* reasons) noexcept {
+              reasons* failure) noexcept {
   unsigned char* block = data.release();
-  const int rc = flow(socketDesc, size, &block, header.requestName, &header, reasons);
+  const int rc = flow(socketDesc, size, &block, header.requestName, &header, failure);
   data.reset(block);
   return rc;
 }
 
-// What the four requests share: writes the header and the data, exchanges them for a reply, and
-// decodes that. write gets a ByteWriter of header.dataLength bytes; decode gets a ByteReader and
-// returns a code.
+// Does what the four requests share: writes the header and the data, exchanges them for a reply,
+// and decodes the reply. write(ByteWriter&) writes the data, of header.dataLength bytes;
+// decode(ByteReader) returns the code of the request.
 template <typename Write, typename Decode>
-int exchangeRequest(const Request& request, int socketDesc, RequestHeader& header, reasons* reasons,
-                    Write write, Decode decode) noexcept {
+int exchangeRequest(const RequestTrace& trace, int socketDesc, RequestHeader& header,
+                    reasons* failure, Write write, Decode decode) noexcept {
   const int size = requestSize(header);
   Block<unsigned char> data = allocateRequest(size);
-  TRACE_DEBUG(request.allocatedPoint,
-              "stapi_zeb_socketcomms.%s Called malloc for %d bytes. rc=%p\n", request.function,
-              size, data.get());
+  TRACE_DEBUG(trace.allocatedPoint, "stapi_zeb_socketcomms.%s Called malloc for %d bytes. rc=%p\n",
+              trace.function, size, data.get());
   if (data == nullptr) {
-    TRACE_EXC(request.failedPoint, "stapi_zeb_socketcomms.%s%sFailed to allocate %d bytes.\n",
-              request.function, request.gap, size);
+    TRACE_EXC(trace.failedPoint, "stapi_zeb_socketcomms.%s%sFailed to allocate %d bytes.\n",
+              trace.function, trace.gap, size);
     return ZEB_NO_MEMORY;
   }
   writeHeader(&header, data.get());
   ByteWriter out = dataWriter(header, data.get());
   write(out);
   out.zeroRest();
-  if (!out.ok()) return refuseOverlongRequest(request, size);
-  int rc = flowBlock(socketDesc, size, data, header, reasons);
+  if (!out.ok()) return refuseOverlongRequest(trace, size);
+  int rc = flowBlock(socketDesc, size, data, header, failure);
   if (rc == 0) rc = decode(replyReader(header, data.get(), size));
   if (data != nullptr) {
-    TRACE_DEBUG(request.freedPoint, "stapi_zeb_socketcomms.%s Free %s data %p\n", request.function,
-                request.dataName, data.get());
+    TRACE_DEBUG(trace.freedPoint, "stapi_zeb_socketcomms.%s Free %s data %p\n", trace.function,
+                trace.dataName, data.get());
   }
   return rc;
 }
@@ -477,7 +535,9 @@ void writeHeader(const RequestHeader* req, unsigned char* data) noexcept {
   out.bytes(req->eyecatcher, sizeof req->eyecatcher);
   out.u32(req->headerWord1);
   out.u32(req->messageType);
-  out.i32(req->headerWord4);  // quirk: 4 goes to offset 12 but is loaded from 16
+  // quirk: words 3 and 4 change places here, but not in populateHeader; so a record that is used
+  // again sends at offset 16 what the reply had at offset 12
+  out.i32(req->headerWord4);
   out.i32(req->headerWord3);
   out.u32(req->requestNameLength);
   out.bytes(req->requestName, req->requestNameLength);
@@ -515,79 +575,79 @@ int readFromSocket(int socketDesc, int dataSize, void* dataBuf) noexcept {
 }
 
 int flow(int socketDesc, int datalen, unsigned char** data, const char* requestName,
-         RequestHeader* header, reasons* reasons) noexcept {
+         RequestHeader* header, reasons* failure) noexcept {
   TRACE_ENTRY(
       3225,
       "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, &data=%p, requestName=%s, header=%p, "
       "reasons=%p)\n",
-      socketDesc, datalen, data, ShownText(requestName).chars, header, reasons);
+      socketDesc, datalen, data, ShownText(requestName).chars, header, failure);
   if (datalen <= 0 || data == nullptr) {
     TRACE_EXC(3227, "stapi_zeb_socketcomms.flow No data to flow!!\n");
     return kFlowFailed;  // quirk: no EXIT line here
   }
   TRACE_DATA(3226, "stapi_zeb_socketcomms.flow",
              (TracedStorage{*data, datalen, 0, static_cast<std::size_t>(datalen)}), 0);
-  const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *reasons);
+  const int rc = exchange(socketDesc, datalen, data, strlen(requestName), *header, *failure);
   TRACE_EXIT(
       3238,
       "stapi_zeb_socketcomms.flow(socketDesc=%d, datalen=%d, data=%p, requestName=%s, header=%p, "
       "reasons=%p) rc=%d\n",
-      socketDesc, datalen, data, ShownText(requestName).chars, header, reasons, rc);
+      socketDesc, datalen, data, ShownText(requestName).chars, header, failure, rc);
   return rc;
 }
 
-int flowHandshakeRequest(int socketDesc, reasons* reasons) noexcept {
+int flowHandshakeRequest(int socketDesc, reasons* failure) noexcept {
   TRACE_ENTRY(3215, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p)\n",
-              socketDesc, reasons);
+              socketDesc, failure);
   RequestHeader header =
       makeHeader(HANDSHAKE_REQUEST_NAME, kHandshakeMessage, sizeof kHandshakeData);
   const int rc = exchangeRequest(
-      kHandshake, socketDesc, header, reasons,
+      kHandshakeTrace, socketDesc, header, failure,
       [](ByteWriter& out) { out.bytes(kHandshakeData, sizeof kHandshakeData); }, acceptReply);
   TRACE_EXIT(3219, "stapi_zeb_socketcomms.flowHandshakeRequest(socketDesc=%d, *reasons=%p) rc=%d\n",
-             socketDesc, reasons, rc);
+             socketDesc, failure, rc);
   return rc;
 }
 
-int flowCloseRequest(int socketDesc, reasons* reasons) noexcept {
+int flowCloseRequest(int socketDesc, reasons* failure) noexcept {
   TRACE_ENTRY(3220, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p)\n",
-              socketDesc, reasons);
+              socketDesc, failure);
   RequestHeader header = makeHeader(HANDSHAKE_REQUEST_NAME, kCloseMessage, 0);
-  header.headerWord3 = -1;
+  header.headerWord3 = -1;  // in a close request only; the gateway expects it
   const int rc = exchangeRequest(
-      kClose, socketDesc, header, reasons, [](ByteWriter&) {}, acceptReply);
+      kCloseTrace, socketDesc, header, failure, [](ByteWriter&) {}, acceptReply);
   TRACE_EXIT(3224, "stapi_zeb_socketcomms.flowCloseRequest(socketDesc=%d, *reasons=%p) rc=%d\n",
-             socketDesc, reasons, rc);
+             socketDesc, failure, rc);
   return rc;
 }
 
-int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* reasons) noexcept {
+int flowAuthRequest(int socketDesc, AuthRequestRecord* request, reasons* failure) noexcept {
   TRACE_ENTRY(3209,
               "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
-              socketDesc, request, reasons);
+              socketDesc, request, failure);
   const int rc = exchangeRequest(
-      kAuth, socketDesc, request->header, reasons,
+      kAuthTrace, socketDesc, request->header, failure,
       [&](ByteWriter& out) { writeAuthData(*request, out); },
-      [&](ByteReader in) { return decodeAuthReply(*request, in, *reasons); });
+      [&](ByteReader in) { return decodeAuthReply(*request, in, *failure); });
   TRACE_EXIT(
       3214,
       "stapi_zeb_socketcomms.flowAuthRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
-      socketDesc, request, reasons, rc);
+      socketDesc, request, failure, rc);
   return rc;
 }
 
-int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* reasons) noexcept {
+int flowAdminRequest(int socketDesc, AdminCallRecord* request, reasons* failure) noexcept {
   TRACE_ENTRY(3200,
               "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p)\n",
-              socketDesc, request, reasons);
-  const int kind = request->callKind;
+              socketDesc, request, failure);
+  const int kind = request->callKind;  // which the reply overwrites
   const int rc = exchangeRequest(
-      kAdmin, socketDesc, request->header, reasons,
+      kAdminTrace, socketDesc, request->header, failure,
       [&](ByteWriter& out) { writeAdminData(*request, out); },
-      [&](ByteReader in) { return decodeAdminReply(*request, in, kind, *reasons); });
+      [&](ByteReader in) { return decodeAdminReply(*request, in, kind, *failure); });
   TRACE_EXIT(
       3208,
       "stapi_zeb_socketcomms.flowAdminRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
-      socketDesc, request, reasons, rc);
+      socketDesc, request, failure, rc);
   return rc;
 }

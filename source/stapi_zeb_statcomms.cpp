@@ -1,13 +1,15 @@
 // Calls of the gateway's statistics bean, and the parsing of its answers into result set buffers.
 //
-// Every call is an exchange of two requests on one record: the opening call, whose reply gives an
-// admin id, and the attribute or invoke call that sends the id back. One thread works on a
-// connection at a time.
+// Every call takes two requests, made with one record: the opening call, whose reply gives an admin
+// id, and the attribute or invoke call, which sends the id back. One thread works on a connection
+// at a time.
 //
-// The answers are Java Object Serialization streams. They are not decoded but stepped over by their
-// fixed layout; the only tags that are looked at are those around block data: TC_BLOCKDATA ('w', a
-// 1-byte length follows), TC_BLOCKDATALONG ('z', a 4-byte length), TC_ENDBLOCKDATA, and TC_OBJECT
-// and the stream header after it.
+// The answers are Java Object Serialization streams. Their objects are not decoded: the parsers
+// step over them by their fixed layout, and look only at the tags of that protocol that decide what
+// follows: TC_BLOCKDATA ('w', before a length of 1 byte), TC_BLOCKDATALONG ('z', before a length of
+// 4 bytes), TC_ENDBLOCKDATA, TC_OBJECT and the header of a stream.
+//
+// Programs parse the texts of the trace points, so they stay as they are, missing blanks included.
 
 #include "stapi_zeb_statcomms.h"
 
@@ -41,11 +43,15 @@ constexpr char kNoQualifier[] = "";
 constexpr char STATS_MBEAN_NAME[] = "DefaultDomain:ProdId=com.kro.zeb,Activity=Control,type=Stats";
 constexpr char STATS_MBEAN_SIG[] = "java.lang.String";
 constexpr char STATS_MBEAN_PROTOCOL_VERSION[] = "protocol";
-constexpr char STATS_MBEAN_ACTION_GET_STATS[] = "GET_STATS";
 
+constexpr std::uint32_t kOpeningLength = 4;  // the data of an opening call: its call kind
 constexpr std::uint32_t kCallWords = 12;  // call kind, admin id and call length, before the strings
-constexpr std::uint8_t kListForm = 1;     // an answer that begins with a number of responses
-constexpr std::uint8_t kObject = 0x73;    // TC_OBJECT
+constexpr int kLengthSize = 2;            // of the length before a string
+constexpr int kCountSize = 4;             // of the number of arguments, and that of signatures
+
+constexpr std::size_t kVersionOffset = 6;  // of the protocol version, with its length, in call data
+constexpr std::uint8_t kListForm = 1;      // an answer that begins with a number of responses
+constexpr std::uint8_t kObject = 0x73;     // TC_OBJECT
 constexpr std::uint8_t kEndBlockData = 0x78;  // TC_ENDBLOCKDATA
 constexpr std::uint8_t kStreamHeader[] = {0xAC, 0xED, 0x00, 0x05};
 constexpr std::size_t kObjectHead = 6;  // stream header (4), TC_OBJECT, TC_CLASSDESC
@@ -54,23 +60,36 @@ constexpr std::size_t kObjectHead = 6;  // stream header (4), TC_OBJECT, TC_CLAS
 constexpr std::size_t kClassVersion = 8;
 constexpr std::size_t kClassRest = 5;
 constexpr std::size_t kClassTail = kClassVersion + kClassRest;
-// A statistic begins after the version of its class, or after the TC_OBJECT of the ones that
-// follow, which have TC_REFERENCE and a handle (4) in place of the rest of the class.
-constexpr std::size_t kStatMarker = kClassRest;
-constexpr std::size_t kStatIdLength = kStatMarker + 2;  // in a short block
-constexpr std::size_t kStatEnd = 2;  // TC_ENDBLOCKDATA, and the TC_OBJECT of the next
-constexpr std::size_t kStatFrame =
-    kStatIdLength + 2 + 2 + kStatEnd;  // one in a short block, without its texts
-constexpr std::int32_t kLongestUncutId =
-    kFullBlock - 4;  // both lengths lie in the first block with it
+
+// A statistic begins kClassRest bytes before its block. For the first one these are the rest of its
+// class description; for a later one, TC_REFERENCE and the handle (4) of that class. The block
+// holds the length of the id, the id, the length of the value, and the value. Offsets from the
+// beginning:
+constexpr std::size_t kStatMarker = kClassRest;         // tag of the block
+constexpr std::size_t kStatIdLength = kStatMarker + 2;  // after tag and length of a short block
+constexpr std::size_t kStatId = kStatIdLength + kLengthSize;
+constexpr std::size_t kStatEnd = 2;  // TC_ENDBLOCKDATA, and the TC_OBJECT of the next statistic
+// A statistic in a short block without the bytes of its id and value.
+constexpr std::size_t kStatFrame = kStatId + kLengthSize + kStatEnd;
+// With a longer id, the length of the value does not lie in the first full block as a whole.
+constexpr std::int32_t kLongestUncutId = kFullBlock - 2 * kLengthSize;
+
+// The trace shows a total of parsed bytes, which counts a length as kLengthSize bytes, as it has in
+// the answer, though it takes 4 in the buffer.
+constexpr int kMarkerAndCount = 12;  // content marker (8), number of responses (4)
+constexpr int kElementAndCode = kLengthSize + 4;
+constexpr int kEntryCountSize = 4;
+
 constexpr int kMalformed = -1;
 
 int stringLength(const char* text) noexcept {
   return static_cast<int>(strlen(text));
 }
 
+// Turns the record of an opening call into an attribute or invoke call. The other fields of the
+// header go out as the reply to the opening call has left them.
 void prepareCall(AdminCallRecord& record, std::int32_t kind) noexcept {
-  free(record.callData);  // left if the opening was answered like a call
+  free(record.callData);  // not null if the gateway answered the opening call as if to another call
   record.header.requestName = ADMIN_REQUEST_NAME;
   record.header.messageType = kCallMessage;
   record.header.headerWord4 = 0;
@@ -88,14 +107,14 @@ void setCallLength(AdminCallRecord& record, int length) noexcept {
   record.header.dataLength = static_cast<std::uint32_t>(length) + kCallWords;
 }
 
-// Empty if a call was answered like an opening call.
+// Returns the call data of the answer: none if the gateway answered as if to an opening call.
 std::span<const std::uint8_t> callDataOf(const AdminCallRecord& record) noexcept {
   return {record.callData, record.callData != nullptr ? record.header.dataLength : 0};
 }
 
 int storeProtocolVersion(GatewayToken& token, std::span<const std::uint8_t> callData) noexcept {
   ByteReader in(callData);
-  in.skip(6);
+  in.skip(kVersionOffset);
   const std::int16_t length = in.i16();
   const std::string_view version = in.text(length);
   if (!in.ok()) {
@@ -103,6 +122,7 @@ int storeProtocolVersion(GatewayToken& token, std::span<const std::uint8_t> call
               static_cast<int>(callData.size()));
     return kAdminFailed;
   }
+  // quirk: the lines speak of an allocation, but the buffer came with the token
   TRACE_DEBUG(4008, "stapi_zeb_statcomms.statProtocolVer Called malloc for %d bytes. rc=%p\n",
               length + 1, token.protocolVersion);
   if (token.protocolVersion == nullptr) {
@@ -116,15 +136,15 @@ int storeProtocolVersion(GatewayToken& token, std::span<const std::uint8_t> call
   return 0;
 }
 
-int askProtocolVersion(GatewayToken& token, reasons* reasons) noexcept {
+int askProtocolVersion(GatewayToken& token, reasons* failure) noexcept {
   AdminCallRecord record = {};
-  int rc = getInitAdminRequest(token.socket, &record, reasons);
+  int rc = getInitAdminRequest(token.socket, &record, failure);
   if (rc != 0) return rc;
   TRACE_DEBUG(4005, "stapi_zeb_statcomms.statProtocolVer Successfully init'd admin request\n");
   prepareCall(record, kGetAttribute);
   record.attributeName = STATS_MBEAN_PROTOCOL_VERSION;
   setCallLength(record, calculateGetAttrCallLength(&record));
-  rc = flowAdminRequest(token.socket, &record, reasons);
+  rc = flowAdminRequest(token.socket, &record, failure);
   if (rc != 0) return rc;
   const Block<std::uint8_t> callData(record.callData);
   TRACE_DEBUG(
@@ -146,9 +166,9 @@ void parseAnswer(const AdminCallRecord& record, char* buffer) noexcept {
 }
 
 int invoke(int socketDesc, const char* operation, const char* argument, char* buffer,
-           reasons* reasons) noexcept {
+           reasons* failure) noexcept {
   AdminCallRecord record = {};
-  int rc = getInitAdminRequest(socketDesc, &record, reasons);
+  int rc = getInitAdminRequest(socketDesc, &record, failure);
   if (rc == 0) {
     TRACE_DEBUG(4022,
                 "stapi_zeb_statcomms.statCommsString Successfully init'd the Admin Request\n");
@@ -157,12 +177,15 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
     record.argument = argument;
     record.signature = STATS_MBEAN_SIG;
     setCallLength(record, calculateCallLength(&record));
-    rc = flowAdminRequest(socketDesc, &record, reasons);
+    rc = flowAdminRequest(socketDesc, &record, failure);
   }
   if (rc == 0) {
+    // If the gateway answered as if to an opening call, callData is null: nothing is dumped.
     TRACE_DATA(4023, "stapi_zeb_statcomms.statCommsString",
-               (TracedStorage{record.callData, static_cast<int>(record.header.dataLength), 0,
-                              record.header.dataLength}),
+               (TracedStorage{.address = record.callData,
+                              .length = static_cast<int>(record.header.dataLength),
+                              .stopWord = 0,
+                              .size = record.header.dataLength}),
                rc);
     parseAnswer(record, buffer);
   }
@@ -179,12 +202,11 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
 struct AnswerParse {
   ByteReader in;
   ResultSetWriter out;
-  // The bytes of statistics, counting lengths with their width on the wire. Only traced; wrong
-  // while untraced.
-  int total;
+  int total;  // parsed bytes of statistics, for the trace; copyShortStats does not count them
   int headsLeft = kMaxHeads;
 };
 
+// What the block data of a response begin with. Text is what text16() of the reader returns.
 template <typename Text>
 struct QueryHead {
   Text element;
@@ -195,9 +217,9 @@ std::int32_t readResponseCount(ByteReader& in) noexcept {
   return in.u8() == kListForm ? in.i32() : 1;
 }
 
-// Steps over the class descriptions that both kinds of response begin with, and over the head of
-// the block data. Returns whether that is a long block of exactly the size at which the serialiser
-// cuts.
+// Steps over the class descriptions that a response of either kind begins with, and over tag and
+// length of its first block. Returns true if that is a long block of kFullBlock bytes, at which the
+// serialiser cuts block data into several blocks.
 bool skipToBlockData(ByteReader& in) noexcept {
   in.skip(kObjectHead);
   in.text16();  // class name
@@ -213,9 +235,10 @@ bool skipToBlockData(ByteReader& in) noexcept {
   return marker == kLongBlock && size == static_cast<std::int32_t>(kFullBlock);
 }
 
-// Calls copy with a reader of block data that begin with a full block, and steps over them. Returns
-// false, and calls nothing, unless more blocks follow as the serialiser cuts them. Not inlined,
-// which would make the common path slower.
+// Handles block data that the serialiser has cut: calls copy(BlockReader&), then steps over all
+// their blocks. parse.in is after the head of a full block. Returns false, without having called
+// copy, unless further blocks follow as the serialiser writes them. It is not inlined because that
+// would make the usual case, a single block, slower.
 template <typename Copy>
 [[gnu::noinline]] bool copyCutBlockData(AnswerParse& parse, Copy& copy) noexcept {
   BlockReader blocks(parse.in.rest(), parse.headsLeft);
@@ -227,18 +250,20 @@ template <typename Copy>
   return true;
 }
 
-// Calls copy with a reader of the response's block data, and steps over them. The length of the
-// first block matters only if it is full: some gateways write all ids as one long block.
+// Steps over the descriptions at the start of a response and calls copy with a reader of its block
+// data: a BlockReader if they are cut, otherwise parse.in. The length of an uncut block is ignored,
+// and bounds nothing: some gateways write all ids as one long block.
 template <typename Copy>
 void copyBlockData(AnswerParse& parse, Copy copy) noexcept {
   if (skipToBlockData(parse.in) && copyCutBlockData(parse, copy)) return;
   copy(parse.in);
 }
 
+// Braces evaluate in order: the element is read first.
 template <typename Reader>
 auto readHead(Reader& data) noexcept {
   using Text = decltype(data.text16());
-  return QueryHead<Text>{data.text16(), data.i32()};
+  return QueryHead<Text>{.element = data.text16(), .rc = data.i32()};
 }
 
 void beginResultSet(ResultSetWriter& out, const char* marker, std::int32_t responses) noexcept {
@@ -251,9 +276,12 @@ struct Parser {
   int outgrowsPoint;
   int malformedPoint;
 };
-constexpr Parser kIdsParser = {"parseIdsData", 4031, 4032};
-constexpr Parser kStatsParser = {"parseStatsData", 4065, 4066};
+constexpr Parser kIdsParser = {
+    .name = "parseIdsData", .outgrowsPoint = 4031, .malformedPoint = 4032};
+constexpr Parser kStatsParser = {
+    .name = "parseStatsData", .outgrowsPoint = 4065, .malformedPoint = 4066};
 
+// Makes the buffer readable if all went well, otherwise empty. Returns 0 or kMalformed.
 int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& out) noexcept {
   if (out.isNull()) return kMalformed;
   if (in.ok() && out.ok()) {
@@ -273,13 +301,13 @@ int endResultSet(const Parser& parser, const ByteReader& in, ResultSetWriter& ou
   return kMalformed;
 }
 
-// The exported parsers get no length and trust their input.
+// What the exported parsers read: everything from rawData on, as they are not told where it ends.
 std::span<const std::uint8_t> trustedAnswer(const unsigned char* rawData) noexcept {
   const std::size_t toTheEnd = UINTPTR_MAX - reinterpret_cast<std::uintptr_t>(rawData);
   return {rawData, std::min<std::size_t>(toTheEnd, PTRDIFF_MAX)};
 }
 
-// Copies a text if all of it is there.
+// Each copies a text of that length, with its length, if all of it is there; otherwise in fails.
 void copyText(ByteReader& in, ResultSetWriter& out, std::int32_t length) noexcept {
   const std::string_view text = in.text(length);
   if (in.ok()) out.counted(text);
@@ -302,12 +330,13 @@ void writeText(ResultSetWriter& out, CutText text) noexcept {
   copyText(text.from, out, text.length);
 }
 
+// Copies the ids of a response. response is its index, for the trace.
 template <typename Reader>
 void copyIds(Reader& data, AnswerParse& parse, int response) noexcept {
   const std::int32_t count = data.i32();
   TRACE_DEBUG(4044, "stapi_zeb_statcomms.parseIdsData reading %d IDs for result %d\n", count,
               response);
-  Reader in = data;  // copies, which stay in registers
+  Reader in = data;  // local copies, which the compiler can keep in registers
   ResultSetWriter out = parse.out;
   out.integer(count);
   for (std::int32_t i = 0; i < count && in.ok() && out.ok(); ++i) copyText(in, out, in.i16());
@@ -337,7 +366,8 @@ void copyIdsResponse(AnswerParse& parse, int response) noexcept {
   parse.in.skipClosing(1);  // TC_ENDBLOCKDATA
 }
 
-// The rest of a value, in further blocks.
+// Copies the last `remaining` bytes of a value, which further blocks hold; in is after the first
+// block. Fails unless the blocks add up to that.
 void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   ByteReader& in = parse.in;
   const auto copyPiece = [&](std::int32_t length) {
@@ -351,12 +381,12 @@ void copyContinuation(AnswerParse& parse, int remaining) noexcept {
   };
   std::uint8_t marker = in.peek();
   while (marker == kLongBlock && remaining > 0 && in.ok() && parse.out.ok()) {
-    in.skip(3);  // the marker and the high half of the block's length
+    in.skip(3);  // the tag and the high half of the length, which is ignored
     copyPiece(in.i16());
     marker = in.peek();
     TRACE_DEBUG(4060, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n", marker);
   }
-  // quirk: after a short block all count as short
+  // quirk: the tag is not read again here, so after a short block each block is taken as short
   while (marker == kShortBlock && remaining > 0 && in.ok() && parse.out.ok()) {
     in.skip(1);  // TC_BLOCKDATA
     copyPiece(in.u8());
@@ -368,12 +398,14 @@ void showWholeValue(std::int32_t length) noexcept {
   TRACE_DEBUG(4058, "stapi_zeb_statcomms.parseStatsData written %d bytes.  \n", length);
 }
 
+// Copies the value of a statistic in a long block; room is what the block has left for it. If that
+// is less than length, the rest of the value is in further blocks.
 void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
   if (room < 0) parse.in.fail();
   if (length <= room) {
     copyText(parse.in, parse.out, length);
     showWholeValue(length);
-    parse.total += length + 2;
+    parse.total += length + kLengthSize;
     return;
   }
   parse.out.integer(length);
@@ -382,13 +414,13 @@ void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
       4059,
       "stapi_zeb_statcomms.parseStatsData written %d of %d bytes. Remaining data = %d bytes \n",
       room, length, length - room);
-  parse.total += room + 2;
+  parse.total += room + kLengthSize;
   copyContinuation(parse, length - room);
 }
 
-// Copies a statistic whose value's length is not in the first block as a whole; stat begins with
-// the id's length. Returns false, and changes nothing, if the blocks are not as the serialiser cuts
-// them.
+// Copies a statistic whose id, or whose value's length, the serialiser has cut. stat begins with
+// the length of the id, after the head of a full block. Returns false, having changed nothing, if
+// the blocks are not as the serialiser writes them.
 bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcept {
   BlockReader blocks(stat, parse.headsLeft);
   if (blocks.next() != kEndBlockData) return false;
@@ -398,7 +430,7 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   const std::int32_t length = blocks.i16();
   copyText(blocks, parse.out, length);
   showWholeValue(length);
-  parse.total += idLength + 2 + length + 2;
+  parse.total += idLength + kLengthSize + length + kLengthSize;
   parse.in = ByteReader(stat.subspan(blocks.wireSize()));
   if (!blocks.ok()) parse.in.fail();
   return true;
@@ -411,7 +443,7 @@ void copyStat(AnswerParse& parse) noexcept {
   TRACE_DEBUG(4054, "stapi_zeb_statcomms.parseStatsData block type=%2.8X \n", marker);
   std::int32_t chunkLength = 0;
   if (marker == kLongBlock) {
-    in.skip(2);  // the high half of the block's length
+    in.skip(2);  // the high half of the block's length, which is ignored
     chunkLength = in.i16();
     TRACE_DEBUG(4055, "stapi_zeb_statcomms.parseStatsData chunklength=%d \n", chunkLength);
   } else {
@@ -425,22 +457,24 @@ void copyStat(AnswerParse& parse) noexcept {
     return;
   }
   copyText(in, parse.out, idLength);
-  parse.total += idLength + 2;
+  parse.total += idLength + kLengthSize;
   const std::int32_t length = in.i16();
   if (marker == kLongBlock) {
-    copyLongValue(parse, length, static_cast<std::int16_t>(chunkLength - idLength - 4));
+    const int room = chunkLength - idLength - 2 * kLengthSize;
+    copyLongValue(parse, length, static_cast<std::int16_t>(room));  // quirk: cut to 16 bits
   } else {
     TRACE_DEBUG(4057, "stapi_zeb_statcomms.parseStatsData statistic data length=%d \n", length);
     copyText(in, parse.out, length);
-    parse.total += length + 2;
+    parse.total += length + kLengthSize;
   }
   in.skipClosing(kStatEnd);
 }
 
-// Fast path for consecutive statistics in short blocks: one test of what is left of the answer and
-// of the buffer for each, and cursors that stay in registers. It takes a third of the time that
-// copyStat takes. Stops before a statistic of another kind, or one that does not fit, and leaves it
-// to copyStat; does nothing while anything is to be traced. Returns the number of statistics.
+// Fast path for up to count consecutive statistics in short blocks: one test each of what is left
+// of the answer and of the buffer, and cursors that stay in registers, take a third of copyStat's
+// time. Stops before a statistic in another kind of block or one that does not fit, which copyStat
+// then handles; does nothing at trace levels of 3 and more. Returns the number of copied
+// statistics.
 std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   if (traceLevel() >= kLevelFunction) return 0;
   ByteReader in = parse.in;
@@ -450,12 +484,13 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
     const std::uint8_t* const at = in.position();
     const std::size_t idLength = loadLength(at + kStatIdLength);
     if (at[kStatMarker] != kShortBlock || in.left() < kStatFrame + idLength) break;
-    const std::size_t valueLength = loadLength(at + kStatIdLength + 2 + idLength);
+    const std::size_t valueLength = loadLength(at + kStatId + idLength);
     const std::size_t size = kStatFrame + idLength + valueLength;
+    // A length over INT16_MAX is negative. In the buffer the statistic is shorter than size.
     if (idLength > INT16_MAX || valueLength > INT16_MAX || in.left() < size || out.room() < size)
       break;
-    out.countedUnchecked(at + kStatIdLength + 2, idLength);
-    out.countedUnchecked(at + kStatIdLength + 4 + idLength, valueLength);
+    out.countedUnchecked(at + kStatId, idLength);
+    out.countedUnchecked(at + kStatId + idLength + kLengthSize, valueLength);
     in.skip(size);
   }
   parse.in = in;
@@ -463,7 +498,8 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
   return copied;
 }
 
-// A response without statistics has no class description.
+// Whether a response has no class description, as some gateways write it if there are no
+// statistics: then TC_ENDBLOCKDATA is followed by nothing or by the stream of the next response.
 bool endsWithoutStats(const ByteReader& in) noexcept {
   const auto rest = in.rest();
   if (rest.empty() || rest[0] != kEndBlockData) return false;
@@ -471,20 +507,21 @@ bool endsWithoutStats(const ByteReader& in) noexcept {
                               memcmp(&rest[1], kStreamHeader, sizeof kStreamHeader) == 0);
 }
 
-// Returns the number of statistics that follow the block data, or none if the code is negative.
+// Copies the query header from the block data of a response. Returns the number of statistics that
+// follow them; or nothing if the response's code is negative, or the data are malformed.
 template <typename Reader>
 std::optional<std::int32_t> copyStatsData(Reader& data, AnswerParse& parse, int response) noexcept {
   const auto head = readHead(data);
   if (!data.ok()) return std::nullopt;
   writeText(parse.out, head.element);
   parse.out.integer(head.rc);
-  parse.total += static_cast<int>(head.element.size()) + 6;
+  parse.total += static_cast<int>(head.element.size()) + kElementAndCode;
   if (head.rc < 0) return std::nullopt;
   const std::int32_t count = data.i32();
   TRACE_DEBUG(4053, "stapi_zeb_statcomms.parseStatsData reading %d stats for result %d\n", count,
               response);
   parse.out.integer(count);
-  parse.total += 4;
+  parse.total += kEntryCountSize;
   return count;
 }
 
@@ -497,9 +534,12 @@ void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
     in.text16();  // class name of a statistic
     in.skipClosing(kClassVersion);
   }
-  for (std::int32_t i = 0; i < count && in.ok() && parse.out.ok(); ++i) {
-    i += copyShortStats(parse, count - i);
-    if (i < count) copyStat(parse);
+  std::int32_t left = count;
+  while (left > 0 && in.ok() && parse.out.ok()) {
+    left -= copyShortStats(parse, left);
+    if (left == 0) break;
+    copyStat(parse);
+    --left;
   }
   TRACE_DEBUG(4062, "stapi_zeb_statcomms.parseStatsData running total of parsed data = %d bytes \n",
               parse.total);
@@ -524,7 +564,7 @@ int parseIds(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   TRACE_DEBUG(4041, "stapi_zeb_statcomms.parseIdsData received %d responses from the Gateway\n",
               responses);
-  AnswerParse parse = {in, ResultSetWriter(buffer), 0};
+  AnswerParse parse = {.in = in, .out = ResultSetWriter(buffer), .total = 0};
   beginResultSet(parse.out, kIdsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i) copyIdsResponse(parse, i);
   const int rc = endResultSet(kIdsParser, parse.in, parse.out);
@@ -540,7 +580,7 @@ int parseStats(std::span<const std::uint8_t> callData, char* buffer) noexcept {
   const std::int32_t responses = readResponseCount(in);
   TRACE_DEBUG(4051, "stapi_zeb_statcomms.parseStatsData received %d responses from the Gateway\n",
               responses);
-  AnswerParse parse = {in, ResultSetWriter(buffer), 12};
+  AnswerParse parse = {.in = in, .out = ResultSetWriter(buffer), .total = kMarkerAndCount};
   beginResultSet(parse.out, kStatsMarker, responses);
   for (int i = 0; i < responses && parse.in.ok() && parse.out.ok(); ++i)
     copyStatsResponse(parse, i);
@@ -561,68 +601,69 @@ int calculateGetAttrCallLength(const AdminCallRecord* record) noexcept {
   int size = 0;
   for (const char* text : {record->country, record->language, record->qualifier, record->beanName,
                            record->attributeName})
-    size += stringLength(text) + 2;
+    size += kLengthSize + stringLength(text);
   TRACE_EXIT(4001, "stapi_zeb_statcomms.calculateGetAttrCallLengthsize=%d\n", size);
   return size;
 }
 
 int calculateCallLength(const AdminCallRecord* record) noexcept {
   TRACE_ENTRY(4002, "stapi_zeb_statcomms.calculateCallLength\n");
-  int size = stringLength(record->signature) + 6;  // its count and its length
+  constexpr int kArgumentHead = sizeof OBJ_ARRAY_HEADER;
+  int size = kCountSize + kLengthSize + stringLength(record->signature);
   for (const char* text :
        {record->action, record->beanName, record->qualifier, record->language, record->country})
-    size += stringLength(text) + 2;
-  size += stringLength(record->argument) + 11;  // its count, OBJ_ARRAY_HEADER and its length
+    size += kLengthSize + stringLength(text);
+  size += kCountSize + kArgumentHead + kLengthSize + stringLength(record->argument);
   TRACE_EXIT(4003, "stapi_zeb_statcomms.calculateCallLengthsize=%d\n", size);
   return size;
 }
 
-int getInitAdminRequest(int socketDesc, AdminCallRecord* record, reasons* reasons) noexcept {
+int getInitAdminRequest(int socketDesc, AdminCallRecord* record, reasons* failure) noexcept {
   TRACE_ENTRY(4015,
               "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p)\n",
-              socketDesc, record, reasons);
-  record->header = makeHeader(ADMIN_REQUEST_NAME, kCallMessage, 4);
+              socketDesc, record, failure);
+  record->header = makeHeader(ADMIN_REQUEST_NAME, kCallMessage, kOpeningLength);
   record->callKind = kOpeningCall;
   record->callData = nullptr;
-  const int rc = flowAdminRequest(socketDesc, record, reasons);
+  const int rc = flowAdminRequest(socketDesc, record, failure);
   TRACE_EXIT(4016,
              "stapi_zeb_statcomms.getInitAdminRequest(socketDesc=%d, admin=%p, reasons=%p) rc=%d\n",
-             socketDesc, record, reasons, rc);
+             socketDesc, record, failure, rc);
   return rc;
 }
 
-int statProtocolVer(GatewayToken* gwTokPtr, reasons* reasons) noexcept {
+int statProtocolVer(GatewayToken* gwTokPtr, reasons* failure) noexcept {
   TRACE_ENTRY(4004, "stapi_zeb_statcomms.statProtocolVer(gwTokPtr=%p)\n", gwTokPtr);
-  const int rc = askProtocolVersion(*gwTokPtr, reasons);
+  const int rc = askProtocolVersion(*gwTokPtr, failure);
   TRACE_EXIT(4010, "stapi_zeb_statcomms.statProtocolVer(gwTokPtr=%p) rc=%d\n", gwTokPtr, rc);
   return rc;
 }
 
 int statCommsString(int socketDesc, const char* queryType, const char* queryString, char* buffer,
-                    reasons* reasons) noexcept {
+                    reasons* failure) noexcept {
   TRACE_ENTRY(
       4020,
       "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
       "reasons=%p)\n",
-      socketDesc, ShownText(queryType).chars, queryString, buffer, reasons);
-  const int rc = invoke(socketDesc, queryType, queryString, buffer, reasons);
+      socketDesc, ShownText(queryType).chars, queryString, buffer, failure);
+  const int rc = invoke(socketDesc, queryType, queryString, buffer, failure);
   TRACE_EXIT(
       4027,
       "stapi_zeb_statcomms.statCommsString(socketDesc=%d, queryType=%s, queryString=%p, buffer=%p, "
       "reasons=%p) rc=%d\n",
-      socketDesc, ShownText(queryType).chars, queryString, buffer, reasons, rc);
+      socketDesc, ShownText(queryType).chars, queryString, buffer, failure, rc);
   return rc;
 }
 
-int statComms(int socketDesc, const char* queryType, char* buffer, reasons* reasons) noexcept {
+int statComms(int socketDesc, const char* queryType, char* buffer, reasons* failure) noexcept {
   TRACE_ENTRY(4028,
               "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p)\n",
-              socketDesc, queryType, buffer, reasons);
-  const int rc = statCommsString(socketDesc, queryType, "", buffer, reasons);
+              socketDesc, queryType, buffer, failure);
+  const int rc = statCommsString(socketDesc, queryType, "", buffer, failure);
   TRACE_EXIT(
       4029,
       "stapi_zeb_statcomms.statComms(socketDesc=%d, queryType=%s, buffer=%p, reasons=%p) rc=%d\n",
-      socketDesc, queryType, buffer, reasons, rc);
+      socketDesc, queryType, buffer, failure, rc);
   return rc;
 }
 

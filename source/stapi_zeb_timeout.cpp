@@ -1,5 +1,5 @@
-// The time limit of public calls. The deadline belongs to the calling thread, because the functions
-// between the public call and its waits have signatures that leave no room for it.
+// The deadline and the flag are thread-local, because the functions between a public call and its
+// waits are exported, so that their arguments cannot change.
 
 #include "stapi_zeb_timeout.h"
 
@@ -17,10 +17,10 @@ namespace {
 constexpr std::int64_t kNanosecondsPerMillisecond = 1000000;
 
 struct Deadline {
-  std::int64_t at;   // of the monotonic clock, in nanoseconds
-  int milliseconds;  // the limit; 0 if there is none
-  bool isActive;     // a public call of this thread has begun
-  bool hasPassed;    // a wait was given up
+  std::int64_t at;   // time of the monotonic clock in nanoseconds; unused if there is no timeout
+  int milliseconds;  // the timeout; 0 if there is none
+  bool isActive;     // this thread is in a public call
+  bool hasPassed;    // a wait of the call has ended because of it
 };
 
 std::atomic<int> processTimeout{0};
@@ -33,8 +33,10 @@ std::int64_t now() noexcept {
   return std::int64_t{clock.tv_sec} * 1000 * kNanosecondsPerMillisecond + clock.tv_nsec;
 }
 
-// What poll may wait, rounded up so that it does not return early and spin.
+// Returns how long poll may wait: 0 after the deadline, -1 without one, which poll takes as no
+// limit. Rounded up, so that poll does not return before the deadline.
 int remainingMilliseconds() noexcept {
+  if (!hasDeadline()) return -1;
   const std::int64_t left = deadline.at - now() + kNanosecondsPerMillisecond - 1;
   return static_cast<int>(std::clamp<std::int64_t>(left / kNanosecondsPerMillisecond, 0, INT_MAX));
 }
@@ -52,8 +54,10 @@ int getTimeout() noexcept {
 TimedCall::TimedCall() noexcept : isOutermost_(!deadline.isActive) {
   if (!isOutermost_) return;
   const int milliseconds = getTimeout();
-  deadline = {milliseconds > 0 ? now() + milliseconds * kNanosecondsPerMillisecond : 0,
-              milliseconds, true, false};
+  deadline = {.at = milliseconds > 0 ? now() + milliseconds * kNanosecondsPerMillisecond : 0,
+              .milliseconds = milliseconds,
+              .isActive = true,
+              .hasPassed = false};
 }
 
 TimedCall::~TimedCall() {
@@ -80,19 +84,24 @@ CancellableCall::~CancellableCall() {
   cancelFlag = nullptr;
 }
 
+// Sequentially consistent, as the other thread's accesses to flag and descriptor: either this
+// thread sees the flag before it connects, or the other one sees the descriptor and shuts it down.
 bool isCancelled() noexcept {
   return cancelFlag != nullptr && std::atomic_ref(*cancelFlag).load(std::memory_order_seq_cst) != 0;
 }
 
 int waitForEvents(int descriptor, short events, short* readyEvents) noexcept {
-  if (descriptor < 0) {  // poll would ignore it and wait for ever
+  // poll would ignore a negative descriptor and wait for ever.
+  if (descriptor < 0) {
     errno = EBADF;
     return -1;
   }
-  pollfd waited = {descriptor, events, 0};
+  pollfd waited = {.fd = descriptor, .events = events, .revents = 0};
   int ready;
   do {
-    ready = poll(&waited, 1, hasDeadline() ? remainingMilliseconds() : -1);
+    const int milliseconds = remainingMilliseconds();
+    // A gateway that sends faster than it is read must not keep the call going after the deadline.
+    ready = milliseconds == 0 ? 0 : poll(&waited, 1, milliseconds);
   } while (ready < 0 && errno == EINTR && hasDeadline());
   if (ready == 0) deadline.hasPassed = true;
   *readyEvents = waited.revents;

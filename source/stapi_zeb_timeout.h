@@ -1,5 +1,5 @@
-// The time limit of a public call, which is taken when the call starts and kept by every wait
-// within it, and the cancellation of a call by another thread.
+// What can end a wait for a gateway: the deadline of the public call, which is set when the call
+// starts and observed by every wait within it, and another thread that cancels the call.
 #ifndef STAPI_ZEB_TIMEOUT_H
 #define STAPI_ZEB_TIMEOUT_H
 
@@ -7,13 +7,14 @@
 
 namespace zeb {
 
-// The limit of the process in milliseconds, 0 for none. It holds for calls that start after it was
-// set.
+// The timeout of the process in milliseconds; 0, the value at the start, is none. Each public call
+// uses the value that it finds when it starts.
 void setTimeout(int milliseconds) noexcept;
 int getTimeout() noexcept;
 
-// Gives the calling thread a deadline for as long as the object lives, if the process has a limit.
-// The outermost object of a thread decides; one inside of it changes nothing.
+// Lives as long as a public call. If the process has a timeout, the object gives the calling thread
+// a deadline, that long from now. A public call may make another one: then only the outermost
+// object of the thread counts, and those within it change nothing.
 class TimedCall {
  public:
   TimedCall() noexcept;
@@ -29,11 +30,13 @@ class TimedCall {
 bool hasDeadline() noexcept;
 // True if a wait of this thread's call ended because the deadline had passed.
 bool hasTimedOut() noexcept;
-// The limit that the call started with, for messages.
+// The timeout of this thread's call in milliseconds, 0 if it has none.
 int callTimeout() noexcept;
 
-// For as long as the object lives, isCancelled() on the thread that made it returns whether *flag
-// is set. Another thread sets the flag before it looks for the call's socket, to shut it down.
+// Lives while a call opens a connection, and makes it possible to cancel that: as long as the
+// object lives, isCancelled() in its thread returns whether *flag is not 0. A thread that cancels
+// the call first sets the flag and then shuts down the call's socket, if there is one already. The
+// caller owns the flag. A thread has at most one such object.
 class CancellableCall {
  public:
   explicit CancellableCall(std::uint32_t* flag) noexcept;
@@ -42,13 +45,14 @@ class CancellableCall {
   CancellableCall& operator=(const CancellableCall&) = delete;
 };
 
-// True if another thread has cancelled the call that this thread is in.
+// True if another thread has set the flag of this thread's CancellableCall; false without one.
 bool isCancelled() noexcept;
 
-// Waits until descriptor is ready for one of events (poll's). Returns poll's answer: positive and
-// *readyEvents, 0 if the deadline has passed, or -1 with errno. With a deadline a handled signal
-// does not end the wait; without one it does (EINTR), and the wait has no limit. Works for
-// descriptors of any number; a negative one is EBADF.
+// Waits until descriptor is ready for one of events (poll's), with the deadline of this thread's
+// call or, if it has none, without limit. Returns a positive number and the events that have come
+// in *readyEvents; or 0 if the deadline has passed, even if the descriptor is ready; or -1 with
+// errno, which is EBADF for a negative descriptor. A handled signal ends only a wait without a
+// deadline (EINTR). Unlike select, it takes descriptors above 1023.
 int waitForEvents(int descriptor, short events, short* readyEvents) noexcept;
 
 }  // namespace zeb

@@ -1,7 +1,19 @@
 // The walk of a result set, entry by entry, for statistics and for ids.
 //
-// The walk's state is in the result set token and changes only when a step succeeds. The caller
-// serialises the walks of one result set.
+// Each entry belongs to a query header, which names the element of the query that it answers. The
+// state of the walk is in these fields of the result set token:
+//
+//   next                what the next step reads: an entry, a query header, or the terminator
+//   queryCount          number of query headers; it is only traced, the terminator ends the walk
+//   queryIndex          number of the current query header, from 1; 0 before the first step
+//   elementCount        number of entries of that header
+//   elementResultIndex  number of the entry at next, from 1; 0 if no entry is there
+//   queryElement...     the element and the code of that header, which each of its entries repeats
+//
+// The state changes only when a step succeeds. The host must not walk one result set in two threads
+// at once.
+//
+// Programs parse the texts of the trace points, so they stay as they are.
 #ifndef STAPI_ZEB_WALK_H
 #define STAPI_ZEB_WALK_H
 
@@ -14,26 +26,39 @@
 
 namespace zeb {
 
-// The public call that steps, and its trace points. A call that never writes a point has 0 there.
+// One of the public calls, and its trace points. A point is 0 if the call never writes it.
 struct WalkCall {
   const char* name;
   bool first;
   int refusedPoint;
-  int noFirstPoint;
-  int cachedPoint;  // a query header, of a first call
-  int headerPoint;  // a query header, of a next call
-  int negativePoint;
-  int entryPoint;
-  int endPoint;
+  int noFirstPoint = 0;  // a walk begins without a first call
+  int cachedPoint = 0;   // a query header was read, by a first call
+  int headerPoint = 0;   // a query header was read, by a next call
+  int negativePoint = 0;
+  int entryPoint = 0;
+  int endPoint;  // after the last entry of a query header
   int takenPoint;
 };
 
-// How the two walks differ.
+// How the two walks differ: their calls, the texts in their trace lines, and their entries. Entry
+// is an entry as it is read from the buffer, Record is what the host gets.
 struct StatWalk {
   using Record = StatData;
-  static constexpr WalkCall kFirst = {"getFirstStat", true, 1135, 0, 1112, 0, 0, 0, 1101, 1102};
-  static constexpr WalkCall kNext = {"getNextStat", false, 1136, 1111, 0,
-                                     1113,          1114,  1115, 1116, 1117};
+  static constexpr WalkCall kFirst = {.name = "getFirstStat",
+                                      .first = true,
+                                      .refusedPoint = 1135,
+                                      .cachedPoint = 1112,
+                                      .endPoint = 1101,
+                                      .takenPoint = 1102};
+  static constexpr WalkCall kNext = {.name = "getNextStat",
+                                     .first = false,
+                                     .refusedPoint = 1136,
+                                     .noFirstPoint = 1111,
+                                     .headerPoint = 1113,
+                                     .negativePoint = 1114,
+                                     .entryPoint = 1115,
+                                     .endPoint = 1116,
+                                     .takenPoint = 1117};
   static constexpr const char* kMarker = kStatsMarker;
   static constexpr int kNullRecord = ZEB_STAT_DATA_NULL;
   static constexpr const char* kContentName = "statistics";
@@ -70,9 +95,21 @@ struct StatWalk {
 
 struct IdWalk {
   using Record = IdData;
-  static constexpr WalkCall kFirst = {"getFirstId", true, 1110, 0, 0, 0, 1104, 0, 1108, 1109};
-  static constexpr WalkCall kNext = {"getNextId", false, 1140, 1119, 0,
-                                     1120,        1121,  1122, 1123, 1118};
+  static constexpr WalkCall kFirst = {.name = "getFirstId",
+                                      .first = true,
+                                      .refusedPoint = 1110,
+                                      .negativePoint = 1104,
+                                      .endPoint = 1108,
+                                      .takenPoint = 1109};
+  static constexpr WalkCall kNext = {.name = "getNextId",
+                                     .first = false,
+                                     .refusedPoint = 1140,
+                                     .noFirstPoint = 1119,
+                                     .headerPoint = 1120,
+                                     .negativePoint = 1121,
+                                     .entryPoint = 1122,
+                                     .endPoint = 1123,
+                                     .takenPoint = 1118};
   static constexpr const char* kMarker = kIdsMarker;
   static constexpr int kNullRecord = ZEB_ID_DATA_NULL;
   static constexpr const char* kContentName = "id data";
@@ -101,10 +138,13 @@ struct IdWalk {
   }
 };
 
+// Checks that the calling thread may use the result set: a copy, or one of its own connection.
+// Returns 0, ZEB_OTHER_PROCESS or ZEB_OTHER_THREAD.
 inline int checkResultSetOwner(const ResultSetToken& resultSet) noexcept {
   return resultSet.owner == kOwnerGateway ? verifyAPIResultSetTokenOwner(&resultSet) : 0;
 }
 
+// Checks the arguments of a call. Returns 0 or the code with which the call is refused.
 template <typename Walk>
 int checkWalk(const WalkCall& call, const ResultSetToken* rsPtr,
               const typename Walk::Record* record) noexcept {
@@ -133,15 +173,14 @@ inline int refuseDamaged(const WalkCall& call, const ResultSetToken& resultSet) 
   return ZEB_WRONG_CONTENT;
 }
 
-// A query header that has been read but not yet stored; the token changes only if the step
-// succeeds.
+// A query header that a step has read. It is stored in the token when the step succeeds.
 struct QueryHeader {
   std::int32_t queryCount;
   std::int32_t queryIndex;
-  char* elementPtr;
-  std::int32_t elementLen;
-  std::int32_t elementRC;
-  std::int32_t entryCount;
+  char* elementPtr = nullptr;
+  std::int32_t elementLen = 0;
+  std::int32_t elementRC = 0;
+  std::int32_t entryCount = 0;
 
   void store(ResultSetToken& resultSet, std::int32_t elementResultIndex) const noexcept {
     resultSet.queryCount = queryCount;
@@ -161,6 +200,7 @@ void fillQueryElement(Record& record, const ResultSetToken& resultSet) noexcept 
   record.queryElementRC = resultSet.queryElementRC;
 }
 
+// Reads the query header at in. If it is not whole, in has failed.
 inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSet,
                             ResultSetReader& in, QueryHeader& header) noexcept {
   const char* const cursor = in.position();
@@ -186,13 +226,14 @@ inline void readQueryHeader(const WalkCall& call, const ResultSetToken& resultSe
   }
 }
 
+// queryIndex is the number of the header that comes next.
 inline void showEndOfElement(const WalkCall& call, std::int32_t queryIndex,
                              const ResultSetToken& resultSet) noexcept {
   TRACE_DEBUG(call.endPoint, "API.%s End of subset queryIndex=%d. Resultset=%p\n", call.name,
               queryIndex, &resultSet);
 }
 
-// Advances past an entry; true after the last one of its query element.
+// Counts an entry as read. Returns true if it was the last one of its query header.
 inline bool passEntry(ResultSetToken& resultSet) noexcept {
   if (++resultSet.elementResultIndex <= resultSet.elementCount) [[likely]]
     return false;
@@ -201,8 +242,8 @@ inline bool passEntry(ResultSetToken& resultSet) noexcept {
   return true;
 }
 
-// Reads one entry and advances; header is its query header, or null if it is not the first of its
-// element.
+// Reads the entry at in into *record and advances the walk. header is its query header if that was
+// read in the same step, otherwise null. Returns 0, or ZEB_WRONG_CONTENT (damaged).
 template <typename Walk>
 int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
               const QueryHeader* header, typename Walk::Record& record) noexcept {
@@ -226,7 +267,9 @@ int takeEntry(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& 
   return 0;
 }
 
-// An element that the gateway could not answer is one entry without an id.
+// Takes a query header with a negative code: the gateway could not answer that element of the
+// query. The header counts as an entry without an id; no entries follow it, so in is at the next
+// header.
 template <typename Walk>
 int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSetReader& in,
                  QueryHeader& header, typename Walk::Record& record) noexcept {
@@ -241,7 +284,9 @@ int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSe
   return 0;
 }
 
-// Continues with the next element that has entries.
+// Takes the first entry of the next query header, at in. Skips headers with an empty list; one with
+// a negative code counts as an entry. header has the numbers of that header; the rest is read here.
+// Returns 0, ZEB_END_OF_RESULTS, or ZEB_WRONG_CONTENT (damaged).
 template <typename Walk>
 int takeFromNextElement(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
                         QueryHeader& header, typename Walk::Record& record) noexcept {
@@ -255,13 +300,15 @@ int takeFromNextElement(const WalkCall& call, ResultSetToken& resultSet, ResultS
   return ZEB_END_OF_RESULTS;
 }
 
+// Takes the first entry of the result set.
 template <typename Walk>
 int startWalk(const WalkCall& call, ResultSetToken& resultSet,
               typename Walk::Record& record) noexcept {
   memcpy(record.contentMarker, resultSet.head, kMarkerLength);
   ResultSetReader in(resultSet.head + kMarkerLength, resultSet.head);
+  // quirk: only a first call looks for the terminator in place of the number of headers, too
   if (call.first && in.atEnd()) return ZEB_END_OF_RESULTS;
-  QueryHeader header = {in.integer(), 1, nullptr, 0, 0, 0};
+  QueryHeader header = {.queryCount = in.integer(), .queryIndex = 1};
   if (!call.first) {
     TRACE_DEBUG(call.noFirstPoint, "API.%s No %s() called on Resultset=%p. Datacursor=%p\n",
                 call.name, Walk::kFirst.name, &resultSet, in.position());
@@ -269,17 +316,18 @@ int startWalk(const WalkCall& call, ResultSetToken& resultSet,
   return takeFromNextElement<Walk>(call, resultSet, in, header, record);
 }
 
-// A step that starts a walk or goes on to another element.
+// Makes a step that starts a walk, or goes on to the next query header.
 template <typename Walk>
 int stepAcross(const WalkCall& call, ResultSetToken& resultSet,
                typename Walk::Record& record) noexcept {
   if (call.first || resultSet.queryIndex == 0) return startWalk<Walk>(call, resultSet, record);
   ResultSetReader in(resultSet.next, resultSet.head);
-  QueryHeader header = {resultSet.queryCount, resultSet.queryIndex, nullptr, 0, 0, 0};
+  QueryHeader header = {.queryCount = resultSet.queryCount, .queryIndex = resultSet.queryIndex};
   return takeFromNextElement<Walk>(call, resultSet, in, header, record);
 }
 
-// What a public call does after its entry line. Returns the codes that zebstats.h names.
+// Does what a public call does between its ENTRY and EXIT lines, and returns the codes that
+// zebstats.h documents for it.
 template <typename Walk>
 int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
   const int rc = checkWalk<Walk>(call, rsPtr, record);
@@ -288,14 +336,17 @@ int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* rec
     return stepAcross<Walk>(call, *rsPtr, *record);
   ResultSetReader in(rsPtr->next, rsPtr->head);
   if (in.atEnd()) return ZEB_END_OF_RESULTS;
-  return takeEntry<Walk>(call, *rsPtr, in, nullptr, *record);
+  const QueryHeader* const noHeader = nullptr;
+  return takeEntry<Walk>(call, *rsPtr, in, noHeader, *record);
 }
 
-// Fast path: the next entry of the same element, nothing to trace, nothing wrong. It makes no
-// calls, so that it saves no register of its caller's, which is half of the time that walk takes.
-// In any other case it changes nothing and returns false. elementResultIndex is not 0 only within
-// an element, so the library is started and a walk is under way. A terminator ends the step too: as
-// a length it is longer than any buffer.
+// Fast path of a next call, in half of the time that walk() takes: reads the next entry of the same
+// query header and returns true. In any other case, also if something is wrong or is to be traced,
+// it changes nothing and returns false; then the caller uses walk().
+//
+// It calls no function, so that its caller has no registers to save. It does not initialise the
+// library: within a walk, where elementResultIndex is not 0, that has been done. It does not look
+// for a terminator: read as a length, that exceeds any buffer, and the read fails.
 template <typename Walk>
 inline bool stepWithinElement(ResultSetToken* rsPtr, typename Walk::Record* record) noexcept {
   if (traceLevel() >= kLevelEvent) return false;

@@ -21,15 +21,20 @@ perl -0 -e '
     my $code = <$in> =~ s{//[^\n]*}{}gr =~ s{^#define(?:[^\n]*\\\n)*[^\n]*}{}gmr;
     # The tables that name functions and numbers: a row is a hash of the fields of its structure.
     my (%rows, $copy);
-    while ($code =~ /\bstruct (\w+) \{\s*((?:(?:const char\*|bool|int) \w+;\s*)+)\}/g) {
+    while ($code =~ /\bstruct (\w+) \{\s*((?:(?:const char\*|bool|int) \w+(?: = 0)?;\s*)+)\}/g) {
       my ($type, $fields) = ($1, $2);
-      my @fields = $fields =~ /(\w+);/g;
-      next unless $fields =~ /Point;/;
+      my @fields = $fields =~ /(\w+)(?: = 0)?;/g;
+      next unless $fields =~ /Point\b/;
       my @tables = ($copy = $code) =~ /\b$type \w+ = \{([^{}]*)\}/g;
       @tables = $copy =~ /\(\{("[^{}]*)\}/g unless @tables;
       for my $table (@tables) {
-        my %row;
-        @row{@fields} = map { s/^\s+|\s+$//gr } split /,/, $table;
+        my %row = map { $_ => "0" } @fields;
+        my @cells = map { s/^\s+|\s+$//gr } split /,/, $table;
+        if ($table =~ /^\s*\./) {
+          %row = (%row, map { /^\.(\w+) = (.+)$/s } @cells);
+        } else {
+          @row{@fields} = @cells;
+        }
         push @{$rows{"$type.$_"}}, \%row for @fields;
         $written{$_}++ for grep { /^[1-9]\d{3}$/ } values %row;
       }

@@ -14,6 +14,7 @@
 #include "scripted_gateway.h"
 #include "stapi_zeb_gwycon.h"
 #include "stapi_zeb_gwytok.h"
+#include "stapi_zeb_timeout.h"
 #include "trace_capture.h"
 
 namespace zebtest {
@@ -147,6 +148,7 @@ TEST_F(Waits, endAtTheTimeoutThatTheirCallStartedWithWhateverTheSignals) {
       const TraceCapture trace(1);
       EXPECT_EQ(meet(row, kLimit, [&] { setAPITimeout(row.script ? kNever : kLimit); }), row.rc);
       EXPECT_TRUE(std::regex_search(trace.text(), limit)) << trace.text();
+      EXPECT_EQ(trace.text().find("errno=Success"), std::string::npos) << trace.text();
       EXPECT_EQ(deleteGatewayTokens(), kNothingToWalk);
     }
   };
@@ -176,6 +178,19 @@ TEST_F(Waits, endWithinATenthAfterTheTimeoutWhichAllConnectionsShareThatAreClose
     }
     EXPECT_LE(least, limit + limit / 10) << what;
   }
+}
+
+TEST_F(Waits, endAtTheTimeoutEvenIfThereIsAlwaysSomethingToRead) {
+  const zebsim::Descriptor always(eventfd(1, EFD_CLOEXEC));
+  EXPECT_EQ(setAPITimeout(kLimit), 0);
+  const zeb::TimedCall call;
+  short events = POLLIN;
+  const auto readOn = [&] {
+    while (zeb::waitForEvents(always.get(), POLLIN, &events) > 0) continue;
+    return events;
+  };
+  EXPECT_EQ(timed(kLimit - 1, readOn), 0);
+  EXPECT_TRUE(zeb::hasTimedOut());
 }
 
 TEST_F(Waits, withoutATimeoutEndAtASignalUnlessTheyAreForAConnect) {

@@ -241,7 +241,7 @@ void runLoadedSession(void* library, int port) {
 
 TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
   prove("cycles of loading and unloading", [&] {
-    constexpr int kCycles = 200, kWarmUp = 20;
+    constexpr int kCycles = 1000, kWarmUp = 20;
     // 0 under the address sanitiser, whose heap is another.
     const auto countHeldBytes = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
     const auto descriptors = countDescriptors();
