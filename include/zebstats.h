@@ -180,8 +180,8 @@ typedef struct IdData {
  *   port              the gateway's statistics port, 1 to 65535
  *   gwTokPtr          receives the connection's token; release it with closeGatewayConnection()
  *   protoColVersion   receives a copy of the gateway's protocol version, NUL-terminated; release it
- *                     with free(). It is null although the call succeeds if there is no memory for
- *                     the copy.
+ *                     with free(). If there is no memory for the copy, the call succeeds and
+ *                     stores null.
  *
  * The calling thread becomes the owner of the connection. The call connects, authorises and asks
  * for the protocol version, and waits for the gateway each time; see "Time". After a failure
@@ -331,12 +331,12 @@ ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 
 /* Joins the ids of a result set into one string with ':' between them, which can be used as a query
  * string. It leaves out the ids of elements whose queryElementRC is not 0, and all ids from the
- * first one that would make the string longer than 31,999 characters; then the string may also
- * begin or end with ':'. The call moves the walk of the result set: start a new one afterwards.
+ * first one that would make the string longer than 31,999 characters; if it leaves any out, the
+ * string may begin or end with ':'. The call moves the walk of the result set: start a new one afterwards.
  *
  *   idQueryStringPtr  receives the address of the string, which lies in the result set: the next
- *                     call with the same result set overwrites it, and it is freed with the result
- *                     set
+ *                     getIdQuery() with the same result set overwrites it, and it is freed with the
+ *                     result set
  *
  * Returns ZEB_OK, or ZEB_RESULT_SET_NULL, ZEB_OUTPUT_POINTER_NULL (null idQueryStringPtr),
  * ZEB_NO_RESULT_SET_BUFFER (its connection is gone), ZEB_WRONG_CONTENT (no answer in it),

@@ -100,7 +100,8 @@ class BlockReader {
 };
 
 // A text that may lie in several blocks: the next `length` bytes that `from` reads, all of which
-// are there. size() is named as in std::string_view, which takes its place for whole blocks.
+// are there. size() is named as in std::string_view, the type of a text that
+// is not cut, so that templates take either.
 struct CutText {
   BlockReader from;
   std::int32_t length;

@@ -1,11 +1,11 @@
 // The trace: one destination, one line format, the storage dump.
 //
 // Lines, the banner and the storage dump are written, and the destination is switched, under
-// traceLock, because the line buffer and the time stamp are shared. Two kinds of lines are written
-// without it, from buffers of their own: those of the lock operations, which cannot take it, and
-// the state line of dumpState. streamMutex is held for each write and keeps the destination from
-// being closed meanwhile. It and zoneMutex are the innermost locks: no other one is taken under
-// them.
+// traceLock, because the line buffer and the time stamp are shared. Some lines are written without
+// it, from buffers of their own: those of the lock operations, which cannot take it, the state line
+// of dumpState, and that of a failed initialisation. streamMutex is held for each write and keeps
+// the destination from being closed meanwhile. It and zoneMutex are the innermost locks: no other
+// one is taken under them, except by a fork.
 //
 // The trace must not harm the host: what the destination does not take at once is lost, and the
 // signal of a failed write is blocked and then taken away.
@@ -76,8 +76,8 @@ FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
 }
 
-// Like the other put... functions, it writes to at and returns the place after what it wrote: width
-// digits of value, zeros first, and the character after.
+// Writes value to `at` as `width` digits with leading zeros, then the character `after`. Returns the
+// place after what it wrote, as every put... function with a result does.
 char* putDigits(char* at, int value, int width, char after) noexcept {
   for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
   at[width] = after;
@@ -204,8 +204,8 @@ void writeStampedLine(const char* text, std::size_t length, const char* stamp) n
   memcpy(lastTimeStamp, stamp, sizeof lastTimeStamp);
 }
 
-// Returns the length of the line in a buffer of size bytes to which vsnprintf, which returned
-// written, has printed it. Ends a line that was cut with a newline.
+// Called after vsnprintf has printed a line to a buffer of size bytes and returned written. Returns
+// the length of the line; ends a cut line with a newline.
 std::size_t endLine(char* buffer, std::size_t size, int written) noexcept {
   if (written < 0) return 0;
   if (static_cast<std::size_t>(written) < size) return static_cast<std::size_t>(written);
@@ -277,8 +277,8 @@ void setTimeStamp(Time time) noexcept {
   }
 }
 
-// What writeTraceLine does; the caller holds traceLock. The message is copied to traceFmtStr, after
-// the prefix that always stays there, and is formatted from there.
+// What writeTraceLine does; the caller holds traceLock. The message is copied to traceFmtStr, which is
+// exported for diagnosis, after the prefix that always stays there, and is formatted from there.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);
@@ -299,9 +299,8 @@ void writeBanner() noexcept {
            getTraceDate(dateBuf), kProductVersion, kApiVersion, kBuildLevel);
 }
 
-// Opens a file for append. Because of O_NONBLOCK, neither the opening of a FIFO that nobody reads
-// nor a write to one whose reader sleeps blocks. Returns null, and the reason in error, if it
-// fails.
+// Opens a file for append. With O_NONBLOCK, opening a FIFO that nobody reads fails at once, and so
+// does a write to one that is full. Returns null, and the reason in error, if it fails.
 FILE* openTraceFile(const char* name, int& error) noexcept {
   if (strlen(name) >= kTraceFilenameSize) {
     error = ENAMETOOLONG;
@@ -345,7 +344,7 @@ void appendAddress(StorageDump& dump) noexcept {
   appendText(dump, ' ');
 }
 
-// Returns whether count bytes from a position of the line on are below the dump's limit.
+// Returns whether the count bytes that start at a position of the line lie below the dump's limit.
 bool isReadable(const StorageDump& dump, int position, std::ptrdiff_t count) noexcept {
   return dump.limit == nullptr || dump.limit - dump.address - position >= count;
 }
@@ -515,11 +514,9 @@ void changeTraceLevel(int level) noexcept {
 TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   const LockGuard guard(traceLock);
   TraceSwitch result = {false, 0};
-  if (statAPITraceFilename == nullptr) return {false, ENOMEM};  // the library has been unloaded
+  if (statAPITraceFilename == nullptr) return {false, ENOMEM};  // after releaseTrace()
   FILE* const opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
-  // The handle is null only before the start; standard error is the destination then, too.
-  const bool stays =
-      traceFile == nullptr && (statAPITraceHandle == nullptr || statAPITraceHandle == stderr);
+  const bool stays = traceFile == nullptr && statAPITraceHandle == stderr;
   if (opened != nullptr && !stays) {
     const MutexGuard streamGuard(streamMutex);
     closeTraceFile();
@@ -583,7 +580,7 @@ int initTrace(void) noexcept {
     statAPITraceHandle = stderr;
   }
   const int lockRc = initializeLock(&traceLock);
-  if (lockRc != 0 && lockRc != 1) return ZEB_TRACE_LOCK_FAILED;
+  if (lockRc != 0 && lockRc != 1) return ZEB_TRACE_LOCK_FAILED;  // 1: initialised already
   if (statAPITraceFilename != nullptr) return 0;
   Block<char> name = allocate<char>(kTraceFilenameSize);
   if (name == nullptr) return ZEB_NO_MEMORY;

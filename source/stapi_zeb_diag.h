@@ -16,11 +16,11 @@
 extern "C" {
 // The level. Every access is atomic: traceLevel() and setTraceLevel().
 extern ZEB_INTERNAL_DATA int statAPITrace;
-// Nothing uses it.
+// Exported for diagnosis; nothing uses it.
 extern ZEB_INTERNAL_DATA int statAPIDump;
-// The destination and its name; null before the library is initialised and after it has ended. From
-// then on they are written under both traceLock and streamMutex (in stapi_zeb_diag.cpp), so to read
-// them it is enough to hold one of the two.
+// The destination and its name; null before the library is initialised and after it has ended. Once
+// initialised, they change only under both traceLock and streamMutex (in stapi_zeb_diag.cpp), so
+// either lock is enough to read them.
 extern ZEB_INTERNAL_DATA FILE* statAPITraceHandle;
 extern ZEB_INTERNAL_DATA char* statAPITraceFilename;
 // "stderr"; never changed.
@@ -31,7 +31,7 @@ extern ZEB_INTERNAL_DATA char timeStamp[24];
 extern ZEB_INTERNAL_DATA char dateBuf[10];
 extern ZEB_INTERNAL_DATA std::uint32_t tracePid;
 extern ZEB_INTERNAL_DATA std::uint32_t traceTid;
-// The thread of the last line; nothing reads it.
+// The thread of the last line; exported for diagnosis.
 extern ZEB_INTERNAL_DATA std::uint32_t iTid;
 extern ZEB_INTERNAL_DATA LockRecord traceLock;
 }
@@ -56,8 +56,8 @@ ZEB_INTERNAL void getPidTid(std::uint32_t* pidPtr, ThreadId* tidPtr) ZEB_NOEXCEP
 // stopWord 0. spare is ignored.
 ZEB_INTERNAL int traceOutStorage(const void* address, int length, std::uint32_t stopWord,
                                  int lineWidth, int spare) ZEB_NOEXCEPT;
-// Completes a line, which so far has the address, and writes it to the destination: both columns
-// and the newline. Returns the number of bytes on the line that belong to the dump.
+// Appends both columns and the newline to a line that so far has the address, and writes the line
+// to the destination. Returns the number of bytes on the line that belong to the dump.
 ZEB_INTERNAL int writeStorageLineDual(StorageDump* dump) ZEB_NOEXCEPT;
 // Appends the hexadecimal column to the line. Returns the same number.
 ZEB_INTERNAL int writeStorageLineHex(StorageDump* dump) ZEB_NOEXCEPT;
@@ -108,7 +108,7 @@ inline std::uint32_t currentPid() noexcept {
 }
 
 // Per-thread cache of pthread_self(), 0 until its first use. A call of pthread_self() takes half as
-// long as a whole step of a walk.
+// long as a whole getNextStat().
 extern constinit thread_local ThreadId rememberedTid;
 inline ThreadId currentTid() noexcept {
   if (rememberedTid == 0) [[unlikely]]
@@ -146,9 +146,9 @@ struct ShownText {
   char chars[25] = {};
 };
 
-// Returns the address of the name of the trace destination, which stays the same while the library
-// is loaded. The text there may change: read it under traceLock or streamMutex. An argument of a
-// trace line is safe, because the writer reads it under traceLock.
+// Returns the address of the name of the trace destination, which stays the same from initialisation
+// to releaseTrace(). The text there may change: read it under traceLock or streamMutex. An argument
+// of a trace line is safe until releaseTrace(), because the writer reads it under traceLock.
 const char* traceFilename() noexcept;
 
 // The writers of the macros below. format is ZEB_TRACE_PREFIX and a message as one literal, so that
@@ -203,7 +203,8 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept;
 
 // Sets the level to 0, closes the trace file and frees the name of the destination. It is called
 // when the library is unloaded, and at the end of the process, when other threads may still be
-// inside the library: if one of them is writing a line, it returns false and has done nothing.
+// inside the library: if one of them is writing a line, or traceLock is not initialised, it returns
+// false and has done nothing.
 bool releaseTrace() noexcept;
 
 // Take and release the locks of this module around a fork, so that no other thread holds one of
@@ -213,8 +214,8 @@ void unlockTraceAfterFork() noexcept;
 
 // Replaces a descriptor of 0 to 2 by a duplicate above 2, which is closed on exec, and returns
 // that; returns any other descriptor, and -1, unchanged. A host may have closed descriptors 0 to 2:
-// then a new socket or file gets one of them, and would receive what the process prints. Returns
-// -1, with errno, if the duplication fails.
+// then a new socket or file gets one of them, and would receive what the process prints. If
+// the duplication fails, closes the descriptor and returns -1, with errno.
 int moveOffStandardStreams(int descriptor) noexcept;
 
 }  // namespace zeb

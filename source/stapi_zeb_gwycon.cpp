@@ -137,8 +137,8 @@ void switchNonBlocking(int socketDescriptor, int option) noexcept {
   }
 }
 
-// Returns the code of connectToGateway for a connect that failed with result, which is -1 or a code
-// of waitForConnection, and error.
+// Returns connectToGateway's code for a failed connect: result is -1 or a code of
+// waitForConnection, error the reason, an errno.
 int mapConnectFailure(int result, int error) noexcept {
   TRACE_EXC(3006, "stapi_zeb_gwycon.connectToGatewayUnable to connect to Gateway: %s\n",
             strerror(error));

@@ -22,8 +22,8 @@ ZEB_INTERNAL int connectToGateway(int port, const char* ipAddr,
 // most 60 s. Returns 0, kConnectFailed (*errorPtr receives the reason, an errno), or
 // kConnectTimedOut.
 ZEB_INTERNAL int waitForConnection(const int* socketDescriptorPtr, int* errorPtr) ZEB_NOEXCEPT;
-// Flows the two steps of the authorisation. Returns flowAuthRequest's codes; a failure sets its
-// field of *failure.
+// Flows the two steps of the authorisation. Returns flowAuthRequest's codes; a failure also sets
+// the matching field of *failure.
 ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* failure) ZEB_NOEXCEPT;
 // Sends the close request, waits for its reply, and closes the socket. A close request that fails
 // is ignored. Returns the result of close(): 0, or -1 with errno.

@@ -46,7 +46,7 @@ enum ConnStatus { kCreated, kConnected, kNotConnected, kCloseFailed, kClosed };
 constexpr std::uint32_t kRemoved = 0x80000000;  // a bit of holds: the token is no longer listed
 
 GatewayToken* gtListHeadPtr = nullptr;
-GatewayToken* gtListTailPtr = nullptr;  // while the list is empty, the tail of an earlier time
+GatewayToken* gtListTailPtr = nullptr;  // stale while the list is empty
 int gtListLength = 0;
 LockRecord gtlLock = {};
 bool isListLockedForFork = false;  // set and read by the thread that forks
@@ -171,8 +171,8 @@ void deleteTokenResultSet(GatewayToken& token) noexcept {
     TRACE_EXC(2017, "stapi_zeb_gwytok.deleteGatewayToken Unable to delete ResultSet. rc=%d\n", rc);
 }
 
-// Frees what a token that was never listed owns, but not the token. The trace shows no deletion of
-// such a token, and so none of its lines.
+// Frees what a token that was never listed owns, but not the token, and writes none of the trace
+// lines of a deletion.
 void discardBuffers(GatewayToken& token) noexcept {
   deleteResultSet(&token.connRSToken);
   free(token.resultSetBuf);
@@ -485,7 +485,8 @@ void showNewToken(GatewayToken** gwTokPtr, const GatewayToken& token) noexcept {
   TRACE_EVENT(2030, "stapi_zeb_gwytok.createGatewayToken(&gwTokPtr=%p) %s\n", gwTokPtr, text);
 }
 
-// createHeldToken without its lines for entry and exit. gwTokPtr is only printed.
+// createHeldToken without its lines for entry and exit. gwTokPtr is only checked for
+// null and printed.
 int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port,
                GatewayToken*& newToken) noexcept {
   if (gwTokPtr == nullptr) return ZEB_TOKEN_POINTER_NULL;

@@ -39,17 +39,18 @@ ZEB_INTERNAL int deleteGatewayTokens(void) ZEB_NOEXCEPT;
 
 namespace zeb {
 
-// Searches the list; the caller holds gtlLock. parent may be null; if the target is found, it
-// receives the token before it (null for the head). Returns kTokenFound, kTokenNotFound,
+// Searches the list; the caller holds gtlLock. If the target is found, *parent receives the token
+// before it (null for the head); parent may be null. Returns kTokenFound, kTokenNotFound,
 // kTargetNull, kListEmpty or kListRunaway.
 int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept;
 
 // A hold keeps a token and all that it owns in memory while a call uses it, even if another thread
-// closes the connection meanwhile. Only the thread that owns the connection gets a hold. It gives
-// it back with leaveToken or removeHeldToken, and must not use the token afterwards.
+// closes the connection meanwhile. A call gets one only in the thread that owns the connection, gives
+// it back with leaveToken or removeHeldToken, and must not use the token afterwards. A removal takes
+// a hold of its own.
 
 // Like createGatewayToken, but stores the new token, which has a hold, in newToken. gwTokPtr is
-// only printed. Returns the same codes.
+// only checked for null and printed. Returns the same codes.
 int createHeldToken(GatewayToken** gwTokPtr, const char* hostname, int port,
                     GatewayToken*& newToken) noexcept;
 

@@ -380,7 +380,8 @@ int checkOpenArguments(const char* hostname, int port, GatewayToken** gwTokPtr,
 }
 
 // Returns a copy of the token's protocol version, which the host frees, or null if there is none.
-// protoColVersion, the host's variable, is used for that but keeps its value.
+// protoColVersion, the host's variable, is passed on because a trace line prints its address; it
+// keeps its value.
 //
 // quirk: the connection is open, so a version that cannot be copied is no failure of the call.
 char* copyProtocolVersion(const GatewayToken& token, char** protoColVersion) noexcept {
@@ -401,7 +402,7 @@ char* copyProtocolVersion(const GatewayToken& token, char** protoColVersion) noe
   return copy;
 }
 
-// Opens a connection. The host's variables are written only on success.
+// Opens a connection. The host's variables change only on success.
 int openToken(const char* hostname, int port, GatewayToken** gwTokPtr,
               char** protoColVersion) noexcept {
   int rc = checkOpenArguments(hostname, port, gwTokPtr, protoColVersion);
@@ -548,7 +549,7 @@ int copyQuery(ResultSetToken& resultSet, const char* query) noexcept {
 }
 static_assert(kDuplicateRefused == ZEB_QUERY_TOO_LONG);
 
-// The same for a query with a query string, of which it makes the library's copy.
+// beginQuery for a query with a query string, of which it makes the library's copy.
 int beginTextQuery(const QueryCall& call, GatewayToken* gwTok, const char* query,
                    ResultSetToken** rsPtr) noexcept {
   if (gwTok == nullptr) return refuseQuery(call, "gateway token", ZEB_TOKEN_NULL);
@@ -577,8 +578,8 @@ void showResultSet(const QueryCall& call, const GatewayToken& gwTok) noexcept {
 }
 
 // Ends a query whose exchange with the gateway returned rc, and gives back the hold. If rc is 0, it
-// stores the result set in *rsPtr; otherwise it removes the connection, which has failed. Returns
-// the code of the query.
+// stores the result set in *rsPtr, unless another thread has closed the connection; otherwise it
+// removes the connection, which has failed. Returns the code of the query.
 int endQuery(const QueryCall& call, GatewayToken* gwTok, int rc, ResultSetToken** rsPtr) noexcept {
   ResultSetToken* const answer = gwTok->connRSToken;
   if (rc == 0) {
@@ -639,7 +640,7 @@ int getResourceGroupIds(GatewayToken* gwTok, ResultSetToken** resGrpIdRSPtr) noe
     TRACE_EVENT(1067, "API.getResourceGroupIds Getting Resource Group Ids\n");
     rc = checkInStep(gwTok->socket);
     if (rc == 0) rc = commsResourceGroupsIds(gwTok->socket, gwTok->resultSetBuf);
-    resetWalk(*gwTok);
+    resetWalk(*gwTok);  // quirk: after the exchange, even a failed one, and without the owner
     showResultSet(kGetResourceGroupIds, *gwTok);
     TRACE_DEBUG(1068, "API.getResourceGroupIds() result set buffer (%p)\n", gwTok->resultSetBuf);
     rc = endQuery(kGetResourceGroupIds, gwTok, rc, resGrpIdRSPtr);
@@ -730,8 +731,8 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 }
 
 namespace {
-// getNextStat, unless the step is one that stepWithinElement makes. Not inlined, so that the frame
-// of a public call costs nothing in those.
+// The steps of getNextStat that stepWithinElement does not make. Not inlined, so that those it makes
+// do not pay for the frame of a public call.
 [[gnu::noinline, gnu::cold]] int goToNextStat(ResultSetToken* rsPtr,
                                               StatData* statDataPtr) noexcept {
   const LocalCall call;
@@ -758,8 +759,7 @@ int getFirstId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
 }
 
 namespace {
-// getNextId, unless the step is one that stepWithinElement makes. Not inlined, so that the frame of
-// a public call costs nothing in those.
+// The steps of getNextId that stepWithinElement does not make; not inlined either.
 [[gnu::noinline, gnu::cold]] int goToNextId(ResultSetToken* rsPtr, IdData* idDataPtr) noexcept {
   const LocalCall call;
   int rc = stapiInit();

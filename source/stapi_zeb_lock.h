@@ -32,7 +32,7 @@ constexpr int kLockRequestFailed = -4;
 
 // Holds a lock for a scope. If it is not initialised or cannot be locked, the work of the scope
 // runs without it. Only after a failed pthread_mutex_lock is the release left out: for a lock that
-// is not initialised it does nothing but write its line, which belongs to that of the request.
+// is not initialised it only writes trace lines, the counterparts of the request's.
 class LockGuard {
  public:
   explicit LockGuard(LockRecord& lock) noexcept

@@ -72,7 +72,7 @@ constexpr std::size_t kStatEnd = 2;  // TC_ENDBLOCKDATA, and the TC_OBJECT of th
 // A statistic in a short block without the bytes of its id and value.
 constexpr std::size_t kStatFrame = kStatId + kLengthSize + kStatEnd;
 // With a longer id, the length of the value does not lie in the first full block as a whole.
-constexpr std::int32_t kLongestUncutId = kFullBlock - 2 * kLengthSize;
+constexpr std::int32_t kLongestUncutId = kFullBlock - kLengthSize - kLengthSize;
 
 // The trace shows a total of parsed bytes, which counts a length as kLengthSize bytes, as it has in
 // the answer, though it takes 4 in the buffer.
