@@ -5,7 +5,6 @@
 #define ZEBSTATS_PRIVATE_H
 
 #include <pthread.h>
-#include <stdio.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -23,19 +22,20 @@ constexpr std::size_t kResultSetBufferSize = 153600;
 constexpr std::size_t kQueryStringSize = 32000;
 constexpr std::size_t kProtocolVersionSize = 64;
 constexpr std::size_t kTraceFilenameSize = 1024;
-constexpr std::size_t kTokenTextMinimum = 256;  // what formatGatewayToken may fill
-constexpr std::size_t kTokenTextSize = 512;     // what its callers provide
-constexpr std::size_t kTracePrefixLength = 36;
+constexpr std::size_t kTokenTextMinimum =
+    256;  // the least dst of formatGatewayToken, which fills no more
+constexpr std::size_t kTokenTextSize = 512;     // what the library's own calls provide
+constexpr std::size_t kTracePrefixLength = 36;  // of ZEB_TRACE_PREFIX, without NUL
 constexpr std::size_t kTraceMessageSize = 256;
-constexpr int kRunawayLimit = 256;  // most connections in the Gateway Token List
+constexpr int kRunawayLimit = 256;  // the greatest length of the Gateway Token List
 
 constexpr std::uint32_t kTerminator = 0x0E0F0E0F;  // ends the content of a result set buffer
 // ResultSetToken::owner
 constexpr std::uint32_t kOwnerGateway = 0x8888;  // belongs to a connection
 constexpr std::uint32_t kOwnerUser = 0x9999;     // a copy, which belongs to the host
 
-// Codes inside the library. Some equal public codes of another meaning; the modules gwytok and
-// statquery map them to public ones. First those of the Gateway Token List:
+// Codes inside the library. Some equal public codes of another meaning; the modules gwytok,
+// statquery and impl map them to public ones. First those of the Gateway Token List:
 constexpr int kListEmpty = 1001;      // a search in an empty list
 constexpr int kTargetNull = 1002;     // a search for a null token
 constexpr int kTokenNotFound = 1003;  // the token is not in the list
@@ -79,7 +79,7 @@ struct GatewayToken {
   std::uint32_t owningPid;      // the process and thread that opened the connection
   ThreadId owningTid;
   char* protocolVersion;        // kProtocolVersionSize bytes, NUL-terminated
-  GatewayToken* nextGwyTokPtr;  // in the Gateway Token List; guarded by gtlLock
+  GatewayToken* nextGwyTokPtr;  // in the Gateway Token List; written under gtlLock
 
   // Dumps do not show the following fields. Other threads read and write the first two without a
   // lock, as atomic words.
@@ -143,8 +143,8 @@ struct AuthRequestRecord {
   std::int32_t resultWord2;
 };
 
-// A call of the statistics bean. The record does not own its texts, which are NUL-terminated;
-// attributeName is for an attribute call, action, argument and signature (the argument's type) are
+// A call of the statistics bean. The record does not own its texts, which are NUL-terminated.
+// attributeName is for an attribute call; action, argument and signature (the argument's type) are
 // for an invoke call.
 struct AdminCallRecord {
   RequestHeader header;     // after a call with an answer, dataLength is the length of callData

@@ -17,7 +17,7 @@ constexpr std::uint32_t kHandshakeMessage = 5;
 constexpr std::uint32_t kCloseMessage = 10;
 
 // AdminCallRecord::callKind
-constexpr std::int32_t kOpeningCall = 0;   // precedes each other call and yields its admin id
+constexpr std::int32_t kOpeningCall = 0;   // precedes every other call and yields its admin id
 constexpr std::int32_t kGetAttribute = 1;  // reads an attribute of the statistics bean
 constexpr std::int32_t kInvoke = 5;        // invokes an operation of the bean with one String
 

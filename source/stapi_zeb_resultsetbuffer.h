@@ -26,12 +26,13 @@
 #include "zebstats_private.h"
 
 // Allocates a result set without a buffer and stores it in *newRsTokPtr; the caller frees it with
-// deleteResultSet. eyecatcher has up to 8 characters; owner is kOwnerUser or kOwnerGateway, with
-// which the result set belongs to the calling thread. Returns 0, ZEB_BUFFER_NULL (a null argument),
+// deleteResultSet. eyecatcher has up to 8 characters; owner is kOwnerUser (a copy) or
+// kOwnerGateway (the calling thread's). Returns 0, ZEB_BUFFER_NULL (a null argument),
 // ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
 ZEB_INTERNAL int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
                                  std::uint32_t owner) ZEB_NOEXCEPT;
-// Frees a result set, but not the buffer at its head, and sets *rsPtr to null. Returns 0,
+// Frees a result set, or retires it if the host has had the handle, but not the buffer at its head;
+// sets *rsPtr to null. Returns 0,
 // ZEB_RESULT_SET_POINTER_NULL (rsPtr is null), or ZEB_RESULT_SET_NULL (*rsPtr is null).
 ZEB_INTERNAL int deleteResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 // Checks that the calling thread owns the result set of a connection (kOwnerGateway). Returns 0,
@@ -49,7 +50,7 @@ ZEB_INTERNAL int addTerminator(char* writeCursor) ZEB_NOEXCEPT;
 ZEB_INTERNAL int checkTerminator(const char* dataCursor, int* isRSTermPtr) ZEB_NOEXCEPT;
 // Each writes at *bufWPtr and advances that past what it has written: an integer; charCount
 // characters of the library's own text (addPlatformChars) or of the gateway's (addChars); the
-// length of idString and its characters.
+// length of idString and its characters, and then a NUL, which needs room too.
 ZEB_INTERNAL int addInteger(char** bufWPtr, int rsInt) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
@@ -62,9 +63,9 @@ constexpr char kStatsMarker[] = "ZEBSTSET";
 constexpr char kIdsMarker[] = "ZEBIDSET";
 // All of a buffer but its last word.
 constexpr std::size_t kContentSize = kResultSetBufferSize - sizeof kTerminator;
-// How many bytes, from the terminator on, a dump may read: a whole line of 16 bytes, and at the
-// last of them a word of 4 bytes, which it compares with the terminator. Those after the terminator
-// are set to 0, so that it shows no old contents of the memory.
+// The bytes, from the terminator on, that a dump may read: a line of 16, and a word at the last of
+// them to compare with the terminator. Those after the terminator are set to 0, so that no dump
+// shows old contents of the memory.
 constexpr std::size_t kDumpReach = 16 - 1 + 4;
 
 inline std::int32_t loadInteger(const char* at) noexcept {
@@ -180,7 +181,8 @@ class ResultSetWriter {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
   // Ends the content with a terminator and makes it readable. Where only 1 to 3 bytes are left, the
-  // terminator is cut short; ResultSetReader::atEnd() knows such an end by its place.
+  // terminator is cut short; ResultSetReader::atEnd() knows such an end by its place. With 0 left it
+  // goes into the last word.
   void finish() noexcept {
     memset(cursor_, 0, std::min(room(), kDumpReach));
     if (room() == 0 || room() >= sizeof kTerminator) {

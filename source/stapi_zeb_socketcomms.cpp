@@ -254,8 +254,9 @@ int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   }
 }
 
-// Does what receiveSome does, after another part has been received. With a deadline most of the
-// rest is usually still to come, so it waits first, which saves a recv that would fail.
+// Does what receiveSome does, after another part has been received. With a deadline a recv takes
+// only what has arrived, so the rest is usually still to come: it waits first, which saves a recv
+// that would fail.
 int receiveNext(int socketDesc, unsigned char* buffer, int size) noexcept {
   if (hasDeadline() && waitForBytes(socketDesc) != 0) return -1;
   return receiveSome(socketDesc, buffer, size);

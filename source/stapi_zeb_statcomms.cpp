@@ -74,8 +74,8 @@ constexpr std::size_t kStatFrame = kStatId + kLengthSize + kStatEnd;
 // With a longer id, the length of the value does not lie in the first full block as a whole.
 constexpr std::int32_t kLongestUncutId = kFullBlock - kLengthSize - kLengthSize;
 
-// The trace shows a total of parsed bytes, which counts a length as kLengthSize bytes, as it has in
-// the answer, though it takes 4 in the buffer.
+// The total of parsed bytes that the trace shows counts a length as the kLengthSize bytes it has in
+// the answer, not as the 4 it takes in the buffer.
 constexpr int kMarkerAndCount = 12;  // content marker (8), number of responses (4)
 constexpr int kElementAndCode = kLengthSize + 4;
 constexpr int kEntryCountSize = 4;
@@ -316,7 +316,7 @@ void copyText(BlockReader& in, ResultSetWriter& out, std::int32_t length) noexce
   if (!in.holds(length)) return;
   out.integer(length);
   auto left = static_cast<std::size_t>(length);
-  do {
+  do {  // once even for an empty text, which is traced
     const std::string_view piece = in.piece(left);
     out.chars(piece);
     left -= piece.size();
@@ -391,6 +391,7 @@ void copyContinuation(AnswerParse& parse, int remaining) noexcept {
     in.skip(1);  // TC_BLOCKDATA
     copyPiece(in.u8());
   }
+  // If the writer has failed, the answer is too long, not malformed.
   if (remaining != 0 && parse.out.ok()) in.fail();
 }
 
@@ -426,7 +427,7 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   if (blocks.next() != kEndBlockData) return false;
   const std::int32_t idLength = blocks.i16();
   copyText(blocks, parse.out, idLength);
-  if (!parse.out.ok()) return true;
+  if (!parse.out.ok()) return true;  // the id was copied only in part
   const std::int32_t length = blocks.i16();
   copyText(blocks, parse.out, length);
   showWholeValue(length);
@@ -486,7 +487,8 @@ std::int32_t copyShortStats(AnswerParse& parse, std::int32_t count) noexcept {
     if (at[kStatMarker] != kShortBlock || in.left() < kStatFrame + idLength) break;
     const std::size_t valueLength = loadLength(at + kStatId + idLength);
     const std::size_t size = kStatFrame + idLength + valueLength;
-    // A length over INT16_MAX is negative. In the buffer the statistic is shorter than size.
+    // A length over INT16_MAX is negative on the wire: copyStat refuses it. In the buffer the
+    // statistic is shorter than size.
     if (idLength > INT16_MAX || valueLength > INT16_MAX || in.left() < size || out.room() < size)
       break;
     out.countedUnchecked(at + kStatId, idLength);
@@ -530,9 +532,9 @@ void copyStats(AnswerParse& parse, std::int32_t count) noexcept {
   if (count == 0 && endsWithoutStats(in)) {
     in.skip(1);  // TC_ENDBLOCKDATA
   } else {
-    in.skip(2);   // TC_OBJECT, TC_CLASSDESC
-    in.text16();  // class name of a statistic
-    in.skipClosing(kClassVersion);
+    in.skip(2);                     // TC_OBJECT, TC_CLASSDESC
+    in.text16();                    // class name of a statistic
+    in.skipClosing(kClassVersion);  // with a count of 0 the answer may end here
   }
   std::int32_t left = count;
   while (left > 0 && in.ok() && parse.out.ok()) {

@@ -14,7 +14,7 @@ ZEB_INTERNAL int calculateCallLength(const AdminCallRecord* record) ZEB_NOEXCEPT
 
 // The next four return the codes of flowAdminRequest, and set *failure as it does.
 
-// Makes the opening call, which precedes each other call. It sets the header, the call kind and the
+// Makes the opening call, which precedes every other call. It sets the header, the call kind and the
 // admin id of *record. It clears callData, which must own no block.
 ZEB_INTERNAL int getInitAdminRequest(int socketDesc, AdminCallRecord* record,
                                      reasons* failure) ZEB_NOEXCEPT;

@@ -22,8 +22,8 @@ namespace {
 constexpr char STATS_MBEAN_ACTION_STAT_IDS[] = "STAT_IDS";
 constexpr char STATS_MBEAN_ACTION_RESOURCE_GROUPS[] = "RESOURCE_GROUPS";
 
-// A question: its function, as it is traced, and the operation that it invokes. The gateway tells
-// ids of statistics from those of groups by the query itself.
+// A question: its function, as it is traced, and the operation that it invokes. The gateway sees
+// from the query itself whether its ids are those of statistics or of groups.
 struct Question {
   const char* function;
   const char* operation;

@@ -10,8 +10,8 @@ constexpr char kApiVersion[] = "1_1_0_1";
 constexpr char kProductVersion[] = "8.0.0.1";
 constexpr char kBuildLevel[] = "b800-20101014";
 
-// The notice that each module exports, so that `strings libzebstats.so` shows the release of the
-// library. This is the version that changes with each release.
+// The notice of each module with exported functions, so that `strings libzebstats.so` shows the
+// release of the library. This is the version that changes with each release.
 #define ZEB_NOTICE(module) \
   module " - zebstats, statistics API of the transaction gateway, version 1.3.0"
 

@@ -285,7 +285,8 @@ int takeNegative(const WalkCall& call, ResultSetToken& resultSet, const ResultSe
 }
 
 // Takes the first entry of the next query header, at in. Skips headers with an empty list; one with
-// a negative code counts as an entry. header has the numbers of that header; the rest is read here.
+// a negative code counts as an entry. header comes with queryCount and queryIndex set; the rest is
+// read here.
 // Returns 0, ZEB_END_OF_RESULTS, or ZEB_WRONG_CONTENT (damaged).
 template <typename Walk>
 int takeFromNextElement(const WalkCall& call, ResultSetToken& resultSet, ResultSetReader& in,
@@ -335,7 +336,7 @@ int walk(const WalkCall& call, ResultSetToken* rsPtr, typename Walk::Record* rec
   if (call.first || rsPtr->queryIndex == 0 || rsPtr->elementResultIndex == 0)
     return stepAcross<Walk>(call, *rsPtr, *record);
   ResultSetReader in(rsPtr->next, rsPtr->head);
-  if (in.atEnd()) return ZEB_END_OF_RESULTS;
+  if (in.atEnd()) return ZEB_END_OF_RESULTS;  // fewer entries than the header announced
   const QueryHeader* const noHeader = nullptr;
   return takeEntry<Walk>(call, *rsPtr, in, noHeader, *record);
 }

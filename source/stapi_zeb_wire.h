@@ -47,7 +47,7 @@ class ByteReader {
   // A text after its 16-bit length.
   std::string_view text16() noexcept { return text(i16()); }
   void skip(std::size_t count) noexcept { take(count); }
-  // Skips up to that many bytes: closing ones, of which the last may be missing. Never fails.
+  // Skips up to count bytes, as an answer may end before its last closing bytes. Never fails.
   void skipClosing(std::size_t count) noexcept { take(std::min(count, rest_.size())); }
   // The next byte, which is not consumed; 0 at the end.
   [[nodiscard]] std::uint8_t peek() const noexcept {
