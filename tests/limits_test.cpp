@@ -59,7 +59,7 @@ class Connections : public Guarded {};
 
 // The code of calls that take at least this many milliseconds, and less than any that hang; and how
 // many the last ones took.
-long taken = 0;
+std::int64_t taken = 0;
 int timed(int least, const std::function<int()>& calls) {
   const steady_clock::time_point start = steady_clock::now();
   const int rc = calls();
@@ -170,7 +170,7 @@ TEST_F(Waits, endWithinATenthAfterTheTimeoutWhichAllConnectionsShareThatAreClose
   };
   for (const char* what : {"connect", "version", "answer", "close", "close all"}) {
     const Row* row = std::ranges::find(kWaiting, std::string_view(what), &Row::what);
-    long least = kNever;
+    std::int64_t least = kNever;
     for (int tries = 0; tries < 3 && least > limit + limit / 10; ++tries) {
       EXPECT_EQ(setAPITimeout(limit), 0);
       row != std::end(kWaiting) ? void(meet(*row, limit, [] {})) : closeMany();

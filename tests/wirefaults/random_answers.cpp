@@ -101,7 +101,7 @@ class RandomAnswer {
  private:
   // uniform_int_distribution would differ from library to library.
   std::size_t pick(std::size_t least, std::size_t most) {
-    return least + random_() % (most - least + 1);
+    return least + static_cast<std::size_t>(random_() % (most - least + 1));
   }
   bool oneIn(std::size_t chance) { return pick(1, chance) == 1; }
   Bytes text(std::size_t size) {
