@@ -46,7 +46,8 @@ struct SlowReader {
   }
   void skipUpTo(std::size_t size) { take(std::min(size, rest.size())); }
   std::int64_t number(std::size_t width, bool isSigned = true) {
-    std::int64_t value = isSigned && !rest.empty() && rest[0] < 0 ? -1 : 0;
+    const bool isNegative = isSigned && !rest.empty() && (rest[0] & 0x80) != 0;
+    std::int64_t value = isNegative ? -1 : 0;
     for (const char byte : take(width)) value = value << 8 | static_cast<std::uint8_t>(byte);
     return value;
   }
