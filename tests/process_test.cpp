@@ -7,9 +7,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <barrier>
 #include <functional>
 #include <future>
+#include <latch>
 
 #include "client_session.h"
 #include "stapi_zeb_diag.h"
@@ -250,15 +250,15 @@ TEST_F(HostProcess, IsLeftAsItWasWhenTheLibraryIsUnloaded) {
       if (i == kWarmUp) held = countHeldBytes();
       void* const library = dlopen(ZEB_LIBRARY, RTLD_NOW | RTLD_LOCAL);
       ASSERT_NE(library, nullptr);
-      std::barrier turn(2);
+      std::latch used(1), unloaded(1);
       const std::jthread outliving([&] {
         runLoadedSession(library, port);
-        turn.arrive_and_wait();
-        turn.arrive_and_wait();
+        used.count_down();
+        unloaded.wait();
       });
-      turn.arrive_and_wait();
+      used.wait();
       dlclose(library);
-      turn.arrive_and_wait();
+      unloaded.count_down();
     }
     EXPECT_LT(countHeldBytes(), held + 16 * kCycles);
     EXPECT_EQ(countDescriptors(), descriptors);
