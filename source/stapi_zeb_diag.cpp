@@ -143,8 +143,9 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
-// Writes to a descriptor of the host without waiting. A poll alone is not enough for a pipe or a
-// socket, which another writer may fill after it; older kernels have nothing better for a pipe.
+// Writes to a descriptor of the host, and does not wait if it is full. For a pipe or a socket, which
+// another writer may fill after a poll, there are calls that never wait; not so for a terminal, and
+// for a pipe on older kernels.
 ssize_t writeAtOnce(int descriptor, const char* text, std::size_t length) noexcept {
   struct stat status = {};
   fstat(descriptor, &status);
@@ -152,7 +153,7 @@ ssize_t writeAtOnce(int descriptor, const char* text, std::size_t length) noexce
   if (S_ISFIFO(status.st_mode)) {
     const iovec piece = {.iov_base = const_cast<char*>(text), .iov_len = length};
     const ssize_t written = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
-    if (written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) return written;
+    if (written >= 0 || errno == EAGAIN || errno == EPIPE) return written;
   }
   pollfd waited = {.fd = descriptor, .events = POLLOUT, .revents = 0};
   return poll(&waited, 1, 0) > 0 ? write(descriptor, text, length) : -1;
@@ -174,7 +175,8 @@ bool writeToFile(FILE* stream, const char* text, std::size_t length) noexcept {
 }
 
 // The caller holds streamMutex. A pipe takes a piece of PIPE_BUF bytes either as a whole or not at
-// all; once a piece is lost, the rest of the text is dropped.
+// all; once a piece, or a part of it that a socket did not take, is lost, the rest of the text is
+// dropped.
 void writeToStream(const char* text, std::size_t length) noexcept {
   FILE* const stream = destination();
   HeldWriteSignals signals;
@@ -516,7 +518,7 @@ TraceSwitch switchTraceFile(const char* traceFile) noexcept {
   TraceSwitch result = {false, 0};
   if (statAPITraceFilename == nullptr) return {false, ENOMEM};  // after releaseTrace()
   FILE* const opened = traceFile != nullptr ? openTraceFile(traceFile, result.error) : stderr;
-  const bool stays = traceFile == nullptr && statAPITraceHandle == stderr;
+  const bool stays = traceFile == nullptr && destination() == stderr;
   if (opened != nullptr && !stays) {
     const MutexGuard streamGuard(streamMutex);
     closeTraceFile();

@@ -19,8 +19,8 @@ extern ZEB_INTERNAL_DATA int statAPITrace;
 // Exported for diagnosis; nothing uses it.
 extern ZEB_INTERNAL_DATA int statAPIDump;
 // The destination and its name; null before the library is initialised and after it has ended. Once
-// initialised, they change only under both traceLock and streamMutex (in stapi_zeb_diag.cpp), so
-// either lock is enough to read them.
+// the library is initialised, it changes them only under both traceLock and streamMutex (in
+// stapi_zeb_diag.cpp), so either lock is enough to read them.
 extern ZEB_INTERNAL_DATA FILE* statAPITraceHandle;
 extern ZEB_INTERNAL_DATA char* statAPITraceFilename;
 // "stderr"; never changed.

@@ -176,8 +176,8 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
 // socket down. That does not end a connect that begins only afterwards; the send timeout that the
 // other thread also sets on the socket does.
 //
-// Without a deadline the socket is blocking, and connect reports EINPROGRESS only if a host has
-// replaced it, with a proxy's library for example. Then the wait of 60 s applies.
+// Without a deadline the socket is blocking, and a connect that is not cancelled reports EINPROGRESS
+// only if a host has replaced it, with a proxy's library for example. Then the wait of 60 s applies.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
   int result =

@@ -270,10 +270,12 @@ void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
 
 // Gives back the hold of beginRemoval, and destroys the token if that was the last one; otherwise
 // the call that has the last one destroys it. An inherited token is destroyed at once: its holds
-// are those of threads that the child does not have.
+// are those of threads that the child does not have. Once the hold is given back, another thread may
+// free the token, so that is looked at before.
 void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
+  const bool isInheritedToken = isInherited(*token);
   const bool wasLastHold = holdsOf(*token).fetch_sub(1) == kRemoved + 1;
-  if (wasLastHold || isInherited(*token)) destroyToken(gwTokPtr, token);
+  if (wasLastHold || isInheritedToken) destroyToken(gwTokPtr, token);
 }
 
 // The four ways in which deleteToken deletes *gwTokPtr, which is not null. Each returns 0, and
