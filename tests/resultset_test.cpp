@@ -147,9 +147,13 @@ TEST_P(WalkOf, FindsEveryEntryAndJoinsTheGoodIds) {
                                     std::ranges::count(answer.entries, ' '));
       EXPECT_EQ(walk(isStats, false, answer.token), "-113") << "the end stays the end";
       EXPECT_EQ(walk(isStats, true, answer.token), answer.entries + "-113") << "again";
+      trace.restart();
       char* query = nullptr;
       const int rc = getIdQuery(answer.token, &query);
       EXPECT_EQ(rc == 0 ? query : std::to_string(rc), expected);
+      EXPECT_TRUE(level != 2 || expected != "a:b:c:d" ||
+                  std::ranges::count(trace.text(), '\n') == 6)
+          << "each step and the query";
       EXPECT_EQ(query, rc == 0 ? answer.token->verifiedQueryString : nullptr);
     }
   }
