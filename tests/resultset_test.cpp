@@ -147,9 +147,13 @@ TEST_P(WalkOf, FindsEveryEntryAndJoinsTheGoodIds) {
                                     std::ranges::count(answer.entries, ' '));
       EXPECT_EQ(walk(isStats, false, answer.token), "-113") << "the end stays the end";
       EXPECT_EQ(walk(isStats, true, answer.token), answer.entries + "-113") << "again";
+      trace.restart();
       char* query = nullptr;
       const int rc = getIdQuery(answer.token, &query);
       EXPECT_EQ(rc == 0 ? query : std::to_string(rc), expected);
+      EXPECT_TRUE(level != 2 || expected != "a:b:c:d" ||
+                  std::ranges::count(trace.text(), '\n') == 6)
+          << "each step and the query";
       EXPECT_EQ(query, rc == 0 ? answer.token->verifiedQueryString : nullptr);
     }
   }
@@ -159,7 +163,7 @@ TEST_P(WalkOf, RefusesDamagedBuffersAndStaysInside) {
   const std::string all = "Q1(0)aa Q1(0)bb Q2(0)cc ", ids = "aa:bb:cc";
   const std::size_t second = isStats ? 54 : 38;  // where the second element begins
   const Answer answer(isStats, {{"Q1", 0, {"aa", "bb"}}, {"Q2", 0, {"cc"}}});
-  for (const int bad : {-1, INT_MIN, INT_MAX, 153600, 153600 - 16, 153600 - 13}) {
+  for (const int bad : {-1, INT_MIN, INT_MAX, 153600, 153600 - 16, 153600 - 13, 153600 - 21}) {
     // Lengths, and the size of what is found before them.
     for (const auto& [offset, found] :
          {std::pair(12UL, 0UL), {26, 0}, {32, isStats ? 0 : 8}, {second, 16}, {second + 14, 16}}) {

@@ -91,7 +91,7 @@ Outcome tryPoint(const PublicCall& target, const Mode& mode, const std::vector<F
     const Injection quiet;
     if (target.kind != Kind::kOpen) {
       s.open();
-      getStats(s.token, &s.answer);
+      getStatsByStatId(s.token, "former", &s.answer);  // whose copy a second query replaces
     }
     if (isIn(target, {Kind::kClose, Kind::kCloseAll, Kind::kQuery})) s.answer = nullptr;
     setAPITraceLevel(mode.level);

@@ -144,11 +144,11 @@ class RandomAnswer {
   }
   // Responses with long texts until the content has this size.
   void fill(std::size_t size) {
-    const std::size_t integers = isStats ? 20 : 16;  // of a response, besides the last text
+    const std::size_t integers = isStats ? 28 : 16;  // of a response, besides its long text
     for (std::size_t left = size - 12; left > 0;) {
       const std::size_t length = left > 0x7FFF + integers ? 30000 : left - integers;
       answer.responses.push_back({"", 0, Ids{text(length)}});
-      if (isStats) answer.responses.back().items = Stats{{"", text(length)}};
+      if (isStats) answer.responses.back().items = Stats{{"", text(length)}, {"", ""}};
       left -= length + integers;
     }
   }
