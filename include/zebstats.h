@@ -27,9 +27,9 @@
  *   Start      There is no start-up call: the first call initialises the library and sets the trace
  *              level to 0. Any number of threads may make a first call at the same time. If the
  *              initialisation fails, the call returns ZEB_NO_MEMORY, ZEB_TRACE_LOCK_FAILED or
- *              ZEB_QUERY_TOO_LONG, which then means that the lock of the list of connections could
- *              not be initialised; the next call tries again. The comments below do not repeat
- *              these codes.
+ *              ZEB_QUERY_TOO_LONG; the last one then means that the lock of the list of connections
+ *              could not be initialised. The next call tries again. The comments below do not
+ *              repeat these codes.
  *   Time       Without a timeout, calls wait for a gateway for ever: call setAPITimeout() first.
  *              The timeout bounds each open, query and close as a whole, and
  *              closeAllGatewayConnections() for all gateways together; a gateway that sends a byte
@@ -332,7 +332,8 @@ ZEB_API int dumpResultSet(ResultSetToken* rsPtr) ZEB_NOEXCEPT;
 /* Joins the ids of a result set into one string with ':' between them, which can be used as a query
  * string. It leaves out the ids of elements whose queryElementRC is not 0, and all ids from the
  * first one that would make the string longer than 31,999 characters; if it leaves any out, the
- * string may begin or end with ':'. The call moves the walk of the result set: start a new one afterwards.
+ * string may begin or end with ':'. The call moves the walk of the result set: start a new one
+ * afterwards.
  *
  *   idQueryStringPtr  receives the address of the string, which lies in the result set: the next
  *                     getIdQuery() with the same result set overwrites it, and it is freed with the

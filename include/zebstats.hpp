@@ -345,8 +345,8 @@ class Connection {
   const char* protocolVersion() const&& = delete;
 
   // The queries. Each waits for the answer, at most for the timeout, and returns a view of it; ask
-  // its error(). A query invalidates the view of the previous answer, even if it fails. The & excludes
-  // temporary connections, with which the answer would end at once.
+  // its error(). A query invalidates the view of the previous answer, even if it fails. The &
+  // excludes temporary connections, with which the answer would end at once.
   [[nodiscard]] StatSet stats() & noexcept { return ask<Stat>(getStats); }
   [[nodiscard]] StatSet statsByIds(const char* ids) & noexcept {
     return ask<Stat>(getStatsByStatId, ids);

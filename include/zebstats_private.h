@@ -22,8 +22,7 @@ constexpr std::size_t kResultSetBufferSize = 153600;
 constexpr std::size_t kQueryStringSize = 32000;
 constexpr std::size_t kProtocolVersionSize = 64;
 constexpr std::size_t kTraceFilenameSize = 1024;
-constexpr std::size_t kTokenTextMinimum =
-    256;  // the least dst of formatGatewayToken, which fills no more
+constexpr std::size_t kTokenTextMinimum = 256;  // formatGatewayToken writes no more bytes
 constexpr std::size_t kTokenTextSize = 512;     // what the library's own calls provide
 constexpr std::size_t kTracePrefixLength = 36;  // of ZEB_TRACE_PREFIX, without NUL
 constexpr std::size_t kTraceMessageSize = 256;
@@ -181,7 +180,7 @@ struct StorageDump {
   int remaining;                 // the bytes left in length mode; 0 in stop-word mode
   std::uint32_t stopWord;
   int lineWidth;
-  std::size_t textLength;  // of the line that is collected in text and then written at once
+  std::size_t textLength;  // of what is collected in text and not yet written
   char text[128];
 };
 

@@ -31,7 +31,7 @@ constexpr int kMaxHeads = 1 << 16;
 
 // Reads numbers and texts like ByteReader, across blocks: it skips the heads between them. The
 // constructor looks at every head; if next() is 0 after it, the blocks are incomplete, there is
-// only one, or none of the tags that may follow does, and nothing else may be called.
+// only one, or no byte or a 0 follows them, and nothing else may be called.
 class BlockReader {
  public:
   // blocks begins with the first block, which has kFullBlock bytes; its head has been read. Each

@@ -76,8 +76,8 @@ FILE* destination() noexcept {
   return statAPITraceHandle != nullptr ? statAPITraceHandle : stderr;
 }
 
-// Writes value to `at` as `width` digits with leading zeros, then the character `after`. Returns the
-// place after what it wrote, as every put... function with a result does.
+// Writes value to `at` as `width` digits with leading zeros, then the character `after`. Returns
+// the place after what it wrote, as every put... function with a result does.
 char* putDigits(char* at, int value, int width, char after) noexcept {
   for (int i = width - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
   at[width] = after;
@@ -143,9 +143,9 @@ void refreshTimeStamp() noexcept {
   memcpy(timeStamp, text, sizeof timeStamp);
 }
 
-// Writes to a descriptor of the host, and does not wait if it is full. For a pipe or a socket, which
-// another writer may fill after a poll, there are calls that never wait; not so for a terminal, and
-// for a pipe on older kernels.
+// Writes to a descriptor of the host, and does not wait if it is full. For a pipe or a socket,
+// which another writer may fill after a poll, there are calls that never wait. For a terminal, and
+// for a pipe on older kernels, there is only the poll.
 ssize_t writeAtOnce(int descriptor, const char* text, std::size_t length) noexcept {
   struct stat status = {};
   fstat(descriptor, &status);
@@ -237,7 +237,7 @@ char* putText(char* at, std::string_view text) noexcept {
 // Prints what ZEB_TRACE_PREFIX describes, without printf, which saves a fifth of the time of a
 // line.
 char* putPrefix(char* at, const Prefix& prefix) noexcept {
-  constexpr std::size_t kWordWidth = 7;  // of the longest word, and a blank
+  constexpr std::size_t kWordWidth = 7;  // the six columns of %-6.6s, and a blank
   at = putText(at, prefix.stamp);
   at = putHex(putText(at, " [0x"), prefix.pid);
   at = putHex(putText(at, ",0x"), prefix.tid);
@@ -279,8 +279,8 @@ void setTimeStamp(Time time) noexcept {
   }
 }
 
-// What writeTraceLine does; the caller holds traceLock. The message is copied to traceFmtStr, which is
-// exported for diagnosis, after the prefix that always stays there, and is formatted from there.
+// What writeTraceLine does; the caller holds traceLock. The message is copied to traceFmtStr, which
+// is exported for diagnosis, after the prefix that always stays there, and is formatted from there.
 void writeFormatted(Time time, const char* format, va_list arguments) noexcept {
   const std::size_t length = std::min(strlen(format + kTracePrefixLength), kTraceMessageSize - 1);
   memcpy(traceFmtStr + kTracePrefixLength, format + kTracePrefixLength, length);

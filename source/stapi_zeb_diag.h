@@ -146,9 +146,10 @@ struct ShownText {
   char chars[25] = {};
 };
 
-// Returns the address of the name of the trace destination, which stays the same from initialisation
-// to releaseTrace(). The text there may change: read it under traceLock or streamMutex. An argument
-// of a trace line is safe until releaseTrace(), because the writer reads it under traceLock.
+// Returns the address of the name of the trace destination, which stays the same from
+// initialisation to releaseTrace(). The text there may change: read it under traceLock or
+// streamMutex. As an argument of a trace line it is safe until releaseTrace(): the writer reads it
+// under traceLock.
 const char* traceFilename() noexcept;
 
 // The writers of the macros below. format is ZEB_TRACE_PREFIX and a message as one literal, so that

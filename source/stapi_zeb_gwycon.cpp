@@ -176,8 +176,9 @@ int startSession(int port, const char* host, int socketDescriptor) noexcept {
 // socket down. That does not end a connect that begins only afterwards; the send timeout that the
 // other thread also sets on the socket does.
 //
-// Without a deadline the socket is blocking, and a connect that is not cancelled reports EINPROGRESS
-// only if a host has replaced it, with a proxy's library for example. Then the wait of 60 s applies.
+// Without a deadline the socket is blocking, and a connect that is not cancelled reports
+// EINPROGRESS only if a host has replaced it, with a proxy's library for example. Then the wait of
+// 60 s applies.
 int connectSocket(const addrinfo& address, int* socketDescriptorPtr, int& error) noexcept {
   switchNonBlocking(*socketDescriptorPtr, sockOptOn);
   int result =
@@ -214,7 +215,8 @@ int takeSocketError(int socketDescriptor) noexcept {
   return error;
 }
 
-// Returns how many of the 60 s are left after a signal. quirk: 1 if less than a second has passed.
+// Returns how many of the 60 s are left after a signal. quirk: 1 if less than a second
+// has passed, or if none is left.
 int remainingSeconds(time_t start) noexcept {
   const auto elapsed = static_cast<int>(difftime(time(nullptr), start));
   return elapsed >= 1 && elapsed < kConnectWaitSeconds ? kConnectWaitSeconds - elapsed : 1;

@@ -242,8 +242,8 @@ void destroyToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
 }
 
 // Wakes the call that uses the token. The shutdown has no effect on a socket that has not begun to
-// connect. But the call looks at cancelled before it connects, and the send timeout ends a blocking
-// connect that begins between that look and the shutdown.
+// connect. But the call looks at cancelled before it connects; and if it looked before that was
+// set, the send timeout ends a blocking connect that begins only after the shutdown.
 void cancelCall(GatewayToken& token) noexcept {
   std::atomic_ref(token.cancelled).store(1, std::memory_order_seq_cst);
   const int socket = std::atomic_ref(token.socket).load(std::memory_order_seq_cst);
@@ -270,8 +270,8 @@ void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
 
 // Gives back the hold of beginRemoval, and destroys the token if that was the last one; otherwise
 // the call that has the last one destroys it. An inherited token is destroyed at once: its holds
-// are those of threads that the child does not have. Once the hold is given back, another thread may
-// free the token, so that is looked at before.
+// are those of threads that the child does not have. Once the hold is given back, another thread
+// may free the token, so isInherited is asked before.
 void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
   const bool isInheritedToken = isInherited(*token);
   const bool wasLastHold = holdsOf(*token).fetch_sub(1) == kRemoved + 1;
@@ -513,8 +513,8 @@ int buildToken(GatewayToken** gwTokPtr, const char* hostname, int port,
 }
 
 // Removes up to kRunawayLimit tokens from the list with beginRemoval; the caller holds gtlLock.
-// Returns the first one, and their number in count. They stay chained, by which the caller finds
-// them.
+// Returns the first one, and their number in count. They stay chained, and the caller follows
+// the chain.
 GatewayToken* takeAll(int& count) noexcept {
   GatewayToken* const first = gtListHeadPtr;
   for (count = 0; gtListHeadPtr != nullptr && count < kRunawayLimit; ++count)

@@ -45,9 +45,9 @@ namespace zeb {
 int findGatewayToken(const GatewayToken* target, GatewayToken** parent) noexcept;
 
 // A hold keeps a token and all that it owns in memory while a call uses it, even if another thread
-// closes the connection meanwhile. A call gets one only in the thread that owns the connection, gives
-// it back with leaveToken or removeHeldToken, and must not use the token afterwards. A removal takes
-// a hold of its own.
+// closes the connection meanwhile. A call gets one only in the thread that owns the connection,
+// gives it back with leaveToken or removeHeldToken, and must not use the token afterwards. A
+// removal takes a hold of its own.
 
 // Like createGatewayToken, but stores the new token, which has a hold, in newToken. gwTokPtr is
 // only checked for null and printed. Returns the same codes.

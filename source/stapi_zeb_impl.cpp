@@ -532,8 +532,8 @@ int takeToken(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr
   return 0;
 }
 
-// Checks the arguments of a query without a query string. Returns 0, and then the token has a hold,
-// which endQuery gives back, or the code of the query.
+// Checks the arguments of a query without a query string. Returns 0 with a hold of the token,
+// which endQuery gives back, or the code of the query without one.
 int beginQuery(const QueryCall& call, GatewayToken* gwTok, ResultSetToken** rsPtr) noexcept {
   if (gwTok == nullptr) return refuseQuery(call, "gateway token", ZEB_TOKEN_NULL);
   return takeToken(call, gwTok, rsPtr);
@@ -568,6 +568,7 @@ void resetWalk(const GatewayToken& gwTok) noexcept {
   resultSet.head = resultSet.next = gwTok.resultSetBuf;
 }
 
+// quirk: also sets the owner, which it has already.
 void resetResultSet(const GatewayToken& gwTok) noexcept {
   resetWalk(gwTok);
   gwTok.connRSToken->owner = kOwnerGateway;
@@ -731,8 +732,8 @@ int getFirstStat(ResultSetToken* rsPtr, StatData* statDataPtr) noexcept {
 }
 
 namespace {
-// The steps of getNextStat that stepWithinElement does not make. Not inlined, so that those it makes
-// do not pay for the frame of a public call.
+// The steps of getNextStat that stepWithinElement does not make. Not inlined, so that the steps of
+// stepWithinElement do not pay for the frame of a public call.
 [[gnu::noinline, gnu::cold]] int goToNextStat(ResultSetToken* rsPtr,
                                               StatData* statDataPtr) noexcept {
   const LocalCall call;

@@ -31,9 +31,9 @@
 // ZEB_OWNER_INVALID, or ZEB_NO_MEMORY.
 ZEB_INTERNAL int createResultSet(ResultSetToken** newRsTokPtr, const char* eyecatcher,
                                  std::uint32_t owner) ZEB_NOEXCEPT;
-// Frees a result set, or retires it if the host has had the handle, but not the buffer at its head;
-// sets *rsPtr to null. Returns 0,
-// ZEB_RESULT_SET_POINTER_NULL (rsPtr is null), or ZEB_RESULT_SET_NULL (*rsPtr is null).
+// Frees a result set, but not the buffer at its head, and sets *rsPtr to null. If the host has had
+// the handle, the record is retired instead. Returns 0, ZEB_RESULT_SET_POINTER_NULL (rsPtr is
+// null), or ZEB_RESULT_SET_NULL (*rsPtr is null).
 ZEB_INTERNAL int deleteResultSet(ResultSetToken** rsPtr) ZEB_NOEXCEPT;
 // Checks that the calling thread owns the result set of a connection (kOwnerGateway). Returns 0,
 // ZEB_OTHER_PROCESS, or ZEB_OTHER_THREAD.
@@ -50,7 +50,8 @@ ZEB_INTERNAL int addTerminator(char* writeCursor) ZEB_NOEXCEPT;
 ZEB_INTERNAL int checkTerminator(const char* dataCursor, int* isRSTermPtr) ZEB_NOEXCEPT;
 // Each writes at *bufWPtr and advances that past what it has written: an integer; charCount
 // characters of the library's own text (addPlatformChars) or of the gateway's (addChars); the
-// length of idString and its characters, and then a NUL, which needs room too.
+// length of idString and its characters. addIdStr then puts a NUL at the new *bufWPtr, which needs
+// room too and which the next write overwrites.
 ZEB_INTERNAL int addInteger(char** bufWPtr, int rsInt) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addPlatformChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
 ZEB_INTERNAL int addChars(char** bufWPtr, const char* textPtr, int charCount) ZEB_NOEXCEPT;
@@ -138,8 +139,8 @@ class ResultSetWriter {
   [[nodiscard]] bool ok() const noexcept { return ok_; }
   [[nodiscard]] bool isNull() const noexcept { return start_ == nullptr; }
 
-  // Must come first. The terminator then hides the marker, and finish() writes it again: here it
-  // serves only the trace of addPlatformChars.
+  // Must come first. The terminator then hides the marker, so finish() writes the marker again;
+  // writing it here serves only the trace of addPlatformChars.
   void marker(const char* text) noexcept {
     if (!fits(kMarkerLength)) return;
     addPlatformChars(&cursor_, text, static_cast<int>(kMarkerLength));
@@ -170,7 +171,7 @@ class ResultSetWriter {
     chars(text);
   }
   // Does what counted() does, for a caller that has checked room() and that nothing is traced. It
-  // calls no function, so that the compiler can keep a copy of the writer in registers.
+  // calls no function but memcpy, so that the compiler can keep a copy of the writer in registers.
   void countedUnchecked(const void* text, std::size_t length) noexcept {
     const auto count = static_cast<std::int32_t>(length);
     memcpy(cursor_, &count, sizeof count);
@@ -181,8 +182,8 @@ class ResultSetWriter {
     return kContentSize - static_cast<std::size_t>(cursor_ - start_);
   }
   // Ends the content with a terminator and makes it readable. Where only 1 to 3 bytes are left, the
-  // terminator is cut short; ResultSetReader::atEnd() knows such an end by its place. With 0 left it
-  // goes into the last word.
+  // terminator is cut short; ResultSetReader::atEnd() knows such an end by its place. With 0 left
+  // it goes into the last word.
   void finish() noexcept {
     memset(cursor_, 0, std::min(room(), kDumpReach));
     if (room() == 0 || room() >= sizeof kTerminator) {

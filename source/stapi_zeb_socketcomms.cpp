@@ -90,7 +90,8 @@ ByteReader replyReader(const RequestHeader& header, const unsigned char* data,
       {data, replyLength > 0 ? replyLength : static_cast<std::size_t>(requestLength)});
 }
 
-// Sends without SIGPIPE. MSG_NOSIGNAL holds even if the host changes the disposition meanwhile.
+// Sends without SIGPIPE: zebstats.h promises that it is ignored meanwhile, and MSG_NOSIGNAL holds
+// even if the host changes the disposition.
 ssize_t sendOnce(int socketDesc, const unsigned char* data, std::size_t length,
                  int flags) noexcept {
   const IgnoredSigpipe ignored;

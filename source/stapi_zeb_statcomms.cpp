@@ -242,7 +242,7 @@ bool skipToBlockData(ByteReader& in) noexcept {
 template <typename Copy>
 [[gnu::noinline]] bool copyCutBlockData(AnswerParse& parse, Copy& copy) noexcept {
   BlockReader blocks(parse.in.rest(), parse.headsLeft);
-  if (parse.headsLeft <= 0) parse.in.fail();
+  if (parse.headsLeft <= 0) parse.in.fail();  // too many heads: see kMaxHeads
   if (blocks.next() != kEndBlockData && blocks.next() != kObject) return false;
   copy(blocks);
   parse.in.skip(blocks.wireSize());
@@ -420,8 +420,8 @@ void copyLongValue(AnswerParse& parse, std::int32_t length, int room) noexcept {
 }
 
 // Copies a statistic whose id, or whose value's length, the serialiser has cut. stat begins with
-// the length of the id, after the head of a full block. Returns false, having changed nothing, if
-// the blocks are not as the serialiser writes them.
+// the length of the id, after the head of a full block. Returns false, having changed nothing
+// but headsLeft, if the blocks are not as the serialiser writes them.
 bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcept {
   BlockReader blocks(stat, parse.headsLeft);
   if (blocks.next() != kEndBlockData) return false;
@@ -471,8 +471,8 @@ void copyStat(AnswerParse& parse) noexcept {
   in.skipClosing(kStatEnd);
 }
 
-// Fast path for up to count consecutive statistics in short blocks: one test each of what is left
-// of the answer and of the buffer, and cursors that stay in registers, take a third of copyStat's
+// Fast path for up to count consecutive statistics in short blocks: few tests of what is left of
+// the answer, one of the buffer, and cursors that stay in registers take a third of copyStat's
 // time. Stops before a statistic in another kind of block or one that does not fit, which copyStat
 // then handles; does nothing at trace levels of 3 and more. Returns the number of copied
 // statistics.

@@ -14,8 +14,8 @@ ZEB_INTERNAL int calculateCallLength(const AdminCallRecord* record) ZEB_NOEXCEPT
 
 // The next four return the codes of flowAdminRequest, and set *failure as it does.
 
-// Makes the opening call, which precedes every other call. It sets the header, the call kind and the
-// admin id of *record. It clears callData, which must own no block.
+// Makes the opening call, which precedes every other call. It sets the header, the call kind and
+// the admin id of *record. It clears callData, which must own no block.
 ZEB_INTERNAL int getInitAdminRequest(int socketDesc, AdminCallRecord* record,
                                      reasons* failure) ZEB_NOEXCEPT;
 // Asks for the protocol version and stores it, cut to the size of the buffer and NUL-terminated, in

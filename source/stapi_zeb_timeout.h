@@ -50,8 +50,8 @@ bool isCancelled() noexcept;
 
 // Waits until descriptor is ready for one of events (poll's), with the deadline of this thread's
 // call or, if it has none, without limit. Returns a positive number, with *readyEvents set to the
-// events that have come; or 0 if the deadline has passed, even if the descriptor is ready; or -1 with
-// errno, which is EBADF for a negative descriptor. A handled signal ends only a wait without a
+// events that have come; or 0 if the deadline has passed, even if the descriptor is ready; or -1
+// with errno, which is EBADF for a negative descriptor. A handled signal ends only a wait without a
 // deadline (EINTR). Unlike select, it takes descriptors above 1023.
 int waitForEvents(int descriptor, short events, short* readyEvents) noexcept;
 

@@ -5,10 +5,12 @@
 //
 //   next                what the next step reads: an entry, a query header, or the terminator
 //   queryCount          number of query headers; it is only traced, the terminator ends the walk
-//   queryIndex          number of the current query header, from 1; 0 before the first step
-//   elementCount        number of entries of that header
+//   queryIndex          number of the query header of the entry at next, or of the header at next,
+//                       from 1; 0 before the first step
+//   elementCount        number of entries of the last query header taken
 //   elementResultIndex  number of the entry at next, from 1; 0 if no entry is there
-//   queryElement...     the element and the code of that header, which each of its entries repeats
+//   queryElement...     the element and the code of the last query header taken, which each of its
+//                       entries repeats
 //
 // The state changes only when a step succeeds. The host must not walk one result set in two threads
 // at once.

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <string_view>
 
@@ -172,16 +174,17 @@ class Judge {
         std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     std::optional<EarlierValue> earlier = earlier_->find(gateway_, id);
     earlier_->set(gateway_, id, {now, value});
-    std::optional<long double> before = earlier ? parseNumber(earlier->value) : std::nullopt;
+    constexpr long double kNone = std::numeric_limits<long double>::quiet_NaN();
+    long double before = earlier ? parseNumber(earlier->value).value_or(kNone) : kNone;
     std::string label = labelFor(id + "_per_second");
     std::string unknown = label + "=U";  // as plug-ins write a value that is not known
-    if (!before || earlier->seconds >= now)
+    if (std::isnan(before) || earlier->seconds >= now)
       return {kStateOk, id + " is " + value + ", its rate is known from the next run on", unknown};
-    if (number < *before) {
+    if (number < before) {
       return {kStateOk, id + " fell from " + earlier->value + " to " + value + ", so no rate",
               unknown};
     }
-    long double rate = (number - *before) / static_cast<long double>(now - earlier->seconds);
+    long double rate = (number - before) / static_cast<long double>(now - earlier->seconds);
     std::string digits = showNumber(rate, 6);
     return judgeNumber(id + " grows by " + digits + " per second", id, {digits, rate}, "");
   }
