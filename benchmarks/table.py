@@ -72,7 +72,8 @@ def main():
           f"{machine['compiler']}; on one core, {machine['scheduling']}; "
           f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds, "
           f"{sum(shared) / max(len(shared), 1):.0%} of them on a core that was shared\n")
-    print("| quantity / floor | measured | spread | target | aim | met |\n|---|---|---|---|---|---|")
+    print("| quantity / floor | measured | spread | target | aim | met |")
+    print("|---|---|---|---|---|---|")
     for row in rows:
         print_row(row)
     bad = [row["quantity"] for row in rows if row.get("badly missed")]

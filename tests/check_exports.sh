@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# check_exports.sh LIBRARY NAMES [fortified]: compares the names that the built shared library defines with
-# the list, and its versions and properties with what they must be. Every difference gets a line.
+# check_exports.sh LIBRARY NAMES [fortified]: compares the names that the built shared library
+# defines with the list, and its versions and properties with what they must be. Every difference
+# gets a line.
 set -euo pipefail
 export LC_ALL=C
 library=$1 names=$2
@@ -33,9 +34,11 @@ expect "RPATH" "" "$(listed RPATH)$(listed RUNPATH)"
 grep -qE 'BIND_NOW|FLAGS_1.*NOW' <<<"$dynamic" || complain "is not linked with BIND_NOW"
 ! grep -q TEXTREL <<<"$dynamic" || complain "has text relocations"
 expect "its protected segments" "RELRO STACK:RW" \
-  "$(readelf -lW "$library" | awk '$1 == "GNU_RELRO" { r = "RELRO" } $1 == "GNU_STACK" { s = $7 } END { print r, "STACK:" s }')"
+  "$(readelf -lW "$library" | awk '$1 == "GNU_RELRO" { r = "RELRO" }
+    $1 == "GNU_STACK" { s = $7 } END { print r, "STACK:" s }')"
 
 undefined=$(nm -D --undefined-only "$library")
 grep -q __stack_chk_fail <<<"$undefined" || complain "has no stack protector"
 # Only optimised builds are fortified.
-[ -z "${3:-}" ] || grep -qE '__(vfprintf|snprintf|memcpy)_chk' <<<"$undefined" || complain "is not fortified"
+[ -z "${3:-}" ] || grep -qE '__(vfprintf|snprintf|memcpy)_chk' <<<"$undefined" ||
+  complain "is not fortified"

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# check_layers.sh ROOT: no module of the library includes a header of a row above its own in the table of layers.
+# check_layers.sh ROOT: no module of the library includes a header of a row above its own in the
+# table of layers.
 set -euo pipefail
 cd "$1"
-rows=$(awk -F'|' '/^\| `source\/stapi_zeb_/ { on = 1; next } on && /^$/ { exit } on { print NR, $2 }' docs/architecture.md)
+rows=$(awk -F'|' '/^\| `source\/stapi_zeb_/ { on = 1; next } on && /^$/ { exit }
+                  on { print NR, $2 }' docs/architecture.md)
 row_of() { awk -v name="\`$1\`" 'index($0, name) { print $1 }' <<<"$rows"; }
 failures=0
 while IFS=: read -r file include; do

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# check_trace_points.sh SOURCES LIST [--update]: every trace point of the sources (number, word, text,
-# with the names of its functions in place of %s) stands in the list, so that no line of a trace
-# changes unnoticed; and each number is written once, because a number in a trace file has to lead to
-# one message. --update writes the list.
+# check_trace_points.sh SOURCES LIST [--update]: every trace point of the sources (number, word,
+# text, with the names of its functions in place of %s) stands in the list, so that no line of a
+# trace changes unnoticed; and each number is written once, because a number in a trace file has to
+# lead to one message. --update writes the list.
 set -euo pipefail
 export LC_ALL=C
 sources=$1 list=$2
@@ -74,7 +74,8 @@ perl -0 -e '
     }
     complain("$file: $calls calls of a trace macro are not understood") if $calls;
   }
-  $written{$_} <= ($shared{$_} // 1) or complain("$_ is written $written{$_} times") for sort keys %written;
+  $written{$_} <= ($shared{$_} // 1) or complain("$_ is written $written{$_} times")
+    for sort keys %written;
   print "$_\n" for sort keys %points;
   exit($failures ? 1 : 0);
 ' "$sources"/*.cpp "$sources"/*.h >"$found"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# cli_test.sh ZEBSTAT SIMULATOR: the programs as a person meets them: what they print and how they end.
+# cli_test.sh ZEBSTAT SIMULATOR: the programs as a person meets them: what they print, how they end.
 set -euo pipefail
 zebstat=$1
 simulator=$2
@@ -23,13 +23,16 @@ ask_on_terminal() {
   local setting=$1
   shift
   asked="zebstat $* on a terminal"
-  out=$(script -qec "$setting; timeout 20 $(printf '%q ' "$zebstat" "$@")" /dev/null </dev/null | tr -d '\r')
+  out=$(script -qec "$setting; timeout 20 $(printf '%q ' "$zebstat" "$@")" /dev/null </dev/null |
+    tr -d '\r')
 }
 
 wants() { # WHAT TEXT PATTERN...: for each pattern one line of the text matches all of it
   local what=$1 text=$2 pattern
   shift 2
-  for pattern; do grep -qxE -e "$pattern" <<<"$text" || complain "$what has no line '$pattern': $text"; done
+  for pattern; do
+    grep -qxE -e "$pattern" <<<"$text" || complain "$what has no line '$pattern': $text"
+  done
 }
 shows() { wants output "$out" "$@"; }
 says() { wants errors "$err" "$@"; }
@@ -60,9 +63,11 @@ ask 0 "${at[@]}" groups && lines 7 && shows 'GROUP' 'WORK'
 ask 0 ids "${at[@]}" && lines 61 && shows 'STATISTIC' 'LINK_LAST_ERROR'
 ask 0 "${at[@]}" ids VM HOST && lines 21 && shows 'GROUP  STATISTIC' 'HOST   HOST_DISK_FREE'
 ask 0 "${at[@]}" stats && lines 61 # one line an entry, the long text with its line ends too
-shows 'LISTEN_OPEN_LIMIT     100' 'REQ_JOURNAL           t=0 .* ok\\n\.+ end' 'HOST_SITE             Århus, hall 2'
-ask 0 "${at[@]}" stats --group LINK && lines 11 && shows 'LINK   LINK_TARGET          orders-east:7001'
-# A terminal gets lines cut to its width, which is counted in characters: 26 of them are 27 bytes here.
+shows 'LISTEN_OPEN_LIMIT     100' 'REQ_JOURNAL           t=0 .* ok\\n\.+ end' \
+  'HOST_SITE             Århus, hall 2'
+ask 0 "${at[@]}" stats --group LINK && lines 11 &&
+  shows 'LINK   LINK_TARGET          orders-east:7001'
+# A terminal gets lines cut to its width in characters, of which 26 are 27 bytes here.
 ask_on_terminal 'stty cols 26' "${at[@]}" stats HOST_SITE REQ_JOURNAL
 shows 'HOST_SITE    Århus, hall 2' 'REQ_JOURNAL  t=.{8}\.\.\.' $'\e\\[1mSTATISTIC .*'
 ask_on_terminal 'export NO_COLOR=1' "${at[@]}" stats HOST_CPUS && shows 'STATISTIC  VALUE'
@@ -72,43 +77,54 @@ ask 1 "${at[@]}" stats --format json REQ_RATE HOST_SITE NO_SUCH REQ_JOURNAL
 shows "  \"timestamp\": \"$stamp\"," "  \"gateway\": \"127.0.0.1:$port\"," '  "version": 1,' \
   '    \{"id":"REQ_RATE","group":"REQ","value":[0-9]+\.[0-9]{2}\},' \
   '    \{"id":"HOST_SITE","group":"HOST","value":"Århus, hall 2"\},' \
-  '    \{"id":"REQ_JOURNAL","group":"REQ","value":"t=0 .* ok\\n.*"\}' '    \{"element":"NO_SUCH","code":-[0-9]+\}'
+  '    \{"id":"REQ_JOURNAL","group":"REQ","value":"t=0 .* ok\\n.*"\}' \
+    '    \{"element":"NO_SUCH","code":-[0-9]+\}'
 ask 0 "${at[@]}" ids --format jsonl VM && lines 1
 shows '\{"version":1,.*,"ids":\[\{"id":"VM_NAME","group":"VM"\},.*\],"errors":\[\]\}'
 ask 0 "${at[@]}" stats --format csv HOST_SITE VM_NAME
-shows $'timestamp,group,id,value,gateway\r' "$stamp,HOST,HOST_SITE,\"Århus, hall 2\",127.0.0.1:$port"$'\r'
-ask 0 "${at[@]}" stats --format value HOST_SITE HOST_CPUS --output - && lines 2 && shows 'Århus, hall 2' '16'
+shows $'timestamp,group,id,value,gateway\r' \
+  "$stamp,HOST,HOST_SITE,\"Århus, hall 2\",127.0.0.1:$port"$'\r'
+ask 0 "${at[@]}" stats --format value HOST_SITE HOST_CPUS --output - && lines 2 &&
+  shows 'Århus, hall 2' '16'
 ask 0 "${at[@]}" stats --format prometheus HOST_SITE HOST_CPUS
-shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' 'zebstats_host_site_info\{.*value="Århus, hall 2".*\} 1'
+shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' \
+  'zebstats_host_site_info\{.*value="Århus, hall 2".*\} 1'
 
 # ---- Filters and files ----
 ask 0 "${at[@]}" ids --include '*_PEAK' --include 'VM_*' --exclude 'VM_HEAP*' --exclude 'NO_*'
 lines 12 1 && says "zebstat: --exclude 'NO_\\*' matched nothing"
-ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' 'VM_?PTIME' && lines 4 1 && says "$here: 'NO_\*' matched nothing"
-ask 5 "${at[@]}" groups --include 'host' && lines 1 1 && says "zebstat: --include 'host' matched nothing"
+ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' 'VM_?PTIME' && lines 4 1 &&
+  says "$here: 'NO_\*' matched nothing"
+ask 5 "${at[@]}" groups --include 'host' && lines 1 1 &&
+  says "zebstat: --include 'host' matched nothing"
 
 file_is_kept() {
   [ "$(wc -l <"$scratch/kept")" = 2 ] || complain "the file is another one: $(<"$scratch/kept")"
   [ "$(find "$scratch" -name 'kept*' | wc -l)" = 1 ] || complain "a file is left beside"
 }
 : >"$scratch/kept" && chmod 640 "$scratch/kept" && ln -s kept "$scratch/link"
-ask 0 "${at[@]}" stats HOST_CPUS --output "$scratch/link" --watch=0.1 --count 2 --format csv && lines 0 && file_is_kept
-[ "$(stat -c %a "$scratch/kept")" = 640 ] && [ -L "$scratch/link" ] || complain "mode or link is lost"
+ask 0 "${at[@]}" stats HOST_CPUS --output "$scratch/link" --watch=0.1 --count 2 --format csv &&
+  lines 0 && file_is_kept
+[ "$(stat -c %a "$scratch/kept")" = 640 ] && [ -L "$scratch/link" ] ||
+  complain "mode or link is lost"
 ask 3 --port 1 stats --output "$scratch/kept" && file_is_kept
 for unwritable in "$scratch" /dev/full "$scratch/no/file"; do
   ask 2 "${at[@]}" stats --output "$unwritable"
   lines 0 1 && says "zebstat: --output: cannot write '$unwritable': .*; name a file .*"
 done
 asked="zebstat --output to a full disk" code=0
-(ulimit -f 0 && trap '' XFSZ && "$zebstat" "${at[@]}" stats --output "$scratch/kept" 2>/dev/null) || code=$?
+(ulimit -f 0 && trap '' XFSZ && "$zebstat" "${at[@]}" stats --output "$scratch/kept" 2>/dev/null) ||
+  code=$?
 [ "$code" = 2 ] || complain "exit code $code, not 2"
 file_is_kept
 
 # ---- Several gateways ----
 start --seed 2
 several=(--gateway "127.0.0.1:${at[3]}" --gateway 127.0.0.1:1 --gateway "localhost:$port")
-ask 3 stats HOST_CPUS "${several[@]}" && lines 3 1 && says 'zebstat: 127\.0\.0\.1:1: cannot connect .*'
-shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" "localhost:$port +HOST_CPUS +16"
+ask 3 stats HOST_CPUS "${several[@]}" && lines 3 1 &&
+  says 'zebstat: 127\.0\.0\.1:1: cannot connect .*'
+shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" \
+  "localhost:$port +HOST_CPUS +16"
 ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" --format csv && lines 3 2
 ask 3 stats HOST_CPUS "${several[@]}" --format jsonl && lines 3 1
 shows '\{.*"gateway":"127.0.0.1:1",.*"outage":\{"code":-135,"text":".*"\}\}'
@@ -129,7 +145,8 @@ start --seed 1
 asked="zebstat --watch while the gateway is started again and then silent"
 "$zebstat" -p "$port" -t 1 stats VM_UPTIME --watch=0.2 >"$scratch/records" 2>/dev/null &
 records=$!
-"$zebstat" --port "$port" --timeout 1 stats VM_UPTIME --watch=0.2 --format table >"$scratch/watched" 2>"$scratch/words" &
+"$zebstat" --port "$port" --timeout 1 stats VM_UPTIME --watch=0.2 --format table \
+  >"$scratch/watched" 2>"$scratch/words" &
 table=$!
 waits_for "$scratch/watched" 'VM_UPTIME +2 '
 kill "$gateway"
@@ -147,7 +164,8 @@ kill -CONT "$gateway"
 waits_for "$scratch/words" 'it answers again'
 ends INT "$records"
 ends INT "$table"
-[ "$(grep -c '"outage":{"code":-1' "$scratch/records")" = 2 ] || complain "records: $(<"$scratch/records")"
+[ "$(grep -c '"outage":{"code":-1' "$scratch/records")" = 2 ] ||
+  complain "records: $(<"$scratch/records")"
 
 # ---- check ----
 check() { # CODE PATTERN ARGUMENT...
@@ -159,19 +177,23 @@ check() { # CODE PATTERN ARGUMENT...
 big=123456789012345678901234567890
 check 0 'OK: HOST_CPUS is 16 \| HOST_CPUS=16;16;~:20' HOST_CPUS -w 16 --critical '~:20'
 check 1 'WARNING: HOST_CPUS is 16, .* \| HOST_CPUS=16;@10:20;30' HOST_CPUS --warning @10:20 -c 30
-check 2 'CRITICAL: LISTEN_PORT is 2980, .*, HOST_CPUS is 16, .*, HOST_SITE is no .* \| L.*=2980;9;5 H.*=16;9;17' \
+check 2 'CRITICAL: LISTEN_PORT is 2980, .*CPUS is 16, .*SITE is no .* \| L.*=2980;9;5 H.*=16;9;17' \
   HOST_SITE HOST_CPUS LISTEN_PORT -w 9 -c 17 -c LISTEN_PORT=5
 check 2 'CRITICAL: HOST_CPUS is 16, expected is 8 \| HOST_CPUS=16' HOST_CPUS --equals 8
 check 2 'CRITICAL: HOST_SITE is .*, expected is a match of \^x/y' HOST_SITE --matches '^x|y'
 printf '{"statistics": [{"id": "LISTEN_BYTES*", "unit": "bytes"}]}' >"$scratch/units"
-check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata "$scratch/units"
+check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata \
+  "$scratch/units"
 rate=(LISTEN_BYTES_IN --rate --state "$scratch/rate" -w 0)
-check 0 'OK: LISTEN_BYTES_IN is [0-9]+, its rate is known from the next run on \| .*_per_second=U' "${rate[@]}"
+check 0 'OK: LISTEN_BYTES_IN is [0-9]+, its rate is known from the next run on \| .*_per_second=U' \
+  "${rate[@]}"
 sed -i 's/,"[0-9]*"\]/,"1"]/' "$scratch/rate" # the gateway's values change only once a second
-check 1 'WARNING: .* grows by [0-9.]+ per second, .* \| LISTEN_BYTES_IN_per_second=[0-9.]+;0' "${rate[@]}"
+check 1 'WARNING: .* grows by [0-9.]+ per second, .* \| LISTEN_BYTES_IN_per_second=[0-9.]+;0' \
+  "${rate[@]}"
 sed -i "s/,\"[0-9]*\"\]/,\"$big\"]/" "$scratch/rate"
 check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate \| .*_per_second=U" "${rate[@]}"
-ask 2 --port 1 check HOST_CPUS -v && lines 2 && shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
+ask 2 --port 1 check HOST_CPUS -v && lines 2 &&
+  shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
 for wrong in "HOST_CPUS -w ten" "HOST_CPUS -c 20:10" "HOST_CPUS -w NO=5" "" "A --rate" \
   "A --matches (" "A --equals a -w 1" "A --metadata /" "A --trace 1 --trace-file /no/x"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
@@ -199,13 +221,15 @@ offers "zebstat ids ${at[*]} L" LINK
 mkdir "$scratch/bin" && cp "$zebstat" "$scratch/bin/zebstat"
 asked="zebstat live" code=0
 err=$("$scratch/bin/zebstat" live --any 2>&1) || code=$?
-[ "$code" = 2 ] && says 'zebstat: cannot start zebstat-live: it is not installed; .*' || complain "exit code $code"
+[ "$code" = 2 ] && says 'zebstat: cannot start zebstat-live: it is not installed; .*' ||
+  complain "exit code $code"
 ln -s "$(type -P echo)" "$scratch/bin/zebstat-live"
 [ "$("$scratch/bin/zebstat" live -p 1 x)" = "-p 1 x" ] || complain "the arguments are lost"
 
 # ---- Why there is no answer ----
 ask 3 "${at[@]}" stats "$(printf '%032766d' 0)" && lines 0 1 && says "$here: cannot ask \(-2\): .*"
-ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 && says '.*: cannot connect \(-132\): .*'
+ask 3 --port "$port" --host no.such.host.invalid groups && lines 0 1 &&
+  says '.*: cannot connect \(-132\): .*'
 peer() { # ANSWER: starts a server that sends this to each client and hangs up
   rm "$scratch/fifo" && mkfifo "$scratch/fifo"
   python3 -c 'import socket, sys
@@ -219,7 +243,8 @@ with socket.create_server(("127.0.0.1", 0)) as server:
   IFS= read -r -t 20 peer <"$scratch/fifo" || complain "no peer"
 }
 peer "" && ask 3 -p "$peer" groups && says '.*: it accepts connections and closes them at once: .*'
-peer "HTTP/1.0 400 no" && ask 3 -p "$peer" groups && says ".* not a gateway, it answers 'HTTP/1.0 400 no'; .*"
+peer "HTTP/1.0 400 no" && ask 3 -p "$peer" groups &&
+  says ".* not a gateway, it answers 'HTTP/1.0 400 no'; .*"
 ask 3 --host 255.255.255.255 groups && says '.*: no route: .*'
 ask 3 --port 1 check HOST_CPUS --unreachable unknown && shows 'UNKNOWN: .*'
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
@@ -273,7 +298,8 @@ waits_for "$scratch/records" VM_UPTIME
 start --odd-names
 ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'
 shows 'ODD_LONG_L{18}\.\.\.  v+\.\.\.' 'HOST_CPUS {23}16'
-ask 0 -p "$port" check ODD_TINY ODD_BIG && shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
+ask 0 -p "$port" check ODD_TINY ODD_BIG &&
+  shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
 for format in table json csv value prometheus; do
   ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
   ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \
@@ -286,6 +312,7 @@ for signal in INT TERM; do
   start --scale 40
   ask 0 --port "$port" stats && lines 2401  # more than one query can return
   ends "$signal" "$gateway"
-  ask 3 --port "$port" groups && lines 0 1 && says "zebstat: 127\.0\.0\.1:$port: cannot connect \(-135\): .*"
+  ask 3 --port "$port" groups && lines 0 1 &&
+    says "zebstat: 127\.0\.0\.1:$port: cannot connect \(-135\): .*"
 done
 

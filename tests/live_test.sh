@@ -11,7 +11,8 @@ unset TMUX
 shows() { tmux capture-pane -p -t live | grep -qE -e "$1"; }
 hides() { ! shows "$1"; }
 sees() { # WHAT PATTERN
-  await shows "$2" || { complain "not seen: $1 ($2)" && tmux capture-pane -p -t live >&2 && exit 1; }
+  await shows "$2" || { complain "not seen: $1 ($2)" && tmux capture-pane -p -t live >&2 &&
+    exit 1; }
 }
 press() { tmux send-keys -t live "$@"; }
 
@@ -20,7 +21,8 @@ first=127.0.0.1:$port
 start
 second=127.0.0.1:$port
 tmux -f /dev/null new-session -d -s live -x 110 -y 24 \
-  "'$live' --gateway $first --gateway $second --interval 0.2 --critical 'LISTEN_PORT=1'; echo ended \$?; cat"
+  "'$live' --gateway $first --gateway $second --interval .2 --critical LISTEN_PORT=1; echo ended \$?
+   cat"
 server=$(tmux display-message -p '#{pid}')
 sees "statistics of both gateways" '^2 gateways  every 0.2 s  120 of 120 by name'
 press / listen_p

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# options_test.sh ZEBSTAT MANUAL: help, manual pages and completion have the same options and formats.
+# options_test.sh ZEBSTAT MANUAL: help, manual pages and completion have the same options.
 set -euo pipefail
 zebstat=$1
 manual=$2
@@ -15,7 +15,8 @@ for command in "" stats ids groups check completion live exporter; do
     exporter) page=$(dirname "$manual")/zebstats-exporter.1 ;;
   esac
   help=$("$zebstat" ${command:+"$command"} --help)
-  [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" || complain "$command: more than a screen"
+  [ "$(wc -l <<<"$help")" -le 24 ] && ! grep -E '.{81}' <<<"$help" ||
+    complain "$command: more than a screen"
   [ -n "$command" ] || continue
   section=$(sed -n "/^    $command)/,/;;/p" <<<"$zsh")
   mapfile -t names < <(sed -nE 's/^ +((-., )?--[^ =[]+).*/\1/p' <<<"$help" | tr -d , | tr ' ' '\n')
@@ -29,7 +30,8 @@ for command in "" stats ids groups check completion live exporter; do
 done
 for page in "${!helps[@]}"; do
   while read -r name; do
-    [[ " h -help -version ${helps[$page]}" == *" $name "* ]] || complain "no help has -$name of $page"
+    [[ " h -help -version ${helps[$page]}" == *" $name "* ]] ||
+      complain "no help has -$name of $page"
   done < <(grep -E '^\.It .*Fl|^, Fl' "$page" | grep -oE 'Fl -?[a-zA-Z]+(-[a-z]+)*' | cut -c 4-)
 done
 for format in $("$zebstat" stats --help | sed -n 's/.*--format FORMAT *//p' | tr -d ,); do

@@ -1,5 +1,5 @@
-// Whole sessions: the bytes that cross the wire, the code that each fault of the other side becomes,
-// and their traces, which are compared with recorded ones.
+// Whole sessions: the bytes that cross the wire, the code that each fault of the other side
+// becomes, and their traces, which are compared with recorded ones.
 #include <bit>
 
 #include "public_calls.h"

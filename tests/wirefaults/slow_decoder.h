@@ -196,8 +196,8 @@ class SlowDecoder {
   std::string& out_;
 };
 
-// The content that a result set buffer is to hold, without its terminator. False if the answer is to
-// be refused.
+// The content that a result set buffer is to hold, without its terminator. False if the answer is
+// to be refused.
 inline bool decodeSlowly(bool isStats, std::string_view answer, std::string& content) {
   return SlowDecoder(answer, content).decode(isStats);
 }
@@ -209,8 +209,8 @@ inline char* sealedBuffer() {
   return buffer;
 }
 
-// What the library's parser does wrong, or null. The slow decoder is asked first; it has to agree if
-// the content is known. The parser writes into sealedBuffer(), and the answer is a block of its
+// What the library's parser does wrong, or null. The slow decoder is asked first; it has to agree
+// if the content is known. The parser writes into sealedBuffer(), and the answer is a block of its
 // exact size, so that a sanitiser sees every step outside.
 inline const char* compareParser(bool isStats, std::string_view answer,
                                  const std::string* known = nullptr) {

@@ -1,5 +1,5 @@
-// Checks of the values of options that several programs have. Each returns an empty text if the value
-// is valid, otherwise the message about it.
+// Checks of the values of options that several programs have. Each returns an empty text if the
+// value is valid, otherwise the message about it.
 #ifndef ZEBTOOL_OPTION_CHECKS_H
 #define ZEBTOOL_OPTION_CHECKS_H
 

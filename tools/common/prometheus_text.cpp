@@ -63,8 +63,8 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// Returns whether the word names the unit that the end of the metric's name has, as BYTES and MILLIS
-// do in LISTEN_BYTES_IN and REQ_MILLIS_MEAN.
+// Returns whether the word names the unit that the end of the metric's name has, as BYTES and
+// MILLIS do in LISTEN_BYTES_IN and REQ_MILLIS_MEAN.
 bool isUnitWord(std::string_view word, const StatInfo* info) {
   constexpr std::size_t kShortestWord = 4;
   if (info == nullptr || info->unit == nullptr || word.size() < kShortestWord) return false;

@@ -211,7 +211,8 @@ void Screen::drawHeader(const History& history, const ScreenState& state, std::s
     print(1, 0, "filter: " + toShown(state.view.filter) + (state.isTyping ? "_" : ""), COLS);
 }
 
-// Draws what is wrong with the gateways, in at most half of the screen. Returns the first row below.
+// Draws what is wrong with the gateways, in at most half of the screen. Returns the first row
+// below.
 int Screen::drawTroubles(const History& history) {
   int row = 2;
   std::size_t waiting = 0;

@@ -81,8 +81,8 @@ std::string unitFor(const StatInfo* info) {
   return info->unit == nullptr && info->type == StatType::kCounter ? "c" : "";
 }
 
-// Returns the number with the gateway's own digits. Performance data cannot have an exponent, so the
-// point is moved instead, which loses no digit.
+// Returns the number with the gateway's own digits. Performance data cannot have an exponent, so
+// the point is moved instead, which loses no digit.
 std::string digitsOf(const std::string& number) {
   std::size_t end = number.find_first_of("eE");
   if (end == std::string::npos) return number;

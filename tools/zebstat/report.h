@@ -1,5 +1,5 @@
-// One filtered answer with its gateway and time, and the formats json, jsonl, csv and value. table.h
-// and prometheus_text.h have the others.
+// One filtered answer with its gateway and time, and the formats json, jsonl, csv and value.
+// table.h and prometheus_text.h have the others.
 #ifndef ZEBSTAT_REPORT_H
 #define ZEBSTAT_REPORT_H
 
