@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <utility>
 
 namespace zebbench {
 namespace {
+
+constexpr int kEnoughRounds = 51;  // for a median
 
 template <typename Work>
 double nanosecondsOf(const Work& work) {
@@ -56,6 +59,13 @@ double timeFourAdditions() {
   };
   const double one = nanosecondsOf(addOne);
   return nanosecondsOf(addFour) / one;
+}
+
+// Returns the greatest width of a round that had its core for itself. That was seen to be 1.0, and on
+// a shared core 1.3 to 1.5. With fewer adders the width is always greater, so the least of all rounds
+// counts as that of a core of its own.
+double widestOwnCore(const std::vector<double>& widths) {
+  return 1.15 * std::max(1.0, std::ranges::min(widths));
 }
 
 double quantile(std::vector<double> values, double part) {
@@ -104,26 +114,28 @@ double Rounds::spread(const Value& value) const {
   return (quantile(values, 0.75) - quantile(values, 0.25)) / 2;
 }
 
-// A core of its own was seen to have a width of 1.0, and a shared one 1.3 to 1.5. With fewer adders
-// the width is always greater, so the least of all rounds counts as that of a core of its own.
-double Rounds::sharedPart() const {
-  constexpr double kShared = 1.15;
-  const double least = std::max(1.0, std::ranges::min(widths));
-  const auto shared =
-      std::ranges::count_if(widths, [=](double width) { return width > kShared * least; });
-  return static_cast<double>(shared) / static_cast<double>(widths.size());
-}
-
 Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
   for (const Step& step : steps) nanoseconds(step, batch);  // warms up
   Rounds result = {std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds))),
-                   {}};
+                   0};
+  std::vector<double> widths;
   for (int round = 0; round < rounds; ++round) {
-    result.widths.push_back(timeFourAdditions());
+    widths.push_back(timeFourAdditions());
     for (std::size_t i = 0; i < steps.size(); ++i) {
       const std::size_t at = round % 2 == 0 ? i : steps.size() - 1 - i;
       result.times[at][static_cast<std::size_t>(round)] = nanoseconds(steps[at], batch);
     }
+  }
+  const double widest = widestOwnCore(widths);
+  const auto shared = std::ranges::count_if(widths, [=](double width) { return width > widest; });
+  result.sharedPart = static_cast<double>(shared) / rounds;
+  if (rounds - shared < kEnoughRounds) return result;
+  for (std::vector<double>& step : result.times) {
+    std::vector<double> own;
+    for (std::size_t round = 0; round < widths.size(); ++round) {
+      if (widths[round] <= widest) own.push_back(step[round]);
+    }
+    step = std::move(own);
   }
   return result;
 }
@@ -152,7 +164,7 @@ void measure(benchmark::State& state, Goal goal, int batch, const std::vector<St
   report(state, goal, value(medians));
   state.counters["spread"] = measured.spread(value);
   state.counters["rounds"] = rounds;
-  state.counters["shared"] = measured.sharedPart();
+  state.counters["shared"] = measured.sharedPart;
 }
 
 void require(bool holds, const char* what) {

@@ -10,7 +10,8 @@
 // for itself, and one while another hardware thread of that core, perhaps of another virtual
 // machine, is busy too. A floor that mostly waits for its last load, such as a bare pointer loop,
 // hardly notices; the library's checks, which otherwise fill the time of such waits, then take time
-// of their own. So each row also reports in what part of its rounds the core was shared.
+// of their own. So a row counts only the rounds that had a core for themselves if those are enough,
+// and otherwise all; and it reports in what part of its rounds the core was shared.
 #ifndef ZEB_BENCH_ROUNDS_H
 #define ZEB_BENCH_ROUNDS_H
 
@@ -52,11 +53,10 @@ double secondOverFirst(std::span<const double> times);
 // Returns the greatest growth of the times from the second step on: 1 if they do not grow.
 double growthFromSecond(std::span<const double> times);
 
-// The times of the rounds: times[step][round], in nanoseconds.
+// The times of the rounds that count: times[step][round], in nanoseconds.
 struct Rounds {
   std::vector<std::vector<double>> times;
-  std::vector<double> widths;  // of each round: the time of four additions at once, in additions
-  [[nodiscard]] double sharedPart() const;  // of the rounds, those on a shared core
+  double sharedPart = 0;  // of all rounds, those on a shared core
   [[nodiscard]] std::vector<double> medians() const;
   [[nodiscard]] double spread(const Value& value) const;
 };

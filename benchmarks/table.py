@@ -71,7 +71,8 @@ def main():
     print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
           f"{machine['compiler']}; on one core, {machine['scheduling']}; "
           f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds, "
-          f"{sum(shared) / max(len(shared), 1):.0%} of them on a core that was shared\n")
+          f"{sum(shared) / max(len(shared), 1):.0%} of them on a shared core, which count only in rows "
+          f"with hardly any others\n")
     print("| quantity / floor | measured | spread | target | aim | met |")
     print("|---|---|---|---|---|---|")
     for row in rows:
