@@ -124,7 +124,7 @@ _Walk = Union[_StatWalk, _IdWalk]
 
 
 class _Questions:
-    """What is asked of a gateway. All of it runs in the session's own thread.
+    """What is asked of a gateway. All of it runs in the thread that owns the connection.
 
     An answer has a maximum size. A query that exceeds it is split: everything into groups, several
     elements into halves, and a single group into the ids of its statistics.
@@ -344,7 +344,7 @@ def connect(address: str, timeout: Optional[float] = DEFAULT_TIMEOUT) -> Gateway
 
     The library itself has one timeout for the process. This package sets it, whenever it opens or
     closes a connection, to the longest timeout of its gateways: a host that also calls the library
-    otherwise must not rely on a value of its own. When an open ends early, by its timeout or
+    in another way must not rely on a value of its own. When an open ends early, by its timeout or
     Ctrl-C, its thread ends in the background, at the latest after that longest timeout; if there is
     a gateway without a timeout, only once the peer answers or hangs up.
 

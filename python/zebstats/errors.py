@@ -39,8 +39,8 @@ class TimeoutError(Error, builtins.TimeoutError):
 
 
 class ConnectionLostError(Error, builtins.ConnectionError):
-    """The connection was lost, was closed during the call, or sent what is no answer. It is
-    closed."""
+    """The connection was lost or was closed during the call, or the gateway sent something that is
+    no answer. The connection is closed."""
 
 
 class ClosedError(Error):
