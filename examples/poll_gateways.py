@@ -4,8 +4,9 @@
 usage: poll_gateways.py [--every SECONDS] [--rounds N] [--timeout SECONDS] [--group GROUP]...
                         HOST[:PORT]...
 
-Each gateway has a thread, so a slow one delays no other. A gateway that fails is connected again at
-its next round. Exits with 1 if a gateway failed in its last round, with 130 after Ctrl-C.
+Each gateway has a thread, which connects it and polls it, so a slow one delays no other. A gateway
+that fails is connected again at its next round. Exits with 1 if a gateway failed in its last round,
+with 130 after Ctrl-C.
 """
 
 import argparse

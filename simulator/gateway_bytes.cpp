@@ -11,6 +11,10 @@ void appendNumber(Bytes& out, std::uint64_t value, unsigned width) {
 
 }  // namespace
 
+void require(bool isRight, const char* fault) {
+  if (!isRight) throw BadRequest(fault);
+}
+
 void appendU8(Bytes& out, std::uint8_t value) {
   appendNumber(out, value, 1);
 }
@@ -31,7 +35,7 @@ void appendText16(Bytes& out, std::string_view text) {
 }
 
 std::string_view ByteReader::take(std::size_t n) {
-  if (n > rest_.size()) throw BadRequest("the data ends inside a field");
+  require(n <= rest_.size(), "the data ends inside a field");
   std::string_view taken = rest_.substr(0, n);
   rest_.remove_prefix(n);
   return taken;

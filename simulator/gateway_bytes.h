@@ -20,6 +20,9 @@ class BadRequest : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Throws BadRequest with that fault if the request is not right.
+void require(bool isRight, const char* fault);
+
 void appendU8(Bytes& out, std::uint8_t value);
 void appendU16(Bytes& out, std::uint16_t value);
 void appendU32(Bytes& out, std::uint32_t value);

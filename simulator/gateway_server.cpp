@@ -1,12 +1,12 @@
-// Lock rule: after start-up only answers_ and isRunning_ change in more than one thread;
-// answersLock_ guards the former, the latter is atomic. clients_ and the model are used by the
-// server's thread.
+// Lock rule: after start-up, threads share answers_, which answersLock_ guards, and isRunning_,
+// which is atomic. Only the server's thread uses the clients and the model.
 #include "gateway_server.h"
 
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -31,7 +31,7 @@ constexpr int kAcceptPauseMillis = 200;
 constexpr std::chrono::milliseconds kPieceInterval(20);  // between the pieces of a slow reply
 
 [[noreturn]] void failWithErrno(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::generic_category().message(errno));
+  throw std::system_error(errno, std::generic_category(), what);
 }
 
 std::function<std::uint64_t()> realClock() {
@@ -43,7 +43,12 @@ std::function<std::uint64_t()> realClock() {
   };
 }
 
+// The clients come first: if standard error is a pipe that is full, the line is lost.
 void logToStandardError(const std::string& line) {
+  static std::mutex lock;
+  std::lock_guard<std::mutex> guard(lock);
+  pollfd writable{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&writable, 1, 0) != 1 || (writable.revents & POLLOUT) == 0) return;
   std::fprintf(stderr, "zebgatewaysim: %s\n", line.c_str());
 }
 
@@ -286,7 +291,7 @@ std::size_t GatewayServer::limitOfReply(const Client& client) const {
   return troubles.resetsAnswers ? std::min(size, client.out.size() / 2) : size;
 }
 
-// The reply is not whole, but no more of it may be sent now.
+// Called when the reply is not complete, but no more of it may be sent now.
 void GatewayServer::pauseReply(Client& client) {
   if (options_.troubles.resetsAnswers && client.sent >= client.out.size() / 2) {
     client.resetAtClose();

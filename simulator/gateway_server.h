@@ -65,7 +65,8 @@ struct ServerOptions {
 
 class GatewayServer {
  public:
-  // Listens and starts the thread. Throws std::runtime_error with the reason if it cannot listen.
+  // Listens and starts the thread. If it cannot listen, throws std::runtime_error with the reason,
+  // or std::system_error, which is one, if the system has refused it.
   explicit GatewayServer(ServerOptions options = {});
   ~GatewayServer();  // calls stop()
   GatewayServer(const GatewayServer&) = delete;

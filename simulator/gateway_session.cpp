@@ -10,10 +10,6 @@ constexpr std::uint32_t kCloseWord = 0xFFFFFFFF;
 // The handshake's language, country and ten zero bytes.
 constexpr std::string_view kHandshakeData("\0\2en\0\2GB\0\0\0\0\0\0\0\0\0\0", 18);
 
-void require(bool isRight, const char* fault) {
-  if (!isRight) throw BadRequest(fault);
-}
-
 }  // namespace
 
 Bytes GatewaySession::answer(const Request& request) {

@@ -15,10 +15,6 @@ constexpr std::string_view kStringObject("\xAC\xED\x00\x05\x74", 5);
 // The longest request has an argument of 65,535 bytes and a few short texts around it.
 constexpr std::uint32_t kMaxData = 0x10000 + 1024;
 
-void require(bool isRight, const char* fault) {
-  if (!isRight) throw BadRequest(fault);
-}
-
 std::size_t readNameLength(std::string_view in) {
   ByteReader fixed(in.substr(0, kNameOffset));
   fixed.take(kEyecatcher.size());
@@ -96,7 +92,7 @@ AdminCall readAdminCall(std::string_view data) {
     require(reader.u32() == 1, "the operation has not exactly one signature");
     require(reader.text16() == kSignature, "the signature is not java.lang.String");
   }
-  require(reader.left() == 0, "bytes are left behind the call");
+  require(reader.left() == 0, "bytes are left after the call");
   return call;
 }
 

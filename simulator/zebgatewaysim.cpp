@@ -11,6 +11,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -29,10 +30,12 @@ std::string checkListen(const std::string& text) {
   return "'" + text + "' is not an ADDRESS:PORT; write it like 127.0.0.1:2980 or [::1]:0";
 }
 
-// Returns a message unless the text has digits only: CLI11 takes "-1" for a very large number.
+// CLI11 alone takes "-1" for a very large number, "010" for 8, and more than 64 bits for fewer.
 std::string checkNumber(const std::string& text) {
-  bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  return isNumber ? "" : "'" + text + "' is not a number from 0 up";
+  constexpr std::size_t kMaxDigits = 18;
+  bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+                  (text.size() == 1 || text.front() != '0') && text.size() <= kMaxDigits;
+  return isNumber ? "" : "'" + text + "' is not a number of 1 to 18 digits";
 }
 
 std::string checkSeconds(const std::string& text) {
@@ -66,6 +69,12 @@ void raiseDescriptorLimit() {
 
 using Servers = std::vector<std::unique_ptr<zebsim::GatewayServer>>;
 
+bool isPortRefused(const std::exception& fault) {
+  const auto* refusal = dynamic_cast<const std::system_error*>(&fault);
+  return refusal != nullptr && (refusal->code() == std::errc::address_in_use ||
+                                refusal->code() == std::errc::permission_denied);
+}
+
 // Starts a gateway on each port, or returns none, after a message, if one of them cannot listen.
 Servers startServers(const zebsim::ServerOptions& options, unsigned count) {
   Servers servers;
@@ -76,10 +85,11 @@ Servers startServers(const zebsim::ServerOptions& options, unsigned count) {
     try {
       servers.push_back(std::make_unique<zebsim::GatewayServer>(one));
     } catch (const std::exception& fault) {
-      std::fprintf(stderr,
-                   "zebgatewaysim: cannot listen on %s: %s; choose another port with --listen "
-                   "ADDRESS:PORT, or port 0 for any free one\n",
-                   zebtool::showAddress({one.address, one.port}).c_str(), fault.what());
+      std::fprintf(stderr, "zebgatewaysim: cannot listen on %s: %s%s\n",
+                   zebtool::showAddress({one.address, one.port}).c_str(), fault.what(),
+                   isPortRefused(fault) ? "; choose another port with --listen ADDRESS:PORT, or "
+                                          "port 0 for any free one"
+                                        : "");
       return {};
     }
   }
@@ -99,6 +109,7 @@ int run(const Arguments& arguments) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);  // nobody needs to read the messages
   raiseDescriptorLimit();
   const Servers servers = startServers(arguments.server, arguments.ports);
   if (servers.empty()) return kExitFailed;
@@ -132,6 +143,7 @@ void addGatewayOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--scale", server.model.scale,
                  "N copies of each statistic, for big answers; 1 to 1000 (1)")
       ->type_name("N")
+      ->check(checkNumber)
       ->check(CLI::Range(1U, zebsim::kMaxScale).description(""));
   app.add_option("--segment", server.segment,
                  "send replies in pieces of N bytes; 0 sends them whole (0)")
@@ -152,12 +164,12 @@ void addTroubleOptions(CLI::App& app, Arguments& arguments) {
       ->check(checkMute)
       ->group("Troubles");
   app.add_option("--slow", arguments.slow,
-                 "drip the answer to each query for that long, 0.001 to 3600")
+                 "drip the answer to each query over that time, 0.001 to 3600")
       ->type_name("SECONDS")
       ->check(checkSeconds)
       ->group("Troubles");
   app.add_flag("--reset", troubles.resetsAnswers,
-               "reset the connection in the middle of such an answer")
+               "reset the connection in the middle of each such answer")
       ->group("Troubles");
   app.add_flag_callback(
          "--no-close-answer", [&] { troubles.hasCloseAnswer = false; },
@@ -169,7 +181,7 @@ void addTroubleOptions(CLI::App& app, Arguments& arguments) {
       ->group("Troubles");
 }
 
-// Puts the arguments that need more than one option together. Returns a message if they are wrong.
+// Combines the options that depend on each other. Returns a message if they contradict.
 std::string finish(Arguments& arguments) {
   zebsim::ServerOptions& server = arguments.server;
   auto address = *zebtool::parseListenAddress(arguments.listen, zebtool::kStatisticsPort);

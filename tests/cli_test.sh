@@ -276,20 +276,28 @@ shows '.* gateway-1' '.* gateway-3'
 asked="a port that is taken" code=0
 err=$("$simulator" --listen "127.0.0.1:$first" 2>&1) || code=$?
 [ "$code" = 1 ] && says 'zebgatewaysim: .*in use.*--listen.*' || complain "exit code $code"
+for wrong in --ports={010,1001} --seed=18446744073709551616 --scale=+5 --segment=-1 --slow=.; do
+  asked="zebgatewaysim $wrong" code=0
+  err=$(timeout 10 "$simulator" --listen 127.0.0.1:0 "$wrong" 2>&1) || code=$?
+  [ "$code" = 2 ] && says "zebgatewaysim: ${wrong%=*}: .*" || complain "exit code $code"
+done
 
-asked="silent clients, and one that is none"
-start --segment 7
+asked="silent clients, one that is none, and messages that nobody reads"
+mkfifo "$scratch/unread"
+exec {unread}<>"$scratch/unread"
+messages=$scratch/unread start --segment 7
 prlimit --pid "$gateway" --nofile=64
 "$zebstat" -p "$port" stats VM_UPTIME --watch=0.2 >"$scratch/records" 2>"$scratch/words" &
 waits_for "$scratch/records" VM_UPTIME
 (
-  for _ in {1..200}; do exec {_client}<>"/dev/tcp/127.0.0.1/$port"; done
-  "$zebstat" -p "$port" groups >/dev/null
   exec {_client}<>"/dev/tcp/127.0.0.1/$port"
   printf 'GET / HTTP/1.0\r\n\r\n' >&"$_client"
-  [ -z "$(timeout 10 cat <&"$_client" 2>/dev/null)" ]
+  [ -z "$(timeout 10 cat <&"$_client" 2>/dev/null)" ] || exit
+  for _ in {1..1000}; do exec {_client}<>"/dev/tcp/127.0.0.1/$port"; done
+  timeout 10 "$zebstat" -p "$port" groups >/dev/null
 ) || complain "they shut out another client, or an invalid request is answered"
-grep -q 'no eyecatcher' "$scratch/simulators" || complain "an invalid request is not reported"
+IFS= read -r -t 10 line <&"$unread" && [[ $line == *"no eyecatcher"* ]] ||
+  complain "an invalid request is not reported"
 : >"$scratch/records"
 waits_for "$scratch/records" VM_UPTIME
 [ ! -s "$scratch/words" ] || complain "they end an older session: $(<"$scratch/words")"

@@ -21,11 +21,13 @@ complain() {
 }
 
 # start OPTION...: starts a simulator, at the address in listen if that is set, and sets gateway to
-# its process and port to the port of its first gateway. Fails if it does not start.
+# its process and port to the port of its first gateway. Its messages go to the file in messages, if
+# that is set. Fails if it does not start.
 start() {
   rm -f "$scratch/fifo"
   mkfifo "$scratch/fifo"
-  "$simulator" --listen "${listen:-127.0.0.1:0}" "$@" >"$scratch/fifo" 2>>"$scratch/simulators" &
+  "$simulator" --listen "${listen:-127.0.0.1:0}" "$@" \
+    >"$scratch/fifo" 2>>"${messages:-$scratch/simulators}" &
   gateway=$!
   IFS= read -r -t 20 port <"$scratch/fifo" || return
   port=${port##*:}

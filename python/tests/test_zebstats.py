@@ -1,6 +1,7 @@
 """Tests the package against simulated gateways. The environment names their program, ZEBGATEWAYSIM,
 and the library, ZEBSTATS_LIBRARY."""
 
+import asyncio
 import contextlib
 import os
 import pickle
@@ -9,6 +10,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import unittest
@@ -24,14 +26,19 @@ from zebstats._gateway import parse_address
 ROOT = Path(__file__).resolve().parents[2]
 
 
+def enter(test, context):
+    """Is TestCase.enterContext, which Python 3.9 does not have."""
+    entered = context.__enter__()
+    test.addCleanup(context.__exit__, None, None, None)
+    return entered
+
+
 class Simulator:
     """A simulated gateway on a port of its own."""
 
     def __init__(self, test, *options):
         program = [os.environ["ZEBGATEWAYSIM"], "--listen", "127.0.0.1:0", *options]
-        self.process = test.enterContext(
-            subprocess.Popen(program, stdout=subprocess.PIPE, text=True)
-        )
+        self.process = enter(test, subprocess.Popen(program, stdout=subprocess.PIPE, text=True))
         test.addCleanup(self.process.kill)
         self.address = self.process.stdout.readline().split()[-1]
         self.port = int(self.address.split(":")[1])
@@ -42,6 +49,11 @@ def took(test, least, most=5):
     start = time.monotonic()
     yield
     test.assertTrue(least <= time.monotonic() - start <= most, time.monotonic() - start)
+
+
+def in_thread(call, *arguments):
+    with ThreadPoolExecutor(1) as pool:
+        return pool.submit(call, *arguments).result()
 
 
 def run_soon(call):
@@ -79,7 +91,7 @@ class Tables(unittest.TestCase):
             self.assertIs(type(stat(value).number), type(number))
         for value in ("", " 1", "1_0", "nan", "inf", "1e999", "0x1", "\u0661", "1\n", "007", "+1"):
             self.assertIsNone(stat(value).number, value)
-            self.assertRaisesRegex(ValueError, "ID is not", stat(value).as_float)
+            self.assertRaisesRegex(ValueError, "'ID' is not", stat(value).as_float)
         self.assertEqual((stat("3").as_int(), stat("3").as_float()), (3, 3.0))
         self.assertRaises(ValueError, stat("3.0").as_int)
         self.assertIsNone(zebstats.Stat("ID", "9" * 5000, "", b"").number)
@@ -101,6 +113,17 @@ class Tables(unittest.TestCase):
         command = [sys.executable, "-c", "import zebstats"]
         ended = subprocess.run(command, env=environment, stderr=subprocess.PIPE, text=True)
         self.assertRegex(ended.stderr, "ImportError: .*install the package.*libzebstats1")
+
+
+    def test_the_trace_goes_to_a_file(self):
+        self.addCleanup(zebstats.set_trace, 0)
+        path = Path(enter(self, tempfile.TemporaryDirectory())) / "tr\udcffce"  # no UTF-8
+        for level, wrong in ((6, path), (-1, path), (1, f"{path}\0"), (1, path.parent)):
+            self.assertRaises(zebstats.ArgumentError, zebstats.set_trace, level, wrong)
+        self.assertEqual(os.listdir(path.parent), [])
+        zebstats.set_trace(1, path)
+        self.assertIn("ZEBSTATS", path.read_text())
+        self.assertEqual(os.listdir(path.parent), [path.name])
 
 
 class Answers(unittest.TestCase):
@@ -175,8 +198,8 @@ class Failures(unittest.TestCase):
 
     def test_each_address_of_a_name_is_tried_and_gets_a_share_of_the_time(self):
         simulator = Simulator(self)
-        self.enterContext(socket.create_server(("127.0.0.3", simulator.port)))
-        resolve = self.enterContext(mock.patch("socket.getaddrinfo"))
+        enter(self, socket.create_server(("127.0.0.3", simulator.port)))
+        resolve = enter(self, mock.patch("socket.getaddrinfo"))
 
         def connect(*hosts):
             resolve.return_value = [(2, 1, 6, "", (host, simulator.port)) for host in hosts]
@@ -211,16 +234,35 @@ class Failures(unittest.TestCase):
 
     def test_a_short_timeout_leaves_other_gateways_alone(self):
         simulator, other = Simulator(self, "--slow", "0.6"), Simulator(self)
-        patient = self.enterContext(zebstats.connect(simulator.address, timeout=30))
-        self.enterContext(zebstats.connect(other.address, timeout=0.2))
+        patient = enter(self, zebstats.connect(simulator.address, timeout=30))
+        enter(self, zebstats.connect(other.address, timeout=0.2))
         with took(self, 0.5, 20):
             self.assertEqual(len(patient.stats()), 60)
 
-    def test_a_gateway_may_be_used_from_any_thread_but_not_after_a_fork(self):
+    def test_only_the_thread_that_connected_asks_and_any_thread_closes(self):
+        address = Simulator(self).address
+        gateway = in_thread(zebstats.connect, address)  # the next thread may get the same id
+        for ask in (gateway.stats, gateway.ids, gateway.groups, lambda: gateway.stats(ids=[])):
+            for caller in (in_thread, lambda call: call()):
+                with self.assertRaisesRegex(zebstats.Error, "for each thread$") as raised:
+                    caller(ask)
+                self.assertIs(type(raised.exception), zebstats.WrongThreadError)
+                self.assertEqual(raised.exception.code, codes.ZEB_OTHER_THREAD)
+        self.assertTrue(gateway.is_open)
+        in_thread(gateway.__exit__, None, None, None)
+        self.assertTrue(gateway._session._ended.is_set())
+
+        async def poll(pool):
+            run = asyncio.get_running_loop().run_in_executor
+            gateway = await run(pool, zebstats.connect, address)
+            with gateway:  # the block ends in the thread of the event loop
+                return await run(pool, gateway.stats)
+
+        with ThreadPoolExecutor(1) as pool:
+            self.assertEqual(len(asyncio.run(poll(pool))), 60)
+
+    def test_a_forked_child_connects_its_own_gateway(self):
         with zebstats.connect(Simulator(self).address) as gateway:
-            with ThreadPoolExecutor(8) as pool:
-                counts = list(pool.map(lambda _: len(gateway.stats()), range(160)))
-            self.assertEqual(counts, [60] * 160)
             child = os.fork()
             if child == 0:
                 try:
@@ -233,13 +275,16 @@ class Failures(unittest.TestCase):
             self.assertEqual(os.WEXITSTATUS(os.waitpid(child, 0)[1]), len(gateway.groups()))
 
     def test_a_forgotten_gateway_is_reported_and_closed(self):
-        gateway = zebstats.connect(Simulator(self).address)
-        ended = gateway._session._ended
-        with warnings.catch_warnings(record=True) as caught:
-            warnings.simplefilter("always")
-            del gateway
-        self.assertRegex(str(caught[0].message), "unclosed <zebstats.Gateway 127.0.0.1:")
-        self.assertTrue(ended.wait(10))
+        hook = enter(self, mock.patch("sys.unraisablehook"))  # for warnings that are errors
+        for action in ("always", "error"):
+            gateways = [zebstats.connect(Simulator(self).address)]
+            ended = gateways[0]._session._ended
+            with warnings.catch_warnings(record=True) as caught:
+                warnings.simplefilter(action)
+                in_thread(gateways.clear)
+            said = caught[0].message if caught else hook.call_args[0][0].exc_value
+            self.assertRegex(str(said), "^unclosed <zebstats.Gateway 127.0.0.1:.* open>$")
+            self.assertTrue(ended.wait(10))
 
 
 if __name__ == "__main__":

@@ -56,14 +56,14 @@ class Stat(NamedTuple):
         """Returns the value as int; raises ValueError unless it is an integer."""
         number = parse_integer(self.value)
         if number is None:
-            raise ValueError(f"{self.id} is not an integer: {self.value!r}")
+            raise ValueError(f"{self.id!r} is not an integer: {self.value!r}")
         return number
 
     def as_float(self) -> float:
         """Returns the value as float; raises ValueError unless it is a finite number."""
         number = parse_float(self.value)
         if number is None:
-            raise ValueError(f"{self.id} is not a number: {self.value!r}")
+            raise ValueError(f"{self.id!r} is not a number: {self.value!r}")
         return number
 
 
@@ -124,7 +124,7 @@ _Walk = Union[_StatWalk, _IdWalk]
 
 
 class _Questions:
-    """What is asked of a gateway. All of it runs in the session's own thread.
+    """What is asked of a gateway. All of it runs in the thread that owns the connection.
 
     An answer has a maximum size. A query that exceeds it is split: everything into groups, several
     elements into halves, and a single group into the ids of its statistics.
@@ -175,7 +175,7 @@ class _Questions:
             self._collect_elements(query, elements[half:], walk, element)
             return
         if query is not _library.get_stats_by_group:
-            raise self._too_large(f"'{decode(elements[0])}'")
+            raise self._too_large(repr(decode(elements[0])))
         members = self.ids(elements)
         walk.refused += members.refused
         name = decode(elements[0]) if element is None else element
@@ -217,10 +217,12 @@ def _encode_names(names: Names) -> Optional[List[bytes]]:
 class Gateway:
     """An open connection to a gateway; connect() makes one.
 
-    It may be used from any thread; the calls of several threads run one after another. Each call
-    ends within the timeout, and Ctrl-C ends it at once; either closes the connection, because an
-    answer may still be on its way. A gateway whose connection is closed or lost raises ClosedError:
-    connect again.
+    It belongs to the thread that connected it: in other threads its queries raise WrongThreadError.
+    Any thread may close it, which ends a query that waits, and read its properties.
+
+    Each call ends within the timeout, and Ctrl-C ends it at once; either closes the connection,
+    because an answer may still be on its way. A gateway whose connection is closed or lost raises
+    ClosedError: connect again.
     """
 
     def __init__(self, address: str, session: Session) -> None:
@@ -274,8 +276,8 @@ class Gateway:
         return self._finish([decode(id) for id in walk.entries], walk.refused, False)
 
     def close(self) -> None:
-        """Closes the connection, if it is open. A call that another thread waits for then fails
-        with ConnectionLostError."""
+        """Closes the connection, if it is open. Any thread may call this: a query that waits then
+        fails with ConnectionLostError."""
         self._session.close()
 
     def __enter__(self) -> "Gateway":
@@ -291,8 +293,9 @@ class Gateway:
 
     def __del__(self) -> None:
         if self.is_open:
-            warnings.warn(f"unclosed {self!r}", ResourceWarning, source=self)
-            self._session.end()
+            unclosed = f"unclosed {self!r}"
+            self._session.end()  # first, because the warning may be an exception
+            warnings.warn(unclosed, ResourceWarning, source=self)
 
     def __repr__(self) -> str:
         return f"<zebstats.Gateway {self.address} {'open' if self.is_open else 'closed'}>"
@@ -341,7 +344,7 @@ def connect(address: str, timeout: Optional[float] = DEFAULT_TIMEOUT) -> Gateway
 
     The library itself has one timeout for the process. This package sets it, whenever it opens or
     closes a connection, to the longest timeout of its gateways: a host that also calls the library
-    otherwise must not rely on a value of its own. When an open ends early, by its timeout or
+    in another way must not rely on a value of its own. When an open ends early, by its timeout or
     Ctrl-C, its thread ends in the background, at the latest after that longest timeout; if there is
     a gateway without a timeout, only once the peer answers or hangs up.
 

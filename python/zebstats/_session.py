@@ -1,9 +1,12 @@
 """A connection and the thread that owns it.
 
-The library binds a connection to the thread that opens it, and a thread that waits inside the
-library cannot handle Python's signals. So each connection has a thread of its own, which runs the
-calls that others submit. The submitting thread waits for the result in Python, where Ctrl-C and a
-timeout end the wait, and any thread may submit.
+A thread that waits inside the library cannot handle Python's signals, and the library binds
+a connection to the thread that opens it. So each connection has a thread of its own, the owner,
+which runs the calls that the caller submits. The caller waits for the results in Python, where
+Ctrl-C and a timeout end the wait.
+
+Only the thread that made the session may submit calls. If several could, each would wait for the
+calls of the others, and a timeout of one would close the connection of all.
 
 A wait that ends early abandons the session: another short-lived thread closes the connection, by
 which the library wakes the owner. An open cannot be woken; it ends with the library's own timeout,
@@ -19,7 +22,7 @@ from typing import Any, Callable, Generic, List, Optional, TypeVar
 
 from . import _library, codes
 from ._text import decode
-from .errors import ClosedError, ConnectError, WrongProcessError, make_error
+from .errors import ClosedError, ConnectError, WrongProcessError, WrongThreadError, make_error
 
 T = TypeVar("T")
 
@@ -69,6 +72,17 @@ _limits = _Limits()
 os.register_at_fork(after_in_child=_limits.clear)  # the child has none of the threads
 
 
+class _Thread(threading.local):
+    """Has another mark in each thread. Unlike the id of a thread, the mark of one that has ended
+    is not given to a later one."""
+
+    def __init__(self) -> None:
+        self.mark = object()
+
+
+_thread = _Thread()
+
+
 class _Task(Generic[T]):
     """A call for the owner, and its result."""
 
@@ -103,6 +117,7 @@ class Session:
         self.version = ""
         self.is_over = False  # no task is accepted any more
         self._process = os.getpid()
+        self._caller = _thread.mark
         self._token = 0
         self._answer = ctypes.c_void_p()
         self._tasks: "queue.SimpleQueue[Optional[_Task[Any]]]" = queue.SimpleQueue()
@@ -115,7 +130,7 @@ class Session:
         self._ended = threading.Event()
         threading.Thread(target=self._serve, name=f"zebstats {what}", daemon=True).start()
 
-    # ---- For any thread ------------------------------------------------------------------------
+    # ---- For the thread that made the session --------------------------------------------------
 
     def run(self, call: Callable[[], T], late: int, timeout: Optional[float]) -> T:
         """Lets the owner run the call, and returns its result or raises its exception.
@@ -125,6 +140,8 @@ class Session:
         """
         if os.getpid() != self._process:
             raise WrongProcessError(codes.ZEB_OTHER_PROCESS, self.what)
+        if _thread.mark is not self._caller:
+            raise WrongThreadError(codes.ZEB_OTHER_THREAD, self.what)
         task = _Task(call)
         with self._state:
             if self.is_over:
@@ -141,6 +158,8 @@ class Session:
             self.abandon()
             raise make_error(late, self.what)
         return task.result()
+
+    # ---- For any thread ------------------------------------------------------------------------
 
     def end(self) -> None:
         """Lets the owner close the connection after the tasks that it has. Does not wait."""

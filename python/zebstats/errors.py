@@ -16,11 +16,15 @@ class Error(Exception):
     text    the library's text for it
     """
 
+    _advice = ""  # what to do instead, for the message
+
     def __init__(self, code: int, what: str = "") -> None:
         self.code = code
         self.text = describe(code)
         self._what = what
-        super().__init__(f"{what + ': ' if what else ''}{self.text} ({code})")
+        prefix = f"{what}: " if what else ""
+        suffix = f"; {self._advice}" if self._advice else ""
+        super().__init__(f"{prefix}{self.text} ({code}){suffix}")
 
     def __reduce__(self) -> Tuple[Any, ...]:
         return type(self), (self.code, self._what)
@@ -35,8 +39,8 @@ class TimeoutError(Error, builtins.TimeoutError):
 
 
 class ConnectionLostError(Error, builtins.ConnectionError):
-    """The connection was lost, was closed during the call, or sent what is no answer. It is
-    closed."""
+    """The connection was lost or was closed during the call, or the gateway sent something that is
+    no answer. The connection is closed."""
 
 
 class ClosedError(Error):
@@ -51,8 +55,17 @@ class ArgumentError(Error, ValueError):
     """An argument is outside what the library accepts; nothing was sent."""
 
 
+class WrongThreadError(Error):
+    """The gateway was connected by another thread. Each thread must connect a gateway of its own;
+    any thread may close one."""
+
+    _advice = "open one connection for each thread"
+
+
 class WrongProcessError(Error):
-    """The gateway was connected before a fork: the child must connect anew."""
+    """The gateway was connected before a fork. The child must connect a gateway of its own."""
+
+    _advice = "open one connection for each process"
 
 
 class Refusal(NamedTuple):
@@ -80,8 +93,9 @@ class RefusedError(QueryError):
     def __init__(self, what: str, answer: "Answer[Any]") -> None:
         first = answer.refused[0]
         self.code = first.code
+        element = repr(first.element) if first.element else "the query of everything"
         more = f" and {len(answer.refused) - 1} more" if len(answer.refused) > 1 else ""
-        self.text = f"the gateway refused '{first.element}'{more}"
+        self.text = f"the gateway refused {element}{more}"
         self.answer = answer
         self._what = what
         Exception.__init__(self, f"{what}: {self.text} (its code {first.code})")
@@ -110,6 +124,7 @@ _CLASSES: Dict[Type[Error], List[int]] = {
         codes.ZEB_TRACE_LEVEL_INVALID,
         codes.ZEB_TRACE_FILE_FAILED,
     ],
+    WrongThreadError: [codes.ZEB_OTHER_THREAD],
     WrongProcessError: [codes.ZEB_OTHER_PROCESS],
 }
 _CLASS_OF = {code: family for family, members in _CLASSES.items() for code in members}
