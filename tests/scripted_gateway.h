@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -111,11 +112,12 @@ struct Connection {
 
 // Opens, asks, reads and closes. Returns the first code that is not 0. After a failure the
 // connection is gone, and nothing has been handed out.
-inline int runSession(int port) {
+inline int runSession(int port, const std::function<void()>& afterOpen = nullptr) {
   errno = EAGAIN;  // must not be taken for a reason
   Connection connection(port);
   ResultSetToken* answer = nullptr;
   IdData id;
+  if (afterOpen) afterOpen();
   if (connection.rc == 0) connection.rc = getStatIds(connection.token, &answer);
   if (connection.rc == 0) return getFirstId(answer, &id);
   if (connection.token != nullptr) {
