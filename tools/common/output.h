@@ -25,7 +25,7 @@ class OutputFile {
   void replace(const std::string& text) const;
 
  private:
-  std::string path_;  // not a symbolic link: what it points to is replaced
+  std::string path_;  // of the file itself, to which a symbolic link may have led
   std::string option_;
 };
 
