@@ -15,6 +15,7 @@ constexpr int kStatisticsPort = 2980;
 struct Address {
   std::string host;  // a name or a numeric address, without brackets
   int port = kStatisticsPort;
+  bool operator==(const Address&) const = default;
 };
 
 // Parses the address of a server to connect to.

@@ -42,11 +42,15 @@ class Socket {
     return *this;
   }
 
-  // Waits until the deadline. Returns whether there is an event.
+  // Waits until the deadline, also after a signal. Returns whether there is an event.
   [[nodiscard]] bool waitFor(short event, Clock::time_point deadline) const {
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd waiting{file_, event, 0};
-    return poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0))) > 0;
+    int events = 0;
+    do {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      events = poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0)));
+    } while (events < 0 && errno == EINTR);
+    return events > 0;
   }
   [[nodiscard]] int file() const { return file_; }
 

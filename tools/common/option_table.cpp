@@ -152,14 +152,17 @@ const CommandRow* findCommand(std::string_view name) {
 }
 
 std::vector<std::string_view> wordsOf(const OptionRow& row) {
-  std::vector<std::string_view> words;
-  std::string_view rest = row.words;
-  while (!rest.empty()) {
-    std::size_t end = std::min(rest.find(' '), rest.size());
-    words.push_back(rest.substr(0, end));
-    rest.remove_prefix(std::min(end + 1, rest.size()));
+  return wordsOf(row.words);
+}
+
+std::vector<std::string_view> wordsOf(std::string_view words) {
+  std::vector<std::string_view> list;
+  while (!words.empty()) {
+    std::size_t end = std::min(words.find(' '), words.size());
+    list.push_back(words.substr(0, end));
+    words.remove_prefix(std::min(end + 1, words.size()));
   }
-  return words;
+  return list;
 }
 
 std::string namesOf(const OptionRow& row, const char* between) {
