@@ -245,13 +245,13 @@ with socket.create_server(("127.0.0.1", 0)) as server:
     while True:
         client = server.accept()[0]
         client.recv(1000)
-        client.sendall(sys.argv[1].encode())
+        client.sendall(sys.argv[1].encode().replace(b"\\0", bytes(1)))
         client.close()' "$1" >"$scratch/fifo" &
   IFS= read -r -t 20 peer <"$scratch/fifo" || complain "no peer"
 }
 peer "" && ask 3 -p "$peer" groups && says '.*: it accepts connections and closes them at once: .*'
-peer "HTTP/1.0 400 no" && ask 3 -p "$peer" groups &&
-  says ".* not a gateway, it answers 'HTTP/1.0 400 no'; .*"
+peer 'HTTP/1.0\0 400 no' && ask 3 -p "$peer" groups &&
+  says ".* not a gateway, it answers 'HTTP/1.0\\\\x00 400 no'; .*"
 ask 3 --host 255.255.255.255 groups && says '.*: no route: .*'
 ask 3 --port 1 check HOST_CPUS --unreachable unknown && shows 'UNKNOWN: .*'
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7

@@ -113,7 +113,7 @@ std::string explainAnswer(const Socket& socket, Clock::time_point deadline) {
   std::string_view bytes(answer, static_cast<std::size_t>(length));
   if (!bytes.starts_with(kGatewayWord.substr(0, bytes.size())))
     return "this is not a gateway, it answers '" +
-           std::string(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
+           toShown(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
   return "the gateway answers, but did not open a session in time or as agreed; try a longer "
          "--timeout, or look at its log";
 }

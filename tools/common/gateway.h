@@ -1,4 +1,4 @@
-// Asks a gateway. No step takes longer than the library's timeout.
+// Asks a gateway. Only the resolution of a host name may take longer than the library's timeout.
 #ifndef ZEBTOOL_GATEWAY_H
 #define ZEBTOOL_GATEWAY_H
 

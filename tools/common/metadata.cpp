@@ -13,6 +13,7 @@
 
 #include "fault.h"
 #include "glob.h"
+#include "text.h"
 
 namespace zebtool {
 
@@ -69,7 +70,7 @@ class Reader {
   static std::string nameEntry(std::size_t i) { return "statistics[" + std::to_string(i) + "]"; }
 
   [[noreturn]] void fail(const std::string& place, const std::string& what) const {
-    throw Fault(kUsage, "--metadata: " + path_ + ": " + place + " " + what);
+    throw Fault(kUsage, "--metadata: " + path_ + ": " + place + " " + toShown(what));
   }
 
   [[nodiscard]] std::string readFile() const {

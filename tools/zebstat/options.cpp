@@ -181,84 +181,65 @@ class Parser {
     }
   }
 
-  void add(CLI::App* app, const OptionRow& row) {
+  // Adds an option, with the check of its value. Returns null for one that is added elsewhere.
+  CLI::Option* add(CLI::App* app, const OptionRow& row) {
+    CheckOptions& check = options_.check;
     switch (row.option) {
       case Option::kGroup:
-        addOption(*app, row, options_.groups)->check(wantName(rowOf(Option::kWatch)));
-        break;
+        return addOption(*app, row, options_.groups)->check(wantName(rowOf(Option::kWatch)));
       case Option::kWarning:
-        addOption(*app, row, warnings_)->check(wantRange);
-        break;
+        return addOption(*app, row, warnings_)->check(wantRange);
       case Option::kCritical:
-        addOption(*app, row, criticals_)->check(wantRange);
-        break;
+        return addOption(*app, row, criticals_)->check(wantRange);
       case Option::kEquals:
-        addOption(*app, row, options_.check.equals);
-        break;
+        return addOption(*app, row, check.equals);
       case Option::kMatches:
-        addOption(*app, row, options_.check.matches)->check(wantRegex);
-        break;
+        return addOption(*app, row, check.matches)->check(wantRegex);
       case Option::kRate:
-        app->add_flag(namesOf(row, ","), options_.check.isRate);
-        break;
+        return app->add_flag(namesOf(row, ","), check.isRate);
       case Option::kState:
-        addOption(*app, row, options_.check.stateFile)->check(wantPath);
-        break;
+        return addOption(*app, row, check.stateFile)->check(wantPath);
       case Option::kUnreachable:
-        addOption(*app, row, unreachable_)->check(wantWord(row));
-        break;
+        return addOption(*app, row, unreachable_)->check(wantWord(row));
       case Option::kMetadata:
-        addOption(*app, row, options_.check.metadataFile)->check(wantPath);
-        break;
+        return addOption(*app, row, check.metadataFile)->check(wantPath);
       case Option::kVerbose:
-        app->add_flag(namesOf(row, ","), options_.check.verbosity);
-        break;
+        return app->add_flag(namesOf(row, ","), check.verbosity);
       case Option::kWatch:
-        app->add_flag(namesOf(row, ",") + "{2}", watch_)->check(wantSeconds(0.1L));
-        break;
+        return app->add_flag(namesOf(row, ",") + "{2}", watch_)->check(wantSeconds(0.1L));
       case Option::kCount:
-        addOption(*app, row, options_.rounds)
+        return addOption(*app, row, options_.rounds)
             ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
-        break;
       case Option::kFormat:
-        addOption(*app, row, format_)->check(wantWord(row));
-        break;
+        return addOption(*app, row, format_)->check(wantWord(row));
       case Option::kOutput:
-        addOption(*app, row, options_.outputFile)->check(wantPath);
-        break;
+        return addOption(*app, row, options_.outputFile)->check(wantPath);
       case Option::kInclude:
-        addOption(*app, row, options_.included)->check(wantText);
-        break;
+        return addOption(*app, row, options_.included)->check(wantText);
       case Option::kExclude:
-        addOption(*app, row, options_.excluded)->check(wantText);
-        break;
+        return addOption(*app, row, options_.excluded)->check(wantText);
       case Option::kGateway:
-        addOption(*app, row, gateways_)->check(wantAddress);
-        break;
+        return addOption(*app, row, gateways_)->check(wantAddress);
       case Option::kHost:
-        addOption(*app, row, host_)->check(wantAddress);
-        break;
+        return addOption(*app, row, host_)->check(wantAddress);
       case Option::kPort:
-        addOption(*app, row, port_)->check(wantPort());
-        break;
+        return addOption(*app, row, port_)->check(wantPort());
       case Option::kTimeout:
-        addOption(*app, row, options_.timeoutSeconds)->check(wantTimeout());
-        break;
+        return addOption(*app, row, options_.timeoutSeconds)->check(wantTimeout());
       case Option::kTrace:
-        addOption(*app, row, options_.traceLevel)->check(wantTraceLevel());
-        break;
+        return addOption(*app, row, options_.traceLevel)->check(wantTraceLevel());
       case Option::kTraceFile:
-        addOption(*app, row, options_.traceFile)
+        return addOption(*app, row, options_.traceFile)
             ->check(wantPath)
             ->needs(app->get_option(rowOf(Option::kTrace).name));
-        break;
       case Option::kInterval:  // only zebstat-live has these three
       case Option::kSort:
       case Option::kChanged:
-      case Option::kHelp:  // CLI11 has added these two
+      case Option::kHelp:  // the constructor adds these two
       case Option::kVersion:
         break;
     }
+    return nullptr;
   }
 
   // Checks that involve several options.
