@@ -1,5 +1,4 @@
-// What a file says about statistics that the gateway itself does not: their types, units and
-// meanings.
+// Types, units and meanings of statistics: the gateway does not send them, so a file has them.
 #ifndef ZEBTOOL_METADATA_H
 #define ZEBTOOL_METADATA_H
 

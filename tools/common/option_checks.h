@@ -17,7 +17,7 @@ using OptionCheck = std::function<std::string(const std::string&)>;
 OptionCheck wantNumber(long double low, long double high, const std::string& what);
 // Wants a number without sign and point.
 OptionCheck wantWhole(long low, long high, const std::string& what);
-// Wants a number of seconds from that up to a day.
+// Wants a number of seconds, from the lowest up to a day.
 OptionCheck wantSeconds(long double lowest);
 OptionCheck wantTimeout();
 OptionCheck wantPort();

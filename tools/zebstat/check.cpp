@@ -27,7 +27,7 @@ struct Finding {
   std::string performance;  // empty if there is none
 };
 
-// The state that matters most: critical, then warning, then unknown.
+// Returns how much a state matters: critical most, then warning, then unknown.
 int weightOf(CheckState state) {
   constexpr int kWeights[] = {0, 2, 3, 1};
   return kWeights[state];
@@ -104,8 +104,10 @@ std::string unitFor(const StatInfo* info) {
 std::string digitsOf(const std::string& number) {
   std::size_t end = number.find_first_of("eE");
   if (end == std::string::npos) return number;
-  constexpr long kMost = 400;  // beyond it, a number that fits into a double is 0
-  long exponent = std::clamp(std::strtol(number.c_str() + end + 1, nullptr, 10), -kMost, kMost);
+  // With a greater exponent a number is 0, or does not fit into a double.
+  const long maxExponent = static_cast<long>(end) + 400;
+  long exponent =
+      std::clamp(std::strtol(number.c_str() + end + 1, nullptr, 10), -maxExponent, maxExponent);
   std::string sign = number[0] == '-' ? "-" : "";
   std::string digits = number.substr(sign.size(), end - sign.size());
   std::size_t point = std::min(digits.find('.'), digits.size());

@@ -20,7 +20,7 @@ std::string quote(const std::string& text) {
   return "'" + replaceAll(text, "'", "'\\''") + "'";
 }
 
-// Whether the table has the options of the command, or only the help of another program.
+// Returns whether the table has the options of the command; otherwise the help of its program does.
 bool hasRows(const CommandRow& command) {
   const auto isOfCommand = [&](const OptionRow& row) { return hasOption(command.command, row); };
   return std::any_of(allOptions().begin(), allOptions().end(), isOfCommand);

@@ -46,6 +46,7 @@ std::string nameCommands() {
 // Returns whether the argument is an option that needs a value and has an empty one, as "--host="
 // in a script whose variable is not set.
 bool hasEmptyValue(std::string_view argument) {
+  if (!argument.ends_with('=')) return false;
   return std::any_of(allOptions().begin(), allOptions().end(), [&](const OptionRow& row) {
     bool needsValue = row.takes != Takes::kNothing && row.takes != Takes::kOptional;
     return needsValue && argument == std::string(row.name) + "=";
