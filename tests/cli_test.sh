@@ -142,7 +142,7 @@ ask 0 "${at[@]}" stats VM_UPTIME --watch .1 --count 3 && lines 3 && shows '\{"ve
 ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 --format csv && lines 4
 ask_on_terminal 'stty cols 60 rows 24' "${at[@]}" stats VM_NAME VM_UPTIME --watch=1.1 --count 3
 shows $'.*STATISTIC  VALUE  CHANGE  PER SECOND.*' $'.*VM_UPTIME +[0-9]+ +[12] +[0-9.]+\e.*'
-shows $'.*\e\\[4A127.*' # over the four lines before
+shows $'.*\e\\[4A\e\\[K127.*' # over the four lines before
 
 start --seed 1
 asked="zebstat --watch while the gateway is started again and then silent"
