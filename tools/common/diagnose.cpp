@@ -42,15 +42,11 @@ class Socket {
     return *this;
   }
 
-  // Waits until the deadline, also after a signal. Returns whether there is an event.
+  // Waits until the deadline. Returns whether there is an event.
   [[nodiscard]] bool waitFor(short event, Clock::time_point deadline) const {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd waiting{file_, event, 0};
-    int events = 0;
-    do {
-      auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      events = poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0)));
-    } while (events < 0 && errno == EINTR);
-    return events > 0;
+    return poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0))) > 0;
   }
   [[nodiscard]] int file() const { return file_; }
 
@@ -113,7 +109,7 @@ std::string explainAnswer(const Socket& socket, Clock::time_point deadline) {
   std::string_view bytes(answer, static_cast<std::size_t>(length));
   if (!bytes.starts_with(kGatewayWord.substr(0, bytes.size())))
     return "this is not a gateway, it answers '" +
-           toShown(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
+           std::string(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
   return "the gateway answers, but did not open a session in time or as agreed; try a longer "
          "--timeout, or look at its log";
 }

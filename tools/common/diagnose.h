@@ -14,7 +14,8 @@ bool canConnect(const std::string& address, int port, double seconds);
 
 // Connects to the first of the numeric addresses that accepts, sends what a client sends first, and
 // waits for an answer. Takes up to a second to connect, and another one to wait. Returns the cause
-// and what to do about it; an empty text if there are no addresses.
+// and what to do about it, with the bytes of an answer that is no gateway's; an empty text if there
+// are no addresses.
 std::string diagnose(const std::vector<std::string>& addresses, int port);
 
 }  // namespace zebtool

@@ -285,7 +285,7 @@ void Gateway::connect() {
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
   if (code == ZEB_OK) return;
-  fail("connect", code, isDiagnosing_ ? diagnose(addresses, address_.port) : "");
+  fail("connect", code, isDiagnosing_ ? toShown(diagnose(addresses, address_.port)) : "");
 }
 
 void Gateway::fail(const char* step, int code, const std::string& cause) const {

@@ -58,7 +58,7 @@ bool hasEmptyValue(std::string_view argument) {
 // take the next argument for the value.
 std::vector<std::string> readArguments(int argc, char** argv) {
   std::vector<std::string> arguments;
-  long end = std::find(argv + 1, argv + argc, std::string_view("--")) - argv;  // of the options
+  long end = std::find(argv, argv + argc, std::string_view("--")) - argv;  // of the options
   for (int i = argc - 1; i > 0; --i) {
     std::string_view argument = argv[i];
     if (i < end && argument == "--watch" && !arguments.empty() && parseTyped(arguments.back())) {
