@@ -102,13 +102,15 @@ file_is_kept() {
   [ "$(wc -l <"$scratch/kept")" = 2 ] || complain "the file is another one: $(<"$scratch/kept")"
   [ "$(find "$scratch" -name 'kept*' | wc -l)" = 1 ] || complain "a file is left beside"
 }
-: >"$scratch/kept" && chmod 640 "$scratch/kept" && ln -s kept "$scratch/link"
+ln -s kept "$scratch/near" && ln -s "$scratch/near" "$scratch/link"
+ask 0 "${at[@]}" groups --output "$scratch/link" && chmod 640 "$scratch/kept" # makes it
 ask 0 "${at[@]}" stats HOST_CPUS --output "$scratch/link" --watch=0.1 --count 2 --format csv &&
   lines 0 && file_is_kept
 [ "$(stat -c %a "$scratch/kept")" = 640 ] && [ -L "$scratch/link" ] ||
   complain "mode or link is lost"
 ask 3 --port 1 stats --output "$scratch/kept" && file_is_kept
-for unwritable in "$scratch" /dev/full "$scratch/no/file"; do
+ln -s loop "$scratch/loop"
+for unwritable in "$scratch" /dev/full "$scratch/no/file" "$scratch/loop"; do
   ask 2 "${at[@]}" stats --output "$unwritable"
   lines 0 1 && says "zebstat: --output: cannot write '$unwritable': .*; name a file .*"
 done
@@ -125,7 +127,8 @@ ask 3 stats HOST_CPUS "${several[@]}" && lines 3 1 &&
   says 'zebstat: 127\.0\.0\.1:1: cannot connect .*'
 shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" \
   "localhost:$port +HOST_CPUS +16"
-ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" --format csv && lines 3 2
+ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" "${several[@]:4}" \
+  --format csv && lines 3 2 # one that is named twice is asked once
 ask 3 stats HOST_CPUS "${several[@]}" --format jsonl && lines 3 1
 shows '\{.*"gateway":"127.0.0.1:1",.*"outage":\{"code":-135,"text":".*"\}\}'
 ask 3 stats HOST_CPUS "${several[@]}" --watch 0.1 --count 3 && lines 7 1
@@ -139,7 +142,7 @@ ask 0 "${at[@]}" stats VM_UPTIME --watch .1 --count 3 && lines 3 && shows '\{"ve
 ask 0 "${at[@]}" stats VM_UPTIME --watch=0.1 --count 3 --format csv && lines 4
 ask_on_terminal 'stty cols 60 rows 24' "${at[@]}" stats VM_NAME VM_UPTIME --watch=1.1 --count 3
 shows $'.*STATISTIC  VALUE  CHANGE  PER SECOND.*' $'.*VM_UPTIME +[0-9]+ +[12] +[0-9.]+\e.*'
-shows $'.*\e\\[4A127.*' # over the four lines before
+shows $'.*\e\\[4A\e\\[K127.*' # over the four lines before
 
 start --seed 1
 asked="zebstat --watch while the gateway is started again and then silent"
@@ -179,7 +182,9 @@ check 0 'OK: HOST_CPUS is 16 \| HOST_CPUS=16;16;~:20' HOST_CPUS -w 16 --critical
 check 1 'WARNING: HOST_CPUS is 16, .* \| HOST_CPUS=16;@10:20;30' HOST_CPUS --warning @10:20 -c 30
 check 2 'CRITICAL: LISTEN_PORT is 2980, .*CPUS is 16, .*SITE is no .* \| L.*=2980;9;5 H.*=16;9;17' \
   HOST_SITE HOST_CPUS LISTEN_PORT -w 9 -c 17 -c LISTEN_PORT=5
+check 1 'WARNING: .* \| HOST_CPUS=16;@10:20;30' HOST_CPUS -w 9 -w @1e1:.2e2 -c 0 -c 3e1
 check 2 'CRITICAL: HOST_CPUS is 16, expected is 8 \| HOST_CPUS=16' HOST_CPUS --equals 8
+check 2 'CRITICAL: HOST_CPUS is 16, expected is an empty text .*' HOST_CPUS --equals=
 check 2 'CRITICAL: HOST_SITE is .*, expected is a match of \^x/y' HOST_SITE --matches '^x|y'
 printf '{"statistics": [{"id": "LISTEN_BYTES*", "unit": "bytes"}]}' >"$scratch/units"
 check 0 'OK: .* \| LISTEN_BYTES_IN=[0-9]+B HOST_CPUS=16' LISTEN_BYTES_IN HOST_CPUS --metadata \
@@ -195,7 +200,7 @@ check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate \| .*_per_seco
 ask 2 --port 1 check HOST_CPUS -v && lines 2 &&
   shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
 for wrong in "HOST_CPUS -w ten" "HOST_CPUS -c 20:10" "HOST_CPUS -w NO=5" "" "A --rate" \
-  "A --matches (" "A --equals a -w 1" "A --metadata /" "A --trace 1 --trace-file /no/x"; do
+  "A --matches (" "A --equals a -w 1" "A --metadata /" "A --trace 1 --trace-file /no/x" 5; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 3 "${at[@]}" check $wrong && lines 1 && shows 'UNKNOWN: .+'
 done
@@ -206,12 +211,14 @@ lines 2 1 && shows 'HOST_CPUS  16' && says "$here: cannot get 'NO_SUCH': .* \(it
 for wrong in "stats --port 65536" "stats --port" "nonsense" "" "groups VM" "--nonsense groups" \
   "stats VM_NAME --group VM" "stats --format yaml" "stats --watch=soon" "stats --count 2" \
   "stats --timeout 0" "ids --format prometheus" "stats --trace 6" "stats --group 5" \
-  "--port 1 live" "stats --host a:1 --port 2" "stats --host a --gateway b"; do
+  "--port 1 live x" "stats --host a:1 --port 2" "stats --host a --gateway b" \
+  "stats --host= --port 1" "completion fish"; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 2 $wrong
   lines 0 1 && says 'zebstat: .*; see zebstat .*--help'
 done
 ask 2 "${at[@]}" stats ""
+ZEBSTAT_GATEWAY=bad: ask 0 completion bash
 ask 2 "${at[@]}" stats --trace 1 --trace-file "$scratch/no/file" && lines 0 1
 
 offers "zebstat " live
@@ -238,21 +245,24 @@ with socket.create_server(("127.0.0.1", 0)) as server:
     while True:
         client = server.accept()[0]
         client.recv(1000)
-        client.sendall(sys.argv[1].encode())
+        client.sendall(sys.argv[1].encode().replace(b"\\0", bytes(1)))
         client.close()' "$1" >"$scratch/fifo" &
   IFS= read -r -t 20 peer <"$scratch/fifo" || complain "no peer"
 }
 peer "" && ask 3 -p "$peer" groups && says '.*: it accepts connections and closes them at once: .*'
-peer "HTTP/1.0 400 no" && ask 3 -p "$peer" groups &&
-  says ".* not a gateway, it answers 'HTTP/1.0 400 no'; .*"
+peer 'HTTP/1.0\0 400 no' && ask 3 -p "$peer" groups &&
+  says ".* not a gateway, it answers 'HTTP/1.0\\\\x00 400 no'; .*"
 ask 3 --host 255.255.255.255 groups && says '.*: no route: .*'
 ask 3 --port 1 check HOST_CPUS --unreachable unknown && shows 'UNKNOWN: .*'
 ask 0 "${at[@]}" groups --trace 2 --trace-file "$scratch/trace" && lines 7
 [ -s "$scratch/trace" ] || complain "no trace"
-asked="zebstat to a full device" code=0
-err=$("$zebstat" "${at[@]}" groups 2>&1 >/dev/full) || code=$?
-[ "$code" = 3 ] || complain "exit code $code, not 3"
-says 'zebstat: cannot write to standard output: .*'
+for full in groups --help --version "check" "check HOST_CPUS"; do
+  asked="zebstat $full to a full device" code=0
+  # shellcheck disable=SC2086 # split into arguments on purpose
+  err=$("$zebstat" "${at[@]}" $full 2>&1 >/dev/full) || code=$?
+  [ "$code" = 3 ] || complain "exit code $code, not 3"
+  says 'zebstat: cannot write to standard output: .*'
+done
 asked="zebstat to a closed pipe" code=0
 timeout 20 "$zebstat" "${at[@]}" stats --watch=0.1 2>"$scratch/err" | head -1 >/dev/null || code=$?
 [ "$code" = 0 ] && [ ! -s "$scratch/err" ] || complain "exit code $code: $(<"$scratch/err")"
@@ -308,6 +318,8 @@ ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'
 shows 'ODD_LONG_L{18}\.\.\.  v+\.\.\.' 'HOST_CPUS {23}16'
 ask 0 -p "$port" check ODD_TINY ODD_BIG &&
   shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
+ask 2 -p "$port" check ODD_RAW_NUL --matches '^before$'
+offers "zebstat stats -p $port ODD_SH" 'ODD_SHELL_\$\(id\)' # and executes nothing
 for format in table json csv value prometheus; do
   ask 0 -p "$port" stats --format "$format" && shows '.*\\x1B.*|.*\\u001B.*'
   ! sed 's/\r$//' "$scratch/out" | LC_ALL=C.UTF-8 grep -P \

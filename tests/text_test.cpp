@@ -129,5 +129,27 @@ zebstats_q_total{gateway="g:1"} 2
 )");
 }
 
+TEST(Metadata, AFaultIsReportedWithItsPlace) {
+  const std::string path = testing::TempDir() + "/faults.json";
+  const char* const cases[][2] = {
+      {"", "line 1 is not"},
+      {"{\n]", "line 2 is not"},
+      {R"({"statistics": [1e999]})", "too large"},
+      {R"({"statistics": [], "statistics": []})", "the document has the key \"statistics\" twice"},
+      {R"({"statistics": [{"id": "A"}, {"id": "B", "id": "C"}]})", "statistics[1] has the key"},
+      {R"({"statistics": [{"id": ""}]})", "statistics[0].id is not"},
+      {R"({"statistics": [{"id": "A", "unit": "s"}]})", "statistics[0].unit is \"s\""}};
+  for (const auto& [text, message] : cases) {
+    std::ofstream(path) << text;
+    try {
+      Metadata metadata(path);
+      ADD_FAILURE() << text;
+    } catch (const Fault& fault) {
+      EXPECT_THAT(fault.what(), testing::HasSubstr(path + ": "));
+      EXPECT_THAT(fault.what(), testing::HasSubstr(message));
+    }
+  }
+}
+
 }  // namespace
 }  // namespace zebtool

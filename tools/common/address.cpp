@@ -18,10 +18,10 @@ bool isNumericIpv6(const std::string& host) {
 
 bool isHost(const std::string& host) {
   if (host.find(':') != std::string::npos) return isNumericIpv6(host);
-  auto isBad = [](char c) {
-    return c <= ' ' || c == 0x7F || std::string_view("[],/").find(c) != std::string_view::npos;
+  auto isGood = [](char c) {
+    return c > ' ' && c < 0x7F && std::string_view("[],/").find(c) == std::string_view::npos;
   };
-  return !host.empty() && std::none_of(host.begin(), host.end(), isBad);
+  return !host.empty() && std::all_of(host.begin(), host.end(), isGood);
 }
 
 std::optional<int> parsePort(std::string_view text, int lowest) {

@@ -15,6 +15,7 @@ constexpr int kStatisticsPort = 2980;
 struct Address {
   std::string host;  // a name or a numeric address, without brackets
   int port = kStatisticsPort;
+  bool operator==(const Address&) const = default;
 };
 
 // Parses the address of a server to connect to.
@@ -24,8 +25,9 @@ std::optional<Address> parseAddress(std::string_view text, int defaultPort = kSt
 // and means all addresses; port 0 means any free port.
 std::optional<Address> parseListenAddress(std::string_view text, int defaultPort);
 
-// Returns the address of the options --host and --port, each of which may be missing: empty, 0. By
-// default it is the usual port of this host. Returns nothing if both name a port.
+// Returns the address that the options --host and --port give. An empty host or port 0 means that
+// the option is missing; the default is the usual port of this host. Returns nothing if both name a
+// port.
 std::optional<Address> joinHostAndPort(const std::string& host, int port);
 
 // Returns HOST:PORT, with an IPv6 address in brackets.

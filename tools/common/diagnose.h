@@ -1,5 +1,5 @@
-// Finds out why no connection to a gateway could be opened. The library's codes do not tell a
-// machine that is down from a gateway that hangs, nor a web server from a gateway that is stopping.
+// Finds out why no connection to a gateway could be opened. The library has the same code for a
+// machine that is down and a gateway that hangs, and for a web server and a gateway that is stopping.
 #ifndef ZEBTOOL_DIAGNOSE_H
 #define ZEBTOOL_DIAGNOSE_H
 
@@ -12,9 +12,10 @@ namespace zebtool {
 // at once.
 bool canConnect(const std::string& address, int port, double seconds);
 
-// Connects to the first of the numeric addresses that lets it, sends what a client sends first, and
-// waits for an answer. Takes up to a second for each of these two steps. Returns the cause and what
-// to do about it; an empty text if there are no addresses.
+// Connects to the first of the numeric addresses that accepts, sends what a client sends first, and
+// waits for an answer. Takes up to a second to connect, and another one to wait. Returns the cause
+// and what to do about it, with the bytes of an answer that is no gateway's; an empty text if there
+// are no addresses.
 std::string diagnose(const std::vector<std::string>& addresses, int port);
 
 }  // namespace zebtool

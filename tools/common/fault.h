@@ -12,7 +12,7 @@ enum ExitCode {
   kDone = 0,
   kElementRefused = 1,  // the gateway answered an element with an error
   kUsage = 2,
-  kNotConnected = 3,  // the gateway could not be asked, or its answer could not be written
+  kNotConnected = 3,  // the gateway could not be asked, or standard output not be written
   kTimedOut = 4,
   kNothingMatched = 5,
 };

@@ -81,9 +81,13 @@ std::vector<std::string> resolve(const std::string& host) {
 
 using Elements = std::span<const std::string>;
 
+// Joins the elements to a query, which a NUL would end: it is written as the wire has it.
 std::string join(Elements elements) {
   std::string joined;
-  for (const std::string& element : elements) joined += (joined.empty() ? "" : ":") + element;
+  for (const std::string& element : elements) {
+    if (!joined.empty()) joined += ':';
+    for (char c : element) joined += c != '\0' ? std::string(1, c) : "\xC0\x80";
+  }
   return joined;
 }
 
@@ -281,7 +285,7 @@ void Gateway::connect() {
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
   if (code == ZEB_OK) return;
-  fail("connect", code, isDiagnosing_ ? diagnose(addresses, address_.port) : "");
+  fail("connect", code, isDiagnosing_ ? toShown(diagnose(addresses, address_.port)) : "");
 }
 
 void Gateway::fail(const char* step, int code, const std::string& cause) const {

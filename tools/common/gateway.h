@@ -1,4 +1,4 @@
-// Asks a gateway. No step takes longer than the library's timeout.
+// Asks a gateway. Only the resolution of a host name may take longer than the library's timeout.
 #ifndef ZEBTOOL_GATEWAY_H
 #define ZEBTOOL_GATEWAY_H
 
@@ -66,9 +66,8 @@ const char* nameOf(FaultReason reason);
 // closes the connection, which may take until the timeout.
 class Gateway {
  public:
-  // The timeout is only named in messages; setUpLibrary() must have been given the same. If
-  // failures are to be diagnosed, one in connecting takes up to two seconds more and names its
-  // cause.
+  // The timeout is only named in messages; setUpLibrary() must have been given the same. With
+  // isDiagnosing a failure to connect takes up to two seconds more, and its message names the cause.
   Gateway(Address address, double timeoutSeconds, bool isDiagnosing = false)
       : address_(std::move(address)),
         timeoutSeconds_(timeoutSeconds),

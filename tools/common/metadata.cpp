@@ -2,16 +2,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
+#include <memory>
+#include <set>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "fault.h"
 #include "glob.h"
+#include "text.h"
 
 namespace zebtool {
 
@@ -54,32 +56,63 @@ class Reader {
   explicit Reader(std::string path) : path_(std::move(path)) {}
 
   std::vector<StatInfo> read() {
-    Json document = parse();
+    Json document = parse(readFile());
     checkKeys(document, "the document", {"statistics"});
     if (!document.contains("statistics")) fail("the document", "has no \"statistics\"");
     const Json& list = document["statistics"];
     if (!list.is_array()) fail("statistics", "is not an array");
     std::vector<StatInfo> infos;
-    for (std::size_t i = 0; i < list.size(); ++i)
-      infos.push_back(readInfo(list[i], "statistics[" + std::to_string(i) + "]"));
+    for (std::size_t i = 0; i < list.size(); ++i) infos.push_back(readInfo(list[i], nameEntry(i)));
     return infos;
   }
 
  private:
+  static std::string nameEntry(std::size_t i) { return "statistics[" + std::to_string(i) + "]"; }
+
   [[noreturn]] void fail(const std::string& place, const std::string& what) const {
-    throw Fault(kUsage, "--metadata: " + path_ + ": " + place + " " + what);
+    throw Fault(kUsage, "--metadata: " + path_ + ": " + place + " " + toShown(what));
   }
 
-  Json parse() const {
-    std::ifstream file(path_, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (!file) throw Fault(kUsage, "--metadata: " + path_ + ": " + std::strerror(errno));
+  [[nodiscard]] std::string readFile() const {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path_.c_str(), "rb"), std::fclose);
+    std::string text;
+    char part[4096];
+    std::size_t size = 0;
+    while (file && (size = std::fread(part, 1, sizeof part, file.get())) > 0)
+      text.append(part, size);
+    if (!file || std::ferror(file.get()) != 0)
+      throw Fault(kUsage, "--metadata: " + path_ + ": " + std::strerror(errno));
+    return text;
+  }
+
+  // Refuses an object that has a key twice, of which Json::parse would keep only the last.
+  [[nodiscard]] Json parseObjects(const std::string& text) const {
+    using Event = Json::parse_event_t;
+    std::vector<std::set<std::string>> open;  // the keys of each object that has not ended
+    std::size_t entries = 0;
+    return Json::parse(text, [&](int, Event event, const Json& parsed) {
+      if (event == Event::object_start) {
+        if (open.size() == 1) ++entries;
+        open.emplace_back();
+      } else if (event == Event::object_end) {
+        open.pop_back();
+      } else if (event == Event::key && !open.back().insert(parsed).second) {
+        fail(open.size() == 1 ? "the document" : nameEntry(entries - 1),
+             "has the key \"" + parsed.get<std::string>() + "\" twice");
+      }
+      return true;
+    });
+  }
+
+  [[nodiscard]] Json parse(const std::string& text) const {
     try {
-      return Json::parse(text);
+      return parseObjects(text);
     } catch (const Json::parse_error& error) {
       std::size_t end = std::min<std::size_t>(error.byte == 0 ? 0 : error.byte - 1, text.size());
       auto line = 1 + std::count(text.begin(), text.begin() + static_cast<long>(end), '\n');
       fail("line " + std::to_string(line), "is not valid JSON");
+    } catch (const Json::out_of_range&) {
+      fail("the document", "has a number that is too large");
     }
   }
 
@@ -96,7 +129,7 @@ class Reader {
     if (!object.contains(key)) return {};
     const Json& value = object[key];
     if (!value.is_string() || value.get<std::string>().empty())
-      fail(place + "." + key, "is not a text");
+      fail(place + "." + key, "is not a text, or is empty");
     return value.get<std::string>();
   }
 

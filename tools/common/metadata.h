@@ -1,5 +1,4 @@
-// What a file says about statistics that the gateway itself does not: their types, units and
-// meanings.
+// Types, units and meanings of statistics: the gateway does not send them, so a file has them.
 #ifndef ZEBTOOL_METADATA_H
 #define ZEBTOOL_METADATA_H
 
@@ -32,7 +31,7 @@ class Metadata {
   // Reads a JSON file such as
   //   {"statistics": [{"id": "*_BYTES_*", "type": "counter", "unit": "bytes", "help": "..."}]}
   // in which only "id" is required. Throws a Fault (kUsage) that names the file and the place if it
-  // cannot be read, or if it has a key, type or unit that is not known.
+  // cannot be read, or if it has a key, type or unit that is not known, or a key twice.
   explicit Metadata(const std::string& path);
 
   // Returns the first entry that matches the id, or null.

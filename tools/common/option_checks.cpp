@@ -8,10 +8,6 @@
 
 namespace zebtool {
 
-std::optional<long double> parseTyped(const std::string& text) {
-  return parseNumber(text.starts_with('.') ? "0" + text : text);
-}
-
 OptionCheck wantNumber(long double low, long double high, const std::string& what) {
   return [=](const std::string& text) {
     std::optional<long double> number = parseTyped(text);
@@ -46,9 +42,13 @@ OptionCheck wantTraceLevel() {
 }
 
 OptionCheck wantWord(const OptionRow& row) {
-  return [&row](const std::string& text) {
+  return wantWord(row.words);
+}
+
+OptionCheck wantWord(const char* words) {
+  return [words](const std::string& text) {
     std::string known;
-    for (std::string_view word : wordsOf(row)) {
+    for (std::string_view word : wordsOf(words)) {
       if (text == word) return std::string();
       known += (known.empty() ? "" : ", ") + std::string(word);
     }
@@ -67,13 +67,14 @@ std::string wantPath(const std::string& text) {
 }
 
 std::string wantText(const std::string& text) {
-  return text.empty() ? "an empty text is not a name; the commands ids and groups list them"
-                      : std::string();
+  return text.empty() ? "an empty text is not a name or pattern" : std::string();
 }
 
 OptionCheck wantName(const OptionRow& repeating) {
   return [&repeating](const std::string& text) {
-    if (!parseTyped(text)) return wantText(text);
+    if (text.empty())
+      return std::string("an empty text is not a name; the commands ids and groups list them");
+    if (!parseTyped(text)) return std::string();
     return "'" + text + "' is not a name; to repeat every " + text + " seconds write " +
            repeating.name + "=" + text;
   };

@@ -4,7 +4,6 @@
 #define ZEBTOOL_OPTION_CHECKS_H
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,22 +14,21 @@ namespace zebtool {
 
 using OptionCheck = std::function<std::string(const std::string&)>;
 
-// Parses a number that a person has typed, who may leave out the digit before the point.
-std::optional<long double> parseTyped(const std::string& text);
-
 OptionCheck wantNumber(long double low, long double high, const std::string& what);
 // Wants a number without sign and point.
 OptionCheck wantWhole(long low, long high, const std::string& what);
-// Wants a number of seconds from that up to a day.
+// Wants a number of seconds, from the lowest up to a day.
 OptionCheck wantSeconds(long double lowest);
 OptionCheck wantTimeout();
 OptionCheck wantPort();
 OptionCheck wantTraceLevel();
-// Wants one of the words of the row.
+// Wants one of the words of the row, or of those that blanks separate.
 OptionCheck wantWord(const OptionRow& row);
+OptionCheck wantWord(const char* words);
 
 std::string wantAddress(const std::string& text);
 std::string wantPath(const std::string& text);
+// Wants a name or a pattern, which may be anything but empty.
 std::string wantText(const std::string& text);
 // Wants the name of a statistic or group. A lone number is refused: most probably it is meant for
 // the option that repeats the question.

@@ -75,7 +75,7 @@ constexpr OptionRow kOptions[] = {
     {Option::kState, "--state", "", "FILE", Takes::kOne, kCheck,
      "where --rate keeps the values of the last run", Completion::kFile, ""},
     {Option::kUnreachable, "--unreachable", "", "STATE", Takes::kOne, kCheck,
-     "for a gateway that does not answer (critical)", Completion::kWords,
+     "if it does not answer: critical, warning or unknown", Completion::kWords,
      "critical warning unknown"},
     {Option::kMetadata, "--metadata", "", "FILE", Takes::kOne, kCheck,
      "has the units of performance data", Completion::kFile, ""},
@@ -96,9 +96,9 @@ constexpr OptionRow kOptions[] = {
     {Option::kChanged, "--changed", "", "", Takes::kNothing, kLive,
      "show only what has changed in the last minute", Completion::kNothing, ""},
     {Option::kInclude, "--include", "", "GLOB", Takes::kRepeated, kShow | kLive,
-     "show only ids that match; may be repeated, as may", Completion::kNothing, ""},
+     "show only ids that match; may be repeated", Completion::kNothing, ""},
     {Option::kExclude, "--exclude", "", "GLOB", Takes::kRepeated, kShow | kLive,
-     "leave out ids that match", Completion::kNothing, ""},
+     "leave out ids that match; may be repeated", Completion::kNothing, ""},
     {Option::kGateway, "--gateway", "", "HOST:PORT", Takes::kRepeated, kShow | kLive,
      "a gateway; repeat it to ask several at once", Completion::kHost, ""},
     {Option::kHost, "--host", "-H", "HOST", Takes::kOne, kAsk | kLive,
@@ -152,14 +152,17 @@ const CommandRow* findCommand(std::string_view name) {
 }
 
 std::vector<std::string_view> wordsOf(const OptionRow& row) {
-  std::vector<std::string_view> words;
-  std::string_view rest = row.words;
-  while (!rest.empty()) {
-    std::size_t end = std::min(rest.find(' '), rest.size());
-    words.push_back(rest.substr(0, end));
-    rest.remove_prefix(std::min(end + 1, rest.size()));
+  return wordsOf(row.words);
+}
+
+std::vector<std::string_view> wordsOf(std::string_view words) {
+  std::vector<std::string_view> list;
+  while (!words.empty()) {
+    std::size_t end = std::min(words.find(' '), words.size());
+    list.push_back(words.substr(0, end));
+    words.remove_prefix(std::min(end + 1, words.size()));
   }
-  return words;
+  return list;
 }
 
 std::string namesOf(const OptionRow& row, const char* between) {

@@ -102,8 +102,9 @@ inline bool hasOption(Command command, const OptionRow& row) {
   return (row.commands & bitOf(command)) != 0;
 }
 
-// Returns the words of a row one by one.
+// Returns the words of a row, or those that blanks separate, one by one.
 std::vector<std::string_view> wordsOf(const OptionRow& row);
+std::vector<std::string_view> wordsOf(std::string_view words);
 // Returns the short and the long name, with a text between them.
 std::string namesOf(const OptionRow& row, const char* between);
 

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -55,12 +55,25 @@ int writeAll(int file, std::string_view text) {
 
 Fault makeFileFault(const std::string& option, const std::string& path, const std::string& what) {
   return {kUsage, option + ": cannot write '" + path + "': " + what +
-                      "; name a file in a folder that can be written to"};
+                      "; name a file of your own, in a folder that can be written to"};
 }
 
 std::string folderOf(const std::string& path) {
   std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+}
+
+// Returns the file to which the path leads; only its folder must exist.
+std::string followLinks(std::string path) {
+  constexpr int kMaxLinks = 40;  // as many as the kernel follows
+  char target[PATH_MAX];
+  for (int links = 0; links < kMaxLinks; ++links) {
+    ssize_t length = readlink(path.c_str(), target, sizeof target);
+    if (length < 0) break;
+    std::string_view next(target, static_cast<std::size_t>(length));
+    path = (next.starts_with('/') ? "" : folderOf(path)).append(next);
+  }
+  return path;
 }
 
 }  // namespace
@@ -80,15 +93,13 @@ void writeOutput(const std::string& text) {
 }
 
 OutputFile::OutputFile(const std::string& path, std::string option)
-    : path_(path), option_(std::move(option)) {
+    : path_(followLinks(path)), option_(std::move(option)) {
   struct stat found {};
-  char* target = realpath(path.c_str(), nullptr);  // null if the file does not exist yet
-  if (target != nullptr) path_ = target;
-  std::free(target);
-  bool isThere = stat(path_.c_str(), &found) == 0;
+  bool isThere = stat(path.c_str(), &found) == 0;
   if (isThere && !S_ISREG(found.st_mode))
     throw makeFileFault(option_, path, "it is not a regular file");
-  if (access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
+  bool mayExist = isThere || errno == ENOENT;
+  if (!mayExist || access(folderOf(path_).c_str(), W_OK | X_OK) != 0)
     throw makeFileFault(option_, path, std::strerror(errno));
 }
 

@@ -21,11 +21,11 @@ class OutputFile {
   // Throws a Fault if no file can be written there; call it before asking for the content. Messages
   // name the option that has given the path.
   explicit OutputFile(const std::string& path, std::string option = "--output");
-  // Replaces the content. Throws a Fault; the file is as it was then.
+  // Replaces the content. If it cannot, it throws a Fault and leaves the file as it was.
   void replace(const std::string& text) const;
 
  private:
-  std::string path_;  // not a symbolic link: what it points to is replaced
+  std::string path_;  // of the file itself, to which a symbolic link may have led
   std::string option_;
 };
 

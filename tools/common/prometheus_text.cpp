@@ -176,10 +176,12 @@ std::string showDouble(double number) {
 // value is a text or too large for a server.
 std::optional<std::string> makeNumber(const std::string& value, const StatInfo* info) {
   std::optional<long double> number = parseNumber(value);
-  if (!number || !std::isfinite(static_cast<double>(*number))) return std::nullopt;
+  if (!number) return std::nullopt;
   long double factor = info != nullptr && info->unit != nullptr ? info->unit->factor : 1;
   if (factor == 1) return value;
-  return showDouble(static_cast<double>(*number * factor));
+  double converted = static_cast<double>(*number * factor);
+  if (!std::isfinite(converted)) return std::nullopt;
+  return showDouble(converted);
 }
 
 // Cuts a text for a label if it is long. A character at the cut is left out as a whole.

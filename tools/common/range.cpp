@@ -17,12 +17,12 @@ std::optional<Range> parseRange(std::string_view text) {
   if (low == "~") {
     range.low = -kNoLimit;
   } else if (!low.empty()) {  // ":10" is "0:10"
-    std::optional<long double> number = parseNumber(low);
+    std::optional<long double> number = parseTyped(low);
     if (!number) return std::nullopt;
     range.low = *number;
   }
   if (!high.empty() || !mayLackHigh) {
-    std::optional<long double> number = parseNumber(high);
+    std::optional<long double> number = parseTyped(high);
     if (!number) return std::nullopt;
     range.high = *number;
   }

@@ -232,6 +232,13 @@ std::optional<long double> parseNumber(std::string_view text) {
   return value;
 }
 
+std::optional<long double> parseTyped(std::string_view text) {
+  std::string number(text);
+  std::size_t start = number.starts_with('-') ? 1 : 0;
+  if (number.find('.') == start) number.insert(start, "0");
+  return parseNumber(number);
+}
+
 std::string showNumber(long double value, int decimals) {
   char digits[64];
   if (std::fabs(value) >= 1e30L) {

@@ -35,6 +35,9 @@ std::string cutToColumns(std::string_view utf8, std::size_t columns);
 // format and command takes the same texts for numbers.
 std::optional<long double> parseNumber(std::string_view text);
 
+// Parses a number that a person has typed, who may leave out the digit before the point.
+std::optional<long double> parseTyped(std::string_view text);
+
 // Writes a number with at most that many decimals, without trailing zeros and, below 1e30, without
 // an exponent.
 std::string showNumber(long double value, int decimals);

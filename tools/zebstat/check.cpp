@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <exception>
 #include <limits>
-#include <memory>
 #include <string_view>
 
 #include "check_state.h"
@@ -28,7 +27,7 @@ struct Finding {
   std::string performance;  // empty if there is none
 };
 
-// The state that matters most: critical, then warning, then unknown.
+// Returns how much a state matters: critical most, then warning, then unknown.
 int weightOf(CheckState state) {
   constexpr int kWeights[] = {0, 2, 3, 1};
   return kWeights[state];
@@ -41,21 +40,40 @@ std::string onOneLine(const std::string& bytes) {
   return text;
 }
 
-bool matchesRegex(const std::string& pattern, const std::string& text) {
-  regex_t compiled;
-  if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
-  std::unique_ptr<regex_t, decltype(&regfree)> owner(&compiled, regfree);
-  return regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+std::string nameText(const std::string& text) {
+  return text.empty() ? "an empty text" : text;
 }
 
-// Returns the range of an id: its own, or the one for all.
+class Regex {
+ public:
+  explicit Regex(const std::string& pattern)
+      : isValid_(regcomp(&compiled_, pattern.c_str(), REG_EXTENDED | REG_NOSUB) == 0) {}
+  ~Regex() {
+    if (isValid_) regfree(&compiled_);
+  }
+  Regex(const Regex&) = delete;
+  Regex& operator=(const Regex&) = delete;
+
+  [[nodiscard]] bool isValid() const { return isValid_; }
+  [[nodiscard]] bool matches(const std::string& text) const {
+    regmatch_t whole{0, static_cast<regoff_t>(text.size())};  // not only up to a NUL
+    return regexec(&compiled_, text.c_str(), 1, &whole, REG_STARTEND) == 0;
+  }
+
+ private:
+  regex_t compiled_{};
+  bool isValid_;
+};
+
+// Returns the range of an id: its own, or the one for all; the last one that was given.
 const Range* rangeFor(const std::vector<CheckRange>& ranges, const std::string& id) {
+  const Range* own = nullptr;
   const Range* common = nullptr;
   for (const CheckRange& range : ranges) {
-    if (range.id == id) return &range.range;
+    if (range.id == id) own = &range.range;
     if (range.id.empty()) common = &range.range;
   }
-  return common;
+  return own != nullptr ? own : common;
 }
 
 // ---- Performance data ---------------------------------------------------------------------------
@@ -86,8 +104,10 @@ std::string unitFor(const StatInfo* info) {
 std::string digitsOf(const std::string& number) {
   std::size_t end = number.find_first_of("eE");
   if (end == std::string::npos) return number;
-  constexpr long kMost = 400;  // beyond it, a number that fits into a double is 0
-  long exponent = std::clamp(std::strtol(number.c_str() + end + 1, nullptr, 10), -kMost, kMost);
+  // With a greater exponent a number is 0, or does not fit into a double.
+  const long maxExponent = static_cast<long>(end) + 400;
+  long exponent =
+      std::clamp(std::strtol(number.c_str() + end + 1, nullptr, 10), -maxExponent, maxExponent);
   std::string sign = number[0] == '-' ? "-" : "";
   std::string digits = number.substr(sign.size(), end - sign.size());
   std::size_t point = std::min(digits.find('.'), digits.size());
@@ -101,6 +121,15 @@ std::string digitsOf(const std::string& number) {
   return sign + digits.substr(zeros);
 }
 
+std::string limitsOf(const Range* range) {
+  if (range == nullptr) return {};
+  const std::string& text = range->text;
+  std::size_t low = text.starts_with('@') ? 1 : 0;
+  std::size_t colon = std::min(text.find(':'), text.size());
+  std::string limits = text.substr(0, low) + digitsOf(text.substr(low, colon - low));
+  return colon == text.size() ? limits : limits + ":" + digitsOf(text.substr(colon + 1));
+}
+
 struct Measured {
   std::string digits;
   long double number = 0;
@@ -109,10 +138,8 @@ struct Measured {
 std::string writePerformance(const std::string& label, const Measured& measured,
                              const std::string& unit, const Range* warning, const Range* critical) {
   std::string text = label + "=" + measured.digits + unit;
-  if (warning != nullptr || critical != nullptr) {
-    text += ";" + (warning != nullptr ? warning->text : "");
-    if (critical != nullptr) text += ";" + critical->text;
-  }
+  if (warning != nullptr || critical != nullptr) text += ";" + limitsOf(warning);
+  if (critical != nullptr) text += ";" + limitsOf(critical);
   return text;
 }
 
@@ -145,7 +172,7 @@ class Judge {
   Finding judgeValue(const std::string& id, const std::string& value) {
     if (options_.equals || options_.matches) return judgeText(id, value);
     std::optional<long double> number = parseNumber(value);
-    if (!number) return {kStateUnknown, id + " is no number: " + value, {}};
+    if (!number) return {kStateUnknown, id + " is no number: " + nameText(value), {}};
     if (options_.isRate) return judgeRate(id, value, *number);
     return judgeNumber(id + " is " + value, id, {digitsOf(value), *number},
                        unitFor(metadata_.find(id)));
@@ -155,10 +182,10 @@ class Judge {
     std::string expected;
     std::string text = toUtf8(value);
     if (options_.equals && text != *options_.equals)
-      expected = "expected is " + *options_.equals;
-    else if (options_.matches && !matchesRegex(*options_.matches, text))
+      expected = "expected is " + nameText(*options_.equals);
+    else if (options_.matches && !Regex(*options_.matches).matches(text))
       expected = "expected is a match of " + *options_.matches;
-    std::string message = id + " is " + value;
+    std::string message = id + " is " + nameText(value);
     std::string performance;
     if (std::optional<long double> number = parseNumber(value))
       performance = writePerformance(labelFor(id), {digitsOf(value), *number},
@@ -186,7 +213,8 @@ class Judge {
     }
     long double rate = (number - before) / static_cast<long double>(now - earlier->seconds);
     std::string digits = showNumber(rate, 6);
-    return judgeNumber(id + " grows by " + digits + " per second", id, {digits, rate}, "");
+    return judgeNumber(id + " grows by " + digits + " per second", id, {digitsOf(digits), rate},
+                       "");
   }
 
   [[nodiscard]] Finding judgeNumber(std::string message, const std::string& id,
@@ -266,10 +294,7 @@ std::optional<CheckRange> parseCheckRange(const std::string& text) {
 }
 
 bool isRegex(const std::string& text) {
-  regex_t compiled;
-  if (regcomp(&compiled, text.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
-  regfree(&compiled);
-  return true;
+  return Regex(text).isValid();
 }
 
 int runCheck(const CheckOptions& options, Gateway& gateway) {

@@ -14,7 +14,7 @@ namespace zebtool {
 // The plug-in's states are also its exit codes.
 enum CheckState { kStateOk = 0, kStateWarning = 1, kStateCritical = 2, kStateUnknown = 3 };
 
-// A range that one statistic must keep, or each of those that are checked if id is empty.
+// A range for one statistic or, if id is empty, for all that are checked.
 struct CheckRange {
   std::string id;
   Range range;

@@ -4,15 +4,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "output.h"
 #include "text.h"
 
 namespace zebtool {
 
 using Json = nlohmann::json;
 
-CheckStateFile::CheckStateFile(std::string path) : path_(std::move(path)) {
-  std::ifstream file(path_);
+CheckStateFile::CheckStateFile(const std::string& path) : file_(path, "--state") {
+  std::ifstream file(path);
   std::string text;
   std::getline(file, text, '\0');
   Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
@@ -39,7 +38,7 @@ void CheckStateFile::save() const {
   Json document = Json::array();
   for (const auto& [key, value] : values_)
     document.push_back({key.first, key.second, value.seconds, value.value});
-  OutputFile(path_, "--state").replace(document.dump() + "\n");
+  file_.replace(document.dump() + "\n");
 }
 
 }  // namespace zebtool

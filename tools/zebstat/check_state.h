@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "output.h"
+
 namespace zebtool {
 
 struct EarlierValue {
@@ -16,8 +18,9 @@ struct EarlierValue {
 
 class CheckStateFile {
  public:
-  // Reads the file; one that does not exist or was not written by save() counts as empty.
-  explicit CheckStateFile(std::string path);
+  // Reads the file; one that does not exist or was not written by save() counts as empty. Throws a
+  // Fault if no file can be written there.
+  explicit CheckStateFile(const std::string& path);
 
   [[nodiscard]] std::optional<EarlierValue> find(const std::string& gateway,
                                                  const std::string& id) const;
@@ -26,7 +29,7 @@ class CheckStateFile {
   void save() const;
 
  private:
-  std::string path_;
+  OutputFile file_;
   std::map<std::pair<std::string, std::string>, EarlierValue> values_;
 };
 

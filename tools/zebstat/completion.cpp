@@ -20,7 +20,7 @@ std::string quote(const std::string& text) {
   return "'" + replaceAll(text, "'", "'\\''") + "'";
 }
 
-// Whether the table has the options of the command, or only the help of another program.
+// Returns whether the table has the options of the command; otherwise the help of its program does.
 bool hasRows(const CommandRow& command) {
   const auto isOfCommand = [&](const OptionRow& row) { return hasOption(command.command, row); };
   return std::any_of(allOptions().begin(), allOptions().end(), isOfCommand);
@@ -35,15 +35,17 @@ std::string commandNames(const char* between) {
 
 // ---- bash ---------------------------------------------------------------------------------------
 
-// Bash splits words at ':' and '=', so the function splits the line itself.
+// Bash splits words at ':' and '=', so the function splits the line itself. An id may hold what the
+// shell would execute, such as $(...): ids are offered quoted, and never pass through compgen -W,
+// which expands its words.
 constexpr char kBashStart[] = R"(# Completes zebstat; printed by `zebstat completion bash`.
 _zebstat_offer() { # KIND [WORD...]
-  local known at options=()
+  local known=() word at options=()
   case $1 in
-    words) known=${*:2} ;;
+    words) known=("${@:2}") ;;
     file) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
     help)
-      known=$("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' |
+      mapfile -t known < <("${line[0]}" "$command" --help 2>/dev/null | tr -s ' ,=[' '\n' |
         grep -E '^--?[[:alpha:]]') ;;
     host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current") && return ;;
     ids | groups)
@@ -52,9 +54,13 @@ _zebstat_offer() { # KIND [WORD...]
           -H | --host | -p | --port | --gateway) options+=("${line[at]}" "${line[at + 1]}") ;;
         esac
       done
-      known=$("${line[0]}" "$1" --format value --timeout 1 "${options[@]}" 2>/dev/null) ;;
+      mapfile -t known < <("${line[0]}" "$1" --format value --timeout 1 "${options[@]}" \
+        2>/dev/null) ;;
   esac
-  mapfile -t COMPREPLY < <(compgen -W "$known" -- "$current")
+  for word in "${known[@]}"; do
+    printf -v word %q "$word"
+    [[ $word != "$current"* ]] || COMPREPLY+=("$word")
+  done
 }
 _zebstat() {
   local line current word command='' option=''

@@ -25,7 +25,7 @@ int askGateways(const Options& options) {
   return runCheck(options.check, gateway);
 }
 
-int run(int argc, char** argv) {
+int runCommand(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->command == Command::kCompletion) {
@@ -41,6 +41,14 @@ int run(int argc, char** argv) {
   return askGateways(*options);
 }
 
+int run(int argc, char** argv) {
+  try {
+    return runCommand(argc, argv);
+  } catch (const CheckUsageFault& fault) {
+    return reportCheckUsage(fault);
+  }
+}
+
 }  // namespace
 
 }  // namespace zebtool
@@ -49,8 +57,6 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
   try {
     return zebtool::run(argc, argv);
-  } catch (const zebtool::CheckUsageFault& fault) {
-    return zebtool::reportCheckUsage(fault);
   } catch (const zebtool::Fault& fault) {
     zebtool::printMessage(fault.what());
     return fault.exitCode;

@@ -12,6 +12,8 @@
 #include "help.h"
 #include "option_checks.h"
 #include "option_parser.h"
+#include "output.h"
+#include "text.h"
 
 namespace zebtool {
 
@@ -27,6 +29,12 @@ std::string wantRegex(const std::string& text) {
   return isRegex(text) ? std::string() : "'" + text + "' is not an extended regular expression";
 }
 
+// A lone number is most probably a range without its option.
+std::string wantCheckedName(const std::string& text) {
+  if (!parseTyped(text)) return wantText(text);
+  return "'" + text + "' is not a name; a range follows --warning or --critical";
+}
+
 std::string nameCommands() {
   std::string names;
   for (const CommandRow& row : allCommands()) {
@@ -35,19 +43,43 @@ std::string nameCommands() {
   return names;
 }
 
+// Returns whether the argument is an option that needs a value and has an empty one, as "--host="
+// in a script whose variable is not set.
+bool hasEmptyValue(std::string_view argument) {
+  if (!argument.ends_with('=')) return false;
+  return std::any_of(allOptions().begin(), allOptions().end(), [&](const OptionRow& row) {
+    bool needsValue = row.takes != Takes::kNothing && row.takes != Takes::kOptional;
+    return needsValue && argument == std::string(row.name) + "=";
+  });
+}
+
 // Returns the arguments in the reverse order that CLI11 wants. "--watch 5" becomes "--watch=5",
-// since the option's value is optional.
+// since the option's value is optional. "--host=" becomes "--host" and an empty text: CLI11 would
+// take the next argument for the value.
 std::vector<std::string> readArguments(int argc, char** argv) {
   std::vector<std::string> arguments;
+  long end = std::find(argv, argv + argc, std::string_view("--")) - argv;  // of the options
   for (int i = argc - 1; i > 0; --i) {
-    bool isWatch = std::string_view(argv[i]) == "--watch";
-    if (isWatch && !arguments.empty() && parseTyped(arguments.back())) {
+    std::string_view argument = argv[i];
+    if (i < end && argument == "--watch" && !arguments.empty() && parseTyped(arguments.back())) {
       arguments.back().insert(0, "--watch=");
+    } else if (i < end && hasEmptyValue(argument)) {
+      arguments.emplace_back();
+      arguments.emplace_back(argument.substr(0, argument.size() - 1));
     } else {
-      arguments.emplace_back(argv[i]);
+      arguments.emplace_back(argument);
     }
   }
   return arguments;
+}
+
+// Removes all but the first of equal gateways, which would be shown twice.
+void removeRepeated(std::vector<Address>& gateways) {
+  auto end = gateways.begin();
+  for (const Address& gateway : std::vector<Address>(gateways)) {
+    if (std::find(gateways.begin(), end, gateway) == end) *end++ = gateway;
+  }
+  gateways.erase(end, gateways.end());
 }
 
 // Holds the raw options of a command line and combines them.
@@ -76,15 +108,16 @@ class Parser {
     try {
       app_.parse(readArguments(argc, argv));
       finish();
-    } catch (const CLI::Success& asked) {
-      app_.exit(asked);
+    } catch (const CLI::CallForHelp&) {
+      writeOutput(app_.help());
       return std::nullopt;
-    } catch (const CLI::ExtrasError& fault) {
-      if (!app_.get_subcommands().empty()) throw usage(fault.what());
-      throw usage(app_.remaining().front() + " is not a command; the commands are " +
-                  nameCommands());
+    } catch (const CLI::CallForVersion& asked) {
+      writeOutput(asked.what() + std::string("\n"));
+      return std::nullopt;
+    } catch (const CLI::ExtrasError&) {
+      refuse(explainExtra());
     } catch (const CLI::ParseError& fault) {
-      throw usage(fault.what());
+      refuse(fault.what());
     }
     return std::move(options_);
   }
@@ -122,12 +155,10 @@ class Parser {
         app->add_option("GROUP", options_.groups)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kCheck:
-        app->add_option("ID", options_.check.ids)
-            ->check(wantName(rowOf(Option::kWatch)))
-            ->required();
+        app->add_option("ID", options_.check.ids)->check(wantCheckedName)->required();
         break;
       case Command::kCompletion:
-        app->add_option("SHELL", options_.shell)->required();
+        app->add_option("SHELL", options_.shell)->check(wantWord(command.words))->required();
         break;
       case Command::kGroups:
       case Command::kLive:
@@ -151,93 +182,73 @@ class Parser {
     }
   }
 
-  void add(CLI::App* app, const OptionRow& row) {
+  // Adds an option, with the check of its value. Returns null for one that is added elsewhere.
+  CLI::Option* add(CLI::App* app, const OptionRow& row) {
+    CheckOptions& check = options_.check;
     switch (row.option) {
       case Option::kGroup:
-        addOption(*app, row, options_.groups)->check(wantName(rowOf(Option::kWatch)));
-        break;
+        return addOption(*app, row, options_.groups)->check(wantName(rowOf(Option::kWatch)));
       case Option::kWarning:
-        addOption(*app, row, warnings_)->check(wantRange);
-        break;
+        return addOption(*app, row, warnings_)->check(wantRange);
       case Option::kCritical:
-        addOption(*app, row, criticals_)->check(wantRange);
-        break;
+        return addOption(*app, row, criticals_)->check(wantRange);
       case Option::kEquals:
-        addOption(*app, row, options_.check.equals);
-        break;
+        return addOption(*app, row, check.equals);
       case Option::kMatches:
-        addOption(*app, row, options_.check.matches)->check(wantRegex);
-        break;
+        return addOption(*app, row, check.matches)->check(wantRegex);
       case Option::kRate:
-        app->add_flag(namesOf(row, ","), options_.check.isRate);
-        break;
+        return app->add_flag(namesOf(row, ","), check.isRate);
       case Option::kState:
-        addOption(*app, row, options_.check.stateFile)->check(wantPath);
-        break;
+        return addOption(*app, row, check.stateFile)->check(wantPath);
       case Option::kUnreachable:
-        addOption(*app, row, unreachable_)->check(wantWord(row));
-        break;
+        return addOption(*app, row, unreachable_)->check(wantWord(row));
       case Option::kMetadata:
-        addOption(*app, row, options_.check.metadataFile)->check(wantPath);
-        break;
+        return addOption(*app, row, check.metadataFile)->check(wantPath);
       case Option::kVerbose:
-        app->add_flag(namesOf(row, ","), options_.check.verbosity);
-        break;
+        return app->add_flag(namesOf(row, ","), check.verbosity);
       case Option::kWatch:
-        app->add_flag(namesOf(row, ",") + "{2}", watch_)->check(wantSeconds(0.1L));
-        break;
+        return app->add_flag(namesOf(row, ",") + "{2}", watch_)->check(wantSeconds(0.1L));
       case Option::kCount:
-        addOption(*app, row, options_.rounds)
+        return addOption(*app, row, options_.rounds)
             ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
-        break;
       case Option::kFormat:
-        addOption(*app, row, format_)->check(wantWord(row));
-        break;
+        return addOption(*app, row, format_)->check(wantWord(row));
       case Option::kOutput:
-        addOption(*app, row, options_.outputFile)->check(wantPath);
-        break;
+        return addOption(*app, row, options_.outputFile)->check(wantPath);
       case Option::kInclude:
-        addOption(*app, row, options_.included)->check(wantText);
-        break;
+        return addOption(*app, row, options_.included)->check(wantText);
       case Option::kExclude:
-        addOption(*app, row, options_.excluded)->check(wantText);
-        break;
+        return addOption(*app, row, options_.excluded)->check(wantText);
       case Option::kGateway:
-        addOption(*app, row, gateways_)->check(wantAddress);
-        break;
+        return addOption(*app, row, gateways_)->check(wantAddress);
       case Option::kHost:
-        addOption(*app, row, host_)->check(wantAddress);
-        break;
+        return addOption(*app, row, host_)->check(wantAddress);
       case Option::kPort:
-        addOption(*app, row, port_)->check(wantPort());
-        break;
+        return addOption(*app, row, port_)->check(wantPort());
       case Option::kTimeout:
-        addOption(*app, row, options_.timeoutSeconds)->check(wantTimeout());
-        break;
+        return addOption(*app, row, options_.timeoutSeconds)->check(wantTimeout());
       case Option::kTrace:
-        addOption(*app, row, options_.traceLevel)->check(wantTraceLevel());
-        break;
+        return addOption(*app, row, options_.traceLevel)->check(wantTraceLevel());
       case Option::kTraceFile:
-        addOption(*app, row, options_.traceFile)
+        return addOption(*app, row, options_.traceFile)
             ->check(wantPath)
             ->needs(app->get_option(rowOf(Option::kTrace).name));
-        break;
       case Option::kInterval:  // only zebstat-live has these three
       case Option::kSort:
       case Option::kChanged:
-      case Option::kHelp:  // CLI11 has added these two
+      case Option::kHelp:  // the constructor adds these two
       case Option::kVersion:
         break;
     }
+    return nullptr;
   }
 
   // Checks that involve several options.
   void finish() {
     if (app_.get_subcommands().empty())
       throw CLI::ValidationError("give a command; the commands are " + nameCommands());
-    const CommandRow& command = rowOf(options_.command);
-    if (*command.program != '\0')
-      throw CLI::ValidationError(command.name, "write the command before its options");
+    if (isOtherProgram()) throw CLI::ValidationError(explainOrder());
+    if (options_.command == Command::kCompletion) return;  // it asks no gateway
     finishCheck();
     if (!watch_.empty()) options_.watchSeconds = static_cast<double>(*parseTyped(watch_));
     if (options_.outputFile == "-") options_.outputFile.clear();
@@ -274,6 +285,7 @@ class Parser {
         throw CLI::ValidationError("ZEBSTAT_GATEWAY in the environment", message);
     }
     if (options_.gateways.empty()) options_.gateways.push_back(chooseHost());
+    removeRepeated(options_.gateways);
     if (options_.command == Command::kCheck && options_.gateways.size() > 1)
       throw CLI::ValidationError("ZEBSTAT_GATEWAY", "check asks one gateway; name it with --host");
   }
@@ -303,12 +315,29 @@ class Parser {
     }
   }
 
-  Fault usage(const std::string& message) {
-    std::vector<CLI::App*> commands = app_.get_subcommands();
-    std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+  [[nodiscard]] bool isOtherProgram() const { return *rowOf(options_.command).program != '\0'; }
+
+  [[nodiscard]] std::string explainOrder() const {
+    return rowOf(options_.command).name + std::string(": write the command before its options");
+  }
+
+  // Returns what is wrong with the first argument that nothing expects.
+  [[nodiscard]] std::string explainExtra() const {
+    const std::string extra = app_.remaining(true).front();
+    if (app_.get_subcommands().empty())
+      return "'" + extra + "' is not a command; the commands are " + nameCommands();
+    if (isOtherProgram()) return explainOrder();
+    return "'" + extra + "' is not an " + (extra.starts_with('-') ? "option" : "argument") +
+           " of zebstat " + rowOf(options_.command).name;
+  }
+
+  // Throws the Fault for wrong usage.
+  [[noreturn]] void refuse(const std::string& message) const {
+    bool hasCommand = !app_.get_subcommands().empty();
+    std::string command = hasCommand ? std::string(" ") + rowOf(options_.command).name : "";
     std::string text = message + "; see zebstat" + command + " --help";
-    if (command == " check") throw CheckUsageFault(text);
-    return {kUsage, text};
+    if (hasCommand && options_.command == Command::kCheck) throw CheckUsageFault(text);
+    throw Fault(kUsage, text);
   }
 
   CLI::App app_{"", "zebstat"};

@@ -18,7 +18,7 @@ enum class Format { kTable, kJson, kJsonl, kCsv, kValue, kPrometheus };
 
 struct Options {
   Command command = Command::kStats;
-  std::vector<Address> gateways;  // one at least; exactly one for check
+  std::vector<Address> gateways;  // at least one; for check exactly one, for completion none
   double timeoutSeconds = 10;
   int traceLevel = 0;
   std::string traceFile;

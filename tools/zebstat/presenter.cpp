@@ -12,9 +12,9 @@ namespace zebtool {
 
 namespace {
 
-std::string joinLines(const Lines& lines, const char* lineEnd) {
+std::string joinLines(const Lines& lines, const char* lineStart = "") {
   std::string text;
-  for (const std::string& line : lines) text += line + lineEnd;
+  for (const std::string& line : lines) text += lineStart + line + "\n";
   return text;
 }
 
@@ -129,16 +129,19 @@ std::string Presenter::makeTitle(const Reports& reports) const {
   return who + "  " + latest.timestamp;
 }
 
-// Returns the table as it is to be written. A watched table has a title; on a terminal it replaces
-// the previous one and has no more lines than fit.
+// Returns the table as it is to be written; a watched one has a title.
 std::string Presenter::renderTables(const Reports& reports) {
   Screen screen = file_ ? Screen() : lookAtScreen();
-  if (!isWatch_) return joinLines(renderTable(reports, hasSeveral_, screen), "\n");
+  if (!isWatch_) return joinLines(renderTable(reports, hasSeveral_, screen));
   Lines lines = live_.render(reports, hasSeveral_, screen);
   std::string title = makeTitle(reports);
   lines.insert(lines.begin(), screen.columns > 0 ? cutToColumns(title, screen.columns) : title);
-  if (file_ || !screen.canRedraw) return (isFirst_ || file_ ? "" : "\n") + joinLines(lines, "\n");
+  if (!file_ && screen.canRedraw) return redraw(std::move(lines), screen);
+  return (isFirst_ || file_ ? "" : "\n") + joinLines(lines);
+}
 
+// Returns what replaces the lines on the terminal by these, or by as many of them as fit.
+std::string Presenter::redraw(Lines lines, const Screen& screen) {
   std::size_t room = screen.rows > 3 ? screen.rows - 1 : lines.size();
   if (lines.size() > room) {
     std::size_t left = lines.size() - room + 1;
@@ -152,7 +155,8 @@ std::string Presenter::renderTables(const Reports& reports) {
                                         : "";
   drawnLines_ = lines.size();
   drawnColumns_ = screen.columns;
-  return start + joinLines(lines, "\x1B[K\n") + "\x1B[J";
+  // Erases before it writes: after a full line the terminal would erase its last character.
+  return start + joinLines(lines, "\x1B[K") + "\x1B[J";
 }
 
 void Presenter::interrupt(const std::string& message) {

@@ -36,6 +36,7 @@ class Presenter {
   void write(const Reports& reports);
   std::string render(const Reports& reports);
   std::string renderTables(const Reports& reports);
+  std::string redraw(Lines lines, const Screen& screen);
   [[nodiscard]] std::string makeTitle(const Reports& reports) const;
   void printRefusals(const Report& report);
   void printUnmatched(const Reports& reports);

@@ -68,6 +68,12 @@ std::string renderDocument(const Report& report, bool isPretty) {
   return document.finish();
 }
 
+const char* csvHeading(Command command) {
+  if (command == Command::kGroups) return "timestamp,group,gateway\r\n";
+  return command == Command::kIds ? "timestamp,group,id,gateway\r\n"
+                                  : "timestamp,group,id,value,gateway\r\n";
+}
+
 }  // namespace
 
 // No gmtime: it would read the time zone file, which takes too long for a short run.
@@ -105,13 +111,8 @@ std::string renderJsonLines(const Reports& reports) {
 
 // Lines end with CR LF, as RFC 4180 wants.
 std::string renderCsv(const Reports& reports, bool withHeading) {
-  std::string text;
+  std::string text = withHeading ? csvHeading(reports.front().command) : "";
   for (const Report& report : reports) {
-    if (withHeading && text.empty()) {
-      text = report.command == Command::kStats ? "timestamp,group,id,value,gateway\r\n"
-             : report.command == Command::kIds ? "timestamp,group,id,gateway\r\n"
-                                               : "timestamp,group,gateway\r\n";
-    }
     for (const Entry& entry : report.answer.entries) {
       text += report.timestamp;
       if (report.command != Command::kGroups)

@@ -35,7 +35,7 @@ std::string groupOf(const Entry& entry, bool isByGroup);
 std::string renderJson(const Reports& reports, bool isArray);
 // Returns a line for each report.
 std::string renderJsonLines(const Reports& reports);
-// Returns a line for each entry.
+// Returns a line for each entry. There must be a report.
 std::string renderCsv(const Reports& reports, bool withHeading);
 // Returns the value of each entry on a line of its own; its id if the report has no values.
 std::string renderValues(const Reports& reports);

@@ -46,15 +46,15 @@ class Table {
  private:
   [[nodiscard]] std::string renderRow(const Row& row, const Screen& screen) const {
     // A long id must not push the values off the screen.
-    std::size_t most =
+    std::size_t maxWidth =
         screen.columns > 0 ? std::max<std::size_t>(screen.columns / 2, 20) : std::string::npos;
     std::string line;
     for (std::size_t i = 0; i < row.cells.size(); ++i) {
       bool isLast = i + 1 == row.cells.size();
       std::string cell = row.cells[i];
-      if (!isLast && columnsOf(cell) > most) cell = cutToColumns(cell, most - 3) + "...";
+      if (!isLast && columnsOf(cell) > maxWidth) cell = cutToColumns(cell, maxWidth - 3) + "...";
       std::size_t columns = columnsOf(cell);
-      std::size_t width = std::min(widths_[i], most);
+      std::size_t width = std::min(widths_[i], maxWidth);
       std::string padding(columns < width ? width - columns : 0, ' ');
       bool isNumber = i >= firstNumber_ && row.cells.size() == widths_.size();
       line += isNumber ? padding + cell : cell + (isLast ? "" : padding);
