@@ -244,6 +244,9 @@ class ExporterTest(unittest.TestCase):
             self.served.send_signal(number)
             self.assertEqual(self.served.wait(timeout=20), 0)
             self.assertLess(time.monotonic() - begin, 1)  # 0.2 on an idle machine
+            self.assertEqual(self.served.said(), "")
+            with contextlib.suppress(ConnectionResetError):
+                self.assertNotIn(b" 200 ", client.recv(99))  # no gateway is said to be down
 
     def test_wrong_usage(self):
         path = self.folder / "file"

@@ -1,14 +1,32 @@
 #include "process.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <exception>
 
 #include "fault.h"
+#include "output.h"
+#include "threads.h"
 #include "zebstats.hpp"
 
 namespace zebtool {
+
+int runProgram(int (*run)(int, char**), int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
+  int code = kNotConnected;
+  try {
+    code = run(argc, argv);
+  } catch (const Fault& fault) {
+    printMessage(fault.what());
+    code = fault.exitCode;
+  } catch (const std::exception& fault) {
+    printMessage(fault.what());
+  }
+  return endThreads(code);
+}
 
 void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& traceFile) {
   if (!traceFile.empty() && zebstats::setTraceFile(traceFile.c_str())) {
@@ -26,15 +44,15 @@ void endNow(int exitCode) {
   _exit(exitCode);
 }
 
-void waitForReader(double seconds) {
+bool waitWithReader(double seconds) {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(seconds);
   for (;;) {
     auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0) return;
+    if (left <= 0) return true;
     pollfd reader{STDOUT_FILENO, 0, 0};
     poll(&reader, 1, static_cast<int>(left));
-    if ((reader.revents & POLLERR) != 0) endNow(kDone);
+    if ((reader.revents & POLLERR) != 0) return false;
   }
 }
 

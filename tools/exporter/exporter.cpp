@@ -7,6 +7,7 @@
 #include "glob.h"
 #include "prometheus_text.h"
 #include "text.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -70,7 +71,7 @@ HttpResponse Exporter::answerMetrics(Clock::time_point deadline) {
   std::vector<Sample> samples;
   for (std::size_t i = 0; i < workers.size(); ++i)
     samples.push_back({workers[i]->name(), workers[i]->await(questions[i], deadline)});
-  return render(samples);
+  return respond(samples);
 }
 
 HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point deadline) {
@@ -81,10 +82,11 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   bool isNamed = std::find(allowed.begin(), allowed.end(), name) != allowed.end();
   if (!isNamed && !matchesAnyGlob(allowed, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
-  return render({{name, targets_.probe(*address).await(deadline)}});
+  return respond({{name, targets_.probe(*address).await(deadline)}});
 }
 
-HttpResponse Exporter::render(const std::vector<Sample>& samples) const {
+HttpResponse Exporter::respond(const std::vector<Sample>& samples) const {
+  if (isEnding()) return makeLine(503, "the exporter is ending");  // gateways would seem down
   std::vector<GatewayStats> stats;
   for (const Sample& sample : samples)
     stats.push_back({sample.gateway, &sample.scrape.report->entries});

@@ -32,7 +32,7 @@ class Exporter {
 
   HttpResponse answerMetrics(Clock::time_point deadline);
   HttpResponse answerProbe(const std::string& target, Clock::time_point deadline);
-  HttpResponse render(const std::vector<Sample>& samples) const;
+  HttpResponse respond(const std::vector<Sample>& samples) const;
   void renderState(const std::vector<Sample>& samples, MetricWriter& writer) const;
 
   const ExporterOptions& options_;

@@ -134,6 +134,14 @@ std::optional<std::string> HttpRequest::argument(const char* name) const {
 
 HttpServer::HttpServer(const Address& listen) : socket_(listenOn(listen)) {}
 
+HttpServer::~HttpServer() {
+  if (daemon_ == nullptr) {
+    close(socket_);
+  } else {
+    MHD_stop_daemon(daemon_);
+  }
+}
+
 Address HttpServer::address() const {
   sockaddr_storage bound{};
   socklen_t length = sizeof bound;
@@ -147,13 +155,13 @@ Address HttpServer::address() const {
 
 void HttpServer::start(HttpHandler handler) {
   handler_ = std::move(handler);
-  MHD_Daemon* daemon = MHD_start_daemon(
+  daemon_ = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, 0, nullptr,
       nullptr, handleRequest, &handler_, MHD_OPTION_LISTEN_SOCKET, socket_,
       MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       kMaxConnectionsOfHost, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_THREAD_STACK_SIZE, kStackBytes, MHD_OPTION_END);
-  if (daemon == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
+  if (daemon_ == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
 }
 
 }  // namespace zebtool

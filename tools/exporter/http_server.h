@@ -10,6 +10,7 @@
 #include "address.h"
 
 struct MHD_Connection;
+struct MHD_Daemon;
 
 namespace zebtool {
 
@@ -40,16 +41,21 @@ class HttpServer {
  public:
   // Opens the listening socket. Throws a Fault (kNotConnected) if it cannot.
   explicit HttpServer(const Address& listen);
+  // Closes all connections, and waits for the handlers that are running.
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
 
   // Returns the address that the socket has.
   [[nodiscard]] Address address() const;
 
-  // Serves until the process ends. Throws a Fault.
+  // Serves from now on. Throws a Fault.
   void start(HttpHandler handler);
 
  private:
   int socket_;
   HttpHandler handler_;
+  MHD_Daemon* daemon_ = nullptr;  // owns the socket, if there is one
 };
 
 }  // namespace zebtool

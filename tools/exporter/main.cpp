@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 
 #include "exporter.h"
 #include "fault.h"
@@ -18,6 +17,7 @@
 #include "output.h"
 #include "process.h"
 #include "targets.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -25,8 +25,6 @@ namespace {
 
 constexpr std::size_t kStackBytes = 256 * 1024;
 constexpr rlim_t kMaxFiles = 4096;
-// How long the end waits for gateways to be told. Those that hang are left.
-constexpr std::chrono::milliseconds kFarewellTime{150};
 
 // Makes room for a thread and a socket for each gateway and each client.
 void setUpProcess() {
@@ -47,7 +45,6 @@ sigset_t blockSignals() {
   sigemptyset(&signals);
   for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
   return signals;
 }
 
@@ -83,7 +80,7 @@ void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& f
   }
 }
 
-[[noreturn]] void serve(const ExporterOptions& options) {
+void serve(const ExporterOptions& options) {
   sigset_t signals = blockSignals();
   setUpProcess();
   ScrapePlan plan{options.timeoutSeconds, options.groups, {options.included, options.excluded}};
@@ -97,9 +94,8 @@ void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& f
   std::printf("listening on %s\n", showAddress(server.address()).c_str());
   std::fflush(stdout);
   watch(options, signals, file, targets, exporter);
-  targets.stopAll();
-  ScrapeWorker::awaitNone(Clock::now() + kFarewellTime);
-  endNow(kDone);  // threads still use what destructors would free
+  beginEnding();
+  targets.stopAll();  // ends the scrapes that the server's destructor waits for
 }
 
 int run(int argc, char** argv) {
@@ -112,6 +108,7 @@ int run(int argc, char** argv) {
   }
   setUpLibrary(options->timeoutSeconds, options->traceLevel, options->traceFile);
   serve(*options);
+  return kDone;
 }
 
 }  // namespace
@@ -119,13 +116,5 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  try {
-    return zebtool::run(argc, argv);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    zebtool::endNow(fault.exitCode);
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-    zebtool::endNow(zebtool::kNotConnected);
-  }
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

@@ -1,10 +1,10 @@
 #include "scrape_worker.h"
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 #include "output.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -25,10 +25,6 @@ class Places {
     --taken_;
     changed_.notify_all();
   }
-  bool awaitNone(Clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_until(lock, deadline, [this] { return taken_ == 0; });
-  }
 
  private:
   static constexpr int kMaxConnections = 256;
@@ -45,7 +41,7 @@ ScrapeWorker::ScrapeWorker(Address address, const ScrapePlan& plan, bool isQuiet
     : address_(std::move(address)), name_(showAddress(address_)), plan_(plan), isQuiet_(isQuiet) {}
 
 void ScrapeWorker::start() {
-  std::thread([self = shared_from_this()] { self->run(); }).detach();
+  startThread([self = shared_from_this()] { self->run(); });
 }
 
 // ---- Scrapes ------------------------------------------------------------------------------------
@@ -87,10 +83,6 @@ void ScrapeWorker::stop() {
   std::lock_guard lock(mutex_);
   isStopping_ = true;
   changed_.notify_all();
-}
-
-bool ScrapeWorker::awaitNone(Clock::time_point deadline) {
-  return places.awaitNone(deadline);
 }
 
 // ---- The thread ---------------------------------------------------------------------------------
@@ -164,7 +156,7 @@ Report ScrapeWorker::attempt(Gateway& gateway) {
 void ScrapeWorker::printChange(const std::string& note) {
   if (note == note_) return;
   note_ = note;
-  if (!isQuiet_ && !isStopping_) printMessage(note.empty() ? name_ + ": answers" : note);
+  if (!isQuiet_ && !isStopping_ && !isEnding()) printMessage(note.empty() ? name_ + ": answers" : note);
 }
 
 }  // namespace zebtool

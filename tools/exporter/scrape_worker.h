@@ -70,9 +70,6 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
   // Lets the thread close the connection and end, and ends the scrapes that wait for it.
   void stop();
 
-  // Waits until no thread of any worker is left. Returns whether that is so at the deadline.
-  static bool awaitNone(Clock::time_point deadline);
-
  private:
   Question askLocked(Clock::time_point asked);
   void run();

@@ -6,6 +6,8 @@
 #include <system_error>
 #include <utility>
 
+#include "threads.h"
+
 namespace zebtool {
 
 namespace {
@@ -19,9 +21,13 @@ constexpr std::chrono::minutes kUnusedTime{5};
 
 }  // namespace
 
-WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) const {
+// The caller holds the mutex.
+WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) {
   auto worker = std::make_shared<ScrapeWorker>(address, plan_, isQuiet);
   worker->start();
+  std::erase_if(workers_, [](const auto& each) { return each.expired(); });
+  workers_.push_back(worker);
+  if (isEnding()) worker->stop();
   return worker;
 }
 
@@ -111,7 +117,9 @@ void Targets::dropUnused() {
 
 void Targets::stopAll() {
   std::lock_guard lock(mutex_);
-  for (auto& [name, target] : targets_) target.worker->stop();
+  for (const auto& each : workers_) {
+    if (WorkerPtr worker = each.lock()) worker->stop();
+  }
 }
 
 // ---- The targets file ---------------------------------------------------------------------------

@@ -22,6 +22,9 @@ using WorkerPtr = std::shared_ptr<ScrapeWorker>;
 class Targets {
  public:
   explicit Targets(ScrapePlan plan) : plan_(std::move(plan)) {}
+  ~Targets() { stopAll(); }
+  Targets(const Targets&) = delete;
+  Targets& operator=(const Targets&) = delete;
 
   // Makes these the gateways of /metrics. Workers of gateways that are among the old and the new
   // ones stay. Throws a Fault, and changes nothing, if there are too many or no thread starts.
@@ -53,6 +56,7 @@ class Targets {
   // Drops the workers of gateways that have not been probed for five minutes.
   void dropUnused();
 
+  // Stops all workers, and those that are made after beginEnding().
   void stopAll();
 
  private:
@@ -61,13 +65,14 @@ class Targets {
     bool isConfigured = false;
     Clock::time_point used;
   };
-  WorkerPtr makeWorker(const Address& address, bool isQuiet) const;
+  WorkerPtr makeWorker(const Address& address, bool isQuiet);
   void dropOldest(std::size_t limit);
 
   const ScrapePlan plan_;
   mutable std::mutex mutex_;
-  std::map<std::string, Target> targets_;     // by HOST:PORT
-  std::optional<Clock::time_point> crowded_;  // when a gateway last got no worker to keep
+  std::map<std::string, Target> targets_;             // by HOST:PORT
+  std::vector<std::weak_ptr<ScrapeWorker>> workers_;  // also those that serve one probe only
+  std::optional<Clock::time_point> crowded_;          // when a gateway last got no worker to keep
 };
 
 // Reads a targets file: a HOST or HOST:PORT in each line, and comments after '#'. Throws a Fault

@@ -7,13 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
 #include <string>
 
 #include "fault.h"
 #include "history.h"
 #include "options.h"
-#include "output.h"
 #include "poller.h"
 #include "process.h"
 #include "screen.h"
@@ -192,16 +190,5 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);
-  int code = zebtool::kNotConnected;
-  try {
-    code = zebtool::run(argc, argv);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    code = fault.exitCode;
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-  }
-  fflush(stdout);
-  zebtool::endNow(code);  // threads may still wait for gateways
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

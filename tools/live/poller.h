@@ -3,10 +3,7 @@
 #ifndef ZEBSTAT_LIVE_POLLER_H
 #define ZEBSTAT_LIVE_POLLER_H
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,8 +30,7 @@ struct PollResult {
 class Poller {
  public:
   explicit Poller(PollOptions options);
-  // Waits a moment for the threads to close their connections. A thread that waits for a gateway is
-  // left alone: the caller must end the process next.
+  // Calls beginEnding() and lets the threads end, which endThreads() waits for.
   ~Poller();
   Poller(const Poller&) = delete;
   Poller& operator=(const Poller&) = delete;
@@ -47,7 +43,7 @@ class Poller {
 
  private:
   struct Shared;
-  static void serve(const std::shared_ptr<Shared>& shared, std::size_t index);
+  static void serve(Shared& shared, std::size_t index);
   std::shared_ptr<Shared> shared_;  // also held by each thread
 };
 

@@ -1,16 +1,14 @@
 // The gateways of a command line. Several are asked side by side: each has a thread of its own,
 // because a connection belongs to the thread that has opened it. A single one is asked by the
-// caller's thread, since starting a thread would slow down a short run.
+// caller's thread, since starting a thread would slow down a short run. There is one fleet, which
+// ends with the program.
 #ifndef ZEBSTAT_FLEET_H
 #define ZEBSTAT_FLEET_H
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "gateway.h"
 #include "options.h"
@@ -29,13 +27,14 @@ class Fleet {
   using Clock = std::chrono::steady_clock;
 
   explicit Fleet(const Options& options);
-  // Closes the connections and waits for the threads, which may take until the timeout.
+  // Closes the connection of a single gateway, which may take until the timeout; or calls
+  // beginEnding() and lets the threads end, which endThreads() waits for.
   ~Fleet();
   Fleet(const Fleet&) = delete;
   Fleet& operator=(const Fleet&) = delete;
 
-  [[nodiscard]] std::size_t size() const { return members_.size(); }
-  [[nodiscard]] const std::string& name(std::size_t i) const { return members_[i].name; }
+  [[nodiscard]] std::size_t size() const;
+  [[nodiscard]] const std::string& name(std::size_t i) const;
 
   // Starts to ask a gateway, which must not be being asked. wait() waits for it if it is awaited.
   void ask(std::size_t i, bool isAwaited);
@@ -48,23 +47,9 @@ class Fleet {
   [[nodiscard]] bool isAsking();  // any of them
 
  private:
-  struct Member {
-    std::string name;
-    Gateway gateway;
-    std::thread thread;
-    bool isAsked = false;  // this and the rest are guarded by mutex_
-    bool isAwaited = false;
-    std::optional<Outcome> outcome;
-  };
-
-  void serve(Member& member);
-  [[nodiscard]] Outcome askNow(Gateway& gateway) const;
-
-  const Question question_;
-  std::vector<Member> members_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool isEnding_ = false;
+  struct Member;
+  struct Shared;
+  std::shared_ptr<Shared> shared_;  // also held by each thread
 };
 
 }  // namespace zebtool

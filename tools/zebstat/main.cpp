@@ -1,10 +1,6 @@
 // zebstat: asks a gateway for its statistics, and shows or checks the answer.
 //
 // Results go to standard output, messages to standard error, one line for each failure.
-#include <signal.h>
-
-#include <exception>
-
 #include "check.h"
 #include "completion.h"
 #include "fault.h"
@@ -25,7 +21,7 @@ int askGateways(const Options& options) {
   return runCheck(options.check, gateway);
 }
 
-int run(int argc, char** argv) {
+int runCommand(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->command == Command::kCompletion) {
@@ -41,21 +37,18 @@ int run(int argc, char** argv) {
   return askGateways(*options);
 }
 
+int run(int argc, char** argv) {
+  try {
+    return runCommand(argc, argv);
+  } catch (const CheckUsageFault& fault) {
+    return reportCheckUsage(fault);
+  }
+}
+
 }  // namespace
 
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
-  try {
-    return zebtool::run(argc, argv);
-  } catch (const zebtool::CheckUsageFault& fault) {
-    return zebtool::reportCheckUsage(fault);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    return fault.exitCode;
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-    return zebtool::kNotConnected;
-  }
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

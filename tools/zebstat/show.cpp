@@ -43,8 +43,9 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the usual way to end a watch. There is nothing to clean up: the signal is blocked
-// during writing.
+// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway.
+// No destructor is missed: the signal is blocked while output is written, and the rest is the
+// kernel's to close.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -55,8 +56,9 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-void waitUntil(Clock::time_point end) {
-  waitForReader(std::chrono::duration<double>(end - Clock::now()).count());
+// Returns false if the reader of standard output has gone.
+bool waitUntil(Clock::time_point end) {
+  return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
 }
 
 // Watches gateways, and asks those that fail again after pauses that grow, so that the attempts do
@@ -73,7 +75,7 @@ class Watch {
   int run() {
     ExitCode code = kDone;
     for (long rounds = 0; options_.rounds == 0 || rounds < options_.rounds;) {
-      waitUntil(nextWake());
+      if (!waitUntil(nextWake())) return kDone;
       askDue();
       News news = collect();
       if (!hasAnswered_ && haveAllFailed()) return presenter_.worstOf(reports());
@@ -84,7 +86,6 @@ class Watch {
       }
       if (news.hasAnswer) ++rounds;
     }
-    if (fleet_.isAsking()) endNow(code);  // rather than wait for a gateway that is late
     return code;
   }
 

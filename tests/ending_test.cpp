@@ -1,0 +1,51 @@
+// How the programs end while threads wait for gateways. "cleaned up" is printed if the process ends
+// by exit(), with its destructors.
+#include <cstdio>
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "diagnose.h"
+#include "gateway.h"
+#include "process.h"
+#include "scripted_gateway.h"
+#include "threads.h"
+
+namespace zebtool {
+namespace {
+
+[[noreturn]] void end() {
+  std::atexit([] { std::fputs("cleaned up", stderr); });
+  std::exit(endThreads(7));
+}
+
+void askInVain(int port) {
+  Gateway gateway({"127.0.0.1", port}, 1000, true);
+  while (!isEnding()) EXPECT_THROW(gateway.ask({}), GatewayFault);
+}
+
+TEST(Ending, WakesThreadsThatWaitForGateways) {
+  zebtest::Listener silent;
+  zebtest::FullListener dropping;
+  auto run = [&] {
+    setUpLibrary(1000);
+    for (int port : {silent.port, dropping.port}) startThread([port] { askInVain(port); });
+    startThread([&] { EXPECT_FALSE(canConnect("127.0.0.1", dropping.port, 1000)); });
+    zebtest::Descriptor client(accept(silent.socket.get(), nullptr, nullptr));
+    end();
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(7), "^cleaned up$");
+}
+
+TEST(Ending, LeavesAThreadThatCannotBeWoken) {
+  auto run = [] {
+    startThread([] {
+      for (;;) pause();
+    });
+    end();
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(7), "^$");
+}
+
+}  // namespace
+}  // namespace zebtool
