@@ -1,13 +1,17 @@
 #include "http_server.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include <microhttpd.h>
@@ -21,6 +25,8 @@ namespace {
 constexpr unsigned kMaxConnections = 1000;
 constexpr unsigned kMaxConnectionsOfHost = 250;  // one rude host must not have them all
 constexpr unsigned kIdleSeconds = 5;
+constexpr std::chrono::seconds kFirstRequestTime{10};
+constexpr std::chrono::seconds kAnswerTime{60};  // to take an answer and send the next request
 constexpr std::size_t kStackBytes = 256 * 1024;
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
@@ -68,6 +74,48 @@ int listenOn(const Address& listen) {
                                  std::strerror(errno) + "; choose another with --listen HOST:PORT");
 }
 
+// The connections, and until when each may wait for its client. The library's own limit is not
+// enough, because each byte extends it.
+class Clients {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  void add(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    // A duplicate, because the library may close its descriptor at any time.
+    int file = fcntl(info->connect_fd, F_DUPFD_CLOEXEC, 0);
+    std::lock_guard lock(mutex_);
+    clients_[connection] = {file, Clock::now() + kFirstRequestTime};
+  }
+
+  void remove(MHD_Connection* connection) {
+    std::lock_guard lock(mutex_);
+    close(clients_[connection].file);
+    clients_.erase(connection);
+  }
+
+  void setDeadline(MHD_Connection* connection, Clock::time_point deadline) {
+    std::lock_guard lock(mutex_);
+    clients_[connection].deadline = deadline;
+  }
+
+  void disconnectLate() {
+    std::lock_guard lock(mutex_);
+    for (const auto& [connection, client] : clients_) {
+      if (client.deadline < Clock::now()) shutdown(client.file, SHUT_RDWR);
+    }
+  }
+
+ private:
+  struct Client {
+    int file = -1;
+    Clock::time_point deadline;
+  };
+  std::mutex mutex_;
+  std::map<MHD_Connection*, Client> clients_;
+};
+
 HttpResponse answer(const HttpHandler& handler, const HttpRequest& request,
                     const std::string& method) {
   if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD)
@@ -94,28 +142,6 @@ MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
   return result;
 }
 
-// The library calls this once when the headers of a request are there, once for each part of its
-// body, and once when all of it is there.
-MHD_Result handleRequest(void* context, MHD_Connection* connection, const char* path,
-                         const char* method, const char*, const char*, std::size_t* bodyBytes,
-                         void** state) {
-  static char hasHeaders;
-  if (*state == nullptr) {
-    *state = &hasHeaders;
-    return MHD_YES;
-  }
-  if (*bodyBytes > 0) {
-    *bodyBytes = 0;
-    return MHD_YES;
-  }
-  // The idle time must not include the handler's: it starts anew when it is set after it was 0.
-  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
-  HttpResponse response =
-      answer(*static_cast<HttpHandler*>(context), HttpRequest(connection, path), method);
-  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
-  return send(connection, response);
-}
-
 std::optional<std::string> lookUp(MHD_Connection* connection, MHD_ValueKind kind,
                                   const char* name) {
   const char* value = MHD_lookup_connection_value(connection, kind, name);
@@ -132,7 +158,55 @@ std::optional<std::string> HttpRequest::argument(const char* name) const {
   return lookUp(connection_, MHD_GET_ARGUMENT_KIND, name);
 }
 
-HttpServer::HttpServer(const Address& listen) : socket_(listenOn(listen)) {}
+// ---- The server ---------------------------------------------------------------------------------
+
+struct HttpServer::Service {
+  HttpHandler handler;
+  Clients clients;
+
+  static MHD_Result handleRequest(void* context, MHD_Connection* connection, const char* path,
+                                  const char* method, const char* version, const char* body,
+                                  std::size_t* bodyBytes, void** state);
+  static void noteConnection(void* context, MHD_Connection* connection, void** state,
+                             MHD_ConnectionNotificationCode what);
+};
+
+// The library calls this once when the headers of a request are there, once for each part of its
+// body, and once when all of it is there.
+MHD_Result HttpServer::Service::handleRequest(void* context, MHD_Connection* connection,
+                                              const char* path, const char* method, const char*,
+                                              const char*, std::size_t* bodyBytes, void** state) {
+  static char hasHeaders;
+  if (*state == nullptr) {
+    *state = &hasHeaders;
+    return MHD_YES;
+  }
+  if (*bodyBytes > 0) {
+    *bodyBytes = 0;
+    return MHD_YES;
+  }
+  // No limit includes the handler's time. That of the library starts anew when it was 0.
+  auto& service = *static_cast<HttpServer::Service*>(context);
+  service.clients.setDeadline(connection, Clients::Clock::time_point::max());
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
+  HttpResponse response = answer(service.handler, HttpRequest(connection, path), method);
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
+  service.clients.setDeadline(connection, Clients::Clock::now() + kAnswerTime);
+  return send(connection, response);
+}
+
+void HttpServer::Service::noteConnection(void* context, MHD_Connection* connection, void**,
+                                         MHD_ConnectionNotificationCode what) {
+  Clients& clients = static_cast<Service*>(context)->clients;
+  if (what == MHD_CONNECTION_NOTIFY_STARTED) {
+    clients.add(connection);
+  } else {
+    clients.remove(connection);
+  }
+}
+
+HttpServer::HttpServer(const Address& listen)
+    : socket_(listenOn(listen)), service_(std::make_unique<Service>()) {}
 
 HttpServer::~HttpServer() {
   if (daemon_ == nullptr) {
@@ -154,14 +228,19 @@ Address HttpServer::address() const {
 }
 
 void HttpServer::start(HttpHandler handler) {
-  handler_ = std::move(handler);
+  service_->handler = std::move(handler);
   daemon_ = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, 0, nullptr,
-      nullptr, handleRequest, &handler_, MHD_OPTION_LISTEN_SOCKET, socket_,
+      nullptr, Service::handleRequest, service_.get(), MHD_OPTION_LISTEN_SOCKET, socket_,
+      MHD_OPTION_NOTIFY_CONNECTION, Service::noteConnection, service_.get(),
       MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       kMaxConnectionsOfHost, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_THREAD_STACK_SIZE, kStackBytes, MHD_OPTION_END);
   if (daemon_ == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
+}
+
+void HttpServer::dropSlowClients() {
+  service_->clients.disconnectLate();
 }
 
 }  // namespace zebtool

@@ -1,9 +1,12 @@
 // Serves GET and HEAD requests over HTTP. Each connection has a thread, so that a client that is
-// slow or says nothing holds up no other; one that is idle for five seconds is disconnected.
+// slow or says nothing holds up no other. A client is disconnected that is idle for five seconds,
+// needs more than ten for its first request, or more than a minute to take an answer and send the
+// next request.
 #ifndef ZEBSTATS_EXPORTER_HTTP_SERVER_H
 #define ZEBSTATS_EXPORTER_HTTP_SERVER_H
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -52,10 +55,14 @@ class HttpServer {
   // Serves from now on. Throws a Fault.
   void start(HttpHandler handler);
 
+  // Disconnects the clients that are too slow. To be called about once a second.
+  void dropSlowClients();
+
  private:
+  struct Service;
   int socket_;
-  HttpHandler handler_;
-  MHD_Daemon* daemon_ = nullptr;  // owns the socket, if there is one
+  std::unique_ptr<Service> service_;  // used by the server's threads
+  MHD_Daemon* daemon_ = nullptr;      // owns the socket, if there is one
 };
 
 }  // namespace zebtool

@@ -67,16 +67,15 @@ void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter
   }
 }
 
-// Returns when a signal ends the program.
-void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& file,
-           Targets& targets, Exporter& exporter) {
+// Calls the function about once a second, and with true after SIGHUP, until a signal ends the
+// program.
+template <typename Function>
+void callEverySecond(const sigset_t& signals, Function function) {
   for (;;) {
     const timespec second{1, 0};
     int received = sigtimedwait(&signals, nullptr, &second);
     if (received == SIGINT || received == SIGTERM) return;
-    bool hasChanged = file.hasChanged() || received == SIGHUP;
-    if (hasChanged && !options.targetsFile.empty()) reload(options, targets, exporter);
-    targets.dropUnused();
+    function(received == SIGHUP);
   }
 }
 
@@ -93,7 +92,12 @@ void serve(const ExporterOptions& options) {
   server.start([&exporter](const HttpRequest& request) { return exporter.answer(request); });
   std::printf("listening on %s\n", showAddress(server.address()).c_str());
   std::fflush(stdout);
-  watch(options, signals, file, targets, exporter);
+  callEverySecond(signals, [&](bool isHangUp) {
+    bool hasChanged = file.hasChanged() || isHangUp;
+    if (hasChanged && !options.targetsFile.empty()) reload(options, targets, exporter);
+    targets.dropUnused();
+    server.dropSlowClients();
+  });
   beginEnding();
   targets.stopAll();  // ends the scrapes that the server's destructor waits for
 }

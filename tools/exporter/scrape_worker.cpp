@@ -156,7 +156,8 @@ Report ScrapeWorker::attempt(Gateway& gateway) {
 void ScrapeWorker::printChange(const std::string& note) {
   if (note == note_) return;
   note_ = note;
-  if (!isQuiet_ && !isStopping_ && !isEnding()) printMessage(note.empty() ? name_ + ": answers" : note);
+  if (!isQuiet_ && !isStopping_ && !isEnding())
+    printMessage(note.empty() ? name_ + ": answers" : note);
 }
 
 }  // namespace zebtool
