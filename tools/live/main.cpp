@@ -27,7 +27,7 @@ constexpr double kShortestInterval = 0.1;
 constexpr double kLongestInterval = 3600;
 constexpr int kRedrawMilliseconds = 1000;  // the clock, and how long an outage has lasted
 
-// Takes the key for the filter that is being typed.
+// Applies a key to the filter that is being typed: one of curses, or -1 for the text.
 void typeFilter(ScreenState& state, int key, const std::string& text) {
   std::string& filter = state.view.filter;
   if (key == '\n' || key == '\r' || key == KEY_ENTER || key == kEscape) {
@@ -44,61 +44,48 @@ void typeFilter(ScreenState& state, int key, const std::string& text) {
   state.top = 0;
 }
 
-void scrollBy(ScreenState& state, long lines) {
+// Returns by how many lines the key scrolls, 0 if it is another key.
+long linesFor(int key, long page) {
+  constexpr long kAll = 1L << 30;
+  switch (key) {
+    case KEY_UP:
+    case 'k':
+      return -1;
+    case KEY_DOWN:
+    case 'j':
+      return 1;
+    case KEY_PPAGE:
+    case 'b':
+      return -page;
+    case KEY_NPAGE:
+    case ' ':
+      return page;
+    case KEY_HOME:
+    case 'g':
+      return -kAll;
+    case KEY_END:
+    case 'G':
+      return kAll;
+    default:
+      return 0;
+  }
+}
+
+void scroll(ScreenState& state, int key) {
+  long lines = linesFor(key, static_cast<long>(state.page));
   long top = std::max(0L, static_cast<long>(state.top) + lines);
   state.top = static_cast<std::size_t>(top);
 }
 
-void sortBy(ScreenState& state, Order order) {
-  state.view.order = order;
+void sort(ScreenState& state, int key) {
+  if (key != 'n' && key != 'c' && key != 'r') return;
+  state.view.order = key == 'n' ? Order::kName : key == 'c' ? Order::kChange : Order::kRate;
   state.top = 0;
 }
 
-// Returns whether the key ends the program.
-bool handleKey(ScreenState& state, History& history, int key, const std::string& text) {
-  constexpr long kAll = 1L << 30;
-  long page = static_cast<long>(state.page);
-  if (key == kControlC) return true;
-  if (state.isTyping) {
-    typeFilter(state, key, text);
-    return false;
-  }
+// Handles the keys that neither scroll nor sort.
+void changeView(ScreenState& state, History& history, int key) {
   switch (key) {
-    case 'q':
-      return true;
-    case KEY_UP:
-    case 'k':
-      scrollBy(state, -1);
-      break;
-    case KEY_DOWN:
-    case 'j':
-      scrollBy(state, 1);
-      break;
-    case KEY_PPAGE:
-    case 'b':
-      scrollBy(state, -page);
-      break;
-    case KEY_NPAGE:
-    case ' ':
-      scrollBy(state, page);
-      break;
-    case KEY_HOME:
-    case 'g':
-      scrollBy(state, -kAll);
-      break;
-    case KEY_END:
-    case 'G':
-      scrollBy(state, kAll);
-      break;
-    case 'n':
-      sortBy(state, Order::kName);
-      break;
-    case 'c':
-      sortBy(state, Order::kChange);
-      break;
-    case 'r':
-      sortBy(state, Order::kRate);
-      break;
     case 'a':
       state.view.onlyChanged = !state.view.onlyChanged;
       break;
@@ -128,7 +115,19 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
     default:
       break;
   }
-  return false;
+}
+
+// Returns whether the key ends the program.
+bool handleKey(ScreenState& state, History& history, int key, const std::string& text) {
+  if (key == kControlC) return true;
+  if (state.isTyping) {
+    typeFilter(state, key, text);
+    return false;
+  }
+  scroll(state, key);
+  sort(state, key);
+  changeView(state, history, key);
+  return key == 'q';
 }
 
 // Blocks the signals that end the program in this thread and those it starts, and returns a
@@ -144,7 +143,7 @@ int holdEndingSignals() {
 void takeResults(Poller& poller, History& history) {
   for (const PollResult& result : poller.takeResults()) {
     if (result.trouble.empty()) {
-      history.take(result.gateway, result.answer, LiveClock::now());
+      history.take(result.gateway, result.answer, result.at);
     } else {
       history.lose(result.gateway, result.trouble);
     }
@@ -163,7 +162,7 @@ void show(const LiveOptions& options) {
     screen.draw(history, state);
     pollfd sources[] = {
         {STDIN_FILENO, POLLIN, 0}, {poller.descriptor(), POLLIN, 0}, {signals, POLLIN, 0}};
-    poll(sources, 3, kRedrawMilliseconds);  // a change of the window's size interrupts it
+    poll(sources, 3, kRedrawMilliseconds);  // returns early if the window's size changes
     if (sources[2].revents != 0) return;
     if ((sources[0].revents & (POLLHUP | POLLERR)) != 0) return;
     takeResults(poller, history);

@@ -18,7 +18,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kShortestRetry = 1;  // seconds, to spare a gateway that is starting
+constexpr double kShortestRetry = 1;       // seconds, to spare a gateway that is starting
+constexpr std::size_t kMaxResults = 1000;  // while a terminal that is stopped delays the caller
 
 PollResult ask(Gateway& gateway, const Question& question, Filter& filter) {
   PollResult result;
@@ -46,7 +47,7 @@ struct Poller::Shared {
   const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   std::mutex mutex;  // guards all below
   std::condition_variable changed;
-  std::vector<PollResult> results;
+  std::deque<PollResult> results;
   double intervalSeconds;
 };
 
@@ -65,7 +66,7 @@ int Poller::descriptor() const {
   return shared_->event;
 }
 
-std::vector<PollResult> Poller::takeResults() {
+std::deque<PollResult> Poller::takeResults() {
   eventfd_t count = 0;
   eventfd_read(shared_->event, &count);
   std::lock_guard lock(shared_->mutex);
@@ -87,10 +88,12 @@ void Poller::serve(Shared& shared, std::size_t index) {
     Clock::time_point start = Clock::now();
     PollResult result = ask(gateway, options.question, filter);
     result.gateway = index;
+    result.at = Clock::now();
     lock.lock();
     double pause = shared.intervalSeconds;
     if (!result.trouble.empty()) pause = std::max(pause, kShortestRetry);
     shared.results.push_back(std::move(result));
+    if (shared.results.size() > kMaxResults) shared.results.pop_front();
     eventfd_write(shared.event, 1);
     auto next =
         start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(pause));

@@ -3,6 +3,9 @@
 #ifndef ZEBSTAT_LIVE_POLLER_H
 #define ZEBSTAT_LIVE_POLLER_H
 
+#include <chrono>
+#include <cstddef>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,9 +25,10 @@ struct PollOptions {
 };
 
 struct PollResult {
-  std::size_t gateway = 0;
+  std::size_t gateway = 0;  // index
   Answer answer;
   std::string trouble;  // empty if there is an answer
+  std::chrono::steady_clock::time_point at;
 };
 
 class Poller {
@@ -37,7 +41,8 @@ class Poller {
 
   // A descriptor that is readable if there are results.
   [[nodiscard]] int descriptor() const;
-  std::vector<PollResult> takeResults();
+  // Returns the results since the last call, the oldest first.
+  std::deque<PollResult> takeResults();
   // Sets how often the gateways are asked, from the next answer of each on.
   void setInterval(double seconds);
 
