@@ -268,7 +268,7 @@ class ExporterTest(unittest.TestCase):
         for line, content, message in (
                 ("", "", "give --gateway"),
                 ("--gateway a,b", "", "'a,b' is not HOST"),
-                ("--gateway " + " ".join(map("gw:{}".format, range(1, 252))), "",
+                ("--check --gateway " + " ".join(map("gw:{}".format, range(1, 252))), "",
                  "more than the 250"),
                 ("--gateway a --timeout 0", "", "'0' is not a number"),
                 ("--gateway a --listen :http", "", "':http' is not"),

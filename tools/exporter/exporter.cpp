@@ -30,15 +30,15 @@ HttpResponse makeLine(unsigned status, const std::string& line) {
   return {status, HttpResponse().contentType, line + "\n"};
 }
 
-// Returns how many seconds a scrape may take: the server's patience less a margin for rendering and
-// transport, and no more than the option says; nothing if the header is no number.
+// Returns how many seconds a scrape may take: the timeout of the server that asks, less a margin for
+// rendering and transport, but no more than the option says; nothing if the header is no number.
 std::optional<double> chooseTimeout(const HttpRequest& request, double timeoutSeconds) {
   std::optional<std::string> header = request.header("X-Prometheus-Scrape-Timeout-Seconds");
   if (!header) return timeoutSeconds;
   std::optional<long double> given = parseNumber(*header);
   if (!given || *given <= 0) return std::nullopt;
-  double patience = static_cast<double>(*given);
-  return std::min(timeoutSeconds, patience - std::min(0.5, patience / 5));
+  double seconds = static_cast<double>(*given);
+  return std::min(timeoutSeconds, seconds - std::min(0.5, seconds / 5));
 }
 
 }  // namespace
@@ -112,6 +112,14 @@ void Exporter::renderState(const std::vector<Sample>& samples, MetricWriter& wri
       writer.add({{"gateway", gateway}, {"reason", nameOf(reason)}}, isReason ? 1 : 0);
     }
   }
+  renderVersions(samples, writer);
+  if (options_.targetsFile.empty()) return;
+  writer.start("zebstats_targets_valid", "Whether the targets file was good when last read.",
+               "gauge");
+  writer.add({}, areTargetsValid_ ? 1 : 0);
+}
+
+void Exporter::renderVersions(const std::vector<Sample>& samples, MetricWriter& writer) {
   writer.start("zebstats_build_info",
                "Versions of the exporter, its library and the gateway's protocol.", "gauge");
   MetricWriter::Label version{"version", ZEBSTATS_VERSION};
@@ -119,10 +127,6 @@ void Exporter::renderState(const std::vector<Sample>& samples, MetricWriter& wri
   if (samples.empty()) writer.add({version, library}, 1);
   for (const auto& [gateway, scrape] : samples)
     writer.add({{"gateway", gateway}, version, library, {"protocol", scrape.protocol}}, 1);
-  if (options_.targetsFile.empty()) return;
-  writer.start("zebstats_targets_valid", "Whether the targets file was good when last read.",
-               "gauge");
-  writer.add({}, areTargetsValid_ ? 1 : 0);
 }
 
 }  // namespace zebtool

@@ -129,10 +129,9 @@ HttpResponse answer(const HttpHandler& handler, const HttpRequest& request,
   }
 }
 
-MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
-  std::string body = response.body;
-  MHD_Response* queued =
-      MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
+MHD_Result send(MHD_Connection* connection, HttpResponse response) {
+  MHD_Response* queued = MHD_create_response_from_buffer(response.body.size(), response.body.data(),
+                                                         MHD_RESPMEM_MUST_COPY);
   if (queued == nullptr) return MHD_NO;
   MHD_add_response_header(queued, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
   if (response.status == MHD_HTTP_METHOD_NOT_ALLOWED)
@@ -171,8 +170,8 @@ struct HttpServer::Service {
                              MHD_ConnectionNotificationCode what);
 };
 
-// The library calls this once when the headers of a request are there, once for each part of its
-// body, and once when all of it is there.
+// The library calls this once when it has received the headers of a request, once for each part of
+// the body, and once when the request is complete.
 MHD_Result HttpServer::Service::handleRequest(void* context, MHD_Connection* connection,
                                               const char* path, const char* method, const char*,
                                               const char*, std::size_t* bodyBytes, void** state) {
@@ -192,7 +191,7 @@ MHD_Result HttpServer::Service::handleRequest(void* context, MHD_Connection* con
   HttpResponse response = answer(service.handler, HttpRequest(connection, path), method);
   MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
   service.clients.setDeadline(connection, Clients::Clock::now() + kAnswerTime);
-  return send(connection, response);
+  return send(connection, std::move(response));
 }
 
 void HttpServer::Service::noteConnection(void* context, MHD_Connection* connection, void**,

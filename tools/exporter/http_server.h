@@ -1,7 +1,7 @@
 // Serves GET and HEAD requests over HTTP. Each connection has a thread, so that a client that is
-// slow or says nothing holds up no other. A client is disconnected that is idle for five seconds,
-// needs more than ten for its first request, or more than a minute to take an answer and send the
-// next request.
+// slow or says nothing holds up no other. A client is disconnected if it is idle for five seconds,
+// if it needs more than ten seconds for its first request, or more than a minute to take an answer
+// and send the next request.
 #ifndef ZEBSTATS_EXPORTER_HTTP_SERVER_H
 #define ZEBSTATS_EXPORTER_HTTP_SERVER_H
 

@@ -48,15 +48,21 @@ sigset_t blockSignals() {
   return signals;
 }
 
-std::vector<Address> listGateways(const ExporterOptions& options) {
-  std::vector<Address> addresses;
-  for (const std::string& gateway : options.gateways) addresses.push_back(*parseAddress(gateway));
-  if (options.targetsFile.empty()) return addresses;
-  for (Address& address : readTargets(options.targetsFile)) addresses.push_back(std::move(address));
-  return addresses;
+// Returns the gateways of the options and of the targets file. Throws a Fault.
+AddressMap listGateways(const ExporterOptions& options) {
+  AddressMap gateways;
+  auto add = [&gateways](const Address& address) {
+    gateways.emplace(showAddress(address), address);
+  };
+  for (const std::string& gateway : options.gateways) add(*parseAddress(gateway));
+  if (!options.targetsFile.empty()) {
+    for (const Address& address : readTargets(options.targetsFile)) add(address);
+  }
+  Targets::checkCount(gateways);
+  return gateways;
 }
 
-// Reads the targets file again; the old list stays if it is bad.
+// Reads the targets file again; if it is bad, the gateways stay as they were.
 void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter) {
   try {
     targets.configure(listGateways(options));
@@ -86,7 +92,7 @@ void serve(const ExporterOptions& options) {
   Targets targets(std::move(plan));
   Exporter exporter(options, targets);
   FileWatch file(options.targetsFile);
-  std::vector<Address> gateways = listGateways(options);
+  AddressMap gateways = listGateways(options);
   HttpServer server(*parseListenAddress(options.listen, 9480));
   targets.configure(gateways);
   server.start([&exporter](const HttpRequest& request) { return exporter.answer(request); });
@@ -106,7 +112,7 @@ int run(int argc, char** argv) {
   std::optional<ExporterOptions> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->isCheck) {
-    listGateways(*options);
+    (void)listGateways(*options);
     if (!options->metadataFile.empty()) Metadata checked(options->metadataFile);
     return kDone;
   }

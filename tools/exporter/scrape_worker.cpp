@@ -10,8 +10,8 @@ namespace zebtool {
 
 namespace {
 
-// The library permits that many connections. A thread takes its place before it connects and gives
-// it back after it has closed.
+// The library permits 256 connections. A thread takes its place before it connects and gives it back
+// after it has closed.
 class Places {
  public:
   void take(const std::atomic<bool>& isCancelled) {
@@ -112,8 +112,8 @@ void ScrapeWorker::serve() {
   }
 }
 
-// A connection that was open after the last scrape may have been lost since, as when the gateway
-// was restarted; so a failure on it is followed by one attempt on a new connection.
+// A connection that was open after the last scrape may have been lost since then, for example
+// because the gateway was restarted; so after a failure on it, a new connection is tried once.
 Report ScrapeWorker::answer(Gateway& gateway) {
   bool wasOpen = gateway.isConnected();
   for (;;) {

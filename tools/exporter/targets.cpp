@@ -31,15 +31,29 @@ WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) {
   return worker;
 }
 
-void Targets::configure(const std::vector<Address>& addresses) {
-  std::map<std::string, Address> wanted;
-  for (const Address& address : addresses) wanted.emplace(showAddress(address), address);
-  if (wanted.size() > kMaxStanding) {
-    throw Fault(kUsage, std::to_string(wanted.size()) + " gateways are more than the " +
-                            std::to_string(kMaxStanding) +
-                            " that one exporter can ask; share them among several");
-  }
+void Targets::checkCount(const AddressMap& wanted) {
+  if (wanted.size() <= kMaxStanding) return;
+  throw Fault(kUsage, std::to_string(wanted.size()) + " gateways are more than the " +
+                          std::to_string(kMaxStanding) +
+                          " that one exporter can ask; share them among several");
+}
+
+void Targets::configure(const AddressMap& wanted) {
   std::lock_guard lock(mutex_);
+  std::map<std::string, Target> added = startMissing(wanted);
+  std::erase_if(targets_, [&](const auto& entry) {
+    const auto& [name, target] = entry;
+    bool isGone = target.isConfigured && !wanted.contains(name);
+    if (isGone) target.worker->stop();
+    return isGone;
+  });
+  for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
+  targets_.merge(added);
+  dropOldest(kMaxStanding);
+}
+
+// Starts a worker for each gateway that has none. The caller holds the mutex.
+std::map<std::string, Targets::Target> Targets::startMissing(const AddressMap& wanted) {
   std::map<std::string, Target> added;
   try {
     for (const auto& [name, address] : wanted) {
@@ -50,15 +64,7 @@ void Targets::configure(const std::vector<Address>& addresses) {
     throw Fault(kNotConnected,
                 std::string("cannot start a thread for each gateway: ") + error.what());
   }
-  std::erase_if(targets_, [&](const auto& entry) {
-    const auto& [name, target] = entry;
-    bool isGone = target.isConfigured && !wanted.contains(name);
-    if (isGone) target.worker->stop();
-    return isGone;
-  });
-  for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
-  targets_.merge(added);
-  dropOldest(kMaxStanding);
+  return added;
 }
 
 std::vector<WorkerPtr> Targets::configured() const {
@@ -89,7 +95,7 @@ Targets::Probe Targets::probe(const Address& address) {
 }
 
 // Drops idle workers of probed gateways, first those that have been unused for the longest time,
-// until there are no more than the limit.
+// until there are no more workers than the limit. The caller holds the mutex.
 void Targets::dropOldest(std::size_t limit) {
   while (targets_.size() > limit) {
     auto oldest = targets_.end();
