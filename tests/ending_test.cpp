@@ -1,5 +1,7 @@
 // How the programs end while threads wait for gateways. "cleaned up" is printed if the process ends
 // by exit(), with its destructors.
+#include <signal.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,6 +37,17 @@ TEST(Ending, WakesThreadsThatWaitForGateways) {
     end();
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(7), "^cleaned up$");
+}
+
+// Otherwise a signal would end the process while the main thread writes.
+TEST(Ending, LeavesSignalsToTheMainThread) {
+  auto run = [] {
+    sigset_t blocked = {};
+    startThread([&] { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
+    endThreads(7);
+    std::exit(sigismember(&blocked, SIGTERM));
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(1), "^$");
 }
 
 TEST(Ending, LeavesAThreadThatCannotBeWoken) {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "text.h"
 #include "threads.h"
 
 namespace zebtool {

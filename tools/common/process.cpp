@@ -1,7 +1,6 @@
 #include "process.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -38,6 +37,22 @@ void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& trac
   int code = setAPITimeout(static_cast<int>(timeoutSeconds * 1000 + 0.5));
   if (code != ZEB_OK)
     throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
+}
+
+sigset_t endingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  return signals;
+}
+
+SignalsHeld::SignalsHeld() {
+  sigset_t signals = endingSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, &before_);
+}
+
+SignalsHeld::~SignalsHeld() {
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
 void endNow(int exitCode) {

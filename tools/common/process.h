@@ -2,6 +2,8 @@
 #ifndef ZEBTOOL_PROCESS_H
 #define ZEBTOOL_PROCESS_H
 
+#include <signal.h>
+
 #include <string>
 
 namespace zebtool {
@@ -16,6 +18,22 @@ void setUpLibrary(double timeoutSeconds, int traceLevel = 0, const std::string& 
 
 // Ends the process at once, without destructors; a signal handler may call it.
 [[noreturn]] void endNow(int exitCode);
+
+// Returns SIGINT, SIGTERM and SIGHUP.
+sigset_t endingSignals();
+
+// Blocks the ending signals for a scope: Ctrl-C leaves no half line and no temporary file. The
+// threads of startThread() have them blocked always.
+class SignalsHeld {
+ public:
+  SignalsHeld();
+  ~SignalsHeld();
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+ private:
+  sigset_t before_{};
+};
 
 // Waits. Returns false, at once, if the reader of standard output has gone.
 [[nodiscard]] bool waitWithReader(double seconds);

@@ -32,6 +32,7 @@ class Threads {
   void start(std::function<void()> work) {
     std::lock_guard lock(mutex_);
     joinEnded();
+    SignalsHeld inherited;  // a signal is for the main thread, which holds it while it writes
     std::list<std::thread> started(1);
     auto self = started.begin();
     *self = std::thread([this, self, work = std::move(work)] {

@@ -3,7 +3,6 @@
 // The main thread handles signals and the targets file. Each gateway and each HTTP connection has a
 // thread.
 #include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -41,9 +40,7 @@ void setUpProcess() {
 
 // Blocks the signals that the main thread waits for; threads that are started later inherit that.
 sigset_t blockSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  sigset_t signals = endingSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }

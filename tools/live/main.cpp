@@ -1,7 +1,6 @@
 // zebstat-live: shows the statistics of gateways on the whole screen. `zebstat live` executes it.
 #include <curses.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -133,9 +132,7 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
 // Blocks the signals that end the program in this thread and those it starts, and returns a
 // descriptor from which they are read.
 int holdEndingSignals() {
-  sigset_t ending;
-  sigemptyset(&ending);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+  sigset_t ending = endingSignals();
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   return signalfd(-1, &ending, SFD_CLOEXEC);
 }

@@ -21,7 +21,7 @@ int askGateways(const Options& options) {
   return runCheck(options.check, gateway);
 }
 
-int runCommand(int argc, char** argv) {
+int perform(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->command == Command::kCompletion) {
@@ -37,9 +37,10 @@ int runCommand(int argc, char** argv) {
   return askGateways(*options);
 }
 
+// Wrong usage of the plug-in is a result of it.
 int run(int argc, char** argv) {
   try {
-    return runCommand(argc, argv);
+    return perform(argc, argv);
   } catch (const CheckUsageFault& fault) {
     return reportCheckUsage(fault);
   }

@@ -43,9 +43,9 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway.
-// No destructor is missed: the signal is blocked while output is written, and the rest is the
-// kernel's to close.
+// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway; so
+// the process ends at once. No destructor is missed: signals are held while output is written, and
+// the kernel closes the connections.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -61,8 +61,8 @@ bool waitUntil(Clock::time_point end) {
   return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
 }
 
-// Watches gateways, and asks those that fail again after pauses that grow, so that the attempts do
-// not burden a gateway that is starting.
+// Asks gateways again and again. One that fails is asked again after a pause, which grows each time,
+// so that the attempts do not burden a gateway that is starting.
 class Watch {
  public:
   explicit Watch(const Options& options)
@@ -125,7 +125,7 @@ class Watch {
     fleet_.wait(now + std::max<Clock::duration>(schedule_.step(), kFirstPause));
   }
 
-  // Of an outage only the begin is news.
+  // Takes the outcomes that have come. Only the beginning of an outage is news.
   News collect() {
     News news;
     for (std::size_t i = 0; i < states_.size(); ++i) {
