@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +27,14 @@ void askInVain(int port) {
   while (!isEnding()) EXPECT_THROW(gateway.ask({}), GatewayFault);
 }
 
+// Its connection is open until the end begins.
+void closeInVain(const zebtest::ScriptedGateway& gateway, std::promise<void>& isOpen) {
+  zebstats::Connection connection;
+  EXPECT_EQ(connection.open("127.0.0.1", gateway.port()).code(), ZEB_OK);
+  isOpen.set_value();
+  EXPECT_FALSE(waitForEvent(-1, 0, std::chrono::steady_clock::now() + std::chrono::hours(1)));
+}
+
 TEST(Ending, WakesThreadsThatWaitForGateways) {
   zebtest::Listener silent;
   zebtest::FullListener dropping;
@@ -33,6 +42,10 @@ TEST(Ending, WakesThreadsThatWaitForGateways) {
     setUpLibrary(1000);
     for (int port : {silent.port, dropping.port}) startThread([port] { askInVain(port); });
     startThread([&] { EXPECT_FALSE(canConnect("127.0.0.1", dropping.port, 1000)); });
+    zebtest::ScriptedGateway gateway(zebtest::Script().answerOpen().expect().silence());
+    std::promise<void> isOpen;
+    startThread([&] { closeInVain(gateway, isOpen); });
+    isOpen.get_future().wait();
     zebtest::Descriptor client(accept(silent.socket.get(), nullptr, nullptr));
     end();
   };

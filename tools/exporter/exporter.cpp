@@ -30,8 +30,9 @@ HttpResponse makeLine(unsigned status, const std::string& line) {
   return {status, HttpResponse().contentType, line + "\n"};
 }
 
-// Returns how many seconds a scrape may take: the timeout of the server that asks, less a margin for
-// rendering and transport, but no more than the option says; nothing if the header is no number.
+// Returns how many seconds a scrape may take: the timeout that the asking server names, less a
+// margin for rendering and transport, but no more than the option says; nothing if the header is no
+// number.
 std::optional<double> chooseTimeout(const HttpRequest& request, double timeoutSeconds) {
   std::optional<std::string> header = request.header("X-Prometheus-Scrape-Timeout-Seconds");
   if (!header) return timeoutSeconds;

@@ -10,8 +10,8 @@ namespace zebtool {
 
 namespace {
 
-// The library permits 256 connections. A thread takes its place before it connects and gives it back
-// after it has closed.
+// The library permits 256 connections. A thread takes its place before it connects and gives it
+// back after it has closed.
 class Places {
  public:
   void take(const std::atomic<bool>& isCancelled) {

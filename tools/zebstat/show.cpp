@@ -43,9 +43,9 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway; so
-// the process ends at once. No destructor is missed: signals are held while output is written, and
-// the kernel closes the connections.
+// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway;
+// so the process ends at once. No destructor is missed: signals are held while output is written,
+// and the kernel closes the connections.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -61,8 +61,8 @@ bool waitUntil(Clock::time_point end) {
   return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
 }
 
-// Asks gateways again and again. One that fails is asked again after a pause, which grows each time,
-// so that the attempts do not burden a gateway that is starting.
+// Asks gateways again and again. One that fails is asked again after a pause, which grows each
+// time, so that the attempts do not burden a gateway that is starting.
 class Watch {
  public:
   explicit Watch(const Options& options)
