@@ -8,9 +8,12 @@
 #include <cerrno>
 #include <condition_variable>
 #include <list>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "fault.h"
 #include "process.h"
 #include "zebstats.h"
 
@@ -87,7 +90,12 @@ void closeConnections() {
 }  // namespace
 
 void startThread(std::function<void()> work) {
-  threads.start(std::move(work));
+  try {
+    threads.start(std::move(work));
+  } catch (const std::system_error& error) {
+    throw Fault(kNotConnected,
+                std::string("cannot start a thread for each gateway: ") + error.what());
+  }
 }
 
 void beginEnding() {

@@ -14,6 +14,7 @@ namespace {
 // back after it has closed.
 class Places {
  public:
+  // A cancelled thread, which will not connect, gets a place at once, or soon: nobody notifies it.
   void take(const std::atomic<bool>& isCancelled) {
     std::unique_lock lock(mutex_);
     while (taken_ >= kMaxConnections && !isCancelled)

@@ -52,7 +52,7 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
   // A quiet worker prints nothing when its gateway goes down or comes back.
   ScrapeWorker(Address address, const ScrapePlan& plan, bool isQuiet);
 
-  // Starts the thread, which keeps the worker until it ends. Throws std::system_error.
+  // Starts the thread, which keeps the worker until it ends. Throws a Fault.
   void start();
 
   // HOST:PORT

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <system_error>
 #include <utility>
 
 #include "threads.h"
@@ -59,10 +58,9 @@ std::map<std::string, Targets::Target> Targets::startMissing(const AddressMap& w
     for (const auto& [name, address] : wanted) {
       if (!targets_.contains(name)) added[name] = {makeWorker(address, false), true, {}};
     }
-  } catch (const std::system_error& error) {
+  } catch (const Fault&) {
     for (auto& [name, target] : added) target.worker->stop();
-    throw Fault(kNotConnected,
-                std::string("cannot start a thread for each gateway: ") + error.what());
+    throw;
   }
   return added;
 }

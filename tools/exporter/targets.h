@@ -57,7 +57,7 @@ class Targets {
     ScrapeWorker::Question question_;
   };
   // Asks the worker that the gateway has. A gateway without one gets one, which is kept as long as
-  // there are not too many, and otherwise serves this probe only. Throws std::system_error.
+  // there are not too many, and otherwise serves this probe only. Throws a Fault.
   Probe probe(const Address& address);
 
   // Drops the workers of gateways that are only probed, and have not been for five minutes.

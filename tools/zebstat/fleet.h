@@ -26,6 +26,7 @@ class Fleet {
  public:
   using Clock = std::chrono::steady_clock;
 
+  // Throws a Fault if there is no thread for each gateway.
   explicit Fleet(const Options& options);
   // Closes the connection of a single gateway, which may take until the timeout; or calls
   // beginEnding() and lets the threads end, which endThreads() waits for.
@@ -38,8 +39,8 @@ class Fleet {
 
   // Starts to ask a gateway, which must not be being asked. wait() waits for it if it is awaited.
   void ask(std::size_t i, bool isAwaited);
-  // Waits for the awaited gateways or, if there is one, for the deadline; later calls do not wait
-  // for those that are late then.
+  // Waits for the awaited gateways, but no longer than until the deadline if there is one. Later
+  // calls do not wait for those that are late.
   void wait(std::optional<Clock::time_point> deadline);
   // Returns the outcome once; nothing while the gateway is being asked or if it was not asked.
   std::optional<Outcome> take(std::size_t i);
