@@ -21,7 +21,7 @@ int askGateways(const Options& options) {
   return runCheck(options.check, gateway);
 }
 
-int perform(int argc, char** argv) {
+int runCommand(int argc, char** argv) {
   std::optional<Options> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->command == Command::kCompletion) {
@@ -37,10 +37,9 @@ int perform(int argc, char** argv) {
   return askGateways(*options);
 }
 
-// Wrong usage of the plug-in is a result of it.
 int run(int argc, char** argv) {
   try {
-    return perform(argc, argv);
+    return runCommand(argc, argv);
   } catch (const CheckUsageFault& fault) {
     return reportCheckUsage(fault);
   }
