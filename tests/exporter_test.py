@@ -70,6 +70,18 @@ class ExporterTest(unittest.TestCase):
         with ThreadPoolExecutor(len(calls)) as pool:
             return list(pool.map(lambda call: (call(), time.monotonic() - begin), calls))
 
+    def drip(self, client):
+        """Sends a request without end until the server closes the connection. Returns how long."""
+        begin = time.monotonic()
+        client.settimeout(1)
+        with contextlib.suppress(ConnectionError):
+            while time.monotonic() < begin + 25:
+                client.sendall(b"GET /metrics?")
+                with contextlib.suppress(TimeoutError):
+                    if client.recv(1) == b"":
+                        break
+        return time.monotonic() - begin
+
     def listener(self):
         """A peer whose connections the kernel accepts and nobody answers."""
         peer = self.enterContext(socket.create_server(("127.0.0.1", 0), backlog=300))
@@ -152,6 +164,8 @@ class ExporterTest(unittest.TestCase):
         for each in rude[:50]:  # the first one never reads its answer
             rest = b"x\r\n\r\n" if each is rude[0] else b""
             each.sendall(b"GET /metrics HTTP/1.1\r\nHost: " + rest)
+        dripping = self.enterContext(socket.create_connection(exporter))
+        given_up = ThreadPoolExecutor(1).submit(self.drip, dripping)
         late = lambda i: lambda: (time.sleep(i * 0.1), self.get())[1]
         for scraped, took in self.side_by_side(*map(late, range(8))):
             self.assertLess(took, 5)
@@ -164,6 +178,7 @@ class ExporterTest(unittest.TestCase):
         self.assertEqual(self.get().up(good), 1)
         rude[1].settimeout(15)
         self.assertEqual(rude[1].recv(1), b"")  # an unfinished request is given up
+        self.assertAlmostEqual(given_up.result(30), 11, delta=3)  # also one that goes on
 
     def test_paths_and_methods(self):
         gateway, other = self.simulator(2).addresses
@@ -244,13 +259,16 @@ class ExporterTest(unittest.TestCase):
             self.served.send_signal(number)
             self.assertEqual(self.served.wait(timeout=20), 0)
             self.assertLess(time.monotonic() - begin, 1)  # 0.2 on an idle machine
+            self.assertEqual(self.served.said(), "")
+            with contextlib.suppress(ConnectionResetError):
+                self.assertNotIn(b" 200 ", client.recv(99))  # no gateway is said to be down
 
     def test_wrong_usage(self):
         path = self.folder / "file"
         for line, content, message in (
                 ("", "", "give --gateway"),
                 ("--gateway a,b", "", "'a,b' is not HOST"),
-                ("--gateway " + " ".join(map("gw:{}".format, range(1, 252))), "",
+                ("--check --gateway " + " ".join(map("gw:{}".format, range(1, 252))), "",
                  "more than the 250"),
                 ("--gateway a --timeout 0", "", "'0' is not a number"),
                 ("--gateway a --listen :http", "", "':http' is not"),

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <utility>
 
 #include "text.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -42,11 +42,9 @@ class Socket {
     return *this;
   }
 
-  // Waits until the deadline. Returns whether there is an event.
+  // Waits until the deadline or the end of the program. Returns whether there is an event.
   [[nodiscard]] bool waitFor(short event, Clock::time_point deadline) const {
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd waiting{file_, event, 0};
-    return poll(&waiting, 1, static_cast<int>(std::max<long>(left, 0))) > 0;
+    return waitForEvent(file_, event, deadline);
   }
   [[nodiscard]] int file() const { return file_; }
 

@@ -14,6 +14,7 @@
 #include "diagnose.h"
 #include "glob.h"
 #include "text.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -203,7 +204,10 @@ class Asker {
     int code = set.error().code();
     if (code != ZEB_OK) return code;
     Answer read;
-    for (const auto& entry : set) add(read, entry, valueOf(entry));
+    {
+      auto held = holdAnswers();
+      for (const auto& entry : set) add(read, entry, valueOf(entry));
+    }
     code = set.error().code();
     failedStep_ = "read the answer";
     if (code != ZEB_OK) return code;
@@ -281,7 +285,7 @@ void Gateway::connect() {
     double share =
         std::chrono::duration<double>(end - Clock::now()).count() / static_cast<double>(left);
     if (left > 1 && !canConnect(host, address_.port, share)) continue;
-    code = connection_.open(host.c_str(), address_.port).code();
+    code = isEnding() ? ZEB_TOKEN_UNKNOWN : connection_.open(host.c_str(), address_.port).code();
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
   if (code == ZEB_OK) return;

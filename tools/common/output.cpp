@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,23 +18,6 @@
 namespace zebtool {
 
 namespace {
-
-// Blocks ending signals for a scope: Ctrl-C leaves no half line and no temporary file.
-class SignalsHeld {
- public:
-  SignalsHeld() {
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
-    pthread_sigmask(SIG_BLOCK, &ending, &before_);
-  }
-  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
-
- private:
-  sigset_t before_{};
-};
 
 // Returns 0, or the errno of the failure.
 int writeAll(int file, std::string_view text) {

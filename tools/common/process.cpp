@@ -4,11 +4,28 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <exception>
 
 #include "fault.h"
+#include "output.h"
+#include "threads.h"
 #include "zebstats.hpp"
 
 namespace zebtool {
+
+int runProgram(int (*run)(int, char**), int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
+  int code = kNotConnected;
+  try {
+    code = run(argc, argv);
+  } catch (const Fault& fault) {
+    printMessage(fault.what());
+    code = fault.exitCode;
+  } catch (const std::exception& fault) {
+    printMessage(fault.what());
+  }
+  return endThreads(code);
+}
 
 void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& traceFile) {
   if (!traceFile.empty() && zebstats::setTraceFile(traceFile.c_str())) {
@@ -22,19 +39,35 @@ void setUpLibrary(double timeoutSeconds, int traceLevel, const std::string& trac
     throw Fault(kNotConnected, "cannot set the timeout (" + std::to_string(code) + ")");
 }
 
+sigset_t endingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  return signals;
+}
+
+SignalsHeld::SignalsHeld() {
+  sigset_t signals = endingSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, &before_);
+}
+
+SignalsHeld::~SignalsHeld() {
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
 void endNow(int exitCode) {
   _exit(exitCode);
 }
 
-void waitForReader(double seconds) {
+bool waitWithReader(double seconds) {
   using Clock = std::chrono::steady_clock;
   auto end = Clock::now() + std::chrono::duration<double>(seconds);
   for (;;) {
     auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0) return;
+    if (left <= 0) return true;
     pollfd reader{STDOUT_FILENO, 0, 0};
     poll(&reader, 1, static_cast<int>(left));
-    if ((reader.revents & POLLERR) != 0) endNow(kDone);
+    if ((reader.revents & POLLERR) != 0) return false;
   }
 }
 

@@ -7,6 +7,7 @@
 #include "glob.h"
 #include "prometheus_text.h"
 #include "text.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -29,15 +30,16 @@ HttpResponse makeLine(unsigned status, const std::string& line) {
   return {status, HttpResponse().contentType, line + "\n"};
 }
 
-// Returns how many seconds a scrape may take: the server's patience less a margin for rendering and
-// transport, and no more than the option says; nothing if the header is no number.
+// Returns how many seconds a scrape may take: the timeout that the asking server names, less a
+// margin for rendering and transport, but no more than the option says; nothing if the header is no
+// number.
 std::optional<double> chooseTimeout(const HttpRequest& request, double timeoutSeconds) {
   std::optional<std::string> header = request.header("X-Prometheus-Scrape-Timeout-Seconds");
   if (!header) return timeoutSeconds;
   std::optional<long double> given = parseNumber(*header);
   if (!given || *given <= 0) return std::nullopt;
-  double patience = static_cast<double>(*given);
-  return std::min(timeoutSeconds, patience - std::min(0.5, patience / 5));
+  double seconds = static_cast<double>(*given);
+  return std::min(timeoutSeconds, seconds - std::min(0.5, seconds / 5));
 }
 
 }  // namespace
@@ -70,7 +72,7 @@ HttpResponse Exporter::answerMetrics(Clock::time_point deadline) {
   std::vector<Sample> samples;
   for (std::size_t i = 0; i < workers.size(); ++i)
     samples.push_back({workers[i]->name(), workers[i]->await(questions[i], deadline)});
-  return render(samples);
+  return respond(samples);
 }
 
 HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point deadline) {
@@ -81,10 +83,11 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   bool isNamed = std::find(allowed.begin(), allowed.end(), name) != allowed.end();
   if (!isNamed && !matchesAnyGlob(allowed, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
-  return render({{name, targets_.probe(*address).await(deadline)}});
+  return respond({{name, targets_.probe(*address).await(deadline)}});
 }
 
-HttpResponse Exporter::render(const std::vector<Sample>& samples) const {
+HttpResponse Exporter::respond(const std::vector<Sample>& samples) const {
+  if (isEnding()) return makeLine(503, "the exporter is ending");  // gateways would seem down
   std::vector<GatewayStats> stats;
   for (const Sample& sample : samples)
     stats.push_back({sample.gateway, &sample.scrape.report->entries});
@@ -110,6 +113,14 @@ void Exporter::renderState(const std::vector<Sample>& samples, MetricWriter& wri
       writer.add({{"gateway", gateway}, {"reason", nameOf(reason)}}, isReason ? 1 : 0);
     }
   }
+  renderVersions(samples, writer);
+  if (options_.targetsFile.empty()) return;
+  writer.start("zebstats_targets_valid", "Whether the targets file was good when last read.",
+               "gauge");
+  writer.add({}, areTargetsValid_ ? 1 : 0);
+}
+
+void Exporter::renderVersions(const std::vector<Sample>& samples, MetricWriter& writer) {
   writer.start("zebstats_build_info",
                "Versions of the exporter, its library and the gateway's protocol.", "gauge");
   MetricWriter::Label version{"version", ZEBSTATS_VERSION};
@@ -117,10 +128,6 @@ void Exporter::renderState(const std::vector<Sample>& samples, MetricWriter& wri
   if (samples.empty()) writer.add({version, library}, 1);
   for (const auto& [gateway, scrape] : samples)
     writer.add({{"gateway", gateway}, version, library, {"protocol", scrape.protocol}}, 1);
-  if (options_.targetsFile.empty()) return;
-  writer.start("zebstats_targets_valid", "Whether the targets file was good when last read.",
-               "gauge");
-  writer.add({}, areTargetsValid_ ? 1 : 0);
 }
 
 }  // namespace zebtool

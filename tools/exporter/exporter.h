@@ -16,12 +16,13 @@ namespace zebtool {
 
 class Exporter {
  public:
+  // Throws a Fault (kUsage) if the metadata file is bad.
   Exporter(const ExporterOptions& options, Targets& targets);
 
   // Answers one request; several threads may call it.
   HttpResponse answer(const HttpRequest& request);
 
-  // Says whether the last reading of the targets file was a success.
+  // Notes whether the targets file was good when it was last read.
   void setTargetsValid(bool isValid) { areTargetsValid_ = isValid; }
 
  private:
@@ -32,8 +33,9 @@ class Exporter {
 
   HttpResponse answerMetrics(Clock::time_point deadline);
   HttpResponse answerProbe(const std::string& target, Clock::time_point deadline);
-  HttpResponse render(const std::vector<Sample>& samples) const;
+  HttpResponse respond(const std::vector<Sample>& samples) const;
   void renderState(const std::vector<Sample>& samples, MetricWriter& writer) const;
+  static void renderVersions(const std::vector<Sample>& samples, MetricWriter& writer);
 
   const ExporterOptions& options_;
   const Metadata metadata_;

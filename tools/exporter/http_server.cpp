@@ -1,13 +1,17 @@
 #include "http_server.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include <microhttpd.h>
@@ -21,6 +25,8 @@ namespace {
 constexpr unsigned kMaxConnections = 1000;
 constexpr unsigned kMaxConnectionsOfHost = 250;  // one rude host must not have them all
 constexpr unsigned kIdleSeconds = 5;
+constexpr std::chrono::seconds kFirstRequestTime{10};
+constexpr std::chrono::seconds kAnswerTime{60};  // to take an answer and send the next request
 constexpr std::size_t kStackBytes = 256 * 1024;
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
@@ -68,6 +74,48 @@ int listenOn(const Address& listen) {
                                  std::strerror(errno) + "; choose another with --listen HOST:PORT");
 }
 
+// The connections, and until when each may wait for its client. The library's own limit is not
+// enough, because each byte extends it.
+class Clients {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  void add(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    // A duplicate, because the library may close its descriptor at any time.
+    int file = fcntl(info->connect_fd, F_DUPFD_CLOEXEC, 0);
+    std::lock_guard lock(mutex_);
+    clients_[connection] = {file, Clock::now() + kFirstRequestTime};
+  }
+
+  void remove(MHD_Connection* connection) {
+    std::lock_guard lock(mutex_);
+    close(clients_[connection].file);
+    clients_.erase(connection);
+  }
+
+  void setDeadline(MHD_Connection* connection, Clock::time_point deadline) {
+    std::lock_guard lock(mutex_);
+    clients_[connection].deadline = deadline;
+  }
+
+  void disconnectLate() {
+    std::lock_guard lock(mutex_);
+    for (const auto& [connection, client] : clients_) {
+      if (client.deadline < Clock::now()) shutdown(client.file, SHUT_RDWR);
+    }
+  }
+
+ private:
+  struct Client {
+    int file = -1;
+    Clock::time_point deadline;
+  };
+  std::mutex mutex_;
+  std::map<MHD_Connection*, Client> clients_;
+};
+
 HttpResponse answer(const HttpHandler& handler, const HttpRequest& request,
                     const std::string& method) {
   if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD)
@@ -81,10 +129,9 @@ HttpResponse answer(const HttpHandler& handler, const HttpRequest& request,
   }
 }
 
-MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
-  std::string body = response.body;
-  MHD_Response* queued =
-      MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
+MHD_Result send(MHD_Connection* connection, HttpResponse response) {
+  MHD_Response* queued = MHD_create_response_from_buffer(response.body.size(), response.body.data(),
+                                                         MHD_RESPMEM_MUST_COPY);
   if (queued == nullptr) return MHD_NO;
   MHD_add_response_header(queued, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
   if (response.status == MHD_HTTP_METHOD_NOT_ALLOWED)
@@ -92,28 +139,6 @@ MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
   MHD_Result result = MHD_queue_response(connection, response.status, queued);
   MHD_destroy_response(queued);
   return result;
-}
-
-// The library calls this once when the headers of a request are there, once for each part of its
-// body, and once when all of it is there.
-MHD_Result handleRequest(void* context, MHD_Connection* connection, const char* path,
-                         const char* method, const char*, const char*, std::size_t* bodyBytes,
-                         void** state) {
-  static char hasHeaders;
-  if (*state == nullptr) {
-    *state = &hasHeaders;
-    return MHD_YES;
-  }
-  if (*bodyBytes > 0) {
-    *bodyBytes = 0;
-    return MHD_YES;
-  }
-  // The idle time must not include the handler's: it starts anew when it is set after it was 0.
-  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
-  HttpResponse response =
-      answer(*static_cast<HttpHandler*>(context), HttpRequest(connection, path), method);
-  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
-  return send(connection, response);
 }
 
 std::optional<std::string> lookUp(MHD_Connection* connection, MHD_ValueKind kind,
@@ -132,7 +157,63 @@ std::optional<std::string> HttpRequest::argument(const char* name) const {
   return lookUp(connection_, MHD_GET_ARGUMENT_KIND, name);
 }
 
-HttpServer::HttpServer(const Address& listen) : socket_(listenOn(listen)) {}
+// ---- The server ---------------------------------------------------------------------------------
+
+struct HttpServer::Service {
+  HttpHandler handler;
+  Clients clients;
+
+  static MHD_Result handleRequest(void* context, MHD_Connection* connection, const char* path,
+                                  const char* method, const char* version, const char* body,
+                                  std::size_t* bodyBytes, void** state);
+  static void noteConnection(void* context, MHD_Connection* connection, void** state,
+                             MHD_ConnectionNotificationCode what);
+};
+
+// The library calls this once when it has received the headers of a request, once for each part of
+// the body, and once when the request is complete.
+MHD_Result HttpServer::Service::handleRequest(void* context, MHD_Connection* connection,
+                                              const char* path, const char* method, const char*,
+                                              const char*, std::size_t* bodyBytes, void** state) {
+  static char hasHeaders;
+  if (*state == nullptr) {
+    *state = &hasHeaders;
+    return MHD_YES;
+  }
+  if (*bodyBytes > 0) {
+    *bodyBytes = 0;
+    return MHD_YES;
+  }
+  // No limit includes the handler's time. That of the library starts anew when it was 0.
+  auto& service = *static_cast<HttpServer::Service*>(context);
+  service.clients.setDeadline(connection, Clients::Clock::time_point::max());
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, 0U);
+  HttpResponse response = answer(service.handler, HttpRequest(connection, path), method);
+  MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, kIdleSeconds);
+  service.clients.setDeadline(connection, Clients::Clock::now() + kAnswerTime);
+  return send(connection, std::move(response));
+}
+
+void HttpServer::Service::noteConnection(void* context, MHD_Connection* connection, void**,
+                                         MHD_ConnectionNotificationCode what) {
+  Clients& clients = static_cast<Service*>(context)->clients;
+  if (what == MHD_CONNECTION_NOTIFY_STARTED) {
+    clients.add(connection);
+  } else {
+    clients.remove(connection);
+  }
+}
+
+HttpServer::HttpServer(const Address& listen)
+    : socket_(listenOn(listen)), service_(std::make_unique<Service>()) {}
+
+HttpServer::~HttpServer() {
+  if (daemon_ == nullptr) {
+    close(socket_);
+  } else {
+    MHD_stop_daemon(daemon_);
+  }
+}
 
 Address HttpServer::address() const {
   sockaddr_storage bound{};
@@ -146,14 +227,19 @@ Address HttpServer::address() const {
 }
 
 void HttpServer::start(HttpHandler handler) {
-  handler_ = std::move(handler);
-  MHD_Daemon* daemon = MHD_start_daemon(
+  service_->handler = std::move(handler);
+  daemon_ = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL, 0, nullptr,
-      nullptr, handleRequest, &handler_, MHD_OPTION_LISTEN_SOCKET, socket_,
+      nullptr, Service::handleRequest, service_.get(), MHD_OPTION_LISTEN_SOCKET, socket_,
+      MHD_OPTION_NOTIFY_CONNECTION, Service::noteConnection, service_.get(),
       MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       kMaxConnectionsOfHost, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_THREAD_STACK_SIZE, kStackBytes, MHD_OPTION_END);
-  if (daemon == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
+  if (daemon_ == nullptr) throw Fault(kNotConnected, "cannot start the HTTP server");
+}
+
+void HttpServer::dropSlowClients() {
+  service_->clients.disconnectLate();
 }
 
 }  // namespace zebtool

@@ -1,15 +1,19 @@
 // Serves GET and HEAD requests over HTTP. Each connection has a thread, so that a client that is
-// slow or says nothing holds up no other; one that is idle for five seconds is disconnected.
+// slow or says nothing holds up no other. A client is disconnected if it is idle for five seconds,
+// if it needs more than ten seconds for its first request, or more than a minute to take an answer
+// and send the next request.
 #ifndef ZEBSTATS_EXPORTER_HTTP_SERVER_H
 #define ZEBSTATS_EXPORTER_HTTP_SERVER_H
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "address.h"
 
 struct MHD_Connection;
+struct MHD_Daemon;
 
 namespace zebtool {
 
@@ -40,16 +44,25 @@ class HttpServer {
  public:
   // Opens the listening socket. Throws a Fault (kNotConnected) if it cannot.
   explicit HttpServer(const Address& listen);
+  // Closes all connections, and waits for the handlers that are running.
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
 
   // Returns the address that the socket has.
   [[nodiscard]] Address address() const;
 
-  // Serves until the process ends. Throws a Fault.
+  // Serves from now on. Throws a Fault.
   void start(HttpHandler handler);
 
+  // Disconnects the clients that are too slow. To be called about once a second.
+  void dropSlowClients();
+
  private:
+  struct Service;
   int socket_;
-  HttpHandler handler_;
+  std::unique_ptr<Service> service_;  // used by the server's threads
+  MHD_Daemon* daemon_ = nullptr;      // owns the socket, if there is one
 };
 
 }  // namespace zebtool

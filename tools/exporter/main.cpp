@@ -3,12 +3,10 @@
 // The main thread handles signals and the targets file. Each gateway and each HTTP connection has a
 // thread.
 #include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 
 #include "exporter.h"
 #include "fault.h"
@@ -18,6 +16,7 @@
 #include "output.h"
 #include "process.h"
 #include "targets.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -25,8 +24,6 @@ namespace {
 
 constexpr std::size_t kStackBytes = 256 * 1024;
 constexpr rlim_t kMaxFiles = 4096;
-// How long the end waits for gateways to be told. Those that hang are left.
-constexpr std::chrono::milliseconds kFarewellTime{150};
 
 // Makes room for a thread and a socket for each gateway and each client.
 void setUpProcess() {
@@ -43,23 +40,26 @@ void setUpProcess() {
 
 // Blocks the signals that the main thread waits for; threads that are started later inherit that.
 sigset_t blockSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  sigset_t signals = endingSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
   return signals;
 }
 
-std::vector<Address> listGateways(const ExporterOptions& options) {
-  std::vector<Address> addresses;
-  for (const std::string& gateway : options.gateways) addresses.push_back(*parseAddress(gateway));
-  if (options.targetsFile.empty()) return addresses;
-  for (Address& address : readTargets(options.targetsFile)) addresses.push_back(std::move(address));
-  return addresses;
+// Returns the gateways of the options and of the targets file. Throws a Fault.
+AddressMap listGateways(const ExporterOptions& options) {
+  AddressMap gateways;
+  auto add = [&gateways](const Address& address) {
+    gateways.emplace(showAddress(address), address);
+  };
+  for (const std::string& gateway : options.gateways) add(*parseAddress(gateway));
+  if (!options.targetsFile.empty()) {
+    for (const Address& address : readTargets(options.targetsFile)) add(address);
+  }
+  Targets::checkCount(gateways);
+  return gateways;
 }
 
-// Reads the targets file again; the old list stays if it is bad.
+// Reads the targets file again; if it is bad, the gateways stay as they were.
 void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter) {
   try {
     targets.configure(listGateways(options));
@@ -70,48 +70,52 @@ void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter
   }
 }
 
-// Returns when a signal ends the program.
-void watch(const ExporterOptions& options, const sigset_t& signals, FileWatch& file,
-           Targets& targets, Exporter& exporter) {
+// Calls the function about once a second, and with true after SIGHUP, until a signal ends the
+// program.
+template <typename Function>
+void callEverySecond(const sigset_t& signals, Function function) {
   for (;;) {
     const timespec second{1, 0};
     int received = sigtimedwait(&signals, nullptr, &second);
     if (received == SIGINT || received == SIGTERM) return;
-    bool hasChanged = file.hasChanged() || received == SIGHUP;
-    if (hasChanged && !options.targetsFile.empty()) reload(options, targets, exporter);
-    targets.dropUnused();
+    function(received == SIGHUP);
   }
 }
 
-[[noreturn]] void serve(const ExporterOptions& options) {
+void serve(const ExporterOptions& options) {
   sigset_t signals = blockSignals();
   setUpProcess();
   ScrapePlan plan{options.timeoutSeconds, options.groups, {options.included, options.excluded}};
   Targets targets(std::move(plan));
   Exporter exporter(options, targets);
   FileWatch file(options.targetsFile);
-  std::vector<Address> gateways = listGateways(options);
+  AddressMap gateways = listGateways(options);
   HttpServer server(*parseListenAddress(options.listen, 9480));
   targets.configure(gateways);
   server.start([&exporter](const HttpRequest& request) { return exporter.answer(request); });
   std::printf("listening on %s\n", showAddress(server.address()).c_str());
   std::fflush(stdout);
-  watch(options, signals, file, targets, exporter);
-  targets.stopAll();
-  ScrapeWorker::awaitNone(Clock::now() + kFarewellTime);
-  endNow(kDone);  // threads still use what destructors would free
+  callEverySecond(signals, [&](bool isHangUp) {
+    bool hasChanged = file.hasChanged() || isHangUp;
+    if (hasChanged && !options.targetsFile.empty()) reload(options, targets, exporter);
+    targets.dropUnused();
+    server.dropSlowClients();
+  });
+  beginEnding();
+  targets.stopAll();  // ends the scrapes that the server's destructor waits for
 }
 
 int run(int argc, char** argv) {
   std::optional<ExporterOptions> options = parseOptions(argc, argv);
   if (!options) return kDone;
   if (options->isCheck) {
-    listGateways(*options);
+    (void)listGateways(*options);
     if (!options->metadataFile.empty()) Metadata checked(options->metadataFile);
     return kDone;
   }
   setUpLibrary(options->timeoutSeconds, options->traceLevel, options->traceFile);
   serve(*options);
+  return kDone;
 }
 
 }  // namespace
@@ -119,13 +123,5 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  try {
-    return zebtool::run(argc, argv);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    zebtool::endNow(fault.exitCode);
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-    zebtool::endNow(zebtool::kNotConnected);
-  }
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

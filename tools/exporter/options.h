@@ -1,4 +1,4 @@
-// What the command line asks for.
+// The command line of the exporter.
 #ifndef ZEBSTATS_EXPORTER_OPTIONS_H
 #define ZEBSTATS_EXPORTER_OPTIONS_H
 

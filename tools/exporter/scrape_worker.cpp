@@ -1,19 +1,20 @@
 #include "scrape_worker.h"
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 #include "output.h"
+#include "threads.h"
 
 namespace zebtool {
 
 namespace {
 
-// The library permits that many connections. A thread takes its place before it connects and gives
-// it back after it has closed.
+// The library permits 256 connections. A thread takes its place before it connects and gives it
+// back after it has closed.
 class Places {
  public:
+  // A cancelled thread, which will not connect, gets a place at once, or soon: nobody notifies it.
   void take(const std::atomic<bool>& isCancelled) {
     std::unique_lock lock(mutex_);
     while (taken_ >= kMaxConnections && !isCancelled)
@@ -24,10 +25,6 @@ class Places {
     std::lock_guard lock(mutex_);
     --taken_;
     changed_.notify_all();
-  }
-  bool awaitNone(Clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_until(lock, deadline, [this] { return taken_ == 0; });
   }
 
  private:
@@ -45,7 +42,7 @@ ScrapeWorker::ScrapeWorker(Address address, const ScrapePlan& plan, bool isQuiet
     : address_(std::move(address)), name_(showAddress(address_)), plan_(plan), isQuiet_(isQuiet) {}
 
 void ScrapeWorker::start() {
-  std::thread([self = shared_from_this()] { self->run(); }).detach();
+  startThread([self = shared_from_this()] { self->run(); });
 }
 
 // ---- Scrapes ------------------------------------------------------------------------------------
@@ -89,10 +86,6 @@ void ScrapeWorker::stop() {
   changed_.notify_all();
 }
 
-bool ScrapeWorker::awaitNone(Clock::time_point deadline) {
-  return places.awaitNone(deadline);
-}
-
 // ---- The thread ---------------------------------------------------------------------------------
 
 void ScrapeWorker::run() {
@@ -120,8 +113,8 @@ void ScrapeWorker::serve() {
   }
 }
 
-// A connection that was open after the last scrape may have been lost since, as when the gateway
-// was restarted; so a failure on it is followed by one attempt on a new connection.
+// A connection that was open after the last scrape may have been lost since then, for example
+// because the gateway was restarted; so after a failure on it, a new connection is tried once.
 Report ScrapeWorker::answer(Gateway& gateway) {
   bool wasOpen = gateway.isConnected();
   for (;;) {
@@ -164,7 +157,8 @@ Report ScrapeWorker::attempt(Gateway& gateway) {
 void ScrapeWorker::printChange(const std::string& note) {
   if (note == note_) return;
   note_ = note;
-  if (!isQuiet_ && !isStopping_) printMessage(note.empty() ? name_ + ": answers" : note);
+  if (!isQuiet_ && !isStopping_ && !isEnding())
+    printMessage(note.empty() ? name_ + ": answers" : note);
 }
 
 }  // namespace zebtool

@@ -33,11 +33,11 @@ struct Report {
   Clock::time_point finished;
 };
 
-// The answer to one scrape, at its deadline at the latest.
+// What one scrape got, at its deadline at the latest.
 struct Scrape {
   std::shared_ptr<const Report> report;
   double seconds = 0;
-  std::string protocol;  // the gateway's version of it, empty as long as it never answered
+  std::string protocol;  // the gateway's version of it; empty if it has never answered
 };
 
 class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
@@ -52,7 +52,7 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
   // A quiet worker prints nothing when its gateway goes down or comes back.
   ScrapeWorker(Address address, const ScrapePlan& plan, bool isQuiet);
 
-  // Starts the thread, which keeps the worker until it ends. Throws std::system_error.
+  // Starts the thread, which keeps the worker until it ends. Throws a Fault.
   void start();
 
   // HOST:PORT
@@ -60,8 +60,8 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
 
   // Makes the thread ask its gateway. A scrape that begins while it is asking shares that answer.
   Question ask();
-  // Waits for the answer. If an attempt that had begun before the question has failed, waits for
-  // the next one.
+  // Waits for the answer. If it is that of an attempt that had begun before the question, and that
+  // failed, waits for the next attempt.
   Scrape await(Question question, Clock::time_point deadline);
 
   // Returns whether every question has been answered.
@@ -69,9 +69,6 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
 
   // Lets the thread close the connection and end, and ends the scrapes that wait for it.
   void stop();
-
-  // Waits until no thread of any worker is left. Returns whether that is so at the deadline.
-  static bool awaitNone(Clock::time_point deadline);
 
  private:
   Question askLocked(Clock::time_point asked);
@@ -90,9 +87,9 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
 
   std::mutex mutex_;  // guards all below; never held while the library is called
   std::condition_variable changed_;
-  std::uint64_t wanted_ = 0;  // the numbers of the last attempts that were wanted, begun, finished
-  std::uint64_t begun_ = 0;
-  std::uint64_t finished_ = 0;
+  std::uint64_t wanted_ = 0;              // the number of the last attempt that a scrape wants
+  std::uint64_t begun_ = 0;               // of the last one that the thread has begun
+  std::uint64_t finished_ = 0;            // and finished
   std::shared_ptr<const Report> report_;  // of the attempt finished_
   std::string protocol_;
 };

@@ -3,8 +3,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <system_error>
 #include <utility>
+
+#include "threads.h"
 
 namespace zebtool {
 
@@ -19,31 +20,26 @@ constexpr std::chrono::minutes kUnusedTime{5};
 
 }  // namespace
 
-WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) const {
+// The caller holds the mutex.
+WorkerPtr Targets::makeWorker(const Address& address, bool isQuiet) {
   auto worker = std::make_shared<ScrapeWorker>(address, plan_, isQuiet);
   worker->start();
+  std::erase_if(workers_, [](const auto& each) { return each.expired(); });
+  workers_.push_back(worker);
+  if (isEnding()) worker->stop();
   return worker;
 }
 
-void Targets::configure(const std::vector<Address>& addresses) {
-  std::map<std::string, Address> wanted;
-  for (const Address& address : addresses) wanted.emplace(showAddress(address), address);
-  if (wanted.size() > kMaxStanding) {
-    throw Fault(kUsage, std::to_string(wanted.size()) + " gateways are more than the " +
-                            std::to_string(kMaxStanding) +
-                            " that one exporter can ask; share them among several");
-  }
+void Targets::checkCount(const AddressMap& wanted) {
+  if (wanted.size() <= kMaxStanding) return;
+  throw Fault(kUsage, std::to_string(wanted.size()) + " gateways are more than the " +
+                          std::to_string(kMaxStanding) +
+                          " that one exporter can ask; share them among several");
+}
+
+void Targets::configure(const AddressMap& wanted) {
   std::lock_guard lock(mutex_);
-  std::map<std::string, Target> added;
-  try {
-    for (const auto& [name, address] : wanted) {
-      if (!targets_.contains(name)) added[name] = {makeWorker(address, false), true, {}};
-    }
-  } catch (const std::system_error& error) {
-    for (auto& [name, target] : added) target.worker->stop();
-    throw Fault(kNotConnected,
-                std::string("cannot start a thread for each gateway: ") + error.what());
-  }
+  std::map<std::string, Target> added = startMissing(wanted);
   std::erase_if(targets_, [&](const auto& entry) {
     const auto& [name, target] = entry;
     bool isGone = target.isConfigured && !wanted.contains(name);
@@ -53,6 +49,20 @@ void Targets::configure(const std::vector<Address>& addresses) {
   for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
   targets_.merge(added);
   dropOldest(kMaxStanding);
+}
+
+// Starts a worker for each gateway that has none. The caller holds the mutex.
+std::map<std::string, Targets::Target> Targets::startMissing(const AddressMap& wanted) {
+  std::map<std::string, Target> added;
+  try {
+    for (const auto& [name, address] : wanted) {
+      if (!targets_.contains(name)) added[name] = {makeWorker(address, false), true, {}};
+    }
+  } catch (const Fault&) {
+    for (auto& [name, target] : added) target.worker->stop();
+    throw;
+  }
+  return added;
 }
 
 std::vector<WorkerPtr> Targets::configured() const {
@@ -83,7 +93,7 @@ Targets::Probe Targets::probe(const Address& address) {
 }
 
 // Drops idle workers of probed gateways, first those that have been unused for the longest time,
-// until there are no more than the limit.
+// until there are no more workers than the limit. The caller holds the mutex.
 void Targets::dropOldest(std::size_t limit) {
   while (targets_.size() > limit) {
     auto oldest = targets_.end();
@@ -111,7 +121,9 @@ void Targets::dropUnused() {
 
 void Targets::stopAll() {
   std::lock_guard lock(mutex_);
-  for (auto& [name, target] : targets_) target.worker->stop();
+  for (const auto& each : workers_) {
+    if (WorkerPtr worker = each.lock()) worker->stop();
+  }
 }
 
 // ---- The targets file ---------------------------------------------------------------------------

@@ -18,18 +18,28 @@ namespace zebtool {
 
 using WorkerPtr = std::shared_ptr<ScrapeWorker>;
 
+// Addresses by HOST:PORT, so that one that is given twice is there once.
+using AddressMap = std::map<std::string, Address>;
+
 // Keeps a worker, and so a connection, for up to 250 gateways. Safe for several threads.
 class Targets {
  public:
   explicit Targets(ScrapePlan plan) : plan_(std::move(plan)) {}
+  ~Targets() { stopAll(); }
+  Targets(const Targets&) = delete;
+  Targets& operator=(const Targets&) = delete;
 
-  // Makes these the gateways of /metrics. Workers of gateways that are among the old and the new
-  // ones stay. Throws a Fault, and changes nothing, if there are too many or no thread starts.
-  void configure(const std::vector<Address>& addresses);
+  // Throws a Fault (kUsage) if these are more than /metrics can ask.
+  static void checkCount(const AddressMap& wanted);
+
+  // Makes these, whose number has been checked, the gateways of /metrics. Workers of gateways that
+  // are among the old and the new ones stay. Throws a Fault, and changes nothing, if a thread
+  // cannot be started.
+  void configure(const AddressMap& wanted);
 
   [[nodiscard]] std::vector<WorkerPtr> configured() const;
 
-  // A question of one probe to its gateway.
+  // The question of one probe to its gateway.
   class Probe {
    public:
     Probe(WorkerPtr worker, bool isStanding)
@@ -47,12 +57,13 @@ class Targets {
     ScrapeWorker::Question question_;
   };
   // Asks the worker that the gateway has. A gateway without one gets one, which is kept as long as
-  // there are not too many, and otherwise serves this probe only. Throws std::system_error.
+  // there are not too many, and otherwise serves this probe only. Throws a Fault.
   Probe probe(const Address& address);
 
-  // Drops the workers of gateways that have not been probed for five minutes.
+  // Drops the workers of gateways that are only probed, and have not been for five minutes.
   void dropUnused();
 
+  // Stops all workers, and those that are made after beginEnding().
   void stopAll();
 
  private:
@@ -61,27 +72,28 @@ class Targets {
     bool isConfigured = false;
     Clock::time_point used;
   };
-  WorkerPtr makeWorker(const Address& address, bool isQuiet) const;
+  WorkerPtr makeWorker(const Address& address, bool isQuiet);
+  std::map<std::string, Target> startMissing(const AddressMap& wanted);
   void dropOldest(std::size_t limit);
 
   const ScrapePlan plan_;
   mutable std::mutex mutex_;
-  std::map<std::string, Target> targets_;     // by HOST:PORT
-  std::optional<Clock::time_point> crowded_;  // when a gateway last got no worker to keep
+  std::map<std::string, Target> targets_;             // by HOST:PORT
+  std::vector<std::weak_ptr<ScrapeWorker>> workers_;  // also those that serve one probe only
+  std::optional<Clock::time_point> crowded_;          // when a gateway last got no worker to keep
 };
 
 // Reads a targets file: a HOST or HOST:PORT in each line, and comments after '#'. Throws a Fault
 // (kUsage) that names the file and the line.
 std::vector<Address> readTargets(const std::string& path);
 
-// Tells when a file has changed.
+// Notices that a file has changed.
 class FileWatch {
  public:
   explicit FileWatch(std::string path) : path_(std::move(path)), known_(look()), last_(known_) {}
 
-  // Returns whether the file has another content than at the last time that this returned true. It
-  // waits for a call at which the file is as it was at the call before, so that no half-written
-  // file is read.
+  // Returns true once after each change, not before a call finds the file as the call before did:
+  // so no half-written file is read.
   bool hasChanged();
 
  private:

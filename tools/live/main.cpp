@@ -1,19 +1,15 @@
 // zebstat-live: shows the statistics of gateways on the whole screen. `zebstat live` executes it.
 #include <curses.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <exception>
 #include <string>
 
 #include "fault.h"
 #include "history.h"
 #include "options.h"
-#include "output.h"
 #include "poller.h"
 #include "process.h"
 #include "screen.h"
@@ -29,7 +25,7 @@ constexpr double kShortestInterval = 0.1;
 constexpr double kLongestInterval = 3600;
 constexpr int kRedrawMilliseconds = 1000;  // the clock, and how long an outage has lasted
 
-// Takes the key for the filter that is being typed.
+// Applies a key to the filter that is being typed: one of curses, or -1 for the text.
 void typeFilter(ScreenState& state, int key, const std::string& text) {
   std::string& filter = state.view.filter;
   if (key == '\n' || key == '\r' || key == KEY_ENTER || key == kEscape) {
@@ -46,61 +42,48 @@ void typeFilter(ScreenState& state, int key, const std::string& text) {
   state.top = 0;
 }
 
-void scrollBy(ScreenState& state, long lines) {
+// Returns by how many lines the key scrolls, 0 if it is another key.
+long linesFor(int key, long page) {
+  constexpr long kAll = 1L << 30;
+  switch (key) {
+    case KEY_UP:
+    case 'k':
+      return -1;
+    case KEY_DOWN:
+    case 'j':
+      return 1;
+    case KEY_PPAGE:
+    case 'b':
+      return -page;
+    case KEY_NPAGE:
+    case ' ':
+      return page;
+    case KEY_HOME:
+    case 'g':
+      return -kAll;
+    case KEY_END:
+    case 'G':
+      return kAll;
+    default:
+      return 0;
+  }
+}
+
+void scroll(ScreenState& state, int key) {
+  long lines = linesFor(key, static_cast<long>(state.page));
   long top = std::max(0L, static_cast<long>(state.top) + lines);
   state.top = static_cast<std::size_t>(top);
 }
 
-void sortBy(ScreenState& state, Order order) {
-  state.view.order = order;
+void sort(ScreenState& state, int key) {
+  if (key != 'n' && key != 'c' && key != 'r') return;
+  state.view.order = key == 'n' ? Order::kName : key == 'c' ? Order::kChange : Order::kRate;
   state.top = 0;
 }
 
-// Returns whether the key ends the program.
-bool handleKey(ScreenState& state, History& history, int key, const std::string& text) {
-  constexpr long kAll = 1L << 30;
-  long page = static_cast<long>(state.page);
-  if (key == kControlC) return true;
-  if (state.isTyping) {
-    typeFilter(state, key, text);
-    return false;
-  }
+// Handles the keys that neither scroll nor sort.
+void changeView(ScreenState& state, History& history, int key) {
   switch (key) {
-    case 'q':
-      return true;
-    case KEY_UP:
-    case 'k':
-      scrollBy(state, -1);
-      break;
-    case KEY_DOWN:
-    case 'j':
-      scrollBy(state, 1);
-      break;
-    case KEY_PPAGE:
-    case 'b':
-      scrollBy(state, -page);
-      break;
-    case KEY_NPAGE:
-    case ' ':
-      scrollBy(state, page);
-      break;
-    case KEY_HOME:
-    case 'g':
-      scrollBy(state, -kAll);
-      break;
-    case KEY_END:
-    case 'G':
-      scrollBy(state, kAll);
-      break;
-    case 'n':
-      sortBy(state, Order::kName);
-      break;
-    case 'c':
-      sortBy(state, Order::kChange);
-      break;
-    case 'r':
-      sortBy(state, Order::kRate);
-      break;
     case 'a':
       state.view.onlyChanged = !state.view.onlyChanged;
       break;
@@ -130,15 +113,25 @@ bool handleKey(ScreenState& state, History& history, int key, const std::string&
     default:
       break;
   }
-  return false;
+}
+
+// Returns whether the key ends the program.
+bool handleKey(ScreenState& state, History& history, int key, const std::string& text) {
+  if (key == kControlC) return true;
+  if (state.isTyping) {
+    typeFilter(state, key, text);
+    return false;
+  }
+  scroll(state, key);
+  sort(state, key);
+  changeView(state, history, key);
+  return key == 'q';
 }
 
 // Blocks the signals that end the program in this thread and those it starts, and returns a
 // descriptor from which they are read.
 int holdEndingSignals() {
-  sigset_t ending;
-  sigemptyset(&ending);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+  sigset_t ending = endingSignals();
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   return signalfd(-1, &ending, SFD_CLOEXEC);
 }
@@ -146,7 +139,7 @@ int holdEndingSignals() {
 void takeResults(Poller& poller, History& history) {
   for (const PollResult& result : poller.takeResults()) {
     if (result.trouble.empty()) {
-      history.take(result.gateway, result.answer, LiveClock::now());
+      history.take(result.gateway, result.answer, result.at);
     } else {
       history.lose(result.gateway, result.trouble);
     }
@@ -165,7 +158,7 @@ void show(const LiveOptions& options) {
     screen.draw(history, state);
     pollfd sources[] = {
         {STDIN_FILENO, POLLIN, 0}, {poller.descriptor(), POLLIN, 0}, {signals, POLLIN, 0}};
-    poll(sources, 3, kRedrawMilliseconds);  // a change of the window's size interrupts it
+    poll(sources, 3, kRedrawMilliseconds);  // returns early if the window's size changes
     if (sources[2].revents != 0) return;
     if ((sources[0].revents & (POLLHUP | POLLERR)) != 0) return;
     takeResults(poller, history);
@@ -192,16 +185,5 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);
-  int code = zebtool::kNotConnected;
-  try {
-    code = zebtool::run(argc, argv);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    code = fault.exitCode;
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-  }
-  fflush(stdout);
-  zebtool::endNow(code);  // threads may still wait for gateways
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

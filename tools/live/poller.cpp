@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
 #include <utility>
 
-#include "text.h"
+#include "threads.h"
 
 namespace zebtool {
 
@@ -16,45 +18,55 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kFarewell{200};
-constexpr double kShortestRetry = 1;  // seconds, to spare a gateway that is starting
+constexpr double kShortestRetry = 1;       // seconds, to spare a gateway that is starting
+constexpr std::size_t kMaxResults = 1000;  // while a terminal that is stopped delays the caller
+
+PollResult ask(Gateway& gateway, const Question& question, Filter& filter) {
+  PollResult result;
+  try {
+    result.answer = gateway.ask(question);
+    filter.apply(result.answer);
+  } catch (const GatewayFault& fault) {
+    result.trouble = fault.what();
+  } catch (const std::exception& fault) {
+    result.trouble = gateway.name() + ": " + fault.what();
+  }
+  return result;
+}
 
 }  // namespace
 
 struct Poller::Shared {
   explicit Shared(PollOptions given)
       : options(std::move(given)), intervalSeconds(options.intervalSeconds) {}
+  ~Shared() { close(event); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
 
   const PollOptions options;
   const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   std::mutex mutex;  // guards all below
   std::condition_variable changed;
-  std::vector<PollResult> results;
-  std::size_t running = 0;
+  std::deque<PollResult> results;
   double intervalSeconds;
-  bool isStopping = false;
 };
 
 Poller::Poller(PollOptions options) : shared_(std::make_shared<Shared>(std::move(options))) {
-  for (std::size_t i = 0; i < shared_->options.gateways.size(); ++i) {
-    std::lock_guard lock(shared_->mutex);
-    std::thread([shared = shared_, i] { serve(shared, i); }).detach();
-    ++shared_->running;
-  }
+  for (std::size_t i = 0; i < shared_->options.gateways.size(); ++i)
+    startThread([shared = shared_, i] { serve(*shared, i); });
 }
 
 Poller::~Poller() {
-  std::unique_lock lock(shared_->mutex);
-  shared_->isStopping = true;
+  beginEnding();
+  std::lock_guard lock(shared_->mutex);
   shared_->changed.notify_all();
-  shared_->changed.wait_for(lock, kFarewell, [this] { return shared_->running == 0; });
 }
 
 int Poller::descriptor() const {
   return shared_->event;
 }
 
-std::vector<PollResult> Poller::takeResults() {
+std::deque<PollResult> Poller::takeResults() {
   eventfd_t count = 0;
   eventfd_read(shared_->event, &count);
   std::lock_guard lock(shared_->mutex);
@@ -66,35 +78,27 @@ void Poller::setInterval(double seconds) {
   shared_->intervalSeconds = seconds;
 }
 
-void Poller::serve(const std::shared_ptr<Shared>& shared, std::size_t index) {
-  const PollOptions& options = shared->options;
+void Poller::serve(Shared& shared, std::size_t index) {
+  const PollOptions& options = shared.options;
   Gateway gateway(options.gateways[index], options.timeoutSeconds, true);
   Filter filter = options.filter;
-  std::unique_lock lock(shared->mutex);
-  while (!shared->isStopping) {
+  std::unique_lock lock(shared.mutex);
+  while (!isEnding()) {
     lock.unlock();
     Clock::time_point start = Clock::now();
-    PollResult result{index, {}, {}};
-    try {
-      result.answer = gateway.ask(options.question);
-      filter.apply(result.answer);
-    } catch (const GatewayFault& fault) {
-      result.trouble = fault.what();
-    }
+    PollResult result = ask(gateway, options.question, filter);
+    result.gateway = index;
+    result.at = Clock::now();
     lock.lock();
-    double pause = shared->intervalSeconds;
+    double pause = shared.intervalSeconds;
     if (!result.trouble.empty()) pause = std::max(pause, kShortestRetry);
-    shared->results.push_back(std::move(result));
-    eventfd_write(shared->event, 1);
+    shared.results.push_back(std::move(result));
+    if (shared.results.size() > kMaxResults) shared.results.pop_front();
+    eventfd_write(shared.event, 1);
     auto next =
         start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(pause));
-    shared->changed.wait_until(lock, next, [&] { return shared->isStopping; });
+    shared.changed.wait_until(lock, next, isEnding);
   }
-  lock.unlock();
-  gateway.close();
-  lock.lock();
-  --shared->running;
-  shared->changed.notify_all();
 }
 
 }  // namespace zebtool

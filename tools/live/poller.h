@@ -3,10 +3,10 @@
 #ifndef ZEBSTAT_LIVE_POLLER_H
 #define ZEBSTAT_LIVE_POLLER_H
 
-#include <condition_variable>
+#include <chrono>
+#include <cstddef>
+#include <deque>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,29 +25,30 @@ struct PollOptions {
 };
 
 struct PollResult {
-  std::size_t gateway = 0;
+  std::size_t gateway = 0;  // index
   Answer answer;
   std::string trouble;  // empty if there is an answer
+  std::chrono::steady_clock::time_point at;
 };
 
 class Poller {
  public:
   explicit Poller(PollOptions options);
-  // Waits a moment for the threads to close their connections. A thread that waits for a gateway is
-  // left alone: the caller must end the process next.
+  // Calls beginEnding() and lets the threads end, which endThreads() waits for.
   ~Poller();
   Poller(const Poller&) = delete;
   Poller& operator=(const Poller&) = delete;
 
   // A descriptor that is readable if there are results.
   [[nodiscard]] int descriptor() const;
-  std::vector<PollResult> takeResults();
+  // Returns the results since the last call, the oldest first.
+  std::deque<PollResult> takeResults();
   // Sets how often the gateways are asked, from the next answer of each on.
   void setInterval(double seconds);
 
  private:
   struct Shared;
-  static void serve(const std::shared_ptr<Shared>& shared, std::size_t index);
+  static void serve(Shared& shared, std::size_t index);
   std::shared_ptr<Shared> shared_;  // also held by each thread
 };
 

@@ -16,7 +16,25 @@
 
 namespace zebtool {
 
+// A column of the table.
+struct Column {
+  const char* heading;
+  std::size_t width;
+  std::size_t most;
+  bool isRightAligned;
+
+  void fit(const std::string& cell) { width = std::min(std::max(width, columnsOf(cell)), most); }
+  // Gives up columns as long as there are too many, and returns how many are still too many.
+  std::size_t shrink(std::size_t excess, std::size_t least) {
+    std::size_t given = std::min(excess, width > least ? width - least : 0);
+    width -= given;
+    return excess - given;
+  }
+};
+
 namespace {
+
+using Cells = std::vector<std::string>;
 
 constexpr std::size_t kTraceColumns = 20;
 constexpr std::size_t kEnoughTraceColumns = 11;  // what ids and gateways leave for it
@@ -65,10 +83,7 @@ attr_t attributesFor(const Statistic& statistic, bool isStale) {
   if (statistic.alarm == Alarm::kCritical)
     return static_cast<attr_t>(COLOR_PAIR(kCritical)) | A_BOLD;
   if (statistic.alarm == Alarm::kWarning) return static_cast<attr_t>(COLOR_PAIR(kWarned)) | A_BOLD;
-  bool isFresh =
-      statistic.samples.size() > 1 &&
-      statistic.samples.back().value != statistic.samples[statistic.samples.size() - 2].value;
-  return isFresh ? static_cast<attr_t>(COLOR_PAIR(kChanged)) : A_NORMAL;
+  return statistic.hasJustChanged ? static_cast<attr_t>(COLOR_PAIR(kChanged)) : A_NORMAL;
 }
 
 // A value that is in alarm is marked with ! or !!, one that was with . or ..
@@ -78,22 +93,17 @@ const char* markFor(const Statistic& statistic) {
   return statistic.worst == Alarm::kCritical ? ".." : statistic.worst == Alarm::kWarning ? "." : "";
 }
 
-struct Column {
-  const char* heading;
-  std::size_t width;
-  std::size_t most;
-  bool isRightAligned;
-
-  void fit(const std::string& cell) { width = std::min(std::max(width, columnsOf(cell)), most); }
-  // Gives up columns as long as there are too many, and returns how many are still too many.
-  std::size_t shrink(std::size_t excess, std::size_t least) {
-    std::size_t given = std::min(excess, width > least ? width - least : 0);
-    width -= given;
-    return excess - given;
+// Returns the cells of a statistic but for its graph. A text has no change and no rate.
+Cells cellsFor(const History& history, const Statistic& statistic) {
+  Cells cells{markFor(statistic)};
+  if (history.gateways().size() > 1)
+    cells.push_back(toShown(history.gateways()[statistic.gateway].name));
+  cells.insert(cells.end(), {toShown(statistic.id), toShown(statistic.value)});
+  if (statistic.isNumber) {
+    cells.insert(cells.end(), {showChange(statistic.change()), showChange(statistic.rate())});
   }
-};
-
-using Cells = std::vector<std::string>;
+  return cells;
+}
 
 // The last column, the graph, gets what the others leave.
 std::vector<Column> makeColumns(bool hasSeveral) {
@@ -237,54 +247,45 @@ int Screen::drawTroubles(const History& history) {
   return row;
 }
 
-// Returns the cells of a statistic but for its graph. A text has no change and no rate.
-std::vector<std::string> Screen::cellsFor(const History& history, const Statistic& statistic) {
-  std::vector<std::string> cells{markFor(statistic)};
-  if (history.gateways().size() > 1)
-    cells.push_back(toShown(history.gateways()[statistic.gateway].name));
-  cells.insert(cells.end(), {toShown(statistic.id), toShown(statistic.value)});
-  if (statistic.isNumber) {
-    cells.insert(cells.end(), {showChange(statistic.change()), showChange(statistic.rate())});
-  }
-  return cells;
-}
-
 void Screen::drawTable(const History& history, ScreenState& state,
                        const std::vector<const Statistic*>& shown, int row) {
   std::vector<Column> columns = makeColumns(history.gateways().size() > 1);
-  std::size_t graph = columns.size() - 1;
   std::vector<Cells> rows;
   for (const Statistic* statistic : shown) rows.push_back(cellsFor(history, *statistic));
   fitColumns(columns, rows, COLS);
-  auto printRow = [&](const Cells& cells) {
-    int start = 0;
-    bool isWhole = cells.size() == columns.size();
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-      bool runsOn = i + 1 == cells.size() && !isWhole;
-      int width = runsOn ? COLS - start : static_cast<int>(columns[i].width);
-      int used = std::min(static_cast<int>(columnsOf(cells[i])), width);
-      bool isRight = columns[i].isRightAligned && !runsOn;
-      print(row, isRight ? start + width - used : start, cells[i], width);
-      start += width + 2;
-    }
-    ++row;
-  };
-  Cells heading;
-  for (const Column& column : columns) heading.emplace_back(column.heading);
-  attron(A_REVERSE);
-  mvhline(row, 0, ' ', COLS);
-  printRow(heading);
-  attroff(A_REVERSE);
+  drawHeading(row++, columns);
 
   state.page = static_cast<std::size_t>(std::max(1, LINES - row));
   state.top = std::min(state.top, shown.size() > state.page ? shown.size() - state.page : 0);
   for (std::size_t i = state.top; i < shown.size() && row < LINES; ++i) {
     bool isStale = !history.gateways()[shown[i]->gateway].trouble.empty();
     attr_t attributes = attributesFor(*shown[i], isStale);
-    if (shown[i]->isNumber) rows[i].push_back(drawMinute(*shown[i], columns[graph].width, isUtf8_));
+    if (shown[i]->isNumber) rows[i].push_back(drawMinute(*shown[i], columns.back().width, isUtf8_));
     attr_on(attributes, nullptr);
-    printRow(rows[i]);
+    drawRow(row++, columns, rows[i]);
     attr_off(attributes, nullptr);
+  }
+}
+
+void Screen::drawHeading(int row, const std::vector<Column>& columns) {
+  Cells heading;
+  for (const Column& column : columns) heading.emplace_back(column.heading);
+  attron(A_REVERSE);
+  mvhline(row, 0, ' ', COLS);
+  drawRow(row, columns, heading);
+  attroff(A_REVERSE);
+}
+
+// If there are fewer cells than columns, the last cell spans the rest.
+void Screen::drawRow(int row, const std::vector<Column>& columns, const Cells& cells) {
+  int start = 0;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    bool runsOn = i + 1 == cells.size() && cells.size() < columns.size();
+    int width = runsOn ? COLS - start : static_cast<int>(columns[i].width);
+    int used = std::min(static_cast<int>(columnsOf(cells[i])), width);
+    bool isRight = columns[i].isRightAligned && !runsOn;
+    print(row, isRight ? start + width - used : start, cells[i], width);
+    start += width + 2;
   }
 }
 

@@ -21,6 +21,8 @@ struct ScreenState {
   double intervalSeconds = 0;
 };
 
+struct Column;
+
 // Takes over the terminal; the destructor gives it back.
 class Screen {
  public:
@@ -41,7 +43,8 @@ class Screen {
   int drawTroubles(const History& history);
   void drawTable(const History& history, ScreenState& state,
                  const std::vector<const Statistic*>& shown, int row);
-  static std::vector<std::string> cellsFor(const History& history, const Statistic& statistic);
+  void drawHeading(int row, const std::vector<Column>& columns);
+  void drawRow(int row, const std::vector<Column>& columns, const std::vector<std::string>& cells);
   void drawKeys();
   void print(int row, int column, const std::string& text, int width);
 

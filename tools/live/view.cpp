@@ -8,13 +8,14 @@
 #include <cstring>
 #include <optional>
 
+#include "glob.h"
+
 namespace zebtool {
 
 namespace {
 
 bool matches(const std::string& id, const std::string& filter) {
-  if (filter.find_first_of("*?[") != std::string::npos)
-    return fnmatch(filter.c_str(), id.c_str(), FNM_CASEFOLD) == 0;
+  if (isGlob(filter)) return fnmatch(filter.c_str(), id.c_str(), FNM_CASEFOLD) == 0;
   return strcasestr(id.c_str(), filter.c_str()) != nullptr;
 }
 

@@ -1,16 +1,14 @@
 // The gateways of a command line. Several are asked side by side: each has a thread of its own,
 // because a connection belongs to the thread that has opened it. A single one is asked by the
-// caller's thread, since starting a thread would slow down a short run.
+// caller's thread, since starting a thread would slow down a short run. There is one fleet, which
+// ends with the program.
 #ifndef ZEBSTAT_FLEET_H
 #define ZEBSTAT_FLEET_H
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "gateway.h"
 #include "options.h"
@@ -28,19 +26,21 @@ class Fleet {
  public:
   using Clock = std::chrono::steady_clock;
 
+  // Throws a Fault if there is no thread for each gateway.
   explicit Fleet(const Options& options);
-  // Closes the connections and waits for the threads, which may take until the timeout.
+  // Closes the connection of a single gateway, which may take until the timeout; or calls
+  // beginEnding() and lets the threads end, which endThreads() waits for.
   ~Fleet();
   Fleet(const Fleet&) = delete;
   Fleet& operator=(const Fleet&) = delete;
 
-  [[nodiscard]] std::size_t size() const { return members_.size(); }
-  [[nodiscard]] const std::string& name(std::size_t i) const { return members_[i].name; }
+  [[nodiscard]] std::size_t size() const;
+  [[nodiscard]] const std::string& name(std::size_t i) const;
 
   // Starts to ask a gateway, which must not be being asked. wait() waits for it if it is awaited.
   void ask(std::size_t i, bool isAwaited);
-  // Waits for the awaited gateways or, if there is one, for the deadline; later calls do not wait
-  // for those that are late then.
+  // Waits for the awaited gateways, but no longer than until the deadline if there is one. Later
+  // calls do not wait for those that are late.
   void wait(std::optional<Clock::time_point> deadline);
   // Returns the outcome once; nothing while the gateway is being asked or if it was not asked.
   std::optional<Outcome> take(std::size_t i);
@@ -48,23 +48,9 @@ class Fleet {
   [[nodiscard]] bool isAsking();  // any of them
 
  private:
-  struct Member {
-    std::string name;
-    Gateway gateway;
-    std::thread thread;
-    bool isAsked = false;  // this and the rest are guarded by mutex_
-    bool isAwaited = false;
-    std::optional<Outcome> outcome;
-  };
-
-  void serve(Member& member);
-  [[nodiscard]] Outcome askNow(Gateway& gateway) const;
-
-  const Question question_;
-  std::vector<Member> members_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool isEnding_ = false;
+  struct Member;
+  struct Shared;
+  std::shared_ptr<Shared> shared_;  // also held by each thread
 };
 
 }  // namespace zebtool

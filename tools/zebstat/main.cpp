@@ -1,10 +1,6 @@
 // zebstat: asks a gateway for its statistics, and shows or checks the answer.
 //
 // Results go to standard output, messages to standard error, one line for each failure.
-#include <signal.h>
-
-#include <exception>
-
 #include "check.h"
 #include "completion.h"
 #include "fault.h"
@@ -54,14 +50,5 @@ int run(int argc, char** argv) {
 }  // namespace zebtool
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
-  try {
-    return zebtool::run(argc, argv);
-  } catch (const zebtool::Fault& fault) {
-    zebtool::printMessage(fault.what());
-    return fault.exitCode;
-  } catch (const std::exception& fault) {
-    zebtool::printMessage(fault.what());
-    return zebtool::kNotConnected;
-  }
+  return zebtool::runProgram(zebtool::run, argc, argv);
 }

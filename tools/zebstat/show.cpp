@@ -43,8 +43,9 @@ class Schedule {
   Clock::time_point next_ = Clock::now();
 };
 
-// Ctrl-C is the usual way to end a watch. There is nothing to clean up: the signal is blocked
-// during writing.
+// Ctrl-C is the usual way to end a watch, and may come while the main thread waits for a gateway;
+// so the process ends at once. No destructor is missed: signals are held while output is written,
+// and the kernel closes the connections.
 void endOnSignal(int) {
   endNow(kDone);
 }
@@ -55,12 +56,13 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-void waitUntil(Clock::time_point end) {
-  waitForReader(std::chrono::duration<double>(end - Clock::now()).count());
+// Returns false if the reader of standard output has gone.
+bool waitUntil(Clock::time_point end) {
+  return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
 }
 
-// Watches gateways, and asks those that fail again after pauses that grow, so that the attempts do
-// not burden a gateway that is starting.
+// Asks gateways again and again. One that fails is asked again after a pause, which grows each
+// time, so that the attempts do not burden a gateway that is starting.
 class Watch {
  public:
   explicit Watch(const Options& options)
@@ -73,7 +75,7 @@ class Watch {
   int run() {
     ExitCode code = kDone;
     for (long rounds = 0; options_.rounds == 0 || rounds < options_.rounds;) {
-      waitUntil(nextWake());
+      if (!waitUntil(nextWake())) return kDone;
       askDue();
       News news = collect();
       if (!hasAnswered_ && haveAllFailed()) return presenter_.worstOf(reports());
@@ -84,7 +86,6 @@ class Watch {
       }
       if (news.hasAnswer) ++rounds;
     }
-    if (fleet_.isAsking()) endNow(code);  // rather than wait for a gateway that is late
     return code;
   }
 
@@ -124,7 +125,7 @@ class Watch {
     fleet_.wait(now + std::max<Clock::duration>(schedule_.step(), kFirstPause));
   }
 
-  // Of an outage only the begin is news.
+  // Takes the outcomes that have come. Only the beginning of an outage is news.
   News collect() {
     News news;
     for (std::size_t i = 0; i < states_.size(); ++i) {
