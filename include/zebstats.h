@@ -69,9 +69,13 @@
  *   Children   A forked child cannot use its parent's connections: calls with them return
  *              ZEB_OTHER_PROCESS. If the child closes them, it only forgets them: nothing is sent,
  *              and the parent's session goes on. Sockets and the trace file are closed on exec.
+ *              A child connects to numeric addresses. If another thread of the parent was resolving
+ *              a host name at the fork, the C library may never resolve one in the child.
  *   Process    A call that succeeds leaves errno as it was. SIGPIPE is ignored while a request is
  *              sent; afterwards its disposition is what it was before, or what the host has set
- *              meanwhile. A thread that is cancelled inside a call ends after the call. A trace
+ *              meanwhile. So a host must not save and restore the disposition, nor start a program,
+ *              while another thread is inside a call: it could read, or the program could inherit,
+ *              the ignored one. A thread that is cancelled inside a call ends after the call. A trace
  *              destination that is full, closed or not read loses lines; no call fails or waits
  *              because of it.
  *   Wire       Requests and replies are clear text, and no credentials are sent: use the library
@@ -398,7 +402,7 @@ ZEB_API int setAPITraceLevel(int traceState) ZEB_NOEXCEPT;
 ZEB_API int setAPITraceFile(const char* traceFile) ZEB_NOEXCEPT;
 
 /* Writes the state of the library, its open connections and their result sets to the trace
- * destination, at any level.
+ * destination, at any level. An answer that another thread is receiving meanwhile is shown in part.
  *
  * Returns ZEB_OK. */
 ZEB_API int dumpState(void) ZEB_NOEXCEPT;

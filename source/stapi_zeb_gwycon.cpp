@@ -7,7 +7,6 @@
 
 #include "stapi_zeb_gwycon.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -23,7 +22,6 @@
 #include <memory>
 
 #include "stapi_zeb_diag.h"
-#include "stapi_zeb_memory.h"
 #include "stapi_zeb_protocol.h"
 #include "stapi_zeb_socketcomms.h"
 #include "stapi_zeb_timeout.h"
@@ -50,36 +48,18 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
-// Held while a numeric address is resolved; a fork waits for it.
-pthread_mutex_t resolverMutex = PTHREAD_MUTEX_INITIALIZER;
-
-bool isNumeric(const char* host) noexcept {
-  in6_addr address;  // not used; large enough for both families
-  return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
-}
-
-// getaddrinfo, with resolverMutex held if host is numeric. The C library's resolver has a lock that
-// a forked child inherits locked if another thread holds it, so a fork waits until no thread
-// resolves a numeric address, which takes microseconds. It does not wait for names, which may take
-// seconds.
-int resolve(const char* host, const char* port, const addrinfo& hints, addrinfo** found) noexcept {
-  if (host == nullptr || !isNumeric(host)) return getaddrinfo(host, port, &hints, found);
-  const MutexGuard guard(resolverMutex);
-  return getaddrinfo(host, port, &hints, found);
-}
-
-// Returns getaddrinfo's code, and on 0 the addresses. AI_ADDRCONFIG refuses a numeric address if
-// this host has no address of that family, for example 127.0.0.1 on a host with IPv6 only. So if
-// the first attempt fails, the second one takes a numeric address as it is.
+// Returns getaddrinfo's code, and on 0 the addresses. A numeric address is taken as it is, for two
+// reasons. With AI_ADDRCONFIG it would be refused if this host has no address of that family, for
+// example 127.0.0.1 on a host with IPv6 only. And the C library would take a lock, which a forked
+// child inherits locked if another thread resolves a name at the fork: the child would hang.
 int findAddresses(const char* host, const char* port, addrinfo** found) noexcept {
   addrinfo hints = {};
-  hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  const int code = resolve(host, port, hints, found);
-  if (code == 0 || host == nullptr) return code;
-  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-  return resolve(host, port, hints, found) == 0 ? 0 : code;
+  if (host != nullptr && getaddrinfo(host, port, &hints, found) == 0) return 0;
+  hints.ai_flags = AI_ALL | AI_ADDRCONFIG;
+  return getaddrinfo(host, port, &hints, found);
 }
 
 // Returns 0 and the addresses, or kHostNotResolved.
@@ -262,14 +242,6 @@ int failWait(int error, int* errorPtr) noexcept {
 }
 
 }  // namespace
-
-void lockResolverForFork() noexcept {
-  pthread_mutex_lock(&resolverMutex);
-}
-
-void unlockResolverAfterFork() noexcept {
-  pthread_mutex_unlock(&resolverMutex);
-}
 
 }  // namespace zeb
 

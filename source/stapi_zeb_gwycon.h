@@ -29,13 +29,4 @@ ZEB_INTERNAL int authorizeConnection(int socketDescriptor, reasons* failure) ZEB
 // is ignored. Returns the result of close(): 0, or -1 with errno.
 ZEB_INTERNAL int closeConnection(const int* socketDescriptorPtr) ZEB_NOEXCEPT;
 
-namespace zeb {
-
-// Take and release resolverMutex around a fork, so that no other thread is resolving a numeric
-// address when the child is made.
-void lockResolverForFork() noexcept;
-void unlockResolverAfterFork() noexcept;
-
-}  // namespace zeb
-
 #endif

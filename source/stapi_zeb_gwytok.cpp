@@ -203,8 +203,10 @@ bool isInherited(const GatewayToken& token) noexcept {
   return token.owningPid != currentPid();
 }
 
-void closeSocket(GatewayToken& token) noexcept {
-  const int rc = isInherited(token) ? close(token.socket) : closeConnection(&token.socket);
+// If isSilent, the gateway is not told, either.
+void closeSocket(GatewayToken& token, bool isSilent) noexcept {
+  const int rc =
+      isSilent || isInherited(token) ? close(token.socket) : closeConnection(&token.socket);
   writeShared(token.connStatus, static_cast<std::int32_t>(rc != 0 ? kCloseFailed : kClosed));
 }
 
@@ -235,8 +237,9 @@ void freeToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
 }
 
 // Closes and frees a removed token that nobody holds.
-void destroyToken(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
-  closeSocket(*token);
+void destroyToken(GatewayToken* const* gwTokPtr, GatewayToken* token,
+                  bool isSilent = false) noexcept {
+  closeSocket(*token, isSilent);
   releaseToken(*token);
   freeToken(gwTokPtr, token);
 }
@@ -272,13 +275,14 @@ void beginRemoval(GatewayToken& token, GatewayToken* parent) noexcept {
 // the call that has the last one destroys it. An inherited token is destroyed at once: its holds
 // are those of threads that the child does not have. Once the hold is given back, another thread
 // may free the token, so isInherited is asked before.
-void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token) noexcept {
+void endRemoval(GatewayToken* const* gwTokPtr, GatewayToken* token,
+                bool isSilent = false) noexcept {
   const bool isInheritedToken = isInherited(*token);
   const bool wasLastHold = holdsOf(*token).fetch_sub(1) == kRemoved + 1;
-  if (wasLastHold || isInheritedToken) destroyToken(gwTokPtr, token);
+  if (wasLastHold || isInheritedToken) destroyToken(gwTokPtr, token, isSilent);
 }
 
-// The four ways in which deleteToken deletes *gwTokPtr, which is not null. Each returns 0, and
+// The five ways in which deleteToken deletes *gwTokPtr, which is not null. Each returns 0, and
 // removeListedToken also ZEB_TOKEN_UNKNOWN.
 
 // For a token in the list. It sets the caller's variable to null before it waits for the gateway:
@@ -311,13 +315,19 @@ int removeUnlistedToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
+// The same after the deadline of the call: a close request could take time that is not left.
+int abandonUnlistedToken(GatewayToken** gwTokPtr) noexcept {
+  endRemoval(gwTokPtr, *gwTokPtr, true);
+  return 0;
+}
+
 // For a removed token whose last hold has been given back.
 int destroyLeftToken(GatewayToken** gwTokPtr) noexcept {
   destroyToken(gwTokPtr, *gwTokPtr);
   return 0;
 }
 
-// deleteGatewayToken with its trace lines. lockRequired is only printed; remove is one of the four
+// deleteGatewayToken with its trace lines. lockRequired is only printed; remove is one of the five
 // ways above.
 int deleteToken(GatewayToken** gwTokPtr, int lockRequired,
                 int (*remove)(GatewayToken**) noexcept) noexcept {
@@ -540,7 +550,7 @@ int deleteAll(int& count) noexcept {
     formatGatewayToken(token, text);
     TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
                 token, count, text);
-    deleteToken(&token, 0, removeUnlistedToken);
+    deleteToken(&token, 0, hasTimedOut() ? abandonUnlistedToken : removeUnlistedToken);
     if (count == taken) break;
     token = next;
   }

@@ -76,7 +76,6 @@ int initialize() noexcept {
 // fork would never be released there. The thread that forks therefore takes all locks before, in
 // their order, and parent and child both release them after.
 void prepareFork() noexcept {
-  lockResolverForFork();
   pthread_mutex_lock(&initMutex);
   lockListForFork();
   lockTraceForFork();
@@ -87,7 +86,6 @@ void releaseOtherLocks() noexcept {
   unlockTraceAfterFork();
   unlockListAfterFork();
   pthread_mutex_unlock(&initMutex);
-  unlockResolverAfterFork();
 }
 
 void continueParent() noexcept {

@@ -165,10 +165,20 @@ void parseAnswer(const AdminCallRecord& record, char* buffer) noexcept {
   }
 }
 
+// Returns rc, or kFlowFailed if it is 0 and the reply is of the other kind of call. Then it answers
+// an earlier request: the gateway has sent a reply twice, and the second one came too late for
+// checkInStep to see it.
+int checkReplyKind(int rc, bool isOfItsKind) noexcept {
+  if (rc != 0 || isOfItsKind) return rc;
+  TRACE_EXC(4021, "stapi_zeb_statcomms.statCommsString Reply is that to another request\n");
+  return kFlowFailed;
+}
+
 int invoke(int socketDesc, const char* operation, const char* argument, char* buffer,
            reasons* failure) noexcept {
   AdminCallRecord record = {};
   int rc = getInitAdminRequest(socketDesc, &record, failure);
+  rc = checkReplyKind(rc, record.callKind == kOpeningCall);
   if (rc == 0) {
     TRACE_DEBUG(4022,
                 "stapi_zeb_statcomms.statCommsString Successfully init'd the Admin Request\n");
@@ -178,9 +188,9 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
     record.signature = STATS_MBEAN_SIG;
     setCallLength(record, calculateCallLength(&record));
     rc = flowAdminRequest(socketDesc, &record, failure);
+    rc = checkReplyKind(rc, record.callKind != kOpeningCall);
   }
   if (rc == 0) {
-    // If the gateway answered as if to an opening call, callData is null: nothing is dumped.
     TRACE_DATA(4023, "stapi_zeb_statcomms.statCommsString",
                (TracedStorage{.address = record.callData,
                               .length = static_cast<int>(record.header.dataLength),

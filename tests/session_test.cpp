@@ -152,7 +152,9 @@ TEST(Session, MapsEveryFailureToItsCodeTracesItAndLeavesNothingBehind) {
       {"version: a byte too long", Script(asked).reply(version("0004 'abc'")), -122},
       {"query: more after the version", Script(asked).reply(version("0001 'v'") + "?"), -102},
       {"query: opening without data", Script(opened).answer(admin("")), -122},
-      {"query: opening is a call", Script(opened).answer(callData).expect().halfClose(), -102},
+      // An answer to an earlier request, which came too late to be noticed before this one.
+      {"query: opening is a call", Script(opened).answer(callData), -102},
+      {"query: answer is an opening", Script(queried).reply(admin(openingData(7))), -102},
       {"query: connection gone", Script(queried).reply(admin(good, 0xF004)), -102},
       {"query: another code", Script(queried).reply(admin(good, 0xF005)), -122},
       {"query: refused", Script(queried).reply(admin(callFailedData(kInvoke, 6))), -122},
@@ -197,8 +199,8 @@ TEST(Session, SucceedsWithRepliesThatOnlyLookWrong) {
     opened.answerCall(kGetAttribute, encodeProtocol("v")).answerQuery(kNoIds);
     EXPECT_EQ(codeOf(opened), ZEB_END_OF_RESULTS);
   }
-  for (const Bytes& empty : {called(kInvoke, ""), admin(openingData(7))})
-    EXPECT_EQ(codeOf(Script().answerOpen().answerOpening().answer(empty)), ZEB_WRONG_CONTENT);
+  EXPECT_EQ(codeOf(Script().answerOpen().answerOpening().answer(called(kInvoke, ""))),
+            ZEB_WRONG_CONTENT);
   for (const std::size_t length : {0U, 63U, 64U, 32767U}) {
     const ScriptedGateway gateway(Script().answerOpen(std::string(length, 'v')));
     EXPECT_EQ(Connection(gateway.port()).version,
