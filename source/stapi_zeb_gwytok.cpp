@@ -315,7 +315,7 @@ int removeUnlistedToken(GatewayToken** gwTokPtr) noexcept {
   return 0;
 }
 
-// The same after the deadline of the call: a close request could take time that is not left.
+// The same without a close request, for which no time is left.
 int abandonUnlistedToken(GatewayToken** gwTokPtr) noexcept {
   endRemoval(gwTokPtr, *gwTokPtr, true);
   return 0;
@@ -533,7 +533,8 @@ GatewayToken* takeAll(int& count) noexcept {
 }
 
 // deleteGatewayTokens without its lines for entry and exit. All tokens are removed first, which
-// wakes the calls that use them, and then closed one after the other without gtlLock.
+// wakes the calls that use them, and then closed one after the other without gtlLock. After the
+// deadline the gateways are told without waiting for their answers, as long as there is time.
 int deleteAll(int& count) noexcept {
   GatewayToken* token;
   int taken;
@@ -550,7 +551,7 @@ int deleteAll(int& count) noexcept {
     formatGatewayToken(token, text);
     TRACE_EVENT(2042, "stapi_zeb_gwytok.deleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
                 token, count, text);
-    deleteToken(&token, 0, hasTimedOut() ? abandonUnlistedToken : removeUnlistedToken);
+    deleteToken(&token, 0, isOverdue() ? abandonUnlistedToken : removeUnlistedToken);
     if (count == taken) break;
     token = next;
   }

@@ -72,6 +72,11 @@ bool hasTimedOut() noexcept {
   return deadline.hasPassed;
 }
 
+bool isOverdue() noexcept {
+  const std::int64_t grace = deadline.milliseconds * kNanosecondsPerMillisecond / 20;
+  return hasTimedOut() && now() > deadline.at + grace;
+}
+
 int callTimeout() noexcept {
   return deadline.milliseconds;
 }
