@@ -36,7 +36,8 @@
  *              now and then does not extend it. A call that still waits when the timeout has passed
  *              returns within a further tenth of it: an open returns ZEB_CONNECT_TIMED_OUT, a query
  *              ZEB_TIMED_OUT, a close ZEB_OK. Only the resolution of a host name is not bounded; a
- *              numeric address needs none.
+ *              numeric address needs none. Closing hundreds of connections at once, and tracing
+ *              that at level 4 or 5, takes some milliseconds more.
  *   Signals    With a timeout, a handled signal ends no call. Without one, a signal that is handled
  *              while a query waits ends the query with ZEB_CONNECTION_LOST, and a signal that is
  *              handled while an open waits may end it with ZEB_CONNECT_FAILED or

@@ -89,4 +89,12 @@ std::string showAddress(const Address& address) {
   return (isIpv6 ? "[" + address.host + "]" : address.host) + ":" + std::to_string(address.port);
 }
 
+void removeRepeated(std::vector<Address>& addresses) {
+  auto end = addresses.begin();
+  for (const Address& address : std::vector<Address>(addresses)) {
+    if (std::find(addresses.begin(), end, address) == end) *end++ = address;
+  }
+  addresses.erase(end, addresses.end());
+}
+
 }  // namespace zebtool

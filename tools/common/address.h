@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zebtool {
 
@@ -32,6 +33,9 @@ std::optional<Address> joinHostAndPort(const std::string& host, int port);
 
 // Returns HOST:PORT, with an IPv6 address in brackets.
 std::string showAddress(const Address& address);
+
+// Removes all but the first of equal addresses, so that no gateway is asked and shown twice.
+void removeRepeated(std::vector<Address>& addresses);
 
 }  // namespace zebtool
 

@@ -60,6 +60,7 @@ std::vector<Address> readGateways(const RawOptions& raw) {
     if (std::string message = readEnvironment(gateways); !message.empty())
       refuse("ZEBSTAT_GATEWAY in the environment: " + message);
   }
+  removeRepeated(gateways);
   if (!gateways.empty()) return gateways;
   std::optional<Address> only = joinHostAndPort(raw.host, raw.port);
   if (!only) refuse("--port: --host " + raw.host + " has a port already");

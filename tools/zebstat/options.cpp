@@ -73,15 +73,6 @@ std::vector<std::string> readArguments(int argc, char** argv) {
   return arguments;
 }
 
-// Removes all but the first of equal gateways, which would be shown twice.
-void removeRepeated(std::vector<Address>& gateways) {
-  auto end = gateways.begin();
-  for (const Address& gateway : std::vector<Address>(gateways)) {
-    if (std::find(gateways.begin(), end, gateway) == end) *end++ = gateway;
-  }
-  gateways.erase(end, gateways.end());
-}
-
 // Holds the raw options of a command line and combines them.
 class Parser {
  public:
