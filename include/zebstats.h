@@ -36,8 +36,9 @@
  *              now and then does not extend it. A call that still waits when the timeout has passed
  *              returns within a further tenth of it: an open returns ZEB_CONNECT_TIMED_OUT, a query
  *              ZEB_TIMED_OUT, a close ZEB_OK. Only the resolution of a host name is not bounded; a
- *              numeric address needs none. Closing hundreds of connections at once, and tracing
- *              that at level 4 or 5, takes some milliseconds more.
+ *              numeric address needs none. If hundreds of connections are closed at once, freeing
+ *              them takes some milliseconds more, and a trace at level 5 up to half a millisecond
+ *              for each.
  *   Signals    With a timeout, a handled signal ends no call. Without one, a signal that is handled
  *              while a query waits ends the query with ZEB_CONNECTION_LOST, and a signal that is
  *              handled while an open waits may end it with ZEB_CONNECT_FAILED or
@@ -70,13 +71,15 @@
  *   Children   A forked child cannot use its parent's connections: calls with them return
  *              ZEB_OTHER_PROCESS. If the child closes them, it only forgets them: nothing is sent,
  *              and the parent's session goes on. Sockets and the trace file are closed on exec.
- *              A child connects to numeric addresses. If another thread of the parent was resolving
- *              a host name at the fork, the C library may never resolve one in the child.
+ *              A child can always open connections of its own to numeric addresses. If another
+ *              thread of the parent was resolving a host name at the fork, an open by name may
+ *              never return in the child.
  *   Process    A call that succeeds leaves errno as it was. SIGPIPE is ignored while a request is
  *              sent; afterwards its disposition is what it was before, or what the host has set
- *              meanwhile. So a host must not save and restore the disposition, nor start a program,
- *              while another thread is inside a call: it could read, or the program could inherit,
- *              the ignored one. A thread that is cancelled inside a call ends after the call. A trace
+ *              meanwhile. So while another thread opens, asks or closes, a host must neither save
+ *              and restore the disposition, nor start a program with posix_spawn(), system() or
+ *              popen(): it could read, or the program inherit, the ignored one. fork() restores it
+ *              in the child. A thread that is cancelled inside a call ends after the call. A trace
  *              destination that is full, closed or not read loses lines; no call fails or waits
  *              because of it.
  *   Wire       Requests and replies are clear text, and no credentials are sent: use the library
@@ -233,6 +236,7 @@ ZEB_API int closeGatewayConnection(GatewayToken** gwTokPtr) ZEB_NOEXCEPT;
 
 /* Closes the connections of all threads, each as closeGatewayConnection() does, and ends the opens
  * that are under way, which return ZEB_TOKEN_UNKNOWN. The callers' tokens are not set to null.
+ * After the timeout it no longer waits for replies, and it may close connections without a request.
  *
  * Returns ZEB_OK, or ZEB_TOKEN_LIST_CORRUPT (256 connections were open; they have been closed). */
 ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
@@ -255,9 +259,9 @@ ZEB_API int closeAllGatewayConnections(void) ZEB_NOEXCEPT;
  *   (for a copy of the query string);
  * or one of these codes, after which the connection has been removed:
  *   ZEB_CONNECTION_LOST (lost; or closed by another thread; or ended by a signal; or the gateway
- *   had sent bytes that answer no request), ZEB_TIMED_OUT, ZEB_COMMUNICATION_FAILED (the gateway
- *   refused the request, or its reply was malformed or announced more than 16 MiB, or there was no
- *   memory for the request or the reply). */
+ *   sent bytes, or a reply, that do not belong to the request), ZEB_TIMED_OUT,
+ *   ZEB_COMMUNICATION_FAILED (the gateway refused the request, or its reply was malformed or
+ *   announced more than 16 MiB, or there was no memory for the request or the reply). */
 /* Asks for all statistics; walk the answers of this call and of the next two with getFirstStat()
  * and getNextStat(). */
 ZEB_API int getStats(GatewayToken* gwTok, ResultSetToken** statRSPtr) ZEB_NOEXCEPT;

@@ -203,7 +203,7 @@ bool isInherited(const GatewayToken& token) noexcept {
   return token.owningPid != currentPid();
 }
 
-// If isSilent, the gateway is not told, either.
+// Sends no close request if isSilent is set or the token is inherited.
 void closeSocket(GatewayToken& token, bool isSilent) noexcept {
   const int rc =
       isSilent || isInherited(token) ? close(token.socket) : closeConnection(&token.socket);

@@ -12,7 +12,6 @@
 
 #include "stapi_zeb_codes.h"
 #include "stapi_zeb_diag.h"
-#include "stapi_zeb_gwycon.h"
 #include "stapi_zeb_gwytok.h"
 #include "stapi_zeb_id_query.h"
 #include "stapi_zeb_memory.h"

@@ -13,6 +13,7 @@
 
 #include "stapi_zeb_statcomms.h"
 
+#include <errno.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -165,11 +166,11 @@ void parseAnswer(const AdminCallRecord& record, char* buffer) noexcept {
   }
 }
 
-// Returns rc, or kFlowFailed if it is 0 and the reply is of the other kind of call. Then it answers
-// an earlier request: the gateway has sent a reply twice, and the second one came too late for
-// checkInStep to see it.
-int checkReplyKind(int rc, bool isOfItsKind) noexcept {
-  if (rc != 0 || isOfItsKind) return rc;
+// Returns rc, or kFlowFailed if rc is 0 and the reply is not of the kind that the request wants. Such
+// a reply is a second copy of that to an earlier request, and came too late for checkInStep to see.
+int checkReplyKind(int rc, bool isOfWantedKind, reasons& failure) noexcept {
+  if (rc != 0 || isOfWantedKind) return rc;
+  failure.sockErrno = EPROTO;
   TRACE_EXC(4021, "stapi_zeb_statcomms.statCommsString Reply is that to another request\n");
   return kFlowFailed;
 }
@@ -178,7 +179,7 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
            reasons* failure) noexcept {
   AdminCallRecord record = {};
   int rc = getInitAdminRequest(socketDesc, &record, failure);
-  rc = checkReplyKind(rc, record.callKind == kOpeningCall);
+  rc = checkReplyKind(rc, record.callKind == kOpeningCall, *failure);
   if (rc == 0) {
     TRACE_DEBUG(4022,
                 "stapi_zeb_statcomms.statCommsString Successfully init'd the Admin Request\n");
@@ -188,7 +189,7 @@ int invoke(int socketDesc, const char* operation, const char* argument, char* bu
     record.signature = STATS_MBEAN_SIG;
     setCallLength(record, calculateCallLength(&record));
     rc = flowAdminRequest(socketDesc, &record, failure);
-    rc = checkReplyKind(rc, record.callKind != kOpeningCall);
+    rc = checkReplyKind(rc, record.callKind != kOpeningCall, *failure);
   }
   if (rc == 0) {
     TRACE_DATA(4023, "stapi_zeb_statcomms.statCommsString",

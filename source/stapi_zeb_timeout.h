@@ -30,7 +30,8 @@ class TimedCall {
 bool hasDeadline() noexcept;
 // True if a wait of this thread's call ended because the deadline had passed.
 bool hasTimedOut() noexcept;
-// Returns whether the call has used half of the tenth that it may take after its deadline.
+// True if a wait has ended at the deadline, and half of the tenth that the call may still take has
+// gone since.
 bool isOverdue() noexcept;
 // The timeout of this thread's call in milliseconds, 0 if it has none.
 int callTimeout() noexcept;

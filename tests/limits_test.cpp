@@ -122,8 +122,8 @@ const Row kWaiting[] = {
     {"dripped close", Script(kClosing).drip(reply("BASE", kLong)).silence(), ZEB_END_OF_RESULTS}};
 
 // Returns the code of a session that takes at least this many milliseconds, while another thread
-// does something as soon as the gateway is silent. An open that is not to time out gets all the time
-// that it needs; the timeout holds for the calls after it.
+// does something as soon as the gateway is silent. An open that is not to time out gets all the
+// time that it needs; the timeout holds for the calls after it.
 int meet(const Row& row, int least, const std::function<void()>& meanwhile) {
   std::optional<ScriptedGateway> gateway;
   std::optional<FullListener> full;
@@ -182,6 +182,21 @@ TEST_F(Waits, endWithinATenthAfterTheTimeoutWhichAllConnectionsShareThatAreClose
     }
     EXPECT_LE(least, limit + limit / 10) << what;
   }
+}
+
+TEST_F(Waits, ofACloseOfAllLeaveNoTimeToTellEveryGateway) {
+  zebsim::ServerOptions options;
+  options.troubles.hasCloseAnswer = false;
+  const GatewayServer silent(options);
+  GatewayToken* token = nullptr;
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(openOn(silent.port(), &token), 0);
+  EXPECT_EQ(setAPITimeout(1), 0);
+  const TraceCapture trace(3);
+  EXPECT_EQ(timed(1, closeAllGatewayConnections), 0);
+  const auto told = splitLines(trace.text());
+  EXPECT_LT(std::ranges::count_if(
+                told, [](const std::string& line) { return line.find("[3008]") != line.npos; }),
+            30);
 }
 
 TEST_F(Waits, endAtTheTimeoutEvenIfThereIsAlwaysSomethingToRead) {

@@ -3,6 +3,7 @@
 // that story alone.
 #include <dlfcn.h>
 #include <malloc.h>
+#include <netdb.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -60,13 +61,16 @@ using HostSignals = Host<9>;
 
 // With that handler, a signal that reaches the host ends the process.
 struct sigaction hostAction = {};
-void setHostAction() {
+void setHostAction(void (*handler)(int), int flags) {
   struct sigaction action = {};
-  action.sa_handler = [](int) { std::abort(); };
-  action.sa_flags = SA_RESTART;
+  action.sa_handler = handler;
+  action.sa_flags = flags;
   sigaddset(&action.sa_mask, SIGUSR2);
   sigaction(SIGPIPE, &action, nullptr);
   sigaction(SIGPIPE, nullptr, &hostAction);
+}
+void setHostAction() {
+  setHostAction([](int) { std::abort(); }, SA_RESTART);
 }
 void expectHostAction() {
   struct sigaction found = {};
@@ -102,10 +106,13 @@ TEST_F(HostSignals, LeaveItsSigpipeHandlerInPlaceAndUncalled) {
     expectHostAction();
   });
   prove("a change by the host", [&] {
-    const Work change = setHostAction;
-    duringNextSend = &change;
-    repeatQueries(2);
-    expectHostAction();
+    const Work handle = [] { setHostAction(); };
+    const Work ignore = [] { setHostAction(SIG_IGN, SA_NODEFER | SA_ONSTACK | SA_RESTART); };
+    for (const Work* change : {&handle, &ignore}) {
+      duringNextSend = change;
+      repeatQueries(2);
+      expectHostAction();
+    }
   });
 }
 
@@ -221,8 +228,13 @@ TEST_F(HostForks, AmidTracesAndOpensLeaveNoChildThatHangs) {
         while (!end.stop_requested()) work();
       });
     };
+    const Work resolve = [] {
+      addrinfo hints = {}, *found = nullptr;
+      hints.ai_flags = AI_ADDRCONFIG;
+      if (getaddrinfo("localhost", "1", &hints, &found) == 0) freeaddrinfo(found);
+    };
     trace();
-    const std::jthread threads[] = {repeat(query), repeat(query), repeat(trace)};
+    const std::jthread threads[] = {repeat(query), repeat(query), repeat(trace), repeat(resolve)};
     for (int i = 0; i < 100 && !HasFailure(); ++i)
       EXPECT_EQ(expectInChild([&] { dumpState(), query(); }), "") << i;
   });
