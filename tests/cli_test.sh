@@ -129,6 +129,8 @@ shows 'GATEWAY +STATISTIC  VALUE' "127\.0\.0\.1:${at[3]} +HOST_CPUS +16" \
   "localhost:$port +HOST_CPUS +16"
 ask 1 stats HOST_CPUS NO_SUCH "${several[@]:0:2}" "${several[@]:4}" "${several[@]:4}" \
   --format csv && lines 3 2 # one that is named twice is asked once
+mapfile -t many < <(printf -- '--gateway\n127.0.0.1:%d\n' {1..257})
+ask 2 groups "${many[@]}" && says 'zebstat: --gateway: 257 .*256.*'
 ask 3 stats HOST_CPUS "${several[@]}" --format jsonl && lines 3 1
 shows '\{.*"gateway":"127.0.0.1:1",.*"outage":\{"code":-135,"text":".*"\}\}'
 ask 3 stats HOST_CPUS "${several[@]}" --watch 0.1 --count 3 && lines 7 1

@@ -81,7 +81,8 @@ class Reader {
     while (file && (size = std::fread(part, 1, sizeof part, file.get())) > 0)
       text.append(part, size);
     if (!file || std::ferror(file.get()) != 0)
-      throw Fault(kUsage, "--metadata: " + path_ + ": " + std::strerror(errno));
+      throw Fault(kUsage, "--metadata: " + path_ + ": " + std::strerror(errno) +
+                              "; name a JSON file that can be read");
     return text;
   }
 

@@ -62,6 +62,13 @@ std::string wantAddress(const std::string& text) {
              : "'" + text + "' is not HOST or HOST:PORT, such as gw-1:2980, [::1]:2980";
 }
 
+std::string wantFew(const std::vector<Address>& gateways) {
+  constexpr std::size_t kMaxConnections = 256;
+  if (gateways.size() <= kMaxConnections) return {};
+  return std::to_string(gateways.size()) + " gateways are more than the " +
+         std::to_string(kMaxConnections) + " that one call can ask; share them among several";
+}
+
 std::string wantPath(const std::string& text) {
   return text.empty() ? "an empty text is not a file name" : std::string();
 }

@@ -27,6 +27,8 @@ OptionCheck wantWord(const OptionRow& row);
 OptionCheck wantWord(const char* words);
 
 std::string wantAddress(const std::string& text);
+// Wants no more gateways than the library permits connections.
+std::string wantFew(const std::vector<Address>& gateways);
 std::string wantPath(const std::string& text);
 // Wants a name or a pattern, which may be anything but empty.
 std::string wantText(const std::string& text);

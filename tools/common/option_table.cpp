@@ -44,7 +44,8 @@ constexpr CommandRow kCommands[] = {
     {Command::kExporter, "exporter", "", Completion::kNothing, "",
      "serves the statistics of gateways to Prometheus", "zebstats-exporter", "zebstats-exporter",
      "", ""},
-    {Command::kCompletion, "completion", "SHELL", Completion::kWords, "bash zsh", "", "", "",
+    {Command::kCompletion, "completion", "SHELL", Completion::kWords, "bash zsh",
+     "the completion for a shell", "", "",
      "Prints the completion of commands, options and ids for bash or zsh, which the\n"
      "installation has already put in its place.\n",
      "Examples:\n"

@@ -59,7 +59,8 @@ AddressList findAddresses(const Address& listen) {
   int failed = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
   if (failed != 0)
     throw Fault(kNotConnected,
-                "--listen: cannot resolve '" + listen.host + "': " + gai_strerror(failed));
+                "--listen: cannot resolve '" + listen.host + "': " + gai_strerror(failed) +
+                    "; write HOST:PORT, or :PORT for all addresses");
   return {found, freeaddrinfo};
 }
 

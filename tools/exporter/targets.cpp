@@ -146,7 +146,8 @@ std::vector<Address> readTargets(const std::string& path) {
     addresses.push_back(std::move(*address));
   }
   if (!file.eof())
-    throw Fault(kUsage, "--targets: cannot read " + path + ": " + std::strerror(errno));
+    throw Fault(kUsage, "--targets: cannot read " + path + ": " + std::strerror(errno) +
+                           "; name a file with one HOST:PORT a line");
   return addresses;
 }
 

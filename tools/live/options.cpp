@@ -61,6 +61,7 @@ std::vector<Address> readGateways(const RawOptions& raw) {
       refuse("ZEBSTAT_GATEWAY in the environment: " + message);
   }
   removeRepeated(gateways);
+  if (std::string message = wantFew(gateways); !message.empty()) refuse("--gateway: " + message);
   if (!gateways.empty()) return gateways;
   std::optional<Address> only = joinHostAndPort(raw.host, raw.port);
   if (!only) refuse("--port: --host " + raw.host + " has a port already");

@@ -277,6 +277,8 @@ class Parser {
     }
     if (options_.gateways.empty()) options_.gateways.push_back(chooseHost());
     removeRepeated(options_.gateways);
+    if (std::string message = wantFew(options_.gateways); !message.empty())
+      throw CLI::ValidationError("--gateway", message);
     if (options_.command == Command::kCheck && options_.gateways.size() > 1)
       throw CLI::ValidationError("ZEBSTAT_GATEWAY", "check asks one gateway; name it with --host");
   }
