@@ -58,9 +58,9 @@ AddressList findAddresses(const Address& listen) {
   addrinfo* found = nullptr;
   int failed = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
   if (failed != 0)
-    throw Fault(kNotConnected,
-                "--listen: cannot resolve '" + listen.host + "': " + gai_strerror(failed) +
-                    "; write HOST:PORT, or :PORT for all addresses");
+    throw Fault(kNotConnected, "--listen: cannot resolve '" + listen.host +
+                                   "': " + gai_strerror(failed) +
+                                   "; write HOST:PORT, or :PORT for all addresses");
   return {found, freeaddrinfo};
 }
 

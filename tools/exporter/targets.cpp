@@ -147,7 +147,7 @@ std::vector<Address> readTargets(const std::string& path) {
   }
   if (!file.eof())
     throw Fault(kUsage, "--targets: cannot read " + path + ": " + std::strerror(errno) +
-                           "; name a file with one HOST:PORT a line");
+                            "; name a file with one HOST:PORT a line");
   return addresses;
 }
 
