@@ -19,15 +19,14 @@ struct sigaction hostDisposition = {};
 struct sigaction ownDisposition =
     {};  // static, so that its large mask is not cleared for each send
 
-// The host may ignore SIGPIPE, too. These flags and this one signal in the mask have no effect on
+// The host may ignore SIGPIPE, too. These flags and this signal in the mask have no effect on
 // an ignored signal; they mark the library's own disposition.
 constexpr int kOwnFlags = SA_NODEFER | SA_ONSTACK | SA_RESTART;
 constexpr int kOwnSignal = SIGSYS;
 
 bool isOwn(const struct sigaction& disposition) noexcept {
   return disposition.sa_handler == SIG_IGN && (disposition.sa_flags & kOwnFlags) == kOwnFlags &&
-         sigismember(&disposition.sa_mask, kOwnSignal) == 1 &&
-         sigismember(&disposition.sa_mask, SIGPIPE) == 0;
+         sigismember(&disposition.sa_mask, kOwnSignal) == 1;
 }
 
 void ignoreSigpipe() noexcept {
