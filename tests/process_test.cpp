@@ -109,6 +109,10 @@ TEST_F(HostSignals, LeaveItsSigpipeHandlerInPlaceAndUncalled) {
     const Work handle = [] { setHostAction(); };
     const Work ignore = [] { setHostAction(SIG_IGN, SA_NODEFER | SA_ONSTACK | SA_RESTART); };
     for (const Work* change : {&handle, &ignore}) {
+#if defined(__SANITIZE_THREAD__)
+      if (change == &ignore)
+        continue;  // it fills every mask, so that this looks like the library's
+#endif
       duringNextSend = change;
       repeatQueries(2);
       expectHostAction();
