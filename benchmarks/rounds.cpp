@@ -61,9 +61,9 @@ double timeFourAdditions() {
   return nanosecondsOf(addFour) / one;
 }
 
-// Returns the greatest width of a round that had its core for itself. That was seen to be 1.0, and on
-// a shared core 1.3 to 1.5. With fewer adders the width is always greater, so the least of all rounds
-// counts as that of a core of its own.
+// Returns the greatest width of a round that had its core for itself. That was seen to be 1.0, and
+// on a shared core 1.3 to 1.5. With fewer adders the width is always greater, so the least of all
+// rounds counts as that of a core of its own.
 double widestOwnCore(const std::vector<double>& widths) {
   return 1.15 * std::max(1.0, std::ranges::min(widths));
 }

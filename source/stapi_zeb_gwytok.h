@@ -33,8 +33,8 @@ ZEB_INTERNAL int verifyGatewayToken(const GatewayToken* gwTokPtr) ZEB_NOEXCEPT;
 // ZEB_TOKEN_UNKNOWN (not in the list).
 ZEB_INTERNAL int deleteGatewayToken(GatewayToken** gwTokPtr, int lockRequired) ZEB_NOEXCEPT;
 // Closes the connections of all threads, at most kRunawayLimit; takes gtlLock to remove them from
-// the list. When the call is overdue, it sends no further close requests. Returns 0, kNothingToWalk (there was none), or kListRunaway (kRunawayLimit were
-// closed).
+// the list. When the call is overdue, it sends no further close requests. Returns 0, kNothingToWalk
+// (there was none), or kListRunaway (kRunawayLimit were closed).
 ZEB_INTERNAL int deleteGatewayTokens(void) ZEB_NOEXCEPT;
 
 namespace zeb {

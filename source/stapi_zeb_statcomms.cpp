@@ -166,8 +166,9 @@ void parseAnswer(const AdminCallRecord& record, char* buffer) noexcept {
   }
 }
 
-// Returns rc, or kFlowFailed if rc is 0 and the reply is not of the kind that the request wants. Such
-// a reply is a second copy of that to an earlier request, and came too late for checkInStep to see.
+// Returns rc, or kFlowFailed if rc is 0 and the reply is not of the kind that the request wants.
+// Such a reply is a second copy of that to an earlier request, and came too late for checkInStep to
+// see.
 int checkReplyKind(int rc, bool isOfWantedKind, reasons& failure) noexcept {
   if (rc != 0 || isOfWantedKind) return rc;
   failure.sockErrno = EPROTO;

@@ -25,8 +25,8 @@ ZEB_INTERNAL int statProtocolVer(GatewayToken* gwTokPtr, reasons* failure) ZEB_N
 // Invokes the operation queryType with the argument queryString and parses its answer into buffer,
 // which has kResultSetBufferSize bytes: as statistics if the operation is "GET_STATS", otherwise as
 // ids. An answer that cannot be parsed leaves the buffer empty and is no failure. After a failure
-// the buffer keeps its content. Returns kFlowFailed, with EPROTO, also if a reply is that to another
-// kind of request.
+// the buffer keeps its content. Returns kFlowFailed, with EPROTO, also if a reply is that to
+// another kind of request.
 ZEB_INTERNAL int statCommsString(int socketDesc, const char* queryType, const char* queryString,
                                  char* buffer, reasons* failure) ZEB_NOEXCEPT;
 // Calls statCommsString with an empty argument.

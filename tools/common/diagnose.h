@@ -1,5 +1,6 @@
 // Finds out why no connection to a gateway could be opened. The library has the same code for a
-// machine that is down and a gateway that hangs, and for a web server and a gateway that is stopping.
+// machine that is down and a gateway that hangs, and for a web server and a gateway that is
+// stopping.
 #ifndef ZEBTOOL_DIAGNOSE_H
 #define ZEBTOOL_DIAGNOSE_H
 

@@ -67,7 +67,8 @@ const char* nameOf(FaultReason reason);
 class Gateway {
  public:
   // The timeout is only named in messages; setUpLibrary() must have been given the same. With
-  // isDiagnosing a failure to connect takes up to two seconds more, and its message names the cause.
+  // isDiagnosing a failure to connect takes up to two seconds more, and its message names the
+  // cause.
   Gateway(Address address, double timeoutSeconds, bool isDiagnosing = false)
       : address_(std::move(address)),
         timeoutSeconds_(timeoutSeconds),

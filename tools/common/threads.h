@@ -10,8 +10,8 @@
 
 namespace zebtool {
 
-// Starts a thread that asks a gateway. It may outlive the caller, so the work must own or share what
-// it uses; it must return soon after it is asked to end. Throws a Fault (kNotConnected).
+// Starts a thread that asks a gateway. It may outlive the caller, so the work must own or share
+// what it uses; it must return soon after it is asked to end. Throws a Fault (kNotConnected).
 void startThread(std::function<void()> work);
 
 // Begins the end of the program: later calls of the library wait only briefly, and waitForEvent()
