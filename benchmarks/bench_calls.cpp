@@ -204,7 +204,7 @@ void measureGrowth(State& state, Goal goal, void (*work)(SizedGateway&)) {
                        for (std::size_t done = 0; done < kGrowthTotal; done += size) work(gateway);
                      }});
   }
-  measure(state, goal, 1, steps, growthFromSecond);
+  measureFlatness(state, goal, steps);
 }
 
 // Measures a query on the first of many connections, which the search of the list finds at once,

@@ -61,7 +61,7 @@ void decodingGrowth(State& state, Goal goal) {
                        for (std::size_t done = 0; done < kGrowthTotal; done += size) decode();
                      }});
   }
-  measure(state, goal, 1, steps, growthFromSecond);
+  measureFlatness(state, goal, steps);
 }
 
 // The alternatives that a user has: a general-purpose reader decodes the same pairs from memory.
@@ -123,12 +123,9 @@ void compareJava(State& state, Goal goal) {
     return;
   }
   Decoder decode(kMany);
-  const Rounds rounds = runRounds(5, {{"library", [&] { decode(); }}});
-  const auto value = [java](auto times) { return java / times[0]; };
-  report(state, goal, value(rounds.medians()));
-  state.counters["library ns"] = rounds.medians()[0];
+  measure(state, goal, 5, {{"library", [&] { decode(); }}},
+          [java](auto times) { return java / times[0]; });
   state.counters["ObjectInputStream ns"] = java;
-  state.counters["spread"] = rounds.spread(value);
 }
 
 }  // namespace

@@ -14,7 +14,11 @@
 namespace zebbench {
 namespace {
 
-constexpr int kEnoughRounds = 51;  // for a median
+constexpr int kRounds = 301;        // of a series
+constexpr int kEnoughRounds = 101;  // for a median
+constexpr int kMostSeries = 20;     // of rounds, in search of enough on a core of their own
+
+using Times = std::vector<std::vector<double>>;  // times[step][round], in nanoseconds
 
 template <typename Work>
 double nanosecondsOf(const Work& work) {
@@ -61,17 +65,67 @@ double timeFourAdditions() {
   return nanosecondsOf(addFour) / one;
 }
 
-// Returns the greatest width of a round that had its core for itself. That was seen to be 1.0, and
-// on a shared core 1.3 to 1.5. With fewer adders the width is always greater, so the least of all
-// rounds counts as that of a core of its own.
-double widestOwnCore(const std::vector<double>& widths) {
-  return 1.15 * std::max(1.0, std::ranges::min(widths));
+// Returns which rounds had their core for themselves; widths are those before the first round and
+// after each. The width of a core of its own was seen to be 1.0, and that of a shared one 1.3 to
+// 1.5. With fewer adders the width is always greater, so the least of all counts as that of a core
+// of its own.
+std::vector<bool> findOwnRounds(const std::vector<double>& widths) {
+  const double widest = 1.15 * std::max(1.0, std::ranges::min(widths));
+  std::vector<bool> own;
+  for (std::size_t round = 0; round + 1 < widths.size(); ++round)
+    own.push_back(widths[round] <= widest && widths[round + 1] <= widest);
+  return own;
+}
+
+std::ptrdiff_t countOf(const std::vector<bool>& rounds) {
+  return std::ranges::count(rounds, true);
+}
+
+// Runs every step once, every second time in reverse order, and adds their times.
+void runRound(int batch, const std::vector<Step>& steps, Times& times) {
+  const bool isReverse = times.front().size() % 2 == 1;
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const std::size_t at = isReverse ? steps.size() - 1 - i : i;
+    times[at].push_back(nanoseconds(steps[at], batch));
+  }
+}
+
+void keepRounds(const std::vector<bool>& kept, Times& times) {
+  for (std::vector<double>& step : times) {
+    std::size_t round = 0;
+    std::erase_if(step, [&](double) { return !kept[round++]; });
+  }
 }
 
 double quantile(std::vector<double> values, double part) {
   const auto at = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
   std::nth_element(values.begin(), values.begin() + at, values.end());
   return values[static_cast<std::size_t>(at)];
+}
+
+// Returns the greatest growth of the times from the second step on: 1 if they do not grow.
+double growthFromSecond(std::span<const double> times) {
+  double lowest = times[1];
+  double worst = 1;
+  for (const double time : times.subspan(2)) {
+    worst = std::max(worst, time / lowest);
+    lowest = std::min(lowest, time);
+  }
+  return worst;
+}
+
+// Half the distance between the quartiles.
+double spreadOf(const std::vector<double>& values) {
+  return (quantile(values, 0.75) - quantile(values, 0.25)) / 2;
+}
+
+void reportRounds(benchmark::State& state, const std::vector<Step>& steps, const Rounds& measured,
+                  const Value& value) {
+  const std::vector<double> medians = measured.medians();
+  for (std::size_t i = 0; i < steps.size(); ++i) state.counters[steps[i].name + " ns"] = medians[i];
+  state.counters["spread"] = spreadOf(measured.values(value));
+  state.counters["rounds"] = static_cast<double>(measured.times.front().size());
+  state.counters["shared"] = measured.sharedPart;
 }
 
 std::string processorName() {
@@ -88,56 +142,38 @@ double secondOverFirst(std::span<const double> times) {
   return times[1] / times[0];
 }
 
-double growthFromSecond(std::span<const double> times) {
-  double lowest = times[1];
-  double worst = 1;
-  for (const double time : times.subspan(2)) {
-    worst = std::max(worst, time / lowest);
-    lowest = std::min(lowest, time);
-  }
-  return worst;
-}
-
 std::vector<double> Rounds::medians() const {
   std::vector<double> result;
   for (const auto& step : times) result.push_back(quantile(step, 0.5));
   return result;
 }
 
-double Rounds::spread(const Value& value) const {
+std::vector<double> Rounds::values(const Value& value) const {
   std::vector<double> values;
   for (std::size_t at = 0; at < times.front().size(); ++at) {
     std::vector<double> round;
     for (const auto& step : times) round.push_back(step[at]);
     values.push_back(value(round));
   }
-  return (quantile(values, 0.75) - quantile(values, 0.25)) / 2;
+  return values;
 }
 
-Rounds runRounds(int batch, const std::vector<Step>& steps, int rounds) {
-  for (const Step& step : steps) nanoseconds(step, batch);  // warms up
-  Rounds result = {std::vector(steps.size(), std::vector<double>(static_cast<std::size_t>(rounds))),
-                   0};
-  std::vector<double> widths;
-  for (int round = 0; round < rounds; ++round) {
-    widths.push_back(timeFourAdditions());
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-      const std::size_t at = round % 2 == 0 ? i : steps.size() - 1 - i;
-      result.times[at][static_cast<std::size_t>(round)] = nanoseconds(steps[at], batch);
+Rounds runRounds(int batch, const std::vector<Step>& steps) {
+  Times times(steps.size());
+  runRound(batch, steps, times);  // warms up
+  for (std::vector<double>& step : times) step.clear();
+  std::vector<double> widths = {timeFourAdditions()};
+  std::vector<bool> own;
+  for (int i = 0; i < kMostSeries && countOf(own) < kEnoughRounds; ++i) {
+    for (int round = 0; round < kRounds; ++round) {
+      runRound(batch, steps, times);
+      widths.push_back(timeFourAdditions());
     }
+    own = findOwnRounds(widths);
   }
-  const double widest = widestOwnCore(widths);
-  const auto shared = std::ranges::count_if(widths, [=](double width) { return width > widest; });
-  result.sharedPart = static_cast<double>(shared) / rounds;
-  if (rounds - shared < kEnoughRounds) return result;
-  for (std::vector<double>& step : result.times) {
-    std::vector<double> own;
-    for (std::size_t round = 0; round < widths.size(); ++round) {
-      if (widths[round] <= widest) own.push_back(step[round]);
-    }
-    step = std::move(own);
-  }
-  return result;
+  const double ownPart = static_cast<double>(countOf(own)) / static_cast<double>(own.size());
+  if (countOf(own) >= kEnoughRounds) keepRounds(own, times);
+  return {.times = std::move(times), .sharedPart = 1 - ownPart};
 }
 
 void addRow(const std::string& name, Goal goal, std::function<void(benchmark::State&, Goal)> body) {
@@ -157,14 +193,16 @@ void report(benchmark::State& state, Goal goal, double value) {
 }
 
 void measure(benchmark::State& state, Goal goal, int batch, const std::vector<Step>& steps,
-             const Value& value, int rounds) {
-  const Rounds measured = runRounds(batch, steps, rounds);
-  const std::vector<double> medians = measured.medians();
-  for (std::size_t i = 0; i < steps.size(); ++i) state.counters[steps[i].name + " ns"] = medians[i];
-  report(state, goal, value(medians));
-  state.counters["spread"] = measured.spread(value);
-  state.counters["rounds"] = rounds;
-  state.counters["shared"] = measured.sharedPart;
+             const Value& value) {
+  const Rounds measured = runRounds(batch, steps);
+  report(state, goal, quantile(measured.values(value), 0.5));
+  reportRounds(state, steps, measured, value);
+}
+
+void measureFlatness(benchmark::State& state, Goal goal, const std::vector<Step>& steps) {
+  const Rounds measured = runRounds(1, steps);
+  report(state, goal, growthFromSecond(measured.medians()));
+  reportRounds(state, steps, measured, growthFromSecond);
 }
 
 void require(bool holds, const char* what) {
@@ -181,10 +219,7 @@ void pinToOneCore() {
   CPU_ZERO(&cores);
   CPU_SET(core, &cores);
   require(sched_setaffinity(0, sizeof cores, &cores) == 0, "cannot pin the process to one core");
-  const sched_param priority = {1};
-  const bool isRealTime = sched_setscheduler(0, SCHED_FIFO, &priority) == 0;
   benchmark::AddCustomContext("core", std::to_string(core));
-  benchmark::AddCustomContext("scheduling", isRealTime ? "before other work" : "among other work");
 }
 
 int runRows(int argc, char** argv) {

@@ -66,13 +66,12 @@ def main():
 
     with open(output, "w", encoding="utf-8") as file:
         json.dump({"machine": machine, "rows": rows}, file, indent=1)
-    rounds = max(int(row.get("details", {}).get("rounds", 0)) for row in rows)
+    rounds = [int(row["details"]["rounds"]) for row in rows if "rounds" in row.get("details", {})]
     shared = [row["details"]["shared"] for row in rows if "shared" in row.get("details", {})]
     print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
-          f"{machine['compiler']}; on one core, {machine['scheduling']}; "
-          f"load {max(machine['load_avg']):.1f}; medians of {rounds} rounds, "
-          f"{sum(shared) / max(len(shared), 1):.0%} of them on a shared core, which count only in rows "
-          f"with hardly any others\n")
+          f"{machine['compiler']}; on one core; load {max(machine['load_avg']):.1f}; medians of "
+          f"{min(rounds)} to {max(rounds)} rounds; {sum(shared) / max(len(shared), 1):.0%} of all "
+          f"rounds shared the core, which count only in rows with hardly any others\n")
     print("| quantity / floor | measured | spread | target | aim | met |")
     print("|---|---|---|---|---|---|")
     for row in rows:
