@@ -449,7 +449,9 @@ bool copyCutStat(AnswerParse& parse, std::span<const std::uint8_t> stat) noexcep
   return true;
 }
 
-void copyStat(AnswerParse& parse) noexcept {
+// Copies one statistic of any kind. It is not inlined because it seldom runs, and its code would
+// stand between that of the fast path.
+[[gnu::noinline]] void copyStat(AnswerParse& parse) noexcept {
   ByteReader& in = parse.in;
   in.skip(kClassRest);
   const std::uint8_t marker = in.u8();
