@@ -302,14 +302,15 @@ void writeBanner() noexcept {
 }
 
 // Opens a file for append. With O_NONBLOCK, opening a FIFO that nobody reads fails at once, and so
-// does a write to one that is full. Returns null, and the reason in error, if it fails.
+// does a write to one that is full. O_LARGEFILE lets the file grow past 2 GiB on 32-bit hosts, too.
+// Returns null, and the reason in error, if it fails.
 FILE* openTraceFile(const char* name, int& error) noexcept {
   if (strlen(name) >= kTraceFilenameSize) {
     error = ENAMETOOLONG;
     return nullptr;
   }
   const int descriptor = moveOffStandardStreams(
-      open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666));
+      open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_LARGEFILE, 0666));
   FILE* const opened = descriptor >= 0 ? fdopen(descriptor, "a") : nullptr;
   if (opened != nullptr) return opened;
   error = errno;
@@ -412,10 +413,6 @@ constinit thread_local ThreadId rememberedTid = 0;
 
 std::uint32_t shownTid() noexcept {
   return shownTid(currentTid());
-}
-
-const void* addressToShow(const void* block) noexcept {
-  return block;
 }
 
 const char* traceFilename() noexcept {

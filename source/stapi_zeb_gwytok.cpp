@@ -466,7 +466,7 @@ int allocateToken(Block<GatewayToken>& token, int port) noexcept {
     return rc;
   }
   getPidTid(&token->owningPid, &token->owningTid);
-  // May be null: the open then succeeds without a version.
+  // If it is null, the request for the version fails later, and the open with it.
   token->protocolVersion = allocate<char>(kProtocolVersionSize).release();
   constexpr int bufferSize = kResultSetBufferSize;
   token->resultSetBuf = allocateTraced<char>(kResultSetBufferSize).release();

@@ -248,10 +248,12 @@ int waitForBytes(int socketDesc) noexcept {
 int receiveSome(int socketDesc, unsigned char* buffer, int size) noexcept {
   const auto room = static_cast<std::size_t>(size);
   if (!hasDeadline()) return static_cast<int>(recv(socketDesc, buffer, room, 0));
+  const int error = errno;
   for (;;) {
     const auto received = static_cast<int>(recv(socketDesc, buffer, room, MSG_DONTWAIT));
     if (received >= 0 || errno != EAGAIN) return received;
     if (waitForBytes(socketDesc) != 0) return -1;
+    errno = error;  // which is shown if the connection ends now, as recv does not set it then
   }
 }
 
