@@ -7,7 +7,6 @@
 #include <stdlib.h>
 
 #include <cstring>
-#include <optional>
 #include <utility>
 
 #include "stapi_zeb_codes.h"
@@ -124,14 +123,8 @@ class PublicCall {
 
 // A public call that does not wait for a gateway. If the trace is on, the signals of failed writes
 // are held off once for all lines of the call, which is cheaper than once for each line.
-class LocalCall : PublicCall {
- public:
-  LocalCall() noexcept {
-    if (traceLevel() > 0) signals_.emplace();
-  }
-
- private:
-  std::optional<HeldWriteSignals> signals_;
+struct LocalCall : PublicCall {
+  const HeldWriteSignals signals{/*isNeeded=*/traceLevel() > 0};
 };
 
 // A public call that may wait for a gateway, until its deadline.

@@ -72,8 +72,9 @@ IgnoredSigpipe::~IgnoredSigpipe() {
   errno = error;
 }
 
-HeldWriteSignals::HeldWriteSignals() noexcept : isOutermost_(outermost == nullptr) {
-  if (!isOutermost_) return;
+void HeldWriteSignals::hold() noexcept {
+  if (outermost != nullptr) return;
+  isOutermost_ = true;
   outermost = this;
   sigset_t held;
   sigemptyset(&held);
@@ -86,8 +87,7 @@ HeldWriteSignals::HeldWriteSignals() noexcept : isOutermost_(outermost == nullpt
     sigpending(&pendingBefore_);
 }
 
-HeldWriteSignals::~HeldWriteSignals() {
-  if (!isOutermost_) return;
+void HeldWriteSignals::release() noexcept {
   outermost = nullptr;
   pthread_sigmask(SIG_SETMASK, &blockedBefore_, nullptr);
 }

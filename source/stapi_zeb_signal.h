@@ -26,8 +26,12 @@ class IgnoredSigpipe {
 // the signals, and the others cost no system call.
 class HeldWriteSignals {
  public:
-  HeldWriteSignals() noexcept;
-  ~HeldWriteSignals();
+  explicit HeldWriteSignals(bool isNeeded = true) noexcept {
+    if (isNeeded) hold();
+  }
+  ~HeldWriteSignals() {
+    if (isOutermost_) release();
+  }
   HeldWriteSignals(const HeldWriteSignals&) = delete;
   HeldWriteSignals& operator=(const HeldWriteSignals&) = delete;
 
@@ -36,7 +40,10 @@ class HeldWriteSignals {
   void takeSignalOf(int error) noexcept;
 
  private:
-  bool isOutermost_;
+  void hold() noexcept;
+  void release() noexcept;
+
+  bool isOutermost_ = false;
   sigset_t blockedBefore_;
   sigset_t pendingBefore_;
 };
