@@ -203,6 +203,7 @@ class Parser {
         return addOption(*app, row, options_.rounds)
             ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
       case Option::kFormat:
+      case Option::kListFormat:
         return addOption(*app, row, format_)->check(wantWord(row));
       case Option::kOutput:
         return addOption(*app, row, options_.outputFile)->check(wantPath);
@@ -297,12 +298,7 @@ class Parser {
     }
     bool isToPipe = options_.outputFile.empty() && isatty(STDOUT_FILENO) == 0;
     if (format_.empty() && isWatch && isToPipe) options_.format = Format::kJsonl;
-    if (options_.format != Format::kPrometheus) return;
-    if (options_.command != Command::kStats) {
-      throw CLI::ValidationError("--format",
-                                 "prometheus has no ids and groups; use another format");
-    }
-    if (isWatch && options_.outputFile.empty()) {
+    if (options_.format == Format::kPrometheus && isWatch && options_.outputFile.empty()) {
       throw CLI::ValidationError("--format",
                                  "prometheus cannot be appended to; give --output FILE too");
     }
