@@ -272,6 +272,7 @@ class ExporterTest(unittest.TestCase):
                  "more than the 250"),
                 ("--gateway a --timeout 0", "", "'0' is not a number"),
                 ("--gateway a --listen :http", "", "':http' is not"),
+                ("--gateway a --listen 29480", "", "'29480' is not a HOST:PORT"),
                 ("--targets /", "", "cannot read /"),
                 ("--targets FILE", "a\n\nb:c\n", "line 3: 'b:c'"),
                 ("--metadata /no/such", "", "/no/such: No such file"),
