@@ -29,8 +29,8 @@ class Scraped:
 
 class NotAGateway(socketserver.BaseRequestHandler):
     def handle(self):
-        self.request.recv(1)
-        self.request.sendall(b"HTTP/1.1 400 Bad\r\n\r\n" * 20)
+        self.request.recv(1000)
+        self.request.sendall(self.server.answer)
 
 
 class ExporterTest(unittest.TestCase):
@@ -114,19 +114,23 @@ class ExporterTest(unittest.TestCase):
         self.assertRegex(described, r"(?m)^zebstats_host_memory_bytes{.*} 16777216000$")
 
     def test_the_reason_for_a_failure_is_named(self):
-        web = self.enterContext(socketserver.ThreadingTCPServer(("127.0.0.1", 0), NotAGateway))
-        threading.Thread(target=web.serve_forever).start()
-        self.addCleanup(web.shutdown)
         expected = {"127.0.0.1:1": "refused", "no.such.host.invalid:2980": "unresolved",
-                    self.listener(): "timed_out",
-                    "127.0.0.1:%d" % web.server_address[1]: "malformed"}
+                    self.listener(): "timed_out"}
+        for answer, reason in (b"HTTP/1.1 400 Bad\r\n\r\n" * 20, "malformed"), (b"", "lost"):
+            peer = self.enterContext(socketserver.ThreadingTCPServer(("127.0.0.1", 0), NotAGateway))
+            peer.answer = answer
+            threading.Thread(target=peer.serve_forever).start()
+            self.addCleanup(peer.shutdown)
+            expected["127.0.0.1:%d" % peer.server_address[1]] = reason
         expected[self.start(SIMULATOR, "--listen", "127.0.0.1:0", "--reset").address] = "lost"
         good = self.simulator().address
         self.exporter("--timeout", "1.5", "--gateway", good, *expected)
         scraped = self.get()
         self.assertEqual({gateway: scraped.reason(gateway) for gateway in expected}, expected)
         self.assertEqual((scraped.up(good), scraped.reason(good)), (1, ""))
-        self.assertRegex(self.served.said(), r"no\.such\.host.*-132")
+        for said in (r"no\.such\.host.*-132", r":1: .* \(-135\): connection refused: .*\?",
+                     r"no answer within 1\.5 s: it accepts connections and stays silent"):
+            self.wait_for(said, lambda: re.search(said, self.served.said()))
 
     def test_a_gateway_that_is_started_again_is_up_in_the_next_scrape(self):
         gateway = self.simulator()

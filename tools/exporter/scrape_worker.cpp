@@ -95,7 +95,7 @@ void ScrapeWorker::run() {
 }
 
 void ScrapeWorker::serve() {
-  Gateway gateway(address_, plan_.timeoutSeconds);
+  Gateway gateway(address_, plan_.timeoutSeconds, Diagnosing::kOnce);
   std::unique_lock lock(mutex_);
   for (;;) {
     changed_.wait(lock, [this] { return isStopping_ || wanted_ > finished_; });
@@ -125,7 +125,7 @@ Report ScrapeWorker::answer(Gateway& gateway) {
       wasOpen = false;
       if (isTriedAgain && !isStopping_) continue;
       printChange(fault.what());
-      return {false, reasonFor(fault.libraryCode), {}, {}};
+      return {false, fault.reason, {}, {}};
     } catch (const std::exception& fault) {
       printChange(name_ + ": " + fault.what());
       return {false, FaultReason::kLost, {}, {}};
