@@ -1,4 +1,4 @@
-// Adds options of the table to a command line parser.
+// Adds options of the table to a command line parser, and parses.
 #ifndef ZEBTOOL_OPTION_PARSER_H
 #define ZEBTOOL_OPTION_PARSER_H
 
@@ -14,6 +14,10 @@ CLI::Option* addOption(CLI::App& app, const OptionRow& row, auto& target) {
       ->type_name(row.argument)
       ->allow_extra_args(row.takes == Takes::kMany);
 }
+
+// Parses the command line. Returns false after it has printed --help or --version. Throws a
+// CLI::ParseError if the command line is bad, or a Fault if it cannot print.
+bool parseArguments(CLI::App& app, int argc, char** argv);
 
 }  // namespace zebtool
 

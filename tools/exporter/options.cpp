@@ -2,10 +2,9 @@
 
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "fault.h"
 #include "option_checks.h"
+#include "option_parser.h"
 
 namespace zebtool {
 
@@ -63,13 +62,10 @@ class Parser {
 
   std::optional<ExporterOptions> parse(int argc, char** argv) {
     try {
-      app_.parse(argc, argv);
+      if (!parseArguments(app_, argc, argv)) return std::nullopt;
       if (options_.gateways.empty() && options_.targetsFile.empty() &&
           options_.allowedTargets.empty())
         throw CLI::ValidationError("give --gateway, --targets or --allow-target");
-    } catch (const CLI::Success& asked) {
-      app_.exit(asked);
-      return std::nullopt;
     } catch (const CLI::ParseError& fault) {
       throw Fault(kUsage, fault.what() + std::string("; see zebstats-exporter --help"));
     }

@@ -113,10 +113,7 @@ std::optional<LiveOptions> parseLiveOptions(int argc, char** argv) {
   RawOptions raw;
   declareOptions(app, raw);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success& asked) {
-    app.exit(asked);
-    return std::nullopt;
+    if (!parseArguments(app, argc, argv)) return std::nullopt;
   } catch (const CLI::ParseError& fault) {
     refuse(fault.what());
   }

@@ -12,7 +12,6 @@
 #include "help.h"
 #include "option_checks.h"
 #include "option_parser.h"
-#include "output.h"
 #include "text.h"
 
 namespace zebtool {
@@ -43,36 +42,6 @@ std::string nameCommands() {
   return names;
 }
 
-// Returns whether the argument is an option that needs a value and has an empty one, as "--host="
-// in a script whose variable is not set.
-bool hasEmptyValue(std::string_view argument) {
-  if (!argument.ends_with('=')) return false;
-  return std::any_of(allOptions().begin(), allOptions().end(), [&](const OptionRow& row) {
-    bool needsValue = row.takes != Takes::kNothing && row.takes != Takes::kOptional;
-    return needsValue && argument == std::string(row.name) + "=";
-  });
-}
-
-// Returns the arguments in the reverse order that CLI11 wants. "--watch 5" becomes "--watch=5",
-// since the option's value is optional. "--host=" becomes "--host" and an empty text: CLI11 would
-// take the next argument for the value.
-std::vector<std::string> readArguments(int argc, char** argv) {
-  std::vector<std::string> arguments;
-  long end = std::find(argv, argv + argc, std::string_view("--")) - argv;  // of the options
-  for (int i = argc - 1; i > 0; --i) {
-    std::string_view argument = argv[i];
-    if (i < end && argument == "--watch" && !arguments.empty() && parseTyped(arguments.back())) {
-      arguments.back().insert(0, "--watch=");
-    } else if (i < end && hasEmptyValue(argument)) {
-      arguments.emplace_back();
-      arguments.emplace_back(argument.substr(0, argument.size() - 1));
-    } else {
-      arguments.emplace_back(argument);
-    }
-  }
-  return arguments;
-}
-
 // Holds the raw options of a command line and combines them.
 class Parser {
  public:
@@ -97,14 +66,8 @@ class Parser {
       addCommand(*row);
     }
     try {
-      app_.parse(readArguments(argc, argv));
+      if (!parseArguments(app_, argc, argv)) return std::nullopt;
       finish();
-    } catch (const CLI::CallForHelp&) {
-      writeOutput(app_.help());
-      return std::nullopt;
-    } catch (const CLI::CallForVersion& asked) {
-      writeOutput(asked.what() + std::string("\n"));
-      return std::nullopt;
     } catch (const CLI::ExtrasError&) {
       refuse(explainExtra());
     } catch (const CLI::ParseError& fault) {
