@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -65,7 +66,16 @@ void printMessage(const std::string& message) {
            program_invocation_short_name + std::string(": ") + toShown(message) + "\n");
 }
 
+void printUnlessFull(const std::string& message) {
+  static std::mutex mutex;  // no other thread fills the pipe before the message is written
+  std::lock_guard lock(mutex);
+  pollfd room{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) printMessage(message);
+}
+
 void writeOutput(const std::string& text) {
+  pollfd room{STDOUT_FILENO, POLLOUT, 0};
+  poll(&room, 1, -1);  // a signal may still end the program while the reader has stopped
   SignalsHeld held;
   int fault = writeAll(STDOUT_FILENO, text);
   if (fault == EPIPE) endNow(kDone);

@@ -158,7 +158,7 @@ void ScrapeWorker::printChange(const std::string& note) {
   if (note == note_) return;
   note_ = note;
   if (!isQuiet_ && !isStopping_ && !isEnding())
-    printMessage(note.empty() ? name_ + ": answers" : note);
+    printUnlessFull(note.empty() ? name_ + ": answers" : note);
 }
 
 }  // namespace zebtool
