@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """exporter_test.py EXPORTER SIMULATOR METADATA: what the exporter serves, to whom, and how fast."""
-import contextlib, http.client, pathlib, re, resource, signal, socket, socketserver, subprocess
+import contextlib, http.client, os, pathlib, re, resource, signal, socket, socketserver, subprocess
 import sys, tempfile
 import threading, time, unittest
 from concurrent.futures import ThreadPoolExecutor
@@ -37,13 +37,13 @@ class ExporterTest(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
-    def start(self, *command, lines=1):
+    def start(self, *command, lines=1, errors=None):
         """A process that has printed so many addresses, and writes its errors to a file."""
-        errors = self.enterContext(tempfile.TemporaryFile("w+"))
+        log = self.enterContext(tempfile.TemporaryFile("w+"))
         process = self.enterContext(
-            subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors, text=True))
+            subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors or log, text=True))
         self.addCleanup(process.kill)
-        process.said = lambda: (errors.seek(0), errors.read())[1]
+        process.said = lambda: (log.seek(0), log.read())[1]
         process.addresses = [process.stdout.readline()[:-1].split("listening on ")[-1]
                              for _ in range(lines)]
         process.address = process.addresses[0]
@@ -132,6 +132,19 @@ class ExporterTest(unittest.TestCase):
                      r"no answer within 1\.5 s: it accepts connections and stays silent"):
             self.wait_for(said, lambda: re.search(said, self.served.said()))
 
+    def test_messages_wait_for_no_reader_and_reach_no_client(self):
+        read_end, full = os.pipe()
+        os.set_blocking(full, False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(full, bytes(4096))
+        os.set_blocking(full, True)
+        for redirection, errors in ("", full), ("<&- 2>&-", None):
+            self.served = self.start(
+                "sh", "-c", f'exec "$@" {redirection}', "sh", EXPORTER, "--listen", "127.0.0.1:0",
+                "--timeout", "2", "--gateway", "127.0.0.1:1", errors=errors)
+            self.assertEqual(self.get().reason("127.0.0.1:1"), "refused")
+
     def test_a_gateway_that_is_started_again_is_up_in_the_next_scrape(self):
         gateway = self.simulator()
         self.exporter("--gateway", gateway.address)
@@ -186,8 +199,8 @@ class ExporterTest(unittest.TestCase):
 
     def test_paths_and_methods(self):
         gateway, other = self.simulator(2).addresses
-        self.exporter("--gateway", gateway, "--allow-target", f"{other[:-1]}[{other[-1]}]",
-                      "[::1]:1")
+        self.exporter("--gateway", gateway, "--allow-target",
+                      f"[{other[0]}]{other[1:-1]}[{other[-1]}]", "[::1]:1")
         line = r"^[^\n]+\n$"
         for method, path, status, pattern in (
                 ("GET", "/", 200, "(?s)/metrics.*/probe.*/-/healthy"),
@@ -276,6 +289,7 @@ class ExporterTest(unittest.TestCase):
                  "more than the 250"),
                 ("--gateway a --timeout 0", "", "'0' is not a number"),
                 ("--gateway a --listen :http", "", "':http' is not"),
+                ("--listen= --gateway a", "", "'' is not a HOST:PORT"),
                 ("--gateway a --listen 29480", "", "'29480' is not a HOST:PORT"),
                 ("--targets /", "", "cannot read /"),
                 ("--targets FILE", "a\n\nb:c\n", "line 3: 'b:c'"),

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -73,11 +74,23 @@ void printUnlessFull(const std::string& message) {
   if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) printMessage(message);
 }
 
+// Writes parts for which there is room, so that a signal still ends the program if the reader has
+// stopped.
 void writeOutput(const std::string& text) {
-  pollfd room{STDOUT_FILENO, POLLOUT, 0};
-  poll(&room, 1, -1);  // a signal may still end the program while the reader has stopped
-  SignalsHeld held;
-  int fault = writeAll(STDOUT_FILENO, text);
+  constexpr int kPatienceMilliseconds = 1000;
+  std::optional<SignalsHeld> held(std::in_place);
+  int fault = 0;
+  for (std::string_view rest = text; !rest.empty() && fault == 0;) {
+    pollfd room{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&room, 1, kPatienceMilliseconds) == 0) {
+      held.reset();
+      held.emplace();
+      continue;
+    }
+    std::string_view part = rest.substr(0, PIPE_BUF);
+    fault = writeAll(STDOUT_FILENO, part);
+    rest.remove_prefix(part.size());
+  }
   if (fault == EPIPE) endNow(kDone);
   if (fault != 0)
     throw Fault(kNotConnected,

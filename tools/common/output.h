@@ -14,9 +14,9 @@ void printMessage(const std::string& message);
 // standard error is a pipe that is full. Several threads may call it.
 void printUnlessFull(const std::string& message);
 
-// Writes the whole text to standard output; SIGINT, SIGTERM and SIGHUP end the program only
-// afterwards. If the reader of a pipe has gone, the process ends with code 0. Throws a Fault if
-// writing fails otherwise.
+// Writes the whole text to standard output. SIGINT, SIGTERM and SIGHUP end the program only
+// afterwards, or if the reader of a pipe has stopped for a second. If the reader has gone, the
+// process ends with code 0. Throws a Fault if writing fails otherwise.
 void writeOutput(const std::string& text);
 
 // A file that is replaced by a new one when that is complete.
