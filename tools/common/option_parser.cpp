@@ -12,6 +12,14 @@ namespace zebtool {
 
 namespace {
 
+// Follows a text in brackets, which CLI11 would take for a list: [AB]*[0-9] is a pattern.
+constexpr char kMark = '\x01';
+
+bool isInBrackets(std::string_view argument) {
+  if (argument.starts_with("--")) argument.remove_prefix(argument.find('=') + 1);
+  return argument.starts_with('[') && argument.ends_with(']');
+}
+
 // Returns whether the argument gives an option an empty value, as "--host=" in a script whose
 // variable is not set. That of --watch is optional.
 bool hasEmptyValue(std::string_view argument) {
@@ -35,12 +43,18 @@ std::vector<std::string> readArguments(int argc, char** argv) {
       arguments.emplace_back(argument.substr(0, argument.size() - 1));
     } else {
       arguments.emplace_back(argument);
+      if (isInBrackets(argument)) arguments.back() += kMark;
     }
   }
   return arguments;
 }
 
 }  // namespace
+
+std::string unmark(std::string text) {
+  if (text.ends_with(kMark)) text.pop_back();
+  return text;
+}
 
 bool parseArguments(CLI::App& app, int argc, char** argv) {
   try {

@@ -2,17 +2,29 @@
 #ifndef ZEBTOOL_OPTION_PARSER_H
 #define ZEBTOOL_OPTION_PARSER_H
 
+#include <string>
+
 #include <CLI/CLI.hpp>
 
 #include "option_table.h"
 
 namespace zebtool {
 
-// Adds an option with an argument, which is stored in the target.
+// Returns the text as it was on the command line; parseArguments() marks some.
+std::string unmark(std::string text);
+
+// Adds an option with an argument or, without dashes, positional arguments. All are to be added in
+// this way.
+CLI::Option* addOption(CLI::App& app, const std::string& names, const char* argument,
+                       bool takesMany, auto& target) {
+  return app.add_option(names, target)
+      ->type_name(argument)
+      ->allow_extra_args(takesMany)
+      ->transform(unmark);
+}
+
 CLI::Option* addOption(CLI::App& app, const OptionRow& row, auto& target) {
-  return app.add_option(namesOf(row, ","), target)
-      ->type_name(row.argument)
-      ->allow_extra_args(row.takes == Takes::kMany);
+  return addOption(app, namesOf(row, ","), row.argument, row.takes == Takes::kMany, target);
 }
 
 // Parses the command line. Returns false after it has printed --help or --version. Throws a

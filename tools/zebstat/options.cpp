@@ -103,16 +103,19 @@ class Parser {
   void addPositional(CLI::App* app, const CommandRow& command) {
     switch (command.command) {
       case Command::kStats:
-        app->add_option("ID", options_.ids)->check(wantName(rowOf(Option::kWatch)));
+        addOption(*app, "ID", "ID", true, options_.ids)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kIds:
-        app->add_option("GROUP", options_.groups)->check(wantName(rowOf(Option::kWatch)));
+        addOption(*app, "GROUP", "GROUP", true, options_.groups)
+            ->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kCheck:
-        app->add_option("ID", options_.check.ids)->check(wantCheckedName)->required();
+        addOption(*app, "ID", "ID", true, options_.check.ids)->check(wantCheckedName)->required();
         break;
       case Command::kCompletion:
-        app->add_option("SHELL", options_.shell)->check(wantWord(command.words))->required();
+        addOption(*app, "SHELL", "SHELL", false, options_.shell)
+            ->check(wantWord(command.words))
+            ->required();
         break;
       case Command::kGroups:
       case Command::kLive:
@@ -275,7 +278,7 @@ class Parser {
 
   // Returns what is wrong with the first argument that nothing expects.
   [[nodiscard]] std::string explainExtra() const {
-    const std::string extra = app_.remaining(true).front();
+    const std::string extra = unmark(app_.remaining(true).front());
     if (app_.get_subcommands().empty())
       return "'" + extra + "' is not a command; the commands are " + nameCommands();
     if (isOtherProgram()) return explainOrder();
