@@ -249,6 +249,14 @@ class ExporterTest(unittest.TestCase):
         self.served.send_signal(signal.SIGHUP)
         self.wait_for("a good file", lambda: gateways() == {second})
         self.assertEqual(self.get().value("zebstats_targets_valid"), 1)
+        # A gateway that is removed while it is asked is not said to be down.
+        slow = self.start(SIMULATOR, "--listen", "127.0.0.1:0", "--slow", "0.5").address
+        path.write_text(slow)
+        self.served.send_signal(signal.SIGHUP)
+        self.wait_for("a slow gateway", lambda: gateways() == {slow})
+        remove = lambda: (time.sleep(0.3), path.write_text(first),
+                          self.served.send_signal(signal.SIGHUP))
+        self.assertEqual(self.side_by_side(self.get, remove)[0][0].up(slow), 1)
 
     def test_addresses_to_listen_on(self):
         for listen, pattern, *hosts in (

@@ -66,12 +66,9 @@ HttpResponse Exporter::answer(const HttpRequest& request) {
 }
 
 HttpResponse Exporter::answerMetrics(Clock::time_point deadline) {
-  std::vector<WorkerPtr> workers = targets_.configured();
-  std::vector<ScrapeWorker::Question> questions;
-  for (const WorkerPtr& worker : workers) questions.push_back(worker->ask());
   std::vector<Sample> samples;
-  for (std::size_t i = 0; i < workers.size(); ++i)
-    samples.push_back({workers[i]->name(), workers[i]->await(questions[i], deadline)});
+  for (Targets::Probe& probe : targets_.probeConfigured())
+    samples.push_back({probe.gateway(), probe.await(deadline)});
   return respond(samples);
 }
 

@@ -65,7 +65,7 @@ Scrape ScrapeWorker::await(Question question, Clock::time_point deadline) {
   auto isAnswered = [&] { return finished_ >= question.attempt || isStopping_; };
   changed_.wait_until(lock, deadline, isAnswered);
   bool isOld = question.hasBegun && finished_ == question.attempt;
-  if (isOld && !report_->isUp) {
+  if (isOld && !report_->isUp && !isRetired_) {
     question = askLocked(question.asked);
     changed_.wait_until(lock, deadline, isAnswered);
   }
@@ -78,6 +78,12 @@ Scrape ScrapeWorker::await(Question question, Clock::time_point deadline) {
 bool ScrapeWorker::isIdle() {
   std::lock_guard lock(mutex_);
   return wanted_ <= finished_;
+}
+
+void ScrapeWorker::retire() {
+  std::lock_guard lock(mutex_);
+  isRetired_ = true;
+  changed_.notify_all();
 }
 
 void ScrapeWorker::stop() {
@@ -98,8 +104,8 @@ void ScrapeWorker::serve() {
   Gateway gateway(address_, plan_.timeoutSeconds, Diagnosing::kOnce);
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return isStopping_ || wanted_ > finished_; });
-    if (isStopping_) break;
+    changed_.wait(lock, [this] { return isStopping_ || isRetired_ || wanted_ > finished_; });
+    if (isStopping_ || wanted_ <= finished_) break;
     begun_ = finished_ + 1;
     lock.unlock();
     auto report = std::make_shared<Report>(answer(gateway));
