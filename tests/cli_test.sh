@@ -323,6 +323,7 @@ ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'
 shows 'ODD_LONG_L{18}\.\.\.  v+\.\.\.' 'HOST_CPUS {23}16'
 ask 0 -p "$port" check ODD_TINY ODD_BIG &&
   shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
+ask 0 -p "$port" stats 'ODD_GLOB_[a-z]*?' && lines 2
 ask 2 -p "$port" check ODD_RAW_NUL --matches '^before$'
 offers "zebstat stats -p $port ODD_SH" 'ODD_SHELL_\$\(id\)' # and executes nothing
 for format in table json csv value prometheus; do

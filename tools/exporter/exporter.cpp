@@ -76,9 +76,7 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   std::optional<Address> address = parseAddress(target);
   if (!address) return makeLine(400, "'" + toShown(target) + "' is not a HOST or HOST:PORT");
   std::string name = showAddress(*address);
-  const auto& allowed = options_.allowedTargets;
-  bool isNamed = std::find(allowed.begin(), allowed.end(), name) != allowed.end();
-  if (!isNamed && !matchesAnyGlob(allowed, name))
+  if (!matchesAnyGlob(options_.allowedTargets, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
   return respond({{name, targets_.probe(*address).await(deadline)}});
 }
