@@ -255,6 +255,12 @@ class Asker {
 
 }  // namespace
 
+std::string describe(const Refusal& refusal) {
+  std::string what = refusal.element.empty() ? "the query" : "'" + refusal.element + "'";
+  return "cannot get " + what + ": the gateway refused it (its code " +
+         std::to_string(refusal.code) + "); is it known there?";
+}
+
 // An address that drops everything would use up the library's timeout, so each but the last is
 // first tried with a share of it.
 void Gateway::connect() {

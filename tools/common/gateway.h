@@ -33,6 +33,9 @@ struct Refusal {
   int code = 0;  // the gateway's code, not the library's
 };
 
+// Returns what is missing and why, for a message.
+std::string describe(const Refusal& refusal);
+
 struct Answer {
   std::vector<Entry> entries;
   std::vector<Refusal> refusals;

@@ -151,11 +151,7 @@ Report ScrapeWorker::attempt(Gateway& gateway) {
   if (!question.elements.empty()) answer = gateway.ask(question);
   plan_.filter.apply(answer);
   std::string note;
-  if (!answer.refusals.empty()) {
-    const Refusal& first = answer.refusals.front();
-    note = name_ + ": refuses '" + first.element + "' (its code " + std::to_string(first.code) +
-           "); is it known there?";
-  }
+  if (!answer.refusals.empty()) note = name_ + ": " + describe(answer.refusals.front());
   printChange(note);
   return {true, {}, std::move(answer.entries), {}};
 }
