@@ -16,8 +16,8 @@ namespace zebtool {
 
 namespace {
 
-// Keeps sockets and files away from the numbers of standard streams that the caller has closed: they
-// would receive what is printed. Writing to such a stream still fails.
+// Keeps sockets and files away from the numbers of standard streams that the caller has closed:
+// they would receive what is printed. Writing to such a stream still fails.
 void fillStandardStreams() {
   int file = open("/dev/null", O_RDONLY);
   while (file >= 0 && file <= STDERR_FILENO) file = open("/dev/null", O_RDONLY);
