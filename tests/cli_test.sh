@@ -93,7 +93,7 @@ shows '# TYPE zebstats_host_cpus untyped' 'zebstats_host_cpus\{.*\} 16' \
 # ---- Filters and files ----
 ask 0 "${at[@]}" ids --include '*_PEAK' --include 'VM_*' --exclude 'VM_HEAP*' --exclude 'NO_*'
 lines 12 1 && says "zebstat: --exclude 'NO_\\*' matched nothing"
-ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' 'VM_?PTIME' && lines 4 1 &&
+ask 0 "${at[@]}" stats HOST_SITE 'HOST_S*' 'NO_*' '[V]M_?PTIM[E]' && lines 4 1 &&
   says "$here: 'NO_\*' matched nothing"
 ask 5 "${at[@]}" groups --include 'host' && lines 1 1 &&
   says "zebstat: --include 'host' matched nothing"
@@ -119,6 +119,9 @@ asked="zebstat --output to a full disk" code=0
   code=$?
 [ "$code" = 2 ] || complain "exit code $code, not 2"
 file_is_kept
+asked="zebstat --output while nobody reads standard output" begin=${EPOCHREALTIME/./}
+"$zebstat" "${at[@]}" groups --output "$scratch/other" --watch=0.3 --count 3 | true
+[ $((${EPOCHREALTIME/./} - begin)) -ge 600000 ] || complain "the watch has ended early"
 
 # ---- Several gateways ----
 start --seed 2
@@ -320,6 +323,7 @@ ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'
 shows 'ODD_LONG_L{18}\.\.\.  v+\.\.\.' 'HOST_CPUS {23}16'
 ask 0 -p "$port" check ODD_TINY ODD_BIG &&
   shows '.*\| ODD_TINY=-0\.0000001250 ODD_BIG=18446744073709551616'
+ask 0 -p "$port" stats 'ODD_GLOB_[a-z]*?' && lines 2
 ask 2 -p "$port" check ODD_RAW_NUL --matches '^before$'
 offers "zebstat stats -p $port ODD_SH" 'ODD_SHELL_\$\(id\)' # and executes nothing
 for format in table json csv value prometheus; do
@@ -328,6 +332,12 @@ for format in table json csv value prometheus; do
     '[\x00-\x1F\x7F-\x{9F}\x{61C}\x{200B}-\x{200F}\x{202A}-\x{202E}\x{2060}-\x{2069}\x{FEFF}]' ||
     complain "raw characters"
 done
+
+asked="zebstat --watch whose reader has stopped"
+start --scale 40
+mkfifo "$scratch/stopped" && exec {stopped}<>"$scratch/stopped"
+"$zebstat" --port "$port" stats --watch=9 --format csv >&"$stopped" &
+IFS= read -r -t 10 line <&"$stopped" && ends TERM $!
 
 # Both signals end the simulator cleanly, and then nobody listens there.
 for signal in INT TERM; do

@@ -23,7 +23,7 @@ namespace {
 }
 
 void askInVain(int port) {
-  Gateway gateway({"127.0.0.1", port}, 1000, true);
+  Gateway gateway({"127.0.0.1", port}, 1000);
   while (!isEnding()) EXPECT_THROW(gateway.ask({}), GatewayFault);
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """exporter_test.py EXPORTER SIMULATOR METADATA: what the exporter serves, to whom, and how fast."""
-import contextlib, http.client, pathlib, re, resource, signal, socket, socketserver, subprocess
+import contextlib, http.client, os, pathlib, re, resource, signal, socket, socketserver, subprocess
 import sys, tempfile
 import threading, time, unittest
 from concurrent.futures import ThreadPoolExecutor
@@ -29,21 +29,21 @@ class Scraped:
 
 class NotAGateway(socketserver.BaseRequestHandler):
     def handle(self):
-        self.request.recv(1)
-        self.request.sendall(b"HTTP/1.1 400 Bad\r\n\r\n" * 20)
+        self.request.recv(1000)
+        self.request.sendall(self.server.answer)
 
 
 class ExporterTest(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
-    def start(self, *command, lines=1):
+    def start(self, *command, lines=1, errors=None):
         """A process that has printed so many addresses, and writes its errors to a file."""
-        errors = self.enterContext(tempfile.TemporaryFile("w+"))
+        log = self.enterContext(tempfile.TemporaryFile("w+"))
         process = self.enterContext(
-            subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors, text=True))
+            subprocess.Popen(command, stdout=subprocess.PIPE, stderr=errors or log, text=True))
         self.addCleanup(process.kill)
-        process.said = lambda: (errors.seek(0), errors.read())[1]
+        process.said = lambda: (log.seek(0), log.read())[1]
         process.addresses = [process.stdout.readline()[:-1].split("listening on ")[-1]
                              for _ in range(lines)]
         process.address = process.addresses[0]
@@ -114,19 +114,36 @@ class ExporterTest(unittest.TestCase):
         self.assertRegex(described, r"(?m)^zebstats_host_memory_bytes{.*} 16777216000$")
 
     def test_the_reason_for_a_failure_is_named(self):
-        web = self.enterContext(socketserver.ThreadingTCPServer(("127.0.0.1", 0), NotAGateway))
-        threading.Thread(target=web.serve_forever).start()
-        self.addCleanup(web.shutdown)
         expected = {"127.0.0.1:1": "refused", "no.such.host.invalid:2980": "unresolved",
-                    self.listener(): "timed_out",
-                    "127.0.0.1:%d" % web.server_address[1]: "malformed"}
+                    self.listener(): "timed_out"}
+        for answer, reason in (b"HTTP/1.1 400 Bad\r\n\r\n" * 20, "malformed"), (b"", "lost"):
+            peer = self.enterContext(socketserver.ThreadingTCPServer(("127.0.0.1", 0), NotAGateway))
+            peer.answer = answer
+            threading.Thread(target=peer.serve_forever).start()
+            self.addCleanup(peer.shutdown)
+            expected["127.0.0.1:%d" % peer.server_address[1]] = reason
         expected[self.start(SIMULATOR, "--listen", "127.0.0.1:0", "--reset").address] = "lost"
         good = self.simulator().address
         self.exporter("--timeout", "1.5", "--gateway", good, *expected)
         scraped = self.get()
         self.assertEqual({gateway: scraped.reason(gateway) for gateway in expected}, expected)
         self.assertEqual((scraped.up(good), scraped.reason(good)), (1, ""))
-        self.assertRegex(self.served.said(), r"no\.such\.host.*-132")
+        for said in (r"no\.such\.host.*-132", r":1: .* \(-135\): connection refused: .*\?",
+                     r"no answer within 1\.5 s: it accepts connections and stays silent"):
+            self.wait_for(said, lambda: re.search(said, self.served.said()))
+
+    def test_messages_wait_for_no_reader_and_reach_no_client(self):
+        read_end, full = os.pipe()
+        os.set_blocking(full, False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(full, bytes(4096))
+        os.set_blocking(full, True)
+        for redirection, errors in ("", full), ("<&- 2>&-", None):
+            self.served = self.start(
+                "sh", "-c", f'exec "$@" {redirection}', "sh", EXPORTER, "--listen", "127.0.0.1:0",
+                "--timeout", "2", "--gateway", "127.0.0.1:1", errors=errors)
+            self.assertEqual(self.get().reason("127.0.0.1:1"), "refused")
 
     def test_a_gateway_that_is_started_again_is_up_in_the_next_scrape(self):
         gateway = self.simulator()
@@ -182,8 +199,8 @@ class ExporterTest(unittest.TestCase):
 
     def test_paths_and_methods(self):
         gateway, other = self.simulator(2).addresses
-        self.exporter("--gateway", gateway, "--allow-target", f"{other[:-1]}[{other[-1]}]",
-                      "[::1]:1")
+        self.exporter("--gateway", gateway, "--allow-target",
+                      f"[{other[0]}]{other[1:-1]}[{other[-1]}]", "[::1]:1")
         line = r"^[^\n]+\n$"
         for method, path, status, pattern in (
                 ("GET", "/", 200, "(?s)/metrics.*/probe.*/-/healthy"),
@@ -232,6 +249,14 @@ class ExporterTest(unittest.TestCase):
         self.served.send_signal(signal.SIGHUP)
         self.wait_for("a good file", lambda: gateways() == {second})
         self.assertEqual(self.get().value("zebstats_targets_valid"), 1)
+        # A gateway that is removed while it is asked is not said to be down.
+        slow = self.start(SIMULATOR, "--listen", "127.0.0.1:0", "--slow", "0.5").address
+        path.write_text(slow)
+        self.served.send_signal(signal.SIGHUP)
+        self.wait_for("a slow gateway", lambda: gateways() == {slow})
+        remove = lambda: (time.sleep(0.3), path.write_text(first),
+                          self.served.send_signal(signal.SIGHUP))
+        self.assertEqual(self.side_by_side(self.get, remove)[0][0].up(slow), 1)
 
     def test_addresses_to_listen_on(self):
         for listen, pattern, *hosts in (
@@ -272,6 +297,8 @@ class ExporterTest(unittest.TestCase):
                  "more than the 250"),
                 ("--gateway a --timeout 0", "", "'0' is not a number"),
                 ("--gateway a --listen :http", "", "':http' is not"),
+                ("--listen= --gateway a", "", "'' is not a HOST:PORT"),
+                ("--gateway a --listen 29480", "", "'29480' is not a HOST:PORT"),
                 ("--targets /", "", "cannot read /"),
                 ("--targets FILE", "a\n\nb:c\n", "line 3: 'b:c'"),
                 ("--metadata /no/such", "", "/no/such: No such file"),

@@ -52,6 +52,10 @@ press h q
 sees "the end" '^ended 0'
 tmux respawn-pane -k -t live "'$live' NO_SUCH HOST_CPUS 'X*' --host $first"
 sees "what the gateway lacks" "^$first does not have X\*, NO_SUCH"
+for term in dumb ''; do
+  tmux respawn-pane -k -t live "TERM=$term '$live'; echo TERM=$term ended \$?; cat"
+  sees "that no cursor can be moved" "^TERM=$term ended 2"
+done
 refuses() { # MESSAGE ARGUMENT...
   local code=0 message
   message=$("$live" "${@:2}" 2>&1 </dev/null) || code=$?

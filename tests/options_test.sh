@@ -34,7 +34,12 @@ for page in "${!helps[@]}"; do
       complain "no help has -$name of $page"
   done < <(grep -E '^\.It .*Fl|^, Fl' "$page" | grep -oE 'Fl -?[a-zA-Z]+(-[a-z]+)*' | cut -c 4-)
 done
-for format in $("$zebstat" stats --help | sed -n 's/.*--format FORMAT *//p' | tr -d ,); do
-  offers "zebstat stats --format " "$format"
-  grep -qx "\.It Cm $format" "$manual" || complain "$manual lacks the format $format"
+for command in stats ids groups; do
+  for format in $("$zebstat" $command --help | sed -n 's/.*--format FORMAT *//p' | tr -d ,); do
+    offers "zebstat $command --format " "$format"
+    grep -qx "\.It Cm $format" "$manual" || complain "$manual lacks the format $format"
+    code=0 # 3: not connected
+    "$zebstat" $command --port 1 --format "$format" 2>/dev/null || code=$?
+    [ "$code" = 3 ] || complain "$command refuses the format $format"
+  done
 done

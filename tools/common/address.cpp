@@ -16,12 +16,15 @@ bool isNumericIpv6(const std::string& host) {
   return inet_pton(AF_INET6, withoutScope.c_str(), &ignored) == 1;
 }
 
+// A number alone is no host, but most probably a port without its colon; the resolver would take it
+// for an address such as 0.0.11.164.
 bool isHost(const std::string& host) {
-  if (host.find(':') != std::string::npos) return isNumericIpv6(host);
   auto isGood = [](char c) {
     return c > ' ' && c < 0x7F && std::string_view("[],/").find(c) == std::string_view::npos;
   };
-  return !host.empty() && std::all_of(host.begin(), host.end(), isGood);
+  if (!std::all_of(host.begin(), host.end(), isGood)) return false;
+  if (host.find(':') != std::string::npos) return isNumericIpv6(host);
+  return host.find_first_not_of("0123456789") != std::string::npos;
 }
 
 std::optional<int> parsePort(std::string_view text, int lowest) {

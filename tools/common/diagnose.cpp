@@ -75,41 +75,48 @@ int connectTo(const std::string& address, int port, Clock::time_point deadline, 
   return 0;
 }
 
-std::string explainConnect(int error) {
+Diagnosis explainConnect(int error) {
   switch (error) {
     case ECONNREFUSED:
-      return "connection refused: nothing listens on this port; is the gateway running, and is "
-             "this its statistics port?";
+      return {FaultReason::kRefused,
+              "connection refused: nothing listens on this port; is the gateway running, and is "
+              "this its statistics port?"};
     case ETIMEDOUT:
-      return "nothing answers at this address: the machine is down, or a firewall drops what is "
-             "sent to it";
+      return {FaultReason::kTimedOut,
+              "nothing answers at this address: the machine is down, or a firewall drops what is "
+              "sent to it"};
     case ENETUNREACH:
     case EHOSTUNREACH:
     case EADDRNOTAVAIL:
-      return std::string("no route: ") + std::strerror(error) +
-             "; check the address and this machine's network";
+      return {FaultReason::kRefused, std::string("no route: ") + std::strerror(error) +
+                                         "; check the address and this machine's network"};
     default:
-      return std::string(std::strerror(error)) + "; check the address and this machine's network";
+      return {FaultReason::kRefused,
+              std::string(std::strerror(error)) + "; check the address and this machine's network"};
   }
 }
 
 // Sends the handshake and explains what comes back.
-std::string explainAnswer(const Socket& socket, Clock::time_point deadline) {
+Diagnosis explainAnswer(const Socket& socket, Clock::time_point deadline) {
   (void)send(socket.file(), kHandshake, sizeof kHandshake, MSG_NOSIGNAL);
   if (!socket.waitFor(POLLIN, deadline))
-    return "it accepts connections and stays silent: the gateway hangs, or this is not its "
-           "statistics port";
+    return {FaultReason::kTimedOut,
+            "it accepts connections and stays silent: the gateway hangs, or this is not its "
+            "statistics port"};
   char answer[32];
   ssize_t length = recv(socket.file(), answer, sizeof answer, 0);
   if (length <= 0)
-    return "it accepts connections and closes them at once: the gateway is stopping or takes no "
-           "more, or this is not its statistics port";
+    return {FaultReason::kLost,
+            "it accepts connections and closes them at once: the gateway is stopping or takes no "
+            "more, or this is not its statistics port"};
   std::string_view bytes(answer, static_cast<std::size_t>(length));
   if (!bytes.starts_with(kGatewayWord.substr(0, bytes.size())))
-    return "this is not a gateway, it answers '" +
-           std::string(bytes.substr(0, bytes.find_first_of("\r\n"))) + "'; check the port";
-  return "the gateway answers, but did not open a session in time or as agreed; try a longer "
-         "--timeout, or look at its log";
+    return {FaultReason::kMalformed, "this is not a gateway, it answers '" +
+                                         std::string(bytes.substr(0, bytes.find_first_of("\r\n"))) +
+                                         "'; check the port"};
+  return {FaultReason::kMalformed,
+          "the gateway answers, but did not open a session in time or as agreed; try a longer "
+          "--timeout, or look at its log"};
 }
 
 }  // namespace
@@ -121,17 +128,34 @@ bool canConnect(const std::string& address, int port, double seconds) {
   return connectTo(address, port, Clock::now() + patience, socket) == 0;
 }
 
-std::string diagnose(const std::vector<std::string>& addresses, int port) {
-  constexpr std::chrono::seconds kPatience(1);
-  Clock::time_point deadline = Clock::now() + kPatience;
-  std::string cause;
+const char* nameOf(FaultReason reason) {
+  switch (reason) {
+    case FaultReason::kRefused:
+      return "refused";
+    case FaultReason::kUnresolved:
+      return "unresolved";
+    case FaultReason::kTimedOut:
+      return "timed_out";
+    case FaultReason::kMalformed:
+      return "malformed";
+    case FaultReason::kLost:
+      break;
+  }
+  return "lost";
+}
+
+// Each address gets an equal share of the time, so that one that drops everything leaves some to
+// the others.
+Diagnosis diagnose(const std::vector<std::string>& addresses, int port) {
+  constexpr std::chrono::milliseconds kPatience(1000);
+  Diagnosis found;
   for (const std::string& address : addresses) {
     Socket socket(-1);
-    int error = connectTo(address, port, deadline, socket);
+    int error = connectTo(address, port, Clock::now() + kPatience / addresses.size(), socket);
     if (error == 0) return explainAnswer(socket, Clock::now() + kPatience);
-    cause = explainConnect(error);
+    found = explainConnect(error);
   }
-  return cause;
+  return found;
 }
 
 }  // namespace zebtool

@@ -13,11 +13,24 @@ namespace zebtool {
 // at once.
 bool canConnect(const std::string& address, int port, double seconds);
 
+// The kinds of reasons for which a gateway cannot be asked, as the exporter counts them.
+enum class FaultReason { kRefused, kUnresolved, kTimedOut, kLost, kMalformed };
+constexpr FaultReason kFaultReasons[] = {FaultReason::kRefused, FaultReason::kUnresolved,
+                                         FaultReason::kTimedOut, FaultReason::kLost,
+                                         FaultReason::kMalformed};
+
+// Returns the name of a reason, such as timed_out.
+const char* nameOf(FaultReason reason);
+
+struct Diagnosis {
+  FaultReason reason = FaultReason::kLost;
+  std::string text;  // the cause and what to do about it, with any bytes of an answer
+};
+
 // Connects to the first of the numeric addresses that accepts, sends what a client sends first, and
-// waits for an answer. Takes up to a second to connect, and another one to wait. Returns the cause
-// and what to do about it, with the bytes of an answer that is no gateway's; an empty text if there
-// are no addresses.
-std::string diagnose(const std::vector<std::string>& addresses, int port);
+// waits for an answer. Takes up to a second to connect, and another one to wait. An answer that is
+// no gateway's is a part of the text, which is empty if there are no addresses.
+Diagnosis diagnose(const std::vector<std::string>& addresses, int port);
 
 }  // namespace zebtool
 

@@ -11,7 +11,6 @@
 #include <string_view>
 #include <utility>
 
-#include "diagnose.h"
 #include "glob.h"
 #include "text.h"
 #include "threads.h"
@@ -36,13 +35,9 @@ std::string explain(int code, const std::string& cause) {
     case ZEB_QUERY_TOO_LONG:
       advice = "; ask for less at once";
       break;
-    case ZEB_CONNECT_REFUSED:
-      advice = "; is it running, and is this its statistics port?";
-      break;
     case ZEB_HOST_UNKNOWN:
       advice = "; check its spelling, or give its address";
       break;
-    case ZEB_CONNECT_FAILED:
     case ZEB_COMMUNICATION_FAILED:
       advice = "; is this its statistics port?";
       break;
@@ -50,6 +45,29 @@ std::string explain(int code, const std::string& cause) {
       break;
   }
   return number + meaning + advice;
+}
+
+// Returns the reason for a code of the library. ZEB_CONNECT_FAILED may be any, which the diagnosis
+// has found.
+FaultReason reasonFor(int code, const Diagnosis& cause) {
+  switch (code) {
+    case ZEB_CONNECT_FAILED:
+      return cause.reason;
+    case ZEB_CONNECT_REFUSED:
+    case ZEB_NETWORK_UNREACHABLE:
+      return FaultReason::kRefused;
+    case ZEB_HOST_UNKNOWN:
+      return FaultReason::kUnresolved;
+    case ZEB_CONNECT_TIMED_OUT:
+    case ZEB_TIMED_OUT:
+      return FaultReason::kTimedOut;
+    case ZEB_COMMUNICATION_FAILED:
+    case ZEB_WRONG_CONTENT:
+    case ZEB_QUERY_TOO_LONG:
+      return FaultReason::kMalformed;
+    default:
+      return FaultReason::kLost;
+  }
 }
 
 // ---- Connecting ---------------------------------------------------------------------------------
@@ -237,40 +255,10 @@ class Asker {
 
 }  // namespace
 
-FaultReason reasonFor(int libraryCode) {
-  switch (libraryCode) {
-    case ZEB_CONNECT_REFUSED:
-    case ZEB_NETWORK_UNREACHABLE:
-      return FaultReason::kRefused;
-    case ZEB_HOST_UNKNOWN:
-      return FaultReason::kUnresolved;
-    case ZEB_CONNECT_TIMED_OUT:
-    case ZEB_TIMED_OUT:
-      return FaultReason::kTimedOut;
-    case ZEB_CONNECT_FAILED:
-    case ZEB_COMMUNICATION_FAILED:
-    case ZEB_WRONG_CONTENT:
-    case ZEB_QUERY_TOO_LONG:
-      return FaultReason::kMalformed;
-    default:
-      return FaultReason::kLost;
-  }
-}
-
-const char* nameOf(FaultReason reason) {
-  switch (reason) {
-    case FaultReason::kRefused:
-      return "refused";
-    case FaultReason::kUnresolved:
-      return "unresolved";
-    case FaultReason::kTimedOut:
-      return "timed_out";
-    case FaultReason::kMalformed:
-      return "malformed";
-    case FaultReason::kLost:
-      break;
-  }
-  return "lost";
+std::string describe(const Refusal& refusal) {
+  std::string what = refusal.element.empty() ? "the query" : "'" + refusal.element + "'";
+  return "cannot get " + what + ": the gateway refused it (its code " +
+         std::to_string(refusal.code) + "); is it known there?";
 }
 
 // An address that drops everything would use up the library's timeout, so each but the last is
@@ -288,25 +276,31 @@ void Gateway::connect() {
     code = isEnding() ? ZEB_TOKEN_UNKNOWN : connection_.open(host.c_str(), address_.port).code();
     if (code == ZEB_OK || Clock::now() >= end) break;
   }
+  int before = std::exchange(failure_, code);
   if (code == ZEB_OK) return;
-  fail("connect", code, isDiagnosing_ ? toShown(diagnose(addresses, address_.port)) : "");
+  if (diagnosing_ == Diagnosing::kAlways || code != before)
+    cause_ = diagnose(addresses, address_.port);
+  fail("connect", code, cause_);
 }
 
-void Gateway::fail(const char* step, int code, const std::string& cause) const {
+void Gateway::fail(const char* step, int code, const Diagnosis& diagnosis) const {
+  const std::string cause = toShown(diagnosis.text);
+  const FaultReason reason = reasonFor(code, diagnosis);
   if (isTimeout(code)) {
     throw GatewayFault(kTimedOut,
                        name() + ": no answer within " + showNumber(timeoutSeconds_, 3) + " s" +
                            (cause.empty() ? "" : ": " + cause),
-                       code);
+                       code, reason);
   }
-  throw GatewayFault(kNotConnected, name() + ": cannot " + step + " " + explain(code, cause), code);
+  throw GatewayFault(kNotConnected, name() + ": cannot " + step + " " + explain(code, cause), code,
+                     reason);
 }
 
 Answer Gateway::ask(const Question& question) {
   if (!connection_.isOpen()) connect();
   Asker asker(connection_);
   int code = asker.ask(question);
-  if (code != ZEB_OK) fail(asker.failedStep(), code, "");
+  if (code != ZEB_OK) fail(asker.failedStep(), code, {});
   return asker.takeAnswer();
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "address.h"
+#include "diagnose.h"
 #include "fault.h"
 #include "zebstats.hpp"
 
@@ -32,6 +33,9 @@ struct Refusal {
   int code = 0;  // the gateway's code, not the library's
 };
 
+// Returns what is missing and why, for a message.
+std::string describe(const Refusal& refusal);
+
 struct Answer {
   std::vector<Entry> entries;
   std::vector<Refusal> refusals;
@@ -40,9 +44,10 @@ struct Answer {
 
 // Why a gateway could not be asked.
 struct GatewayFault : Fault {
-  GatewayFault(ExitCode exit, const std::string& text, int code)
-      : Fault(exit, text), libraryCode(code) {}
+  GatewayFault(ExitCode exit, const std::string& text, int code, FaultReason why)
+      : Fault(exit, text), libraryCode(code), reason(why) {}
   int libraryCode;
+  FaultReason reason;  // an unreachable network counts as refused, a lack of memory as lost
 };
 
 // Returns whether a code of the library means that the timeout has passed.
@@ -50,29 +55,19 @@ inline bool isTimeout(int code) {
   return code == ZEB_CONNECT_TIMED_OUT || code == ZEB_TIMED_OUT;
 }
 
-// The kinds of reasons for which a gateway cannot be asked, as the exporter counts them.
-enum class FaultReason { kRefused, kUnresolved, kTimedOut, kLost, kMalformed };
-constexpr FaultReason kFaultReasons[] = {FaultReason::kRefused, FaultReason::kUnresolved,
-                                         FaultReason::kTimedOut, FaultReason::kLost,
-                                         FaultReason::kMalformed};
-
-// Returns the reason for a code of the library other than ZEB_OK. An unreachable network counts as
-// refused, and what is no failure of the gateway, such as a lack of memory, as lost.
-FaultReason reasonFor(int libraryCode);
-// Returns the name of a reason, such as timed_out.
-const char* nameOf(FaultReason reason);
+// When the cause of a failure to connect is looked for, which takes up to two seconds more.
+enum class Diagnosing {
+  kAlways,
+  kOnce,  // if the attempt before did not fail with the same code; otherwise the cause is repeated
+};
 
 // One gateway and the connection to it, which belongs to the thread that asks first. The destructor
 // closes the connection, which may take until the timeout.
 class Gateway {
  public:
-  // The timeout is only named in messages; setUpLibrary() must have been given the same. With
-  // isDiagnosing a failure to connect takes up to two seconds more, and its message names the
-  // cause.
-  Gateway(Address address, double timeoutSeconds, bool isDiagnosing = false)
-      : address_(std::move(address)),
-        timeoutSeconds_(timeoutSeconds),
-        isDiagnosing_(isDiagnosing) {}
+  // The timeout is only named in messages; setUpLibrary() must have been given the same.
+  Gateway(Address address, double timeoutSeconds, Diagnosing diagnosing = Diagnosing::kAlways)
+      : address_(std::move(address)), timeoutSeconds_(timeoutSeconds), diagnosing_(diagnosing) {}
 
   // Returns HOST:PORT, an IPv6 address in brackets.
   [[nodiscard]] std::string name() const { return showAddress(address_); }
@@ -90,11 +85,13 @@ class Gateway {
 
  private:
   void connect();
-  [[noreturn]] void fail(const char* step, int code, const std::string& cause) const;
+  [[noreturn]] void fail(const char* step, int code, const Diagnosis& cause) const;
 
   Address address_;
   double timeoutSeconds_;
-  bool isDiagnosing_;
+  Diagnosing diagnosing_;
+  int failure_ = ZEB_OK;  // the code of the last attempt to connect
+  Diagnosis cause_;       // of that failure
   zebstats::Connection connection_;
 };
 

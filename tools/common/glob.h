@@ -15,8 +15,9 @@ inline bool isGlob(const std::string& text) {
   return text.find_first_of("*?[") != std::string::npos;
 }
 
+// A name with such characters, as completion offers it, matches itself.
 inline bool matchesGlob(const std::string& glob, const std::string& text) {
-  return fnmatch(glob.c_str(), text.c_str(), 0) == 0;
+  return glob == text || fnmatch(glob.c_str(), text.c_str(), 0) == 0;
 }
 
 inline bool matchesAnyGlob(const std::vector<std::string>& globs, const std::string& text) {

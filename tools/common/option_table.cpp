@@ -55,7 +55,8 @@ constexpr CommandRow kCommands[] = {
 
 constexpr unsigned kLive = bitOf(Command::kLive);
 constexpr unsigned kCheck = bitOf(Command::kCheck);
-constexpr unsigned kShow = bitOf(Command::kStats) | bitOf(Command::kIds) | bitOf(Command::kGroups);
+constexpr unsigned kList = bitOf(Command::kIds) | bitOf(Command::kGroups);
+constexpr unsigned kShow = bitOf(Command::kStats) | kList;
 constexpr unsigned kAsk = kShow | kCheck;
 constexpr unsigned kEvery = kAsk | kLive | bitOf(Command::kCompletion);
 
@@ -86,8 +87,10 @@ constexpr OptionRow kOptions[] = {
      "repeat, every 2 seconds by default; Ctrl-C ends it", Completion::kNothing, ""},
     {Option::kCount, "--count", "", "N", Takes::kOne, kShow, "end the watch after N answers",
      Completion::kNothing, ""},
-    {Option::kFormat, "--format", "", "FORMAT", Takes::kOne, kShow, "", Completion::kWords,
-     "table json jsonl csv value prometheus"},
+    {Option::kFormat, "--format", "", "FORMAT", Takes::kOne, bitOf(Command::kStats), "",
+     Completion::kWords, "table json jsonl csv value prometheus"},
+    {Option::kListFormat, "--format", "", "FORMAT", Takes::kOne, kList, "", Completion::kWords,
+     "table json jsonl csv value"},
     {Option::kOutput, "--output", "", "FILE", Takes::kOne, kShow,
      "replace FILE by the answer when that is complete", Completion::kFile, ""},
     {Option::kInterval, "--interval", "", "SECONDS", Takes::kOne, kLive,

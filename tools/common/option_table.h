@@ -50,6 +50,7 @@ enum class Option {
   kWatch,
   kCount,
   kFormat,
+  kListFormat,
   kOutput,
   kInterval,
   kSort,

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <mutex>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -65,9 +67,30 @@ void printMessage(const std::string& message) {
            program_invocation_short_name + std::string(": ") + toShown(message) + "\n");
 }
 
+void printUnlessFull(const std::string& message) {
+  static std::mutex mutex;  // no other thread fills the pipe before the message is written
+  std::lock_guard lock(mutex);
+  pollfd room{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) printMessage(message);
+}
+
+// Writes parts for which there is room, so that a signal still ends the program if the reader has
+// stopped.
 void writeOutput(const std::string& text) {
-  SignalsHeld held;
-  int fault = writeAll(STDOUT_FILENO, text);
+  constexpr int kPatienceMilliseconds = 1000;
+  std::optional<SignalsHeld> held(std::in_place);
+  int fault = 0;
+  for (std::string_view rest = text; !rest.empty() && fault == 0;) {
+    pollfd room{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&room, 1, kPatienceMilliseconds) == 0) {
+      held.reset();
+      held.emplace();
+      continue;
+    }
+    std::string_view part = rest.substr(0, PIPE_BUF);
+    fault = writeAll(STDOUT_FILENO, part);
+    rest.remove_prefix(part.size());
+  }
   if (fault == EPIPE) endNow(kDone);
   if (fault != 0)
     throw Fault(kNotConnected,

@@ -10,9 +10,13 @@ namespace zebtool {
 // Prints the message on one line of standard error, after the program's name.
 void printMessage(const std::string& message);
 
-// Writes the whole text to standard output; SIGINT, SIGTERM and SIGHUP end the program only
-// afterwards. If the reader of a pipe has gone, the process ends with code 0. Throws a Fault if
-// writing fails otherwise.
+// The same for a server, which never waits for the reader of its messages: a message is lost if
+// standard error is a pipe that is full. Several threads may call it.
+void printUnlessFull(const std::string& message);
+
+// Writes the whole text to standard output. SIGINT, SIGTERM and SIGHUP end the program only
+// afterwards, or if the reader of a pipe has stopped for a second. If the reader has gone, the
+// process ends with code 0. Throws a Fault if writing fails otherwise.
 void writeOutput(const std::string& text);
 
 // A file that is replaced by a new one when that is complete.

@@ -1,5 +1,6 @@
 #include "process.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -13,7 +14,20 @@
 
 namespace zebtool {
 
+namespace {
+
+// Keeps sockets and files away from the numbers of standard streams that the caller has closed:
+// they would receive what is printed. Writing to such a stream still fails.
+void fillStandardStreams() {
+  int file = open("/dev/null", O_RDONLY);
+  while (file >= 0 && file <= STDERR_FILENO) file = open("/dev/null", O_RDONLY);
+  if (file >= 0) close(file);
+}
+
+}  // namespace
+
 int runProgram(int (*run)(int, char**), int argc, char** argv) {
+  fillStandardStreams();
   signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
   int code = kNotConnected;
   try {
@@ -67,7 +81,7 @@ bool waitWithReader(double seconds) {
     if (left <= 0) return true;
     pollfd reader{STDOUT_FILENO, 0, 0};
     poll(&reader, 1, static_cast<int>(left));
-    if ((reader.revents & POLLERR) != 0) return false;
+    if (reader.revents != 0) return false;  // POLLERR of a pipe, POLLHUP of a socket
   }
 }
 

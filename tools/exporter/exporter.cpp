@@ -66,12 +66,9 @@ HttpResponse Exporter::answer(const HttpRequest& request) {
 }
 
 HttpResponse Exporter::answerMetrics(Clock::time_point deadline) {
-  std::vector<WorkerPtr> workers = targets_.configured();
-  std::vector<ScrapeWorker::Question> questions;
-  for (const WorkerPtr& worker : workers) questions.push_back(worker->ask());
   std::vector<Sample> samples;
-  for (std::size_t i = 0; i < workers.size(); ++i)
-    samples.push_back({workers[i]->name(), workers[i]->await(questions[i], deadline)});
+  for (Targets::Probe& probe : targets_.probeConfigured())
+    samples.push_back({probe.gateway(), probe.await(deadline)});
   return respond(samples);
 }
 
@@ -79,9 +76,7 @@ HttpResponse Exporter::answerProbe(const std::string& target, Clock::time_point 
   std::optional<Address> address = parseAddress(target);
   if (!address) return makeLine(400, "'" + toShown(target) + "' is not a HOST or HOST:PORT");
   std::string name = showAddress(*address);
-  const auto& allowed = options_.allowedTargets;
-  bool isNamed = std::find(allowed.begin(), allowed.end(), name) != allowed.end();
-  if (!isNamed && !matchesAnyGlob(allowed, name))
+  if (!matchesAnyGlob(options_.allowedTargets, name))
     return makeLine(403, "no --allow-target permits '" + toShown(name) + "'");
   return respond({{name, targets_.probe(*address).await(deadline)}});
 }

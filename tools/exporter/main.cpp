@@ -65,7 +65,7 @@ void reload(const ExporterOptions& options, Targets& targets, Exporter& exporter
     targets.configure(listGateways(options));
     exporter.setTargetsValid(true);
   } catch (const Fault& fault) {
-    printMessage(std::string(fault.what()) + "; the gateways stay as they were");
+    printUnlessFull(std::string(fault.what()) + "; the gateways stay as they were");
     exporter.setTargetsValid(false);
   }
 }

@@ -2,10 +2,9 @@
 
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "fault.h"
 #include "option_checks.h"
+#include "option_parser.h"
 
 namespace zebtool {
 
@@ -51,25 +50,17 @@ class Parser {
     addTargetOptions();
     addStatOptions();
     app_.add_flag("--check", options_.isCheck);
-    app_.add_option("--listen", options_.listen)->type_name("ADDRESS")->check(wantListenAddress);
-    CLI::Option* level = app_.add_option("--trace", options_.traceLevel)
-                             ->type_name("LEVEL")
-                             ->check(wantTraceLevel());
-    app_.add_option("--trace-file", options_.traceFile)
-        ->type_name("FILE")
-        ->check(wantPath)
-        ->needs(level);
+    add("--listen", "ADDRESS", options_.listen)->check(wantListenAddress);
+    CLI::Option* level = add("--trace", "LEVEL", options_.traceLevel)->check(wantTraceLevel());
+    add("--trace-file", "FILE", options_.traceFile)->check(wantPath)->needs(level);
   }
 
   std::optional<ExporterOptions> parse(int argc, char** argv) {
     try {
-      app_.parse(argc, argv);
+      if (!parseArguments(app_, argc, argv)) return std::nullopt;
       if (options_.gateways.empty() && options_.targetsFile.empty() &&
           options_.allowedTargets.empty())
         throw CLI::ValidationError("give --gateway, --targets or --allow-target");
-    } catch (const CLI::Success& asked) {
-      app_.exit(asked);
-      return std::nullopt;
     } catch (const CLI::ParseError& fault) {
       throw Fault(kUsage, fault.what() + std::string("; see zebstats-exporter --help"));
     }
@@ -77,23 +68,26 @@ class Parser {
   }
 
  private:
+  CLI::Option* add(const char* name, const char* argument, auto& target) {
+    return addOption(app_, name, argument, /*takesMany=*/false, target);
+  }
+  CLI::Option* addMany(const char* name, const char* argument, auto& target) {
+    return addOption(app_, name, argument, /*takesMany=*/true, target);
+  }
+
   void addTargetOptions() {
-    app_.add_option("--gateway", options_.gateways)->type_name("ADDRESS")->check(wantAddress);
-    app_.add_option("--targets", options_.targetsFile)->type_name("FILE")->check(wantPath);
-    app_.add_option("--allow-target", options_.allowedTargets)->type_name("GLOB")->check(wantText);
-    app_.add_option("--timeout", options_.timeoutSeconds)
-        ->type_name("SECONDS")
-        ->check(wantTimeout());
+    addMany("--gateway", "ADDRESS", options_.gateways)->check(wantAddress);
+    add("--targets", "FILE", options_.targetsFile)->check(wantPath);
+    addMany("--allow-target", "GLOB", options_.allowedTargets)->check(wantText);
+    add("--timeout", "SECONDS", options_.timeoutSeconds)->check(wantTimeout());
   }
 
   void addStatOptions() {
-    app_.add_option("--group", options_.groups)->type_name("GROUP")->check(wantText);
-    for (auto& [name, globs] :
-         {std::pair("--include", &options_.included), std::pair("--exclude", &options_.excluded)}) {
-      app_.add_option(name, *globs)->type_name("GLOB")->allow_extra_args(false)->check(wantText);
-    }
-    app_.add_option("--texts", options_.texts)->type_name("GLOB")->check(wantText);
-    app_.add_option("--metadata", options_.metadataFile)->type_name("FILE")->check(wantPath);
+    addMany("--group", "GROUP", options_.groups)->check(wantText);
+    add("--include", "GLOB", options_.included)->check(wantText);
+    add("--exclude", "GLOB", options_.excluded)->check(wantText);
+    addMany("--texts", "GLOB", options_.texts)->check(wantText);
+    add("--metadata", "FILE", options_.metadataFile)->check(wantPath);
   }
 
   CLI::App app_{"", "zebstats-exporter"};

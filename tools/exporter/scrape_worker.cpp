@@ -65,7 +65,7 @@ Scrape ScrapeWorker::await(Question question, Clock::time_point deadline) {
   auto isAnswered = [&] { return finished_ >= question.attempt || isStopping_; };
   changed_.wait_until(lock, deadline, isAnswered);
   bool isOld = question.hasBegun && finished_ == question.attempt;
-  if (isOld && !report_->isUp) {
+  if (isOld && !report_->isUp && !isRetired_) {
     question = askLocked(question.asked);
     changed_.wait_until(lock, deadline, isAnswered);
   }
@@ -78,6 +78,12 @@ Scrape ScrapeWorker::await(Question question, Clock::time_point deadline) {
 bool ScrapeWorker::isIdle() {
   std::lock_guard lock(mutex_);
   return wanted_ <= finished_;
+}
+
+void ScrapeWorker::retire() {
+  std::lock_guard lock(mutex_);
+  isRetired_ = true;
+  changed_.notify_all();
 }
 
 void ScrapeWorker::stop() {
@@ -95,11 +101,11 @@ void ScrapeWorker::run() {
 }
 
 void ScrapeWorker::serve() {
-  Gateway gateway(address_, plan_.timeoutSeconds);
+  Gateway gateway(address_, plan_.timeoutSeconds, Diagnosing::kOnce);
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return isStopping_ || wanted_ > finished_; });
-    if (isStopping_) break;
+    changed_.wait(lock, [this] { return isStopping_ || isRetired_ || wanted_ > finished_; });
+    if (isStopping_ || wanted_ <= finished_) break;
     begun_ = finished_ + 1;
     lock.unlock();
     auto report = std::make_shared<Report>(answer(gateway));
@@ -125,7 +131,7 @@ Report ScrapeWorker::answer(Gateway& gateway) {
       wasOpen = false;
       if (isTriedAgain && !isStopping_) continue;
       printChange(fault.what());
-      return {false, reasonFor(fault.libraryCode), {}, {}};
+      return {false, fault.reason, {}, {}};
     } catch (const std::exception& fault) {
       printChange(name_ + ": " + fault.what());
       return {false, FaultReason::kLost, {}, {}};
@@ -145,11 +151,7 @@ Report ScrapeWorker::attempt(Gateway& gateway) {
   if (!question.elements.empty()) answer = gateway.ask(question);
   plan_.filter.apply(answer);
   std::string note;
-  if (!answer.refusals.empty()) {
-    const Refusal& first = answer.refusals.front();
-    note = name_ + ": refuses '" + first.element + "' (its code " + std::to_string(first.code) +
-           "); is it known there?";
-  }
+  if (!answer.refusals.empty()) note = name_ + ": " + describe(answer.refusals.front());
   printChange(note);
   return {true, {}, std::move(answer.entries), {}};
 }
@@ -158,7 +160,7 @@ void ScrapeWorker::printChange(const std::string& note) {
   if (note == note_) return;
   note_ = note;
   if (!isQuiet_ && !isStopping_ && !isEnding())
-    printMessage(note.empty() ? name_ + ": answers" : note);
+    printUnlessFull(note.empty() ? name_ + ": answers" : note);
 }
 
 }  // namespace zebtool

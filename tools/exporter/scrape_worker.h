@@ -67,7 +67,10 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
   // Returns whether every question has been answered.
   bool isIdle();
 
-  // Lets the thread close the connection and end, and ends the scrapes that wait for it.
+  // Lets the thread close the connection and end when it has answered every question. No question
+  // may follow.
+  void retire();
+  // Lets the thread end without answering, and ends the scrapes that wait for it.
   void stop();
 
  private:
@@ -87,6 +90,7 @@ class ScrapeWorker : public std::enable_shared_from_this<ScrapeWorker> {
 
   std::mutex mutex_;  // guards all below; never held while the library is called
   std::condition_variable changed_;
+  bool isRetired_ = false;
   std::uint64_t wanted_ = 0;              // the number of the last attempt that a scrape wants
   std::uint64_t begun_ = 0;               // of the last one that the thread has begun
   std::uint64_t finished_ = 0;            // and finished

@@ -43,7 +43,7 @@ void Targets::configure(const AddressMap& wanted) {
   std::erase_if(targets_, [&](const auto& entry) {
     const auto& [name, target] = entry;
     bool isGone = target.isConfigured && !wanted.contains(name);
-    if (isGone) target.worker->stop();
+    if (isGone) target.worker->retire();
     return isGone;
   });
   for (auto& [name, target] : targets_) target.isConfigured = wanted.contains(name);
@@ -65,13 +65,13 @@ std::map<std::string, Targets::Target> Targets::startMissing(const AddressMap& w
   return added;
 }
 
-std::vector<WorkerPtr> Targets::configured() const {
+std::deque<Targets::Probe> Targets::probeConfigured() const {
   std::lock_guard lock(mutex_);
-  std::vector<WorkerPtr> workers;
+  std::deque<Probe> probes;
   for (const auto& [name, target] : targets_) {
-    if (target.isConfigured) workers.push_back(target.worker);
+    if (target.isConfigured) probes.emplace_back(target.worker, true);
   }
-  return workers;
+  return probes;
 }
 
 Targets::Probe Targets::probe(const Address& address) {
@@ -103,7 +103,7 @@ void Targets::dropOldest(std::size_t limit) {
       if (!target.isConfigured && isOlder && target.worker->isIdle()) oldest = each;
     }
     if (oldest == targets_.end()) return;
-    oldest->second.worker->stop();
+    oldest->second.worker->retire();
     targets_.erase(oldest);
   }
 }
@@ -113,7 +113,7 @@ void Targets::dropUnused() {
   std::erase_if(targets_, [](const auto& entry) {
     const Target& target = entry.second;
     bool isUnused = !target.isConfigured && Clock::now() - target.used > kUnusedTime;
-    if (isUnused) target.worker->stop();
+    if (isUnused) target.worker->retire();
     return isUnused;
   });
   if (crowded_ && Clock::now() - *crowded_ > kUnusedTime) crowded_.reset();

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,9 +38,7 @@ class Targets {
   // cannot be started.
   void configure(const AddressMap& wanted);
 
-  [[nodiscard]] std::vector<WorkerPtr> configured() const;
-
-  // The question of one probe to its gateway.
+  // The question of one scrape to one gateway.
   class Probe {
    public:
     Probe(WorkerPtr worker, bool isStanding)
@@ -49,6 +48,7 @@ class Targets {
     }
     Probe(const Probe&) = delete;
     Probe& operator=(const Probe&) = delete;
+    [[nodiscard]] const std::string& gateway() const { return worker_->name(); }
     Scrape await(Clock::time_point deadline) { return worker_->await(question_, deadline); }
 
    private:
@@ -56,6 +56,9 @@ class Targets {
     bool isStanding_;
     ScrapeWorker::Question question_;
   };
+  // Asks the gateways of /metrics.
+  [[nodiscard]] std::deque<Probe> probeConfigured() const;
+
   // Asks the worker that the gateway has. A gateway without one gets one, which is kept as long as
   // there are not too many, and otherwise serves this probe only. Throws a Fault.
   Probe probe(const Address& address);

@@ -37,7 +37,7 @@ struct RawOptions {
 void declareOptions(CLI::App& app, RawOptions& raw) {
   auto add = [&app](Option option, auto& target) { return addOption(app, rowOf(option), target); };
   OptionCheck isName = wantName(rowOf(Option::kInterval));
-  CLI::Option* ids = app.add_option("ID", raw.ids)->check(isName);
+  CLI::Option* ids = addOption(app, "ID", "ID", true, raw.ids)->check(isName);
   add(Option::kGroup, raw.groups)->check(isName)->excludes(ids);
   add(Option::kWarning, raw.warnings);
   add(Option::kCritical, raw.criticals);
@@ -113,10 +113,7 @@ std::optional<LiveOptions> parseLiveOptions(int argc, char** argv) {
   RawOptions raw;
   declareOptions(app, raw);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success& asked) {
-    app.exit(asked);
-    return std::nullopt;
+    if (!parseArguments(app, argc, argv)) return std::nullopt;
   } catch (const CLI::ParseError& fault) {
     refuse(fault.what());
   }

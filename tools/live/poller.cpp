@@ -80,7 +80,7 @@ void Poller::setInterval(double seconds) {
 
 void Poller::serve(Shared& shared, std::size_t index) {
   const PollOptions& options = shared.options;
-  Gateway gateway(options.gateways[index], options.timeoutSeconds, true);
+  Gateway gateway(options.gateways[index], options.timeoutSeconds);
   Filter filter = options.filter;
   std::unique_lock lock(shared.mutex);
   while (!isEnding()) {

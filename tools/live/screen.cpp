@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <clocale>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <cwchar>
@@ -141,8 +142,14 @@ Screen::Screen() {
   std::setlocale(LC_ALL, "");
   std::setlocale(LC_NUMERIC, "C");
   isUtf8_ = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-  if (newterm(nullptr, stdout, stdin) == nullptr)
-    throw Fault(kUsage, "the terminal is not known to curses; set TERM, or use stats --watch");
+  if (newterm(nullptr, stdout, stdin) == nullptr || tigetstr("cup") == nullptr) {
+    endwin();
+    const char* type = std::getenv("TERM");
+    throw Fault(kUsage, std::string("live needs a terminal that can move the cursor, and TERM='") +
+                            (type != nullptr ? type : "") +
+                            "' names none; set TERM to the type of yours, or use zebstat stats "
+                            "--watch");
+  }
   cbreak();
   noecho();
   nonl();

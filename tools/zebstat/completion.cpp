@@ -74,7 +74,7 @@ _zebstat() {
   done
   COMPREPLY=()
   [ "$option" != --group ] || [[ $current == -* ]] || { _zebstat_offer groups && return; }
-  case ${line[-2]} in
+  case $command:${line[-2]} in
 )";
 
 std::string kindInBash(Completion completion, const char* words) {
@@ -95,11 +95,25 @@ std::string kindInBash(Completion completion, const char* words) {
   return "words";
 }
 
+// Returns the patterns of COMMAND:OPTION for which the row holds. If another row has the same name,
+// the command decides; otherwise the command may also follow.
+std::string patternsInBash(const OptionRow& row) {
+  auto hasName = [&](const OptionRow& other) { return std::string_view(other.name) == row.name; };
+  if (std::count_if(allOptions().begin(), allOptions().end(), hasName) == 1)
+    return "*:" + namesOf(row, " | *:");
+  std::string patterns;
+  for (const CommandRow& command : allCommands()) {
+    if (!hasOption(command.command, row)) continue;
+    patterns += (patterns.empty() ? "" : " | ") + std::string(command.name) + ":" + row.name;
+  }
+  return patterns;
+}
+
 std::string writeBash() {
   std::string text = replaceAll(kBashStart, "COMMANDS", commandNames(" | "));
   for (const OptionRow& row : allOptions()) {
     if (row.takes != Takes::kOne && row.takes != Takes::kRepeated) continue;
-    text += "    " + namesOf(row, " | ") + ") _zebstat_offer " +
+    text += "    " + patternsInBash(row) + ") _zebstat_offer " +
             kindInBash(row.completion, row.words) + " && return ;;\n";
   }
   text += "  esac\n  case $command:$current in\n";

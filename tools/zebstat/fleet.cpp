@@ -23,7 +23,7 @@ struct Fleet::Shared {
   explicit Shared(const Options& options) : question(options.question()) {
     for (const Address& address : options.gateways) {
       members.push_back(
-          {showAddress(address), Gateway(address, options.timeoutSeconds, true), false, false, {}});
+          {showAddress(address), Gateway(address, options.timeoutSeconds), false, false, {}});
     }
   }
 
@@ -121,8 +121,8 @@ Outcome Fleet::Shared::askNow(Gateway& gateway) const {
   } catch (const GatewayFault& fault) {
     outcome.fault = fault;
   } catch (const std::exception& fault) {
-    outcome.fault =
-        GatewayFault(kNotConnected, gateway.name() + ": " + fault.what(), ZEB_NO_MEMORY);
+    outcome.fault = GatewayFault(kNotConnected, gateway.name() + ": " + fault.what(), ZEB_NO_MEMORY,
+                                 FaultReason::kLost);
   }
   outcome.timestamp = makeTimestamp();
   return outcome;

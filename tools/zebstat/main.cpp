@@ -17,7 +17,7 @@ namespace {
 int askGateways(const Options& options) {
   if (options.command != Command::kCheck)
     return options.watchSeconds > 0 ? showWatched(options) : showOnce(options);
-  Gateway gateway(options.gateways.front(), options.timeoutSeconds, true);
+  Gateway gateway(options.gateways.front(), options.timeoutSeconds);
   return runCheck(options.check, gateway);
 }
 

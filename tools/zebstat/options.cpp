@@ -12,7 +12,6 @@
 #include "help.h"
 #include "option_checks.h"
 #include "option_parser.h"
-#include "output.h"
 #include "text.h"
 
 namespace zebtool {
@@ -43,36 +42,6 @@ std::string nameCommands() {
   return names;
 }
 
-// Returns whether the argument is an option that needs a value and has an empty one, as "--host="
-// in a script whose variable is not set.
-bool hasEmptyValue(std::string_view argument) {
-  if (!argument.ends_with('=')) return false;
-  return std::any_of(allOptions().begin(), allOptions().end(), [&](const OptionRow& row) {
-    bool needsValue = row.takes != Takes::kNothing && row.takes != Takes::kOptional;
-    return needsValue && argument == std::string(row.name) + "=";
-  });
-}
-
-// Returns the arguments in the reverse order that CLI11 wants. "--watch 5" becomes "--watch=5",
-// since the option's value is optional. "--host=" becomes "--host" and an empty text: CLI11 would
-// take the next argument for the value.
-std::vector<std::string> readArguments(int argc, char** argv) {
-  std::vector<std::string> arguments;
-  long end = std::find(argv, argv + argc, std::string_view("--")) - argv;  // of the options
-  for (int i = argc - 1; i > 0; --i) {
-    std::string_view argument = argv[i];
-    if (i < end && argument == "--watch" && !arguments.empty() && parseTyped(arguments.back())) {
-      arguments.back().insert(0, "--watch=");
-    } else if (i < end && hasEmptyValue(argument)) {
-      arguments.emplace_back();
-      arguments.emplace_back(argument.substr(0, argument.size() - 1));
-    } else {
-      arguments.emplace_back(argument);
-    }
-  }
-  return arguments;
-}
-
 // Holds the raw options of a command line and combines them.
 class Parser {
  public:
@@ -97,14 +66,8 @@ class Parser {
       addCommand(*row);
     }
     try {
-      app_.parse(readArguments(argc, argv));
+      if (!parseArguments(app_, argc, argv)) return std::nullopt;
       finish();
-    } catch (const CLI::CallForHelp&) {
-      writeOutput(app_.help());
-      return std::nullopt;
-    } catch (const CLI::CallForVersion& asked) {
-      writeOutput(asked.what() + std::string("\n"));
-      return std::nullopt;
     } catch (const CLI::ExtrasError&) {
       refuse(explainExtra());
     } catch (const CLI::ParseError& fault) {
@@ -140,16 +103,19 @@ class Parser {
   void addPositional(CLI::App* app, const CommandRow& command) {
     switch (command.command) {
       case Command::kStats:
-        app->add_option("ID", options_.ids)->check(wantName(rowOf(Option::kWatch)));
+        addOption(*app, "ID", "ID", true, options_.ids)->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kIds:
-        app->add_option("GROUP", options_.groups)->check(wantName(rowOf(Option::kWatch)));
+        addOption(*app, "GROUP", "GROUP", true, options_.groups)
+            ->check(wantName(rowOf(Option::kWatch)));
         break;
       case Command::kCheck:
-        app->add_option("ID", options_.check.ids)->check(wantCheckedName)->required();
+        addOption(*app, "ID", "ID", true, options_.check.ids)->check(wantCheckedName)->required();
         break;
       case Command::kCompletion:
-        app->add_option("SHELL", options_.shell)->check(wantWord(command.words))->required();
+        addOption(*app, "SHELL", "SHELL", false, options_.shell)
+            ->check(wantWord(command.words))
+            ->required();
         break;
       case Command::kGroups:
       case Command::kLive:
@@ -203,6 +169,7 @@ class Parser {
         return addOption(*app, row, options_.rounds)
             ->check(wantWhole(1, 1000000000, "a number of answers from 1 to 1000000000"));
       case Option::kFormat:
+      case Option::kListFormat:
         return addOption(*app, row, format_)->check(wantWord(row));
       case Option::kOutput:
         return addOption(*app, row, options_.outputFile)->check(wantPath);
@@ -297,12 +264,7 @@ class Parser {
     }
     bool isToPipe = options_.outputFile.empty() && isatty(STDOUT_FILENO) == 0;
     if (format_.empty() && isWatch && isToPipe) options_.format = Format::kJsonl;
-    if (options_.format != Format::kPrometheus) return;
-    if (options_.command != Command::kStats) {
-      throw CLI::ValidationError("--format",
-                                 "prometheus has no ids and groups; use another format");
-    }
-    if (isWatch && options_.outputFile.empty()) {
+    if (options_.format == Format::kPrometheus && isWatch && options_.outputFile.empty()) {
       throw CLI::ValidationError("--format",
                                  "prometheus cannot be appended to; give --output FILE too");
     }
@@ -316,7 +278,7 @@ class Parser {
 
   // Returns what is wrong with the first argument that nothing expects.
   [[nodiscard]] std::string explainExtra() const {
-    const std::string extra = app_.remaining(true).front();
+    const std::string extra = unmark(app_.remaining(true).front());
     if (app_.get_subcommands().empty())
       return "'" + extra + "' is not a command; the commands are " + nameCommands();
     if (isOtherProgram()) return explainOrder();

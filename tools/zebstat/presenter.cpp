@@ -167,9 +167,7 @@ void Presenter::interrupt(const std::string& message) {
 void Presenter::printRefusals(const Report& report) {
   for (const Refusal& refusal : report.answer.refusals) {
     if (!reported_.insert(report.gateway + '\n' + refusal.element).second) continue;
-    std::string what = refusal.element.empty() ? "the query" : "'" + refusal.element + "'";
-    interrupt(report.gateway + ": cannot get " + what + ": the gateway refused it (its code " +
-              std::to_string(refusal.code) + "); is it known there?");
+    interrupt(report.gateway + ": " + describe(refusal));
   }
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -56,11 +57,6 @@ void endOnSignals() {
   for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
 }
 
-// Returns false if the reader of standard output has gone.
-bool waitUntil(Clock::time_point end) {
-  return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
-}
-
 // Asks gateways again and again. One that fails is asked again after a pause, which grows each
 // time, so that the attempts do not burden a gateway that is starting.
 class Watch {
@@ -100,6 +96,14 @@ class Watch {
     bool isAny = false;
     bool hasAnswer = false;
   };
+
+  // Returns false if the reader of the answers has gone. A file has none.
+  [[nodiscard]] bool waitUntil(Clock::time_point end) const {
+    if (options_.outputFile.empty())
+      return waitWithReader(std::chrono::duration<double>(end - Clock::now()).count());
+    std::this_thread::sleep_until(end);
+    return true;
+  }
 
   Clock::time_point nextWake() {
     Clock::time_point wake = schedule_.next();
