@@ -250,7 +250,7 @@ void GatewayServer::readRequests(Client& client) {
 // Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
 // until that reply has been sent.
 void GatewayServer::answerRequest(Client& client) {
-  client.out.clear();
+  Bytes().swap(client.out);  // clear() would keep the memory of a big reply for an idle client
   client.sent = 0;
   if (client.isMute) client.in.clear();
   Request request;
@@ -302,8 +302,11 @@ void GatewayServer::pauseReply(Client& client) {
   watch(client, 0);
 }
 
+// Those that fall due meanwhile wait for the next round: with thousands of them there would be no
+// end, and no client accepted.
 void GatewayServer::continueSlowReplies() {
-  while (!pauses_.empty() && pauses_.begin()->first <= Client::Clock::now()) {
+  const auto now = Client::Clock::now();
+  while (!pauses_.empty() && pauses_.begin()->first <= now) {
     Client& client = *pauses_.begin()->second;
     pauses_.erase(pauses_.begin());
     serveClient(client, 0);
