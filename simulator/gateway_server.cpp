@@ -68,6 +68,9 @@ Descriptor listenOn(const addrinfo& info) {
   if (listener.get() < 0) failWithErrno("no socket");
   int on = 1;
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  int off = 0;  // whatever the host's default is
+  if (info.ai_family == AF_INET6)
+    setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
   if (bind(listener.get(), info.ai_addr, info.ai_addrlen) != 0) failWithErrno("cannot bind");
   if (listen(listener.get(), SOMAXCONN) != 0) failWithErrno("cannot listen");
   return listener;
