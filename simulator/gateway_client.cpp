@@ -7,6 +7,11 @@
 #include <cerrno>
 
 namespace zebsim {
+namespace {
+
+constexpr int kMaxPieces = 256;  // of one client in a turn; then it is the turn of the others
+
+}  // namespace
 
 bool GatewayServer::Client::receive() {
   std::array<char, 16384> piece;
@@ -17,7 +22,7 @@ bool GatewayServer::Client::receive() {
 }
 
 bool GatewayServer::Client::sendUntil(std::size_t limit, std::size_t segment) {
-  while (sent < limit) {
+  for (int pieces = 0; sent < limit && pieces < kMaxPieces; ++pieces) {
     std::size_t size = segment > 0 ? std::min(limit - sent, segment) : limit - sent;
     ssize_t gone = send(socket.get(), out.data() + sent, size, MSG_NOSIGNAL);
     if (gone < 0) return errno == EAGAIN || errno == EINTR;

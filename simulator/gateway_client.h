@@ -43,8 +43,9 @@ struct GatewayServer::Client {
   // Returns false if the client has closed the connection, or it failed.
   bool receive();
 
-  // Sends until `limit` bytes of the reply are sent or the socket takes no more, in pieces of
-  // `segment` bytes, or of any size if that is 0. Returns false if the connection failed.
+  // Sends up to `limit` bytes of the reply, in pieces of `segment` bytes, or of any size if that is
+  // 0. Sends less if the socket takes no more, or after many pieces. Returns false if the connection
+  // failed.
   bool sendUntil(std::size_t limit, std::size_t segment);
 
   // Returns how many bytes of the reply are due by `now` if the whole of it takes `duration`.

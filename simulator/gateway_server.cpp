@@ -68,6 +68,9 @@ Descriptor listenOn(const addrinfo& info) {
   if (listener.get() < 0) failWithErrno("no socket");
   int on = 1;
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  int off = 0;  // whatever the host's default is
+  if (info.ai_family == AF_INET6)
+    setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
   if (bind(listener.get(), info.ai_addr, info.ai_addrlen) != 0) failWithErrno("cannot bind");
   if (listen(listener.get(), SOMAXCONN) != 0) failWithErrno("cannot listen");
   return listener;
@@ -250,7 +253,7 @@ void GatewayServer::readRequests(Client& client) {
 // Takes one request, if it is complete, and prepares its reply. Later requests stay in client.in
 // until that reply has been sent.
 void GatewayServer::answerRequest(Client& client) {
-  client.out.clear();
+  Bytes().swap(client.out);  // clear() would keep the memory of a big reply for an idle client
   client.sent = 0;
   if (client.isMute) client.in.clear();
   Request request;
@@ -302,8 +305,11 @@ void GatewayServer::pauseReply(Client& client) {
   watch(client, 0);
 }
 
+// Those that fall due meanwhile wait for the next round: with thousands of them there would be no
+// end, and no client accepted.
 void GatewayServer::continueSlowReplies() {
-  while (!pauses_.empty() && pauses_.begin()->first <= Client::Clock::now()) {
+  const auto now = Client::Clock::now();
+  while (!pauses_.empty() && pauses_.begin()->first <= now) {
     Client& client = *pauses_.begin()->second;
     pauses_.erase(pauses_.begin());
     serveClient(client, 0);

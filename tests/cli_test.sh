@@ -317,6 +317,12 @@ IFS= read -r -t 10 line <&"$unread" && [[ $line == *"no eyecatcher"* ]] ||
 waits_for "$scratch/records" VM_UPTIME
 [ ! -s "$scratch/words" ] || complain "they end an older session: $(<"$scratch/words")"
 
+# An answer in a million pieces holds up neither another client nor the end.
+start --segment 1 --scale 1000
+"$zebstat" -p "$port" stats >/dev/null 2>&1 &
+for _ in {1..10}; do ask 0 -p "$port" -t 2 groups; done
+ends TERM "$gateway"
+
 # Nothing that moves the cursor, turns the direction of writing or is not seen is printed raw.
 start --odd-names
 ask_on_terminal 'stty cols 60 rows 24' -p "$port" stats HOST_CPUS 'ODD_LONG*'

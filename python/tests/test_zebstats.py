@@ -3,6 +3,7 @@ and the library, ZEBSTATS_LIBRARY."""
 
 import asyncio
 import contextlib
+import copy
 import os
 import pickle
 import re
@@ -20,8 +21,8 @@ from pathlib import Path
 from unittest import mock
 
 import zebstats
-from zebstats import _text, codes
-from zebstats._gateway import parse_address
+from zebstats import _library, _text, codes
+from zebstats._gateway import _Questions, parse_address
 
 ROOT = Path(__file__).resolve().parents[2]
 
@@ -114,7 +115,6 @@ class Tables(unittest.TestCase):
         ended = subprocess.run(command, env=environment, stderr=subprocess.PIPE, text=True)
         self.assertRegex(ended.stderr, "ImportError: .*install the package.*libzebstats1")
 
-
     def test_the_trace_goes_to_a_file(self):
         self.addCleanup(zebstats.set_trace, 0)
         path = Path(enter(self, tempfile.TemporaryDirectory())) / "tr\udcffce"  # no UTF-8
@@ -159,6 +159,9 @@ class Answers(unittest.TestCase):
             for wrong in ("A:B", "", ["A", ""], b"A\0"):
                 self.assertRaises(ValueError, gateway.stats, ids=wrong)
             self.assertRaises(TypeError, gateway.stats, ids="A", groups="B")
+            self.assertRaises(TypeError, gateway.stats, ids=[None])
+            self.assertRaises(TypeError, copy.copy, gateway)  # its end would close this one
+            self.assertTrue(gateway.is_open)
 
     def test_answers_too_large_for_one_query_are_split(self):
         with zebstats.connect(Simulator(self, "--scale", "400").address, timeout=60) as gateway:
@@ -172,9 +175,23 @@ class Answers(unittest.TestCase):
                 self.assertEqual(ids, [stat.id for stat in stats])
             self.assertEqual([stat.id for stat in gateway.stats(ids=ids[:4000])], ids[:4000])
         with zebstats.connect(Simulator(self, "--scale", "900").address, timeout=60) as gateway:
-            with self.assertRaisesRegex(zebstats.QueryError, "'LISTEN' is too large"):
+            with self.assertRaisesRegex(zebstats.QueryError, "'LISTEN' is too large or damaged"):
                 gateway.stats()  # not even the ids of one group fit
             self.assertEqual(gateway.groups(), groups)
+
+    def test_no_part_of_a_large_answer_is_left_out(self):
+        def ask(query, text, walk, element):
+            asked.append(text)
+            if query is _library.get_groups:
+                walk.entries += groups
+            return query is not _library.get_stats
+
+        questions, asked, groups = _Questions(mock.Mock(what="gw")), [], [b"A\0B", b"C"]
+        with mock.patch.object(questions, "_ask", ask):
+            questions.stats(None)
+            self.assertEqual(asked[-1], b"A\xc0\x80B:C")  # not up to a NUL only
+            groups = []
+            self.assertRaises(zebstats.QueryError, questions.stats, None)
 
 
 class Failures(unittest.TestCase):
@@ -195,6 +212,18 @@ class Failures(unittest.TestCase):
         with self.assertRaises(KeyboardInterrupt), took(self, 0.1):
             run_soon(lambda: os.kill(os.getpid(), signal.SIGINT))
             zebstats.connect(silent, timeout=30)
+
+    def test_an_interrupt_while_its_thread_starts_leaves_no_thread(self):
+        def start(thread, start=threading.Thread.start):
+            start(thread)
+            raise KeyboardInterrupt
+
+        with mock.patch("threading.Thread.start", start), self.assertRaises(KeyboardInterrupt):
+            zebstats.connect("127.0.0.9")
+        for thread in threading.enumerate():
+            if thread.name == "zebstats 127.0.0.9":
+                thread.join(10)
+                self.assertFalse(thread.is_alive())
 
     def test_each_address_of_a_name_is_tried_and_gets_a_share_of_the_time(self):
         simulator = Simulator(self)

@@ -7,7 +7,19 @@ import socket
 import time
 import warnings
 from types import TracebackType
-from typing import Any, Callable, Iterable, List, NamedTuple, Optional, Tuple, Type, TypeVar, Union
+from typing import (
+    Any,
+    Callable,
+    Iterable,
+    List,
+    NamedTuple,
+    NoReturn,
+    Optional,
+    Tuple,
+    Type,
+    TypeVar,
+    Union,
+)
 
 from . import _library, codes
 from ._library import IdData, StatData
@@ -136,7 +148,7 @@ class _Questions:
     def groups(self) -> _IdWalk:
         walk = _IdWalk()
         if not self._ask(_library.get_groups, None, walk, None):
-            raise self._too_large("the list of groups")
+            raise self._too_large("the groups")
         return walk
 
     def ids(self, groups: Optional[List[bytes]]) -> _IdWalk:
@@ -160,31 +172,38 @@ class _Questions:
         if groups is not None:
             self._collect_elements(group_query, groups, walk, None)
         elif not self._ask(all_query, None, walk, None):
-            known = self.groups()
-            walk.refused += known.refused
-            self._collect_elements(group_query, known.entries, walk, "")
+            self._collect_parts(group_query, self.groups(), walk, "", "everything")
 
     def _collect_elements(
         self, query: _Query, elements: List[bytes], walk: _Walk, element: Optional[str]
     ) -> None:
-        if not elements or self._ask(query, b":".join(elements), walk, element):
+        # The library would take the query to end at a NUL, which has two bytes on the wire.
+        text = b":".join(elements).replace(b"\0", b"\xc0\x80")
+        if not elements or self._ask(query, text, walk, element):
             return
         if len(elements) > 1:
             half = len(elements) // 2
             self._collect_elements(query, elements[:half], walk, element)
             self._collect_elements(query, elements[half:], walk, element)
             return
+        what = repr(decode(elements[0]))
         if query is not _library.get_stats_by_group:
-            raise self._too_large(repr(decode(elements[0])))
-        members = self.ids(elements)
-        walk.refused += members.refused
+            raise self._too_large(what)
         name = decode(elements[0]) if element is None else element
-        self._collect_elements(_library.get_stats_by_id, members.entries, walk, name)
+        self._collect_parts(_library.get_stats_by_id, self.ids(elements), walk, name, what)
+
+    def _collect_parts(
+        self, query: _Query, parts: _IdWalk, walk: _Walk, element: str, what: str
+    ) -> None:
+        """Asks for the parts of what is too large."""
+        if not parts.entries and not parts.refused:
+            raise self._too_large(what)  # an empty answer would be wrong
+        walk.refused += parts.refused
+        self._collect_elements(query, parts.entries, walk, element)
 
     def _too_large(self, what: str) -> Error:
-        return make_error(
-            codes.ZEB_WRONG_CONTENT, f"{self._session.what}: {what} is too large for an answer"
-        )
+        reason = f"{self._session.what}: the answer with {what} is too large or damaged"
+        return make_error(codes.ZEB_WRONG_CONTENT, reason)
 
     def _ask(
         self, query: _Query, text: Optional[bytes], walk: _Walk, element: Optional[str]
@@ -291,8 +310,12 @@ class Gateway:
     ) -> None:
         self.close()
 
+    def __reduce__(self) -> NoReturn:
+        # The end of a copy would close the connection of the original.
+        raise TypeError("a gateway can be neither copied nor pickled; connect another one")
+
     def __del__(self) -> None:
-        if self.is_open:
+        if hasattr(self, "_session") and self.is_open:  # it lacks one if __init__ has failed
             unclosed = f"unclosed {self!r}"
             self._session.end()  # first, because the warning may be an exception
             warnings.warn(unclosed, ResourceWarning, source=self)
@@ -317,7 +340,7 @@ def parse_address(address: str) -> Tuple[str, int]:
     """Splits HOST, HOST:PORT, [IPV6], [IPV6]:PORT or IPV6 into host and port."""
     match = _ADDRESS.fullmatch(address)
     ipv6 = match and (match[1] or match[4])
-    if match is None or (ipv6 and not _is_ipv6(ipv6)):
+    if match is None or (ipv6 and not _is_numeric(ipv6.split("%")[0], socket.AF_INET6)):
         raise ValueError(
             f"not an address: {address!r}; write it like gw, gw:2980, [::1] or [::1]:2980"
         )
@@ -327,9 +350,9 @@ def parse_address(address: str) -> Tuple[str, int]:
     return ipv6 or match[2], port
 
 
-def _is_ipv6(host: str) -> bool:
+def _is_numeric(host: str, family: int) -> bool:
     try:
-        socket.inet_pton(socket.AF_INET6, host.split("%")[0])
+        socket.inet_pton(family, host)
     except (OSError, ValueError):  # a text with a NUL is a ValueError
         return False
     return True
@@ -352,39 +375,43 @@ def connect(address: str, timeout: Optional[float] = DEFAULT_TIMEOUT) -> Gateway
     """
     host, port = parse_address(address)
     if timeout is not None and not timeout > 0:
-        raise ArgumentError(codes.ZEB_TIMEOUT_INVALID, f"timeout {timeout}")
+        what = f"the timeout must be more than 0 or None, not {timeout}"
+        raise ArgumentError(codes.ZEB_TIMEOUT_INVALID, what)
     deadline = None if timeout is None else time.monotonic() + timeout
     session = Session(address, timeout)
-    addresses = _run_or_end(session, functools.partial(_resolve, address, host, port), timeout)
-    for left in range(len(addresses), 0, -1):
-        share = None if deadline is None else (deadline - time.monotonic()) / left
-        try:
-            _run_or_end(session, functools.partial(session.open, addresses[-left], port), share)
-            break
-        except (ConnectError, TimeoutError) as failure:
-            if left > 1:
-                session = Session(address, timeout)
-            elif len(addresses) > 1:
-                what = f"{address} (tried {', '.join(addresses)})"
-                raise type(failure)(failure.code, what) from None
-            else:
-                raise
-    return Gateway(address, session)
-
-
-def _run_or_end(session: Session, call: Callable[[], T], timeout: Optional[float]) -> T:
     try:
-        return session.run(call, codes.ZEB_CONNECT_TIMED_OUT, timeout)
-    except BaseException:
+        resolve = functools.partial(_resolve, address, host, port)
+        addresses = session.run(resolve, codes.ZEB_CONNECT_TIMED_OUT, timeout)
+        for left in range(len(addresses), 0, -1):
+            share = None if deadline is None else (deadline - time.monotonic()) / left
+            call = functools.partial(session.open, addresses[-left], port)
+            try:
+                session.run(call, codes.ZEB_CONNECT_TIMED_OUT, share)
+                break
+            except (ConnectError, TimeoutError) as failure:
+                session.end()
+                if left > 1:
+                    session = Session(address, timeout)
+                elif len(addresses) > 1:
+                    what = f"{address} (tried {', '.join(addresses)})"
+                    raise type(failure)(failure.code, what) from None
+                else:
+                    raise
+        return Gateway(address, session)
+    except BaseException:  # such as Ctrl-C
         session.end()
         raise
 
 
 def _resolve(address: str, host: str, port: int) -> List[str]:
-    """Returns the numeric addresses of a host."""
+    """Returns the numeric addresses of a host. One that is numeric already does not go through the
+    resolver, whose locks another thread may have held when this process was forked."""
+    if _is_numeric(host, socket.AF_INET) or _is_numeric(host, socket.AF_INET6):
+        return [host]
     try:
         found = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)
-        names = [socket.getnameinfo(entry[4], socket.NI_NUMERICHOST)[0] for entry in found]
+        numeric = socket.NI_NUMERICHOST | socket.NI_NUMERICSERV
+        names = [socket.getnameinfo(entry[4], numeric)[0] for entry in found]
     except (OSError, ValueError) as failure:  # a name that cannot be encoded is a ValueError
         raise ConnectError(codes.ZEB_HOST_UNKNOWN, address) from failure
     return list(dict.fromkeys(names))

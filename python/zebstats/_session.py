@@ -109,7 +109,7 @@ class _Task(Generic[T]):
 
 
 class Session:
-    """A connection that is not open yet, and its thread, which has started."""
+    """A connection that is not open yet. Its thread starts with the first call."""
 
     def __init__(self, what: str, timeout: Optional[float]) -> None:
         self.what = what
@@ -128,7 +128,7 @@ class Session:
         # A close frees the answer: whoever reads the answer, or closes, holds this.
         self._reading = threading.Lock()
         self._ended = threading.Event()
-        threading.Thread(target=self._serve, name=f"zebstats {what}", daemon=True).start()
+        self._is_served = False
 
     # ---- For the thread that made the session --------------------------------------------------
 
@@ -150,6 +150,7 @@ class Session:
             self._tasks.put(task)
         limit = -1 if timeout is None else min(max(timeout, 0), threading.TIMEOUT_MAX)
         try:
+            self._start()
             is_done = task.done.acquire(timeout=limit)
         except BaseException:
             self.abandon()
@@ -158,6 +159,14 @@ class Session:
             self.abandon()
             raise make_error(late, self.what)
         return task.result()
+
+    def _start(self) -> None:
+        """Starts the owner, unless it has been started. Called where an exception abandons the
+        session: Ctrl-C may end the wait for the start, but the thread must not live on for ever."""
+        if not self._is_served:
+            self._is_served = True
+            name = f"zebstats {self.what}"
+            threading.Thread(target=self._serve, name=name, daemon=True).start()
 
     # ---- For any thread ------------------------------------------------------------------------
 

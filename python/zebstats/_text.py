@@ -44,8 +44,10 @@ def encode(text: Union[str, bytes]) -> bytes:
     """Encodes an id for a query; bytes are taken as they came from the gateway."""
     if isinstance(text, str):
         halved = _BEYOND.sub(_halve, text)
-        text = halved.encode("utf-8", "surrogatepass").replace(b"\0", b"\xc0\x80")
-    return text
+        return halved.encode("utf-8", "surrogatepass").replace(b"\0", b"\xc0\x80")
+    if isinstance(text, (bytes, bytearray, memoryview)):  # type checkers take all three for bytes
+        return bytes(text)
+    raise TypeError(f"an id is a str or bytes, not {text!r}")
 
 
 def parse_integer(text: str) -> Optional[int]:
