@@ -1,7 +1,5 @@
 // The simulated gateway as a program.
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -20,6 +18,7 @@
 
 #include "address.h"
 #include "gateway_server.h"
+#include "standard_streams.h"
 
 namespace {
 
@@ -69,16 +68,6 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// If descriptors 0 to 2 are closed, the first sockets would get these numbers, and messages go to
-// them.
-void openStandardDescriptors() {
-  int fd;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) close(fd);
-}
-
 using Servers = std::vector<std::unique_ptr<zebsim::GatewayServer>>;
 
 bool isPortRefused(const std::exception& fault) {
@@ -121,8 +110,8 @@ int run(const Arguments& arguments) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);  // nobody needs to read the messages
-  openStandardDescriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  zebtool::fillStandardStreams(O_RDWR);  // nobody needs to read the messages
   raiseDescriptorLimit();
   const Servers servers = startServers(arguments.server, arguments.ports);
   if (servers.empty()) return kExitFailed;

@@ -1,6 +1,5 @@
 #include "process.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -9,25 +8,14 @@
 
 #include "fault.h"
 #include "output.h"
+#include "standard_streams.h"
 #include "threads.h"
 #include "zebstats.hpp"
 
 namespace zebtool {
 
-namespace {
-
-// Keeps sockets and files away from the numbers of standard streams that the caller has closed:
-// they would receive what is printed. Writing to such a stream still fails.
-void fillStandardStreams() {
-  int file = open("/dev/null", O_RDONLY);
-  while (file >= 0 && file <= STDERR_FILENO) file = open("/dev/null", O_RDONLY);
-  if (file >= 0) close(file);
-}
-
-}  // namespace
-
 int runProgram(int (*run)(int, char**), int argc, char** argv) {
-  fillStandardStreams();
+  fillStandardStreams(O_RDONLY);
   signal(SIGPIPE, SIG_IGN);  // EPIPE is handled at each write
   int code = kNotConnected;
   try {
