@@ -205,7 +205,8 @@ check 0 "OK: LISTEN_BYTES_IN fell from $big to [0-9]+, so no rate \| .*_per_seco
 ask 2 --port 1 check HOST_CPUS -v && lines 2 &&
   shows 'CRITICAL: 127\.0\.0\.1:1: .*' 'CRITICAL: 127\.0\.0\.1:1: .*'
 for wrong in "HOST_CPUS -w ten" "HOST_CPUS -c 20:10" "HOST_CPUS -w NO=5" "" "A --rate" \
-  "A --matches (" "A --equals a -w 1" "A --metadata /" "A --trace 1 --trace-file /no/x" 5; do
+  "A --matches (" "A --equals a -w 1" "A --metadata /" \
+  "A --rate --state $scratch/units" "A --trace 1 --trace-file /no/x" 5; do
   # shellcheck disable=SC2086 # split into arguments on purpose
   ask 3 "${at[@]}" check $wrong && lines 1 && shows 'UNKNOWN: .+'
 done

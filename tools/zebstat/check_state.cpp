@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "fault.h"
 #include "text.h"
 
 namespace zebtool {
@@ -14,8 +15,10 @@ CheckStateFile::CheckStateFile(const std::string& path) : file_(path, "--state")
   std::ifstream file(path);
   std::string text;
   std::getline(file, text, '\0');
+  if (text.empty()) return;
   Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!document.is_array()) return;
+  if (!document.is_array())
+    throw Fault(kUsage, path + " holds no values of a previous run; give --state another file");
   for (const Json& item : document) {
     bool isGood = item.is_array() && item.size() == 4 && item[0].is_string() &&
                   item[1].is_string() && item[2].is_number() && item[3].is_string();
