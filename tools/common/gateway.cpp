@@ -72,6 +72,12 @@ FaultReason reasonFor(int code, const Diagnosis& cause) {
 
 // ---- Connecting ---------------------------------------------------------------------------------
 
+// Returns whether a connection failed for a reason in this process: it ends, or has no memory or too
+// many connections.
+bool isOwnFailure(int code) {
+  return code == ZEB_TOKEN_UNKNOWN || code == ZEB_NO_MEMORY || code == ZEB_TOKEN_LIST_CORRUPT;
+}
+
 bool isNumeric(const std::string& host) {
   in_addr ignored;
   return host.find(':') != std::string::npos || inet_pton(AF_INET, host.c_str(), &ignored) == 1;
@@ -278,8 +284,11 @@ void Gateway::connect() {
   }
   int before = std::exchange(failure_, code);
   if (code == ZEB_OK) return;
-  if (diagnosing_ == Diagnosing::kAlways || code != before)
+  if (isOwnFailure(code)) {
+    cause_ = {};
+  } else if (diagnosing_ == Diagnosing::kAlways || code != before) {
     cause_ = diagnose(addresses, address_.port);
+  }
   fail("connect", code, cause_);
 }
 
