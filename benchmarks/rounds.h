@@ -66,8 +66,8 @@ void addRow(const std::string& name, Goal goal, std::function<void(benchmark::St
 void measure(benchmark::State& state, Goal goal, int batch, const std::vector<Step>& steps,
              const Value& value = secondOverFirst);
 
-// The same; the value is the greatest growth of the medians from the second step on, 1 if they do not
-// grow.
+// The same for a row whose value is the greatest growth of the medians from the second step on, or
+// 1 if they do not grow.
 void measureFlatness(benchmark::State& state, Goal goal, const std::vector<Step>& steps);
 
 // Reports a row that is counted, not timed.

@@ -71,7 +71,7 @@ def main():
     print(f"{machine['processor']}, {machine['num_cpus']} cores, {machine['system']}, compiler "
           f"{machine['compiler']}; on one core; load {max(machine['load_avg']):.1f}; medians of "
           f"{min(rounds)} to {max(rounds)} rounds; {sum(shared) / max(len(shared), 1):.0%} of all "
-          f"rounds shared the core, which count only in rows with hardly any others\n")
+          f"rounds shared the core and count only in rows with hardly any others\n")
     print("| quantity / floor | measured | spread | target | aim | met |")
     print("|---|---|---|---|---|---|")
     for row in rows:

@@ -44,8 +44,8 @@ struct GatewayServer::Client {
   bool receive();
 
   // Sends up to `limit` bytes of the reply, in pieces of `segment` bytes, or of any size if that is
-  // 0. Sends less if the socket takes no more, or after many pieces. Returns false if the connection
-  // failed.
+  // 0. Sends less if the socket takes no more, or after many pieces. Returns false if the
+  // connection failed.
   bool sendUntil(std::size_t limit, std::size_t segment);
 
   // Returns how many bytes of the reply are due by `now` if the whole of it takes `duration`.

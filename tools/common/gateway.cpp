@@ -72,8 +72,8 @@ FaultReason reasonFor(int code, const Diagnosis& cause) {
 
 // ---- Connecting ---------------------------------------------------------------------------------
 
-// Returns whether a connection failed for a reason in this process: it ends, or has no memory or too
-// many connections.
+// Returns whether a connection failed for a reason in this process: it ends, or has no memory, or
+// too many connections.
 bool isOwnFailure(int code) {
   return code == ZEB_TOKEN_UNKNOWN || code == ZEB_NO_MEMORY || code == ZEB_TOKEN_LIST_CORRUPT;
 }
